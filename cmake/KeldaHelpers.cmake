@@ -1,0 +1,34 @@
+# Shared build helpers.
+
+set(KELDA_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/kelda)
+set(KELDA_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/KeldaClient)
+
+# kelda_install_library(<target> <public header>...)
+# Installs a library into the package's export set and its public headers.
+function(kelda_install_library target)
+    set_target_properties(${target} PROPERTIES
+        VERSION ${PROJECT_VERSION}
+        SOVERSION ${PROJECT_VERSION_MAJOR})
+    install(TARGETS ${target} EXPORT KeldaClientTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+        INCLUDES DESTINATION ${KELDA_INSTALL_INCLUDEDIR})
+    if(ARGN)
+        install(FILES ${ARGN} DESTINATION ${KELDA_INSTALL_INCLUDEDIR})
+    endif()
+endfunction()
+
+# kelda_add_test(<name> SOURCES <file>... [LIBS <lib>...])
+# A QtTest executable run by CTest. Every test gets its own configuration file
+# path (absent until the test writes it) so that no user configuration leaks in,
+# the offscreen platform for widgets, and the default trace mask.
+function(kelda_add_test name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+    add_executable(${name} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE Qt5::Test ${ARG_LIBS})
+    add_test(NAME ${name} COMMAND ${name})
+    set_tests_properties(${name} PROPERTIES
+        TIMEOUT 300
+        ENVIRONMENT "QT_QPA_PLATFORM=offscreen;KELDA_CONFIG_FILE=${CMAKE_CURRENT_BINARY_DIR}/${name}.ini;KELDA_TRACE_MASK=0x20;KELDA_TRACE_FILE=")
+endfunction()

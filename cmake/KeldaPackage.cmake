@@ -1,0 +1,19 @@
+# The installed CMake package: find_package(KeldaClient) gives the imported
+# targets of the export set, with their Qt dependencies found first.
+include(CMakePackageConfigHelpers)
+
+install(EXPORT KeldaClientTargets
+    NAMESPACE KeldaClient::
+    DESTINATION ${KELDA_INSTALL_CMAKEDIR})
+
+configure_package_config_file(
+    ${CMAKE_CURRENT_LIST_DIR}/KeldaClientConfig.cmake.in
+    ${CMAKE_CURRENT_BINARY_DIR}/KeldaClientConfig.cmake
+    INSTALL_DESTINATION ${KELDA_INSTALL_CMAKEDIR})
+write_basic_package_version_file(
+    ${CMAKE_CURRENT_BINARY_DIR}/KeldaClientConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${CMAKE_CURRENT_BINARY_DIR}/KeldaClientConfig.cmake
+    ${CMAKE_CURRENT_BINARY_DIR}/KeldaClientConfigVersion.cmake
+    DESTINATION ${KELDA_INSTALL_CMAKEDIR})

@@ -1,0 +1,9 @@
+#pragma once
+
+#include <QtGlobal>
+
+#if defined(FRAMEWORKSTARTUP_LIBRARY)
+#define FRAMEWORKSTARTUP_EXPORT Q_DECL_EXPORT
+#else
+#define FRAMEWORKSTARTUP_EXPORT Q_DECL_IMPORT
+#endif

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "startupglobal.h"
+
+#include <QMap>
+#include <QMutex>
+#include <QString>
+
+class QTranslator;
+
+// The host framework's translation registry. Register loads the catalogue
+// <name>_<locale>.qm for the current locale from the directory named by
+// KELDA_TRANSLATIONS_DIR, the "translations" folder beside the executable, or
+// Qt's translation directory, and installs it in the application. A catalogue
+// that does not exist is not an error: the English source texts stay.
+class FRAMEWORKSTARTUP_EXPORT TranslationCenter
+{
+public:
+    static TranslationCenter *Instance();
+
+    // True when a catalogue was found and installed.
+    bool Register(const QString &name);
+    void Unregister(const QString &name);
+    bool IsRegistered(const QString &name) const;
+
+private:
+    TranslationCenter() = default;
+    ~TranslationCenter();
+    TranslationCenter(const TranslationCenter &) = delete;
+    TranslationCenter &operator=(const TranslationCenter &) = delete;
+
+    mutable QMutex m_mutex;
+    QMap<QString, QTranslator *> m_translators;
+};
