@@ -104,6 +104,9 @@ public:
     QString toXmlFileForExport(const QString &dir) const;
 
 private:
+    void readElement(QXmlStreamReader &reader, KeldaError &result);
+    void readFiles(QXmlStreamReader &reader);
+
     QSharedDataPointer<FileGroupDataPrivate> d;
 };
 
