@@ -1,0 +1,45 @@
+#pragma once
+
+#include "keldaclient.h"
+
+#include <QMutex>
+#include <QString>
+
+#include <atomic>
+
+namespace Kelda {
+
+// The client settings of the process, read once from the configuration group
+// "KELDA". The client constructors write host, port and availability before
+// other threads use them; the fields may be read from any thread.
+class KeldaClient::ClientConfig
+{
+public:
+    ClientConfig();
+    ~ClientConfig();
+
+    ClientConfig(const ClientConfig &) = delete;
+    ClientConfig &operator=(const ClientConfig &) = delete;
+
+    QString GetServerHost() const;
+    void SetServerHost(const QString &host);
+    quint16 GetXmlPort() const;
+    void SetXmlPort(quint16 port);
+    // A server is configured: the store names one, or a client was given one.
+    bool IsAvailable() const;
+    void SetAvailable(bool available);
+    bool IsUseUtc() const;
+    int GetCompressionRate() const;
+
+private:
+    void ReadConfiguration();
+
+    mutable QMutex m_hostMutex;
+    QString m_sServerHost;
+    std::atomic<quint16> m_uXmlPort{0};
+    std::atomic<bool> m_bAvailable{false};
+    std::atomic<bool> m_bUseUtc{false};
+    std::atomic<int> m_iCompressionRate{-1};
+};
+
+} // namespace Kelda

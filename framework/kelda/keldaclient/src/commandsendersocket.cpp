@@ -1,0 +1,315 @@
+#include "commandsendersocket.h"
+
+#include "xmlseparator.h"
+
+#include "cfgcenter.h"
+#include "icfg.h"
+#include "trace.h"
+
+#include <QDate>
+#include <QDateTime>
+#include <QDir>
+#include <QHostAddress>
+#include <QMutexLocker>
+#include <QTcpSocket>
+#include <QThread>
+#include <QTimer>
+
+#include <memory>
+
+namespace Kelda {
+
+namespace {
+
+const char kTraceSource[] = "framework/kelda/keldaclient/src/commandsendersocket";
+
+constexpr int kReconnectIntervalMs = 5000;
+
+const QLatin1String kDataFolderKey("SulvaDataDir");
+const QLatin1String kLoggingFolder("Logging");
+const QLatin1String kLogMarkerFile("logkeldamessages.txt");
+
+// Below the data folder whatever it is, even empty: an empty folder puts the
+// log in the root's Logging folder rather than below the working directory.
+QString loggingPath(const QString &dataFolder, const QString &fileName)
+{
+    return QDir::cleanPath(dataFolder + QDir::separator() + kLoggingFolder + QDir::separator() + fileName);
+}
+
+QString messageLogFileName()
+{
+    // The date of construction, not of the write: one file collects the day's
+    // traffic of one socket, and keeps growing past midnight.
+    return QStringLiteral("%1_%2_keldamessages.txt")
+        .arg(QDate::currentDate().toString(QStringLiteral("yyyyMMdd")))
+        .arg(quint64(reinterpret_cast<quintptr>(QThread::currentThreadId())));
+}
+
+QString addressText(const QHostAddress &address)
+{
+    return address.isNull() ? QString() : address.toString();
+}
+
+} // namespace
+
+CommandSenderSocket::CommandSenderSocket(const QString &host, quint16 port)
+    : m_sHost(host)
+    , m_uPort(port)
+{
+    setUpMessageLog();
+    // Queued, so that the first attempt runs on the thread the owner moves
+    // this object to before that thread's event loop turns.
+    QMetaObject::invokeMethod(this, &CommandSenderSocket::sl_connect, Qt::QueuedConnection);
+}
+
+CommandSenderSocket::~CommandSenderSocket()
+{
+    if (m_messageLog.isOpen())
+        m_messageLog.close();
+    if (m_pReconnectTimer)
+        m_pReconnectTimer->stop();
+    // The socket dies with this object and aborts its connection on the way;
+    // its last signals must not reach a half-destroyed receiver.
+    if (m_pSocket)
+        m_pSocket->disconnect(this);
+}
+
+QString CommandSenderSocket::GetHost() const
+{
+    return m_sHost;
+}
+
+quint16 CommandSenderSocket::GetPort() const
+{
+    return m_uPort;
+}
+
+QString CommandSenderSocket::GetLocalAddress() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_sLocalAddress;
+}
+
+QString CommandSenderSocket::GetPeerAddress() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_sPeerAddress;
+}
+
+bool CommandSenderSocket::IsConnected() const
+{
+    return m_bConnected.load();
+}
+
+bool CommandSenderSocket::CheckIsConnected() const
+{
+    return m_bConnected.load() && m_pFramer.load() != nullptr;
+}
+
+void CommandSenderSocket::sl_sendMessage(const QByteArray &message)
+{
+    XmlSeparator *framer = m_pFramer.load();
+    if (!framer || m_bAwaitingReply) {
+        m_sendQueue.push_back(message);
+        return;
+    }
+    if (!framer->sendXml(message)) {
+        // A socket closed by a plain disconnection takes nothing. Awaiting a
+        // reply to a request that never left would block every later one,
+        // so the request waits at the front for the next connection.
+        m_sendQueue.push_front(message);
+        return;
+    }
+    m_bAwaitingReply = true;
+    if (m_bMessageLogOn)
+        writeLogEntry(Direction::Sent, message);
+}
+
+void CommandSenderSocket::sl_handleNewMessage(const QByteArray &message)
+{
+    if (m_bMessageLogOn)
+        writeLogEntry(Direction::Received, message);
+    m_bAwaitingReply = false;
+    // Only an arriving message serves the queue. Requests queued while there
+    // was no connection wait for the next reply, even after reconnecting.
+    if (!m_sendQueue.empty() && m_pFramer.load()) {
+        const QByteArray next = m_sendQueue.front();
+        m_sendQueue.pop_front();
+        sl_sendMessage(next);
+    }
+    emit si_newMessage(message);
+}
+
+void CommandSenderSocket::sl_handleXmlError(const QString &errorText)
+{
+    // The framer has stopped reading; recovery is the sender's decision.
+    Q_TRACE_DETAIL(kTraceSource, QStringLiteral("CommandSenderSocket: XML Error: %1").arg(errorText));
+}
+
+void CommandSenderSocket::sl_connect()
+{
+    if (!m_pReconnectTimer) {
+        m_pReconnectTimer = new QTimer(this);
+        m_pReconnectTimer->setInterval(kReconnectIntervalMs);
+        connect(m_pReconnectTimer, &QTimer::timeout, this, &CommandSenderSocket::sl_connect);
+    }
+    m_pReconnectTimer->stop();
+
+    if (!m_pSocket) {
+        m_pSocket = new QTcpSocket(this);
+        connect(m_pSocket, &QTcpSocket::connected, this, &CommandSenderSocket::sl_connected);
+        connect(m_pSocket, &QTcpSocket::disconnected, this, &CommandSenderSocket::sl_disconnected);
+        connect(m_pSocket, &QTcpSocket::errorOccurred, this, &CommandSenderSocket::sl_handleTcpError);
+        connect(m_pSocket, &QTcpSocket::stateChanged, this, &CommandSenderSocket::sl_stateChanged);
+    }
+    if (!m_pSocket) {
+        Q_TRACE_FAILURE(kTraceSource, QStringLiteral("CommandSender::SlotConnect: Could not create socket for %1, %2!!! ")
+                                          .arg(m_sHost)
+                                          .arg(m_uPort));
+        return;
+    }
+
+    m_pSocket->connectToHost(m_sHost, m_uPort, QIODevice::ReadWrite, QAbstractSocket::AnyIPProtocol);
+    if (!m_pSocket) {
+        // An error reported from inside connectToHost has closed the socket.
+        Q_TRACE_FAILURE(kTraceSource,
+                        QStringLiteral("Probably you're trying to connect to the wrong host (%1) and port (%2)")
+                            .arg(m_sHost)
+                            .arg(m_uPort));
+        return;
+    }
+    m_pSocket->setReadBufferSize(0);
+
+    deleteFramer();
+    auto *framer = new XmlSeparator(m_pSocket, XmlSeparator::LittleEndianMode, m_pSocket);
+    connect(framer, &XmlSeparator::xmlReceived, this, &CommandSenderSocket::sl_handleNewMessage);
+    connect(framer, &XmlSeparator::errorOccured, this, &CommandSenderSocket::sl_handleXmlError);
+    m_pFramer.store(framer);
+}
+
+void CommandSenderSocket::sl_connected()
+{
+    m_bConnected.store(true);
+    m_iLastSocketError = -2;
+    updateAddresses();
+    emit si_connected();
+}
+
+void CommandSenderSocket::sl_disconnected()
+{
+    m_bConnected.store(false);
+    m_bAwaitingReply = false;
+    startReconnectTimer();
+    emit si_disconnected();
+}
+
+void CommandSenderSocket::sl_handleTcpError(QAbstractSocket::SocketError)
+{
+    // Each reconnection attempt repeats the error of the last one; only a
+    // change is worth a trace line.
+    if (m_pSocket && m_pSocket->error() != m_iLastSocketError) {
+        m_iLastSocketError = m_pSocket->error();
+        Q_TRACE_FAILURE(kTraceSource, QStringLiteral("CommandSender::HandleTcpError: %1").arg(m_pSocket->errorString()));
+    }
+    m_bAwaitingReply = false;
+    closeConnection();
+    startReconnectTimer();
+}
+
+void CommandSenderSocket::sl_stateChanged(QAbstractSocket::SocketState state)
+{
+    m_bConnected.store(m_pSocket && m_pSocket->isValid() && state == QAbstractSocket::ConnectedState);
+    updateAddresses();
+}
+
+void CommandSenderSocket::setUpMessageLog()
+{
+    const std::unique_ptr<ICfg> adminCfg(CfgCenter::GetAdminCfg(CfgCenter::ViewAdmin));
+    const QString dataFolder = adminCfg ? adminCfg->GetString(kDataFolderKey, QString()) : QString();
+    if (!QFile::exists(loggingPath(dataFolder, kLogMarkerFile)))
+        return;
+
+    m_bMessageLogOn = true;
+    m_messageLog.setFileName(loggingPath(dataFolder, messageLogFileName()));
+    if (!m_messageLog.open(QIODevice::WriteOnly | QIODevice::Append))
+        Q_TRACE_DETAIL(kTraceSource, QStringLiteral("Could not open kelda message log"));
+}
+
+void CommandSenderSocket::writeLogEntry(Direction direction, const QByteArray &message)
+{
+    if (!m_messageLog.isOpen() || !m_messageLog.isWritable())
+        return;
+    const QString timeStamp = QDateTime::currentDateTime().toString(QStringLiteral("dd.MM.yyyy T hh:mm:ss.zzz"));
+    const QString local = liveLocalAddress();
+    const QString peer = livePeerAddress();
+    const QString header = direction == Direction::Sent
+                               ? QStringLiteral("\n\n%1: TX ('%2' -> '%3')\n").arg(timeStamp, local, peer)
+                               : QStringLiteral("\n\n%1: RX ('%2' -> '%3')\n").arg(timeStamp, peer, local);
+    writeLogPiece(header);
+    writeLogPiece(QString::fromUtf8(message));
+}
+
+void CommandSenderSocket::writeLogPiece(const QString &text)
+{
+    m_messageLog.write(text.toLatin1());
+    m_messageLog.flush();
+}
+
+void CommandSenderSocket::closeConnection()
+{
+    deleteFramer();
+    if (m_pSocket) {
+        QTcpSocket *socket = m_pSocket;
+        if (socket->isValid())
+            socket->disconnectFromHost();
+        // The socket's own signals stay connected until it is gone, so that
+        // the disconnection above is still reported.
+        disconnect(this, nullptr, socket, nullptr);
+        socket->deleteLater();
+        m_pSocket = nullptr;
+    }
+    updateAddresses();
+}
+
+void CommandSenderSocket::startReconnectTimer()
+{
+    if (m_pReconnectTimer)
+        m_pReconnectTimer->start();
+    else
+        Q_TRACE_DETAIL(kTraceSource, QStringLiteral("CommandSenderSocket: no reconnect timer!"));
+}
+
+void CommandSenderSocket::deleteFramer()
+{
+    XmlSeparator *framer = m_pFramer.exchange(nullptr);
+    if (!framer)
+        return;
+    disconnect(this, nullptr, framer, nullptr);
+    delete framer;
+}
+
+void CommandSenderSocket::updateAddresses()
+{
+    const bool known = m_pSocket && m_pSocket->isValid();
+    const QString local = known ? addressText(m_pSocket->localAddress()) : QString();
+    const QString peer = known ? addressText(m_pSocket->peerAddress()) : QString();
+    QMutexLocker lock(&m_mutex);
+    m_sLocalAddress = local;
+    m_sPeerAddress = peer;
+}
+
+QString CommandSenderSocket::liveLocalAddress() const
+{
+    if (!m_pSocket || m_pSocket->state() != QAbstractSocket::ConnectedState)
+        return QString();
+    return m_pSocket->localAddress().toString();
+}
+
+QString CommandSenderSocket::livePeerAddress() const
+{
+    if (!m_pSocket || m_pSocket->state() != QAbstractSocket::ConnectedState)
+        return QString();
+    return m_pSocket->peerAddress().toString();
+}
+
+} // namespace Kelda

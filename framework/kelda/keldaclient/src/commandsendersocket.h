@@ -1,0 +1,95 @@
+#pragma once
+
+#include <QAbstractSocket>
+#include <QByteArray>
+#include <QFile>
+#include <QMutex>
+#include <QObject>
+#include <QString>
+
+#include <atomic>
+#include <deque>
+
+class QTcpSocket;
+class QTimer;
+class XmlSeparator;
+
+namespace Kelda {
+
+// Owns the one TCP connection to the archive server.
+//
+// Connects on its own and reconnects every 5000 ms after a failure, frames
+// traffic with a little-endian length-prefixed XmlSeparator, keeps at most
+// one request on the wire (later ones wait in a queue that is served when a
+// message arrives) and, when the marker file <data folder>/Logging/
+// logkeldamessages.txt exists, logs every message sent and received.
+//
+// Lives on the socket thread: every slot runs there and is reached from
+// other threads by queued calls only. The plain queries may be called from
+// any thread.
+class CommandSenderSocket : public QObject
+{
+    Q_OBJECT
+
+public:
+    CommandSenderSocket(const QString &host, quint16 port);
+    ~CommandSenderSocket() override;
+
+    QString GetHost() const;
+    quint16 GetPort() const;
+    // The socket's addresses as text; empty while not known.
+    QString GetLocalAddress() const;
+    QString GetPeerAddress() const;
+    // The socket reports the connected state.
+    bool IsConnected() const;
+    // Connected and able to send: the test made before a request is issued.
+    bool CheckIsConnected() const;
+
+Q_SIGNALS:
+    void si_newMessage(const QByteArray &message);
+    void si_connected();
+    void si_disconnected();
+
+public Q_SLOTS:
+    void sl_sendMessage(const QByteArray &message);
+
+private Q_SLOTS:
+    void sl_handleNewMessage(const QByteArray &message);
+    void sl_handleXmlError(const QString &errorText);
+    void sl_connect();
+    void sl_connected();
+    void sl_disconnected();
+    void sl_handleTcpError(QAbstractSocket::SocketError error);
+    void sl_stateChanged(QAbstractSocket::SocketState state);
+
+private:
+    enum class Direction { Sent, Received };
+
+    void setUpMessageLog();
+    void writeLogEntry(Direction direction, const QByteArray &message);
+    void writeLogPiece(const QString &text);
+    void closeConnection();
+    void startReconnectTimer();
+    void deleteFramer();
+    void updateAddresses();
+    QString liveLocalAddress() const;
+    QString livePeerAddress() const;
+
+    std::deque<QByteArray> m_sendQueue;
+    bool m_bAwaitingReply = false;
+    std::atomic<XmlSeparator *> m_pFramer{nullptr};
+    QTcpSocket *m_pSocket = nullptr;
+    int m_iLastSocketError = -2;
+    std::atomic<bool> m_bConnected{false};
+    QTimer *m_pReconnectTimer = nullptr;
+    bool m_bMessageLogOn = false;
+    QFile m_messageLog;
+    // Guards the address texts, which other threads read.
+    mutable QMutex m_mutex;
+    const QString m_sHost;
+    const quint16 m_uPort;
+    QString m_sLocalAddress;
+    QString m_sPeerAddress;
+};
+
+} // namespace Kelda

@@ -1,0 +1,339 @@
+#include "xmlseparator.h"
+
+#include <QIODevice>
+#include <QTimer>
+#include <QXmlStreamReader>
+#include <QtEndian>
+
+namespace {
+
+constexpr int kLengthSize = 4;
+
+// qCompress output: the expanded size as a big-endian quint32, then a zlib
+// stream. The shortest zlib stream (empty input) has 8 bytes.
+constexpr int kCompressedSizeHeader = 4;
+constexpr int kMinimalZlibStream = 8;
+// Deflate cannot expand beyond about 1032:1; a size header claiming more is
+// corrupt, and trusting it would let one bad frame allocate gigabytes.
+constexpr qint64 kMaxDeflateRatio = 1032;
+constexpr qint64 kExpansionSlack = 1024;
+
+bool isXmlSpace(char c)
+{
+    return c == ' ' || c == '\n' || c == '\r' || c == '\t';
+}
+
+bool isZlibHeader(uchar cmf, uchar flg)
+{
+    const bool deflate = (cmf & 0x0F) == 8;
+    const bool windowFits = (cmf >> 4) <= 7;
+    const bool checksumOk = (cmf * 256 + flg) % 31 == 0;
+    // qUncompress cannot supply a preset dictionary.
+    const bool noDictionary = (flg & 0x20) == 0;
+    return deflate && windowFits && checksumOk && noDictionary;
+}
+
+} // namespace
+
+XmlSeparator::XmlSeparator(QIODevice *device, QObject *parent)
+    : XmlSeparator(device, PlainXmlMode, parent)
+{
+}
+
+XmlSeparator::XmlSeparator(QIODevice *device, qint32 mode, QObject *parent)
+    : QObject(parent)
+    , m_iMode(mode)
+    , m_pReader(new QXmlStreamReader)
+    , m_pDevice(device)
+{
+    connectDevice();
+    connect(this, &XmlSeparator::queued_xmlReceived, this, &XmlSeparator::xmlReceived, Qt::QueuedConnection);
+}
+
+XmlSeparator::~XmlSeparator() = default;
+
+void XmlSeparator::setCompression(bool compress)
+{
+    m_bCompressOutgoing = compress;
+}
+
+int XmlSeparator::compressionLevel() const
+{
+    return m_iCompressionLevel;
+}
+
+void XmlSeparator::setCompressionLevel(int level)
+{
+    m_iCompressionLevel = level;
+}
+
+QIODevice *XmlSeparator::device() const
+{
+    return m_pDevice;
+}
+
+bool XmlSeparator::isPlausiblyCompressed(const QByteArray &payload)
+{
+    if (payload.size() < kCompressedSizeHeader + kMinimalZlibStream)
+        return false;
+    const auto *bytes = reinterpret_cast<const uchar *>(payload.constData());
+    if (!isZlibHeader(bytes[kCompressedSizeHeader], bytes[kCompressedSizeHeader + 1]))
+        return false;
+    const qint64 expandedSize = qFromBigEndian<quint32>(bytes);
+    const qint64 streamSize = payload.size() - kCompressedSizeHeader;
+    return expandedSize <= streamSize * kMaxDeflateRatio + kExpansionSlack;
+}
+
+bool XmlSeparator::sendXml(const QByteArray &message)
+{
+    if (!m_pDevice)
+        return false;
+
+    QByteArray frame;
+    switch (m_iMode) {
+    case PlainXmlMode:
+        frame = message;
+        break;
+    case BigEndianMode:
+    case LittleEndianMode: {
+        const QByteArray payload = m_bCompressOutgoing ? qCompress(message, m_iCompressionLevel) : message;
+        frame.resize(kLengthSize);
+        auto *head = reinterpret_cast<uchar *>(frame.data());
+        if (m_iMode == BigEndianMode)
+            qToBigEndian<quint32>(quint32(payload.size()), head);
+        else
+            qToLittleEndian<quint32>(quint32(payload.size()), head);
+        frame += payload;
+        break;
+    }
+    default:
+        // Until the peer has spoken there is no framing to answer in.
+        return false;
+    }
+    return m_pDevice->write(frame) == frame.size();
+}
+
+void XmlSeparator::setEnabled(bool bEnabled)
+{
+    if (bEnabled)
+        resume();
+    else
+        pause();
+}
+
+void XmlSeparator::setDisabled(bool bDisabled)
+{
+    setEnabled(!bDisabled);
+}
+
+void XmlSeparator::pause()
+{
+    disconnectDevice();
+}
+
+void XmlSeparator::resume()
+{
+    connectDevice();
+    readNewData();
+}
+
+void XmlSeparator::reset()
+{
+    m_pReader->clear();
+    m_message.clear();
+    m_input.clear();
+    m_iInputOffset = 0;
+    connectDevice();
+}
+
+void XmlSeparator::readNewData()
+{
+    appendDeviceData();
+    if (m_iMode == DetectMode) {
+        if (!detectMode())
+            return;
+        appendDeviceData();
+    }
+
+    switch (m_iMode) {
+    case PlainXmlMode:
+        frameXmlDocuments();
+        break;
+    case BigEndianMode:
+    case LittleEndianMode:
+        frameLengthPrefixed();
+        break;
+    default:
+        break;
+    }
+    compactInput();
+}
+
+void XmlSeparator::connectDevice()
+{
+    disconnectDevice();
+    if (m_pDevice)
+        connect(m_pDevice.data(), &QIODevice::readyRead, this, &XmlSeparator::readNewData);
+    m_bReading = true;
+}
+
+void XmlSeparator::disconnectDevice()
+{
+    if (m_pDevice)
+        disconnect(m_pDevice.data(), &QIODevice::readyRead, this, &XmlSeparator::readNewData);
+    m_bReading = false;
+    m_bFrameScheduled = false;
+}
+
+void XmlSeparator::appendDeviceData()
+{
+    if (!m_pDevice || !m_pDevice->isReadable())
+        return;
+    compactInput();
+    m_input += m_pDevice->readAll();
+}
+
+bool XmlSeparator::detectMode()
+{
+    if (pendingInput() < kLengthSize)
+        return false;
+    // A big-endian length below 16 MiB starts with a zero byte, a
+    // little-endian one ends with one; XML text contains no zero bytes.
+    const char *head = m_input.constData() + m_iInputOffset;
+    if (head[0] == 0)
+        m_iMode = BigEndianMode;
+    else if (head[3] == 0)
+        m_iMode = LittleEndianMode;
+    else
+        m_iMode = PlainXmlMode;
+    return true;
+}
+
+void XmlSeparator::frameXmlDocuments()
+{
+    // The reader is fed no further than the next '>', so it never sees the
+    // start of the next document while the current one is still open, and a
+    // document always ends at the end of a piece.
+    QByteArray piece = takePiece(m_message.isEmpty());
+    while (!piece.isEmpty()) {
+        m_message += piece;
+        m_pReader->addData(piece);
+        switch (parseFedData()) {
+        case ParseResult::NeedMoreData:
+            piece = takePiece(false);
+            break;
+        case ParseResult::DocumentComplete:
+            emit queued_xmlReceived(m_message);
+            m_message.clear();
+            m_pReader->clear();
+            piece = takePiece(true);
+            break;
+        case ParseResult::Failed: {
+            const QString errorText = m_pReader->errorString();
+            // The broken document is dropped so that a resume starts on the
+            // input behind it rather than failing on the same reader state.
+            m_message.clear();
+            m_pReader->clear();
+            disconnectDevice();
+            emit errorOccured(errorText);
+            return;
+        }
+        }
+    }
+}
+
+XmlSeparator::ParseResult XmlSeparator::parseFedData()
+{
+    for (;;) {
+        const QXmlStreamReader::TokenType token = m_pReader->readNext();
+        if (m_pReader->hasError()) {
+            return m_pReader->error() == QXmlStreamReader::PrematureEndOfDocumentError ? ParseResult::NeedMoreData
+                                                                                       : ParseResult::Failed;
+        }
+        if (token == QXmlStreamReader::EndDocument)
+            return ParseResult::DocumentComplete;
+    }
+}
+
+void XmlSeparator::frameLengthPrefixed()
+{
+    if (pendingInput() < kLengthSize)
+        return;
+    const auto *head = reinterpret_cast<const uchar *>(m_input.constData()) + m_iInputOffset;
+    const quint32 length = m_iMode == BigEndianMode ? qFromBigEndian<quint32>(head) : qFromLittleEndian<quint32>(head);
+    if (pendingInput() - kLengthSize < qint64(length))
+        return;
+
+    const QByteArray payload = m_input.mid(m_iInputOffset + kLengthSize, int(length));
+    m_iInputOffset += kLengthSize + int(length);
+    emit queued_xmlReceived(expandPayload(payload));
+
+    // One message per event-loop turn: a burst of replies reaches the owner
+    // spread out, interleaved with its other events.
+    if (pendingInput() > 0)
+        scheduleNextFrame();
+}
+
+QByteArray XmlSeparator::expandPayload(const QByteArray &payload)
+{
+    if (!m_bTryDecompress)
+        return payload;
+    if (isPlausiblyCompressed(payload)) {
+        const QByteArray expanded = qUncompress(payload);
+        if (!expanded.isEmpty())
+            return expanded;
+    }
+    // A peer that sent one payload plain does not compress: stop trying, and
+    // do not send it compressed payloads either.
+    m_bTryDecompress = false;
+    m_bCompressOutgoing = false;
+    return payload;
+}
+
+QByteArray XmlSeparator::takePiece(bool skipWhiteSpace)
+{
+    const int size = m_input.size();
+    int begin = m_iInputOffset;
+    if (skipWhiteSpace) {
+        while (begin < size && isXmlSpace(m_input.at(begin)))
+            ++begin;
+    }
+    const int close = m_input.indexOf('>', begin);
+    const int end = close < 0 ? size : close + 1;
+    m_iInputOffset = end;
+    return m_input.mid(begin, end - begin);
+}
+
+qint64 XmlSeparator::pendingInput() const
+{
+    return m_input.size() - m_iInputOffset;
+}
+
+void XmlSeparator::compactInput()
+{
+    if (m_iInputOffset == 0)
+        return;
+    if (m_iInputOffset >= m_input.size()) {
+        m_input.clear();
+        m_iInputOffset = 0;
+    } else if (m_iInputOffset * 2 >= m_input.size()) {
+        // Dropping only once the consumed part outweighs the rest keeps the
+        // copying proportional to the input, however many frames it holds.
+        m_input.remove(0, m_iInputOffset);
+        m_iInputOffset = 0;
+    }
+}
+
+void XmlSeparator::scheduleNextFrame()
+{
+    if (m_bFrameScheduled)
+        return;
+    m_bFrameScheduled = true;
+    QTimer::singleShot(0, this, [this] {
+        if (!m_bFrameScheduled)
+            return;
+        m_bFrameScheduled = false;
+        if (m_bReading)
+            readNewData();
+    });
+}

@@ -1,0 +1,96 @@
+#pragma once
+
+#include <QByteArray>
+#include <QObject>
+#include <QPointer>
+#include <QString>
+
+#include <memory>
+
+class QIODevice;
+class QXmlStreamReader;
+
+// Cuts the byte stream of a device into complete messages and frames outgoing
+// messages for the same device.
+//
+// Messages are either consecutive XML documents (PlainXmlMode) or payloads
+// behind a 4-byte length (BigEndianMode, LittleEndianMode); DetectMode picks
+// one of those from the first four bytes received. Length-prefixed payloads
+// in qCompress format are expanded on arrival until the first payload that is
+// not compressed shows that the peer does not compress.
+//
+// Every message found is emitted as queued_xmlReceived from inside
+// readNewData() and reaches xmlReceived one event-loop turn later, so a
+// listener never runs inside the read routine.
+class XmlSeparator : public QObject
+{
+    Q_OBJECT
+
+public:
+    enum Mode : qint32 {
+        DetectMode = 0,
+        PlainXmlMode = 1,
+        BigEndianMode = 2,
+        LittleEndianMode = 3
+    };
+
+    explicit XmlSeparator(QIODevice *device, QObject *parent = nullptr);
+    XmlSeparator(QIODevice *device, qint32 mode, QObject *parent = nullptr);
+    ~XmlSeparator() override;
+
+    // Compression of outgoing length-prefixed payloads; off unless set.
+    void setCompression(bool compress);
+    int compressionLevel() const;
+    void setCompressionLevel(int level);
+
+    QIODevice *device() const;
+
+    // Whether a length-prefixed payload is in qCompress format and small
+    // enough when expanded to be worth trying. Judged from the header alone.
+    static bool isPlausiblyCompressed(const QByteArray &payload);
+
+Q_SIGNALS:
+    void xmlReceived(const QByteArray &message);
+    void errorOccured(const QString &sErrorString);
+    void queued_xmlReceived(const QByteArray &message);
+
+public Q_SLOTS:
+    bool sendXml(const QByteArray &message);
+    void setEnabled(bool bEnabled);
+    void setDisabled(bool bDisabled);
+    void pause();
+    void resume();
+    void reset();
+    void readNewData();
+
+private:
+    enum class ParseResult { NeedMoreData, DocumentComplete, Failed };
+
+    void connectDevice();
+    void disconnectDevice();
+    void appendDeviceData();
+    bool detectMode();
+    void frameXmlDocuments();
+    ParseResult parseFedData();
+    void frameLengthPrefixed();
+    QByteArray expandPayload(const QByteArray &payload);
+    QByteArray takePiece(bool skipWhiteSpace);
+    qint64 pendingInput() const;
+    void compactInput();
+    void scheduleNextFrame();
+
+    qint32 m_iMode;
+    std::unique_ptr<QXmlStreamReader> m_pReader;
+    QPointer<QIODevice> m_pDevice;
+    QByteArray m_message;
+    QByteArray m_input;
+    int m_iCompressionLevel = -1;
+    bool m_bCompressOutgoing = false;
+    bool m_bTryDecompress = true;
+
+    // Bytes at the front of m_input that are already framed. Consumed input
+    // is dropped in bulk so that framing stays linear in the input size.
+    int m_iInputOffset = 0;
+    bool m_bReading = false;
+    bool m_bFrameScheduled = false;
+};
