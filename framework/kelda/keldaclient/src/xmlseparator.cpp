@@ -23,6 +23,13 @@ bool isXmlSpace(char c)
     return c == ' ' || c == '\n' || c == '\r' || c == '\t';
 }
 
+// An unknown mode frames as the default one rather than swallowing input.
+qint32 knownMode(qint32 mode)
+{
+    return mode >= XmlSeparator::DetectMode && mode <= XmlSeparator::LittleEndianMode ? mode
+                                                                                     : XmlSeparator::PlainXmlMode;
+}
+
 bool isZlibHeader(uchar cmf, uchar flg)
 {
     const bool deflate = (cmf & 0x0F) == 8;
@@ -42,7 +49,7 @@ XmlSeparator::XmlSeparator(QIODevice *device, QObject *parent)
 
 XmlSeparator::XmlSeparator(QIODevice *device, qint32 mode, QObject *parent)
     : QObject(parent)
-    , m_iMode(mode)
+    , m_iMode(knownMode(mode))
     , m_pReader(new QXmlStreamReader)
     , m_pDevice(device)
 {

@@ -16,19 +16,20 @@ public:
     FeedDevice() { open(QIODevice::ReadWrite | QIODevice::Unbuffered); }
     void feed(const QByteArray &bytes)
     {
-        m_incoming += bytes;
+        m_incoming = m_incoming.mid(m_readPos) + bytes;
+        m_readPos = 0;
         emit readyRead();
     }
     bool isSequential() const override { return true; }
-    qint64 bytesAvailable() const override { return m_incoming.size(); }
+    qint64 bytesAvailable() const override { return m_incoming.size() - m_readPos; }
     QByteArray written;
 
 protected:
     qint64 readData(char *data, qint64 maxSize) override
     {
-        const int count = int(qMin<qint64>(maxSize, m_incoming.size()));
-        std::memcpy(data, m_incoming.constData(), size_t(count));
-        m_incoming.remove(0, count);
+        const int count = int(qMin<qint64>(maxSize, bytesAvailable()));
+        std::memcpy(data, m_incoming.constData() + m_readPos, size_t(count));
+        m_readPos += count;
         return count;
     }
     qint64 writeData(const char *data, qint64 size) override
@@ -39,6 +40,7 @@ protected:
 
 private:
     QByteArray m_incoming;
+    int m_readPos = 0;
 };
 
 QByteArray frame(XmlSeparator::Mode mode, const QByteArray &payload)
