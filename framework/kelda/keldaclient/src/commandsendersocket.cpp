@@ -16,6 +16,7 @@
 #include <QTimer>
 
 #include <memory>
+#include <new>
 
 namespace Kelda {
 
@@ -68,10 +69,6 @@ CommandSenderSocket::~CommandSenderSocket()
         m_messageLog.close();
     if (m_pReconnectTimer)
         m_pReconnectTimer->stop();
-    // The socket dies with this object and aborts its connection on the way;
-    // its last signals must not reach a half-destroyed receiver.
-    if (m_pSocket)
-        m_pSocket->disconnect(this);
 }
 
 QString CommandSenderSocket::GetHost() const
@@ -155,13 +152,9 @@ void CommandSenderSocket::sl_connect()
     }
     m_pReconnectTimer->stop();
 
-    if (!m_pSocket) {
-        m_pSocket = new QTcpSocket(this);
-        connect(m_pSocket, &QTcpSocket::connected, this, &CommandSenderSocket::sl_connected);
-        connect(m_pSocket, &QTcpSocket::disconnected, this, &CommandSenderSocket::sl_disconnected);
-        connect(m_pSocket, &QTcpSocket::errorOccurred, this, &CommandSenderSocket::sl_handleTcpError);
-        connect(m_pSocket, &QTcpSocket::stateChanged, this, &CommandSenderSocket::sl_stateChanged);
-    }
+    // A socket left by a plain disconnection is reused.
+    if (!m_pSocket)
+        m_pSocket = createSocket();
     if (!m_pSocket) {
         Q_TRACE_FAILURE(kTraceSource, QStringLiteral("CommandSender::SlotConnect: Could not create socket for %1, %2!!! ")
                                           .arg(m_sHost)
@@ -220,6 +213,18 @@ void CommandSenderSocket::sl_stateChanged(QAbstractSocket::SocketState state)
 {
     m_bConnected.store(m_pSocket && m_pSocket->isValid() && state == QAbstractSocket::ConnectedState);
     updateAddresses();
+}
+
+QTcpSocket *CommandSenderSocket::createSocket()
+{
+    auto *socket = new (std::nothrow) QTcpSocket(this);
+    if (!socket)
+        return nullptr;
+    connect(socket, &QTcpSocket::connected, this, &CommandSenderSocket::sl_connected);
+    connect(socket, &QTcpSocket::disconnected, this, &CommandSenderSocket::sl_disconnected);
+    connect(socket, &QTcpSocket::errorOccurred, this, &CommandSenderSocket::sl_handleTcpError);
+    connect(socket, &QTcpSocket::stateChanged, this, &CommandSenderSocket::sl_stateChanged);
+    return socket;
 }
 
 void CommandSenderSocket::setUpMessageLog()

@@ -65,6 +65,7 @@ private Q_SLOTS:
 private:
     enum class Direction { Sent, Received };
 
+    QTcpSocket *createSocket();
     void setUpMessageLog();
     void writeLogEntry(Direction direction, const QByteArray &message);
     void writeLogPiece(const QString &text);

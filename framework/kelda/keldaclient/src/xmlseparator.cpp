@@ -93,7 +93,7 @@ bool XmlSeparator::isPlausiblyCompressed(const QByteArray &payload)
 
 bool XmlSeparator::sendXml(const QByteArray &message)
 {
-    if (!m_pDevice)
+    if (!m_pDevice || !m_pDevice->isWritable())
         return false;
 
     QByteArray frame;

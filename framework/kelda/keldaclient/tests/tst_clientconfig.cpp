@@ -30,6 +30,7 @@ private:
 
     QTemporaryDir m_dir;
     QString m_iniPath;
+    const quint32 m_traceLevel = ErrorHandler::Instance()->GetLevel();
 };
 
 void TestClientConfig::initTestCase()
@@ -42,6 +43,7 @@ void TestClientConfig::initTestCase()
 void TestClientConfig::cleanup()
 {
     ErrorHandler::Instance()->SetTraceHook({});
+    ErrorHandler::Instance()->SetLevel(m_traceLevel);
 }
 
 void TestClientConfig::writeIni(const QByteArray &content)
@@ -123,7 +125,6 @@ void TestClientConfig::readsStore()
         if (qstrcmp(source, kConfigSource) == 0)
             traces << text;
     });
-    const quint32 level = ErrorHandler::Instance()->GetLevel();
     ErrorHandler::Instance()->SetLevel(ErrorHandler::Failure | ErrorHandler::Detail);
     {
         const KeldaClient::ClientConfig config;
@@ -134,7 +135,6 @@ void TestClientConfig::readsStore()
         QCOMPARE(config.GetCompressionRate(), rate);
         QCOMPARE(storedCompressionRate().toInt(), storedRate);
     }
-    ErrorHandler::Instance()->SetLevel(level);
 
     const QStringList expected = QStringList{QStringLiteral("ClientConfig::ClientConfig: Start ")} + failureTraces
                                  + QStringList{QStringLiteral("ClientConfig::ClientConfig: End"),
