@@ -33,20 +33,30 @@ TranslationCenter::~TranslationCenter()
 {
     // At process exit the application (and its translator list) may already be
     // gone; the translators are only freed.
-    qDeleteAll(m_translators);
+    for (const Catalogue &catalogue : qAsConst(m_catalogues))
+        delete catalogue.translator;
+}
+
+void TranslationCenter::Install(Catalogue &catalogue)
+{
+    if (!catalogue.installed && QCoreApplication::instance())
+        catalogue.installed = QCoreApplication::installTranslator(catalogue.translator);
 }
 
 bool TranslationCenter::Register(const QString &name)
 {
     QMutexLocker lock(&m_mutex);
-    if (m_translators.contains(name))
+    auto existing = m_catalogues.find(name);
+    if (existing != m_catalogues.end()) {
+        Install(*existing);
         return true;
+    }
     auto *translator = new QTranslator;
     for (const QString &dir : searchDirectories()) {
         if (translator->load(QLocale(), name, QStringLiteral("_"), dir, QStringLiteral(".qm"))) {
-            if (QCoreApplication::instance())
-                QCoreApplication::installTranslator(translator);
-            m_translators.insert(name, translator);
+            Catalogue catalogue{translator, false};
+            Install(catalogue);
+            m_catalogues.insert(name, catalogue);
             return true;
         }
     }
@@ -57,16 +67,16 @@ bool TranslationCenter::Register(const QString &name)
 void TranslationCenter::Unregister(const QString &name)
 {
     QMutexLocker lock(&m_mutex);
-    QTranslator *translator = m_translators.take(name);
-    if (!translator)
+    const Catalogue catalogue = m_catalogues.take(name);
+    if (!catalogue.translator)
         return;
-    if (QCoreApplication::instance())
-        QCoreApplication::removeTranslator(translator);
-    delete translator;
+    if (catalogue.installed && QCoreApplication::instance())
+        QCoreApplication::removeTranslator(catalogue.translator);
+    delete catalogue.translator;
 }
 
 bool TranslationCenter::IsRegistered(const QString &name) const
 {
     QMutexLocker lock(&m_mutex);
-    return m_translators.contains(name);
+    return m_catalogues.contains(name);
 }

@@ -18,7 +18,8 @@ class FRAMEWORKSTARTUP_EXPORT TranslationCenter
 public:
     static TranslationCenter *Instance();
 
-    // True when a catalogue was found and installed.
+    // True when a catalogue was found. One registered before the application
+    // object exists is installed by the first Register call after it does.
     bool Register(const QString &name);
     void Unregister(const QString &name);
     bool IsRegistered(const QString &name) const;
@@ -29,6 +30,13 @@ private:
     TranslationCenter(const TranslationCenter &) = delete;
     TranslationCenter &operator=(const TranslationCenter &) = delete;
 
+    struct Catalogue
+    {
+        QTranslator *translator = nullptr;
+        bool installed = false;
+    };
+    static void Install(Catalogue &catalogue);
+
     mutable QMutex m_mutex;
-    QMap<QString, QTranslator *> m_translators;
+    QMap<QString, Catalogue> m_catalogues;
 };

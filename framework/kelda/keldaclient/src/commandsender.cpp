@@ -1,0 +1,642 @@
+#include "commandsender.h"
+
+#include "commandsendersocket.h"
+#include "keldaerror.h"
+#include "replyparser.h"
+#include "requestmessages.h"
+#include "trace.h"
+
+#include <QMutexLocker>
+#include <QTimer>
+
+namespace Kelda {
+
+namespace {
+
+const char kSource[] = "framework/kelda/keldaclient/src/commandsender";
+constexpr int kConnectionCheckMs = 180000;
+constexpr unsigned long kThreadStopMs = 1000;
+// Values of replies that no blocking call took (asynchronous calls, late
+// replies after a timeout) are dropped oldest first beyond this many.
+constexpr int kMaxKeptReplies = 256;
+
+QString boolText(bool value)
+{
+    return value ? QStringLiteral("true") : QStringLiteral("false");
+}
+
+} // namespace
+
+CommandSender::CommandSender(const QString &host, quint16 port, const QString &application, const QString &user,
+                             const QString &teamMembership)
+    : m_application(application)
+    , m_user(user)
+    , m_teamMembership(teamMembership)
+    , m_host(host)
+    , m_port(port)
+{
+    m_socketThread.setObjectName(QStringLiteral("commandSocketThread"));
+}
+
+CommandSender::~CommandSender()
+{
+    if (m_connectionCheckTimer)
+        m_connectionCheckTimer->stop();
+    m_socketThread.quit();
+    if (!m_socketThread.wait(kThreadStopMs))
+        delete m_socket.fetchAndStoreOrdered(nullptr);
+}
+
+void CommandSender::start()
+{
+    m_socketThread.quit();
+    m_socketThread.wait();
+    delete m_socket.fetchAndStoreOrdered(nullptr);
+
+    auto *socket = new CommandSenderSocket(m_host, m_port);
+    socket->moveToThread(&m_socketThread);
+    connect(socket, &CommandSenderSocket::si_newMessage, this, &CommandSender::SlotHandleXmlReply);
+    connect(socket, &CommandSenderSocket::si_connected, this, &CommandSender::SlotConnected);
+    connect(socket, &CommandSenderSocket::si_disconnected, this, &CommandSender::SlotDisconnected);
+    connect(&m_socketThread, &QThread::finished, socket, &QObject::deleteLater);
+    m_socket.storeRelease(socket);
+
+    m_socketThread.setObjectName(QStringLiteral("commandSocketThread"));
+    m_socketThread.start(QThread::InheritPriority);
+
+    if (!m_connectionCheckTimer) {
+        m_connectionCheckTimer = new QTimer(this);
+        m_connectionCheckTimer->setInterval(kConnectionCheckMs);
+        connect(m_connectionCheckTimer, &QTimer::timeout, this, &CommandSender::SlotCheckConnection);
+    }
+    m_connectionCheckTimer->start();
+}
+
+QString CommandSender::Send(const KeldaClientSOAPMessage &message)
+{
+    const QByteArray bytes = message.ToXml();
+    if (CommandSenderSocket *socket = m_socket.loadAcquire()) {
+        QMetaObject::invokeMethod(
+            socket, [socket, bytes] { socket->sl_sendMessage(bytes); }, Qt::QueuedConnection);
+    }
+    return message.GetRequestId();
+}
+
+QString CommandSender::GetClientKey()
+{
+    if (CommandSenderSocket *socket = m_socket.loadAcquire()) {
+        const QString address = socket->GetLocalAddress();
+        if (!address.isEmpty())
+            m_localAddress = address;
+    }
+    return QStringLiteral("%1|%2|%3").arg(m_localAddress, m_application, m_user);
+}
+
+QString CommandSender::CreateFileGroup(const QString &guid, const QString &version, const QDateTime &lifeCycle,
+                                       const QString &detail, const QString &comment, FileType fileType,
+                                       quint64 reservedStorage, const QString &fileGroupName, const QString &path)
+{
+    CreateFileGroupMessage message;
+    message.SetGroupGuid(guid);
+    message.SetFileGroupVersion(version);
+    message.SetLifeCycle(lifeCycle);
+    message.SetDetail(detail);
+    message.SetComment(comment);
+    message.SetFileType(fileType);
+    message.SetReservedStorage(reservedStorage);
+    message.SetFileGroupName(fileGroupName);
+    message.SetPath(path);
+    message.SetTeamMembership(m_teamMembership);
+    message.SetUserName(m_user);
+    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CreateFG: guid='%1' group='%2' path='%3' detail='%4' "
+                                           "comment='%5' user='%6' type='%7'")
+                                .arg(guid, fileGroupName, path, detail, comment, m_user)
+                                .arg(int(fileType)));
+    return Send(message);
+}
+
+QString CommandSender::CreateTovinFileGroup(const QString &guid, const QString &subsystem, const QString &tovinId,
+                                            const QString &recordId, const QString &version, const QString &detail,
+                                            const QString &comment, FileType fileType, const QString &path)
+{
+    CreateTovinFileGroupMessage message;
+    message.SetGuid(guid);
+    message.SetSubSystemName(subsystem);
+    message.SetTovinId(tovinId);
+    message.SetRecordId(recordId);
+    message.SetFileGroupVersion(version);
+    message.SetDetail(detail);
+    message.SetComment(comment);
+    message.SetFileType(fileType);
+    message.SetPath(path);
+    message.SetTeamMembership(m_teamMembership);
+    message.SetUserName(m_user);
+    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CreateTovinFG: guid='%1' tovin='%2' record='%3' detail='%4' "
+                                           "comment='%5' user='%6' subsystem='%7' type='%8' filepath='%9'")
+                                .arg(guid, tovinId, recordId, detail, comment, m_user, subsystem,
+                                     QString::number(int(fileType)), path));
+    return Send(message);
+}
+
+QString CommandSender::AddFile(const QString &guid, const QString &fileName, int fileId)
+{
+    AddFileMessage message;
+    message.SetGuid(guid);
+    message.SetFileName(fileName);
+    message.SetFileId(fileId);
+    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::AddFile: guid='%1' fileid='%2' filename='%3'")
+                                .arg(guid, QString::number(fileId), fileName));
+    return Send(message);
+}
+
+QString CommandSender::DeleteFile(const QString &guid, int fileId)
+{
+    DeleteFileMessage message;
+    message.SetGuid(guid);
+    message.SetFileId(fileId);
+    Q_TRACE_DETAIL(kSource,
+                   QStringLiteral("KeldaClient::DeleteFile: guid='%1' fileid='%2'").arg(guid).arg(fileId));
+    return Send(message);
+}
+
+QString CommandSender::RequestFile(const QString &guid, int fileId, bool writeLock)
+{
+    RequestFileMessage message;
+    message.SetGuid(guid);
+    message.SetFileId(fileId);
+    message.SetWriteLock(writeLock);
+    message.SetUserName(GetClientKey());
+    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::RequestFile: guid='%1' fileid='%2' lock='%3' lockid='%4'")
+                                .arg(guid, QString::number(fileId), boolText(writeLock), GetClientKey()));
+    return Send(message);
+}
+
+QString CommandSender::CloseFile(const QString &guid, int fileId)
+{
+    CloseFileMessage message;
+    message.SetGuid(guid);
+    message.SetUserName(GetClientKey());
+    // The id only reaches the trace: the server closes by lock identity.
+    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CloseFile: guid='%1' fileid='%2'").arg(guid).arg(fileId));
+    return Send(message);
+}
+
+QString CommandSender::MoveToNas(const QString &guid)
+{
+    MoveToNasMessage message;
+    message.SetGuid(guid);
+    message.SetUserName(m_user);
+    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::MoveToNas: guid='%1' user='%2'").arg(guid, m_user));
+    return Send(message);
+}
+
+QString CommandSender::AddReference(const QString &guid)
+{
+    AddReferenceMessage message;
+    message.SetGuid(guid);
+    message.SetApplication(m_application);
+    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::AddRef: guid='%1' app='%2'").arg(guid, m_application));
+    return Send(message);
+}
+
+QString CommandSender::RemoveReference(const QString &guid)
+{
+    RemoveReferenceMessage message;
+    message.SetGuid(guid);
+    message.SetApplication(m_application);
+    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::RemoveReference: guid='%1'").arg(guid));
+    return Send(message);
+}
+
+QString CommandSender::RemoveAllReferences(const QString &guid)
+{
+    RemoveAllReferencesMessage message;
+    message.SetGuid(guid);
+    message.SetApplication(m_application);
+    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::RemoveAllReferences: guid='%1'").arg(guid));
+    return Send(message);
+}
+
+QString CommandSender::QueryMetaData(const QString &guid, const QString &application)
+{
+    QueryMetaDataMessage message;
+    message.SetGuid(guid);
+    message.SetApplication(application);
+    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::QueryMetaData: guid='%1' app='%2'").arg(guid, application));
+    return Send(message);
+}
+
+QString CommandSender::GetApplicationList()
+{
+    return Send(GetApplicationListMessage());
+}
+
+QString CommandSender::GetUserList()
+{
+    return Send(GetUserListMessage());
+}
+
+QString CommandSender::GetFileList(const QString &guid)
+{
+    GetFileListMessage message;
+    message.SetGuid(guid);
+    return Send(message);
+}
+
+QString CommandSender::QueryFileGroups(const FileQuery &query)
+{
+    QueryFileGroupsMessage message;
+    message.SetQuery(query);
+    return Send(message);
+}
+
+QString CommandSender::GetBasePath()
+{
+    return Send(GetBasePathMessage());
+}
+
+QString CommandSender::ExportArchive(const QStringList &guids, const QString &target)
+{
+    ExportArchiveMessage message;
+    message.SetGuids(guids);
+    message.SetPath(target);
+    return Send(message);
+}
+
+QString CommandSender::ImportArchive(const QStringList &paths)
+{
+    ImportArchiveMessage message;
+    message.SetPaths(paths);
+    return Send(message);
+}
+
+QString CommandSender::RegisterConverter(const QString &converterId, const QVector<FileType> &fileTypes)
+{
+    RegisterConverterMessage message;
+    message.SetConverterId(converterId);
+    message.SetFileTypes(fileTypes);
+    return Send(message);
+}
+
+QString CommandSender::ConvertFileGroupReply(const QString &guid, int error, const QString &errorString)
+{
+    ConvertFileGroupReplyMessage message;
+    message.SetGuid(guid);
+    message.SetError(error);
+    message.SetErrorString(errorString);
+    return Send(message);
+}
+
+QString CommandSender::DeleteFileGroup(const QString &guid, bool shallowDelete)
+{
+    DeleteFileGroupMessage message;
+    message.SetGuid(guid);
+    message.SetShallowDelete(shallowDelete);
+    Q_TRACE_DETAIL(kSource,
+                   QStringLiteral("KeldaClient::DeleteFG: guid='%1' shallow='%2'").arg(guid, boolText(shallowDelete)));
+    return Send(message);
+}
+
+QString CommandSender::QueryLocationStateProgress(const QString &guid)
+{
+    QueryLocationStateProgressMessage message;
+    message.SetGuid(guid);
+    return Send(message);
+}
+
+QString CommandSender::CheckFileGroupExists(const QString &guid)
+{
+    CheckFileGroupExistsMessage message;
+    message.SetGuid(guid);
+    return Send(message);
+}
+
+QString CommandSender::GetRemoteStorageLocation(const QString &guid, int fileId)
+{
+    GetRemoteStorageLocationMessage message;
+    message.SetGuid(guid);
+    message.SetFileId(fileId);
+    return Send(message);
+}
+
+QString CommandSender::GetTovinFilegroupGuid(const QString &tovinId, const QString &recordId)
+{
+    GetTovinFilegroupGuidMessage message;
+    message.SetTovinId(tovinId);
+    message.SetRecordId(recordId);
+    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::SendGetTovinFilegroupGuidAsync: tovin id='%1' recordId='%2'")
+                                .arg(tovinId, recordId));
+    return Send(message);
+}
+
+bool CommandSender::CheckIsConnected()
+{
+    CommandSenderSocket *socket = m_socket.loadAcquire();
+    if (socket && socket->CheckIsConnected() && m_connected.load()) {
+        m_lastError.store(KE_NoError);
+        return true;
+    }
+    m_lastError.store(KE_NotConnected);
+    Q_TRACE_DETAIL(kSource,
+                   QStringLiteral("CommandSender::CheckIsConnected: %1").arg(KeldaErrorString::Get(KE_NotConnected)));
+    return false;
+}
+
+QString CommandSender::GetBasePathValue() const
+{
+    QMutexLocker lock(&m_replyMutex);
+    return m_basePath;
+}
+
+CommandSender::ReplyValues CommandSender::TakeReplyValues(const QString &requestId)
+{
+    QMutexLocker lock(&m_replyMutex);
+    m_replyOrder.removeOne(requestId);
+    return m_replyValues.take(requestId);
+}
+
+void CommandSender::StoreReplyValues(const QString &requestId, ReplyValues values)
+{
+    if (requestId.isEmpty())
+        return;
+    QMutexLocker lock(&m_replyMutex);
+    if (!m_replyValues.contains(requestId))
+        m_replyOrder.enqueue(requestId);
+    m_replyValues.insert(requestId, std::move(values));
+    while (m_replyOrder.size() > kMaxKeptReplies)
+        m_replyValues.remove(m_replyOrder.dequeue());
+}
+
+void CommandSender::SetApplication(const QString &application)
+{
+    m_application = application;
+}
+
+void CommandSender::SetUser(const QString &user)
+{
+    m_user = user;
+}
+
+void CommandSender::SetTeamMembership(const QString &teamMembership)
+{
+    m_teamMembership = teamMembership;
+}
+
+void CommandSender::SlotConnected()
+{
+    // The handshake: the first base path reply of a connection marks it as
+    // connected. No connection test here, the flag is not set yet.
+    GetBasePath();
+}
+
+void CommandSender::SlotDisconnected()
+{
+    m_connected.store(false);
+    emit disconnected();
+}
+
+void CommandSender::SlotCheckConnection()
+{
+    CommandSenderSocket *socket = m_socket.loadAcquire();
+    if (socket && socket->IsConnected())
+        GetBasePath();
+}
+
+void CommandSender::SlotHandleXmlReply(const QByteArray &message)
+{
+    const ParsedReply parsed = ParseReplyMessage(message);
+    if (!parsed.IsValid()) {
+        SlotHandleXmlError(parsed.error, true);
+        return;
+    }
+    if (parsed.lastError)
+        m_lastError.store(*parsed.lastError);
+    if (parsed.Kind() == ReplyKind::QueryDiskSpace)
+        Q_TRACE_FAILURE(kSource, QStringLiteral("CommandSender::SlotHandleXmlReply: Unknown command: %1")
+                                     .arg(int(ReplyKind::QueryDiskSpace)));
+    else
+        EmitReply(parsed);
+    emit si_requestHandled(parsed.requestId);
+}
+
+void CommandSender::SlotHandleXmlError(QString a_error, bool a_bRecoverable)
+{
+    CommandSenderSocket *socket = m_socket.loadAcquire();
+    const QString peer = socket ? socket->GetPeerAddress() : QString();
+    Q_TRACE_FAILURE(kSource, QStringLiteral("CommandSender::HandleXmlError: XML parse error from ") + peer
+                                 + QStringLiteral(" :") + a_error);
+    // The connection is deliberately left as it is, whatever the text says.
+    if (!a_bRecoverable)
+        Q_TRACE_FAILURE(kSource,
+                        QStringLiteral("CommandSender::HandleXmlError: Cannot recover from error. Closing connection."));
+}
+
+void CommandSender::HandleBasePath(const QString &path)
+{
+    {
+        QMutexLocker lock(&m_replyMutex);
+        m_basePath = path;
+    }
+    // Only the first base path reply of a connection announces it, even one
+    // that reports an error: the server answered.
+    if (!m_connected.exchange(true))
+        emit connected(path);
+}
+
+void CommandSender::EmitReply(const ParsedReply &reply)
+{
+    const QString &id = reply.requestId;
+    switch (reply.Kind()) {
+    case ReplyKind::CreateFileGroup: {
+        const auto *r = std::get_if<CreatedGroupResult>(&reply.result);
+        if (!r)
+            break;
+        StoreReplyValues(id, {r->path, {}, 0});
+        emit createFileGroupReply(r->guid, r->path);
+        break;
+    }
+    case ReplyKind::AddFile: {
+        const auto *r = std::get_if<FileIdResult>(&reply.result);
+        if (!r)
+            break;
+        StoreReplyValues(id, {QStringLiteral("%1").arg(r->fileId), {}, 0});
+        emit addFileReply(r->requestId, r->fileId);
+        break;
+    }
+    case ReplyKind::DeleteFile: {
+        const auto *r = std::get_if<StatusResult>(&reply.result);
+        if (!r)
+            break;
+        emit deleteFileReply(r->requestId, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::RequestFile: {
+        const auto *r = std::get_if<TextResult>(&reply.result);
+        if (!r)
+            break;
+        StoreReplyValues(id, {r->text, {}, 0});
+        emit requestFileReply(r->requestId, r->text, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::CloseFile: {
+        const auto *r = std::get_if<StatusResult>(&reply.result);
+        if (!r)
+            break;
+        emit closeFileReply(r->requestId, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::MoveToNas: {
+        const auto *r = std::get_if<StatusResult>(&reply.result);
+        if (!r)
+            break;
+        emit moveToNasReply(r->requestId, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::AddReference: {
+        const auto *r = std::get_if<StatusResult>(&reply.result);
+        if (!r)
+            break;
+        emit addReferenceReply(r->requestId, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::RemoveReference: {
+        const auto *r = std::get_if<StatusResult>(&reply.result);
+        if (!r)
+            break;
+        emit removeReferenceReply(r->requestId, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::RemoveAllReferences: {
+        const auto *r = std::get_if<StatusResult>(&reply.result);
+        if (!r)
+            break;
+        emit removeAllReferenceReply(r->requestId, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::QueryMetaData: {
+        const auto *r = std::get_if<MetaDataResult>(&reply.result);
+        if (!r)
+            break;
+        emit queryMetaDataReply(r->requestId, r->metaData, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::GetApplicationList: {
+        const auto *r = std::get_if<ListResult>(&reply.result);
+        if (!r)
+            break;
+        StoreReplyValues(id, {QString(), r->list, 0});
+        emit getApplicationListReply(r->requestId, r->list, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::GetFileList: {
+        const auto *r = std::get_if<ListResult>(&reply.result);
+        if (!r)
+            break;
+        StoreReplyValues(id, {QString(), r->list, 0});
+        emit getFileListReply(r->requestId, r->list, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::GetUserList: {
+        const auto *r = std::get_if<ListResult>(&reply.result);
+        if (!r)
+            break;
+        StoreReplyValues(id, {QString(), r->list, 0});
+        emit getUserListReply(r->requestId, r->list, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::QueryFileGroups: {
+        const auto *r = std::get_if<TableResult>(&reply.result);
+        if (!r)
+            break;
+        StoreReplyValues(id, {QString(), r->table, r->columnCount});
+        emit queryFileGroupsReply(r->requestId, r->table, r->columnCount, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::GetBasePath:
+        if (const auto *r = std::get_if<BasePathResult>(&reply.result))
+            HandleBasePath(r->path);
+        break;
+    case ReplyKind::CopyForeignFileGroupProgress: {
+        const auto *r = std::get_if<CopyProgressResult>(&reply.result);
+        if (!r)
+            break;
+        emit copyForeignFileGroupProgess(r->requestId, r->progress);
+        break;
+    }
+    case ReplyKind::ExportArchive: {
+        const auto *r = std::get_if<StatusResult>(&reply.result);
+        if (!r)
+            break;
+        emit exportArchiveReply(r->requestId, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::ImportArchive: {
+        const auto *r = std::get_if<StatusResult>(&reply.result);
+        if (!r)
+            break;
+        emit importArchiveReply(r->requestId, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::CreateTovinFileGroup: {
+        const auto *r = std::get_if<TextResult>(&reply.result);
+        if (!r)
+            break;
+        emit createTovinFileGroupReply(r->requestId, r->text, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::RegisterConverter: {
+        const auto *r = std::get_if<StatusResult>(&reply.result);
+        if (!r)
+            break;
+        emit registerConverterReply(r->requestId, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::ConvertFileGroup: {
+        const auto *r = std::get_if<ConvertRequestResult>(&reply.result);
+        if (!r)
+            break;
+        emit convertFileGroupRequested(r->guid, r->fileType, r->path);
+        break;
+    }
+    case ReplyKind::DeleteFileGroup: {
+        const auto *r = std::get_if<StatusResult>(&reply.result);
+        if (!r)
+            break;
+        emit deleteFileGroupReply(r->requestId, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::QueryLocationStateProgress: {
+        const auto *r = std::get_if<LocationStateProgressResult>(&reply.result);
+        if (!r)
+            break;
+        emit queryLocationStateProgressReply(r->requestId, r->locationState, r->progress, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::CheckFileGroupExists: {
+        const auto *r = std::get_if<ExistsResult>(&reply.result);
+        if (!r)
+            break;
+        emit checkFileGroupExistsReply(r->requestId, r->exists, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::GetRemoteStorageLocation: {
+        const auto *r = std::get_if<RemoteStorageLocationResult>(&reply.result);
+        if (!r)
+            break;
+        emit getRemoteStorageLocationReply(r->requestId, r->remoteIp, r->attachmentUrl, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::GetTovinFilegroupGuid: {
+        const auto *r = std::get_if<TextResult>(&reply.result);
+        if (!r)
+            break;
+        emit getTovinFilegroupGuidReply(r->requestId, r->text, r->error, r->errorString);
+        break;
+    }
+    case ReplyKind::QueryDiskSpace:
+    case ReplyKind::Count:
+        break;
+    }
+}
+
+} // namespace Kelda

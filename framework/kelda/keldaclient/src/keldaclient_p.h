@@ -1,0 +1,50 @@
+#pragma once
+
+#include "keldaclient.h"
+
+#include "commandsender.h"
+
+#include <QString>
+#include <QStringList>
+#include <QThread>
+
+#include <atomic>
+
+namespace Kelda {
+
+class KeldaClientPrivate
+{
+public:
+    explicit KeldaClientPrivate(KeldaClient *owner);
+    ~KeldaClientPrivate();
+
+    void StartSender(QString application, const QString &user, const QString &teamMembership);
+
+    // The common preconditions of every operation that talks to the server;
+    // a failure is traced as "<operation>: no kelda available" or
+    // "<operation>: no commandsender available".
+    bool CheckPreconditions(const QString &operation) const;
+
+    // The skeleton of the asynchronous operations: preconditions, Start
+    // trace, send, End trace with the sender's error. Returns the request id,
+    // or an empty string when nothing was sent.
+    template <typename Send>
+    QString Async(const QString &operation, const QString &startArguments, Send send);
+
+    // The skeleton of the blocking operations: preconditions, Start trace,
+    // send under a waiter, wait, End trace. True when the reply arrived in
+    // time; values then holds what the reply carried. The End trace shows
+    // the text result where there is one, else the sender's error.
+    template <typename Send>
+    bool Blocking(const QString &operation, const QString &startArguments, Send send,
+                  CommandSender::ReplyValues &values, bool textResult = false);
+
+    bool m_explicitServer = false;
+    CommandSender *m_sender = nullptr;
+    KeldaClient *m_owner;
+    QString m_basePath;
+    std::atomic<bool> m_connected{false};
+    QThread m_thread;
+};
+
+} // namespace Kelda
