@@ -2,6 +2,9 @@
 
 set(KELDA_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/kelda)
 set(KELDA_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/KeldaClient)
+# Installed libraries find each other, and installed programs find them, from
+# wherever the prefix is.
+set(CMAKE_INSTALL_RPATH "$ORIGIN;$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 
 # kelda_install_library(<target> <public header>...)
 # Installs a library into the package's export set and its public headers.

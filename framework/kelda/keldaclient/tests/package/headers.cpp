@@ -1,0 +1,9 @@
+// Each public header on its own, first in its group, so that a header that
+// forgets an include of its own fails to compile here.
+#include <keldaurl.h>
+#include <filegroupdata.h>
+#include <filequery.h>
+#include <keldaerror.h>
+#include <filetype.h>
+#include <keldaxml.h>
+#include <keldaclientglobal.h>
