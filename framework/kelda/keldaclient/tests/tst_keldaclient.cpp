@@ -70,7 +70,7 @@ private slots:
     void isValidUrl();
     void peerClosingEndsABlockingCallAtOnce();
     void malformedReplyLosesOnlyItself();
-    void serverRequestsAConversion();
+    void serverInitiatedMessages();
 
 private:
     QTemporaryDir m_basePath;
@@ -485,6 +485,12 @@ void KeldaClientTest::peerClosingEndsABlockingCallAtOnce()
     QVERIFY2(clock.elapsed() < 30000, "the blocking call ran into its time limit");
     QVERIFY(disconnected.size() == 1 || disconnected.wait(kSignalWaitMs));
     QVERIFY(!m_client->IsConnected());
+
+    // The next connection repeats the handshake and announces itself again.
+    QSignalSpy connected(m_client, &KeldaClient::connected);
+    QVERIFY(connected.wait(kSignalWaitMs));
+    QCOMPARE(m_peer->requests(QStringLiteral("GetBasePath")).size(), 2);
+    QVERIFY(m_client->IsConnected());
 }
 
 void KeldaClientTest::malformedReplyLosesOnlyItself()
@@ -511,10 +517,12 @@ void KeldaClientTest::malformedReplyLosesOnlyItself()
     QCOMPARE(m_client->GetUserList(), QStringList{QStringLiteral("ann")});
 }
 
-void KeldaClientTest::serverRequestsAConversion()
+void KeldaClientTest::serverInitiatedMessages()
 {
-    // The server may speak first; the client relays nothing for it, but the
-    // connection goes on.
+    // The server may speak first. A conversion request and a reply the client
+    // has no reader for are not relayed, but the connection goes on.
+    m_peer->send(ScriptedPeer::replyDocument(QStringLiteral("r-0"), QStringLiteral("QueryDiskSpaceReply"),
+                                             QStringLiteral("<m:Error>0</m:Error>")));
     m_peer->send(ScriptedPeer::replyDocument(QString(), QStringLiteral("ConvertFileGroup"),
                                              QStringLiteral("<m:Guid>%1</m:Guid><m:FileType>8</m:FileType>"
                                                             "<m:Path>/in</m:Path>")
@@ -526,6 +534,7 @@ void KeldaClientTest::serverRequestsAConversion()
     QCOMPARE(progress.at(0).at(0).toString(), QStringLiteral("r-1"));
     QCOMPARE(progress.at(0).at(1).toFloat(), 0.25f);
     QCOMPARE(m_client->GetUserList(), QStringList());
+    QVERIFY(m_traces.contains(QStringLiteral("CommandSender::SlotHandleXmlReply: Unknown command: 26")));
 }
 
 QTEST_GUILESS_MAIN(KeldaClientTest)
