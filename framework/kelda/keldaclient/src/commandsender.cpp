@@ -110,8 +110,8 @@ QString CommandSender::CreateFileGroup(const QString &guid, const QString &versi
     message.SetUserName(m_user);
     Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CreateFG: guid='%1' group='%2' path='%3' detail='%4' "
                                            "comment='%5' user='%6' type='%7'")
-                                .arg(guid, fileGroupName, path, detail, comment, m_user)
-                                .arg(int(fileType)));
+                                .arg(guid, fileGroupName, path, detail, comment, m_user,
+                                     QString::number(int(fileType))));
     return Send(message);
 }
 
@@ -155,7 +155,7 @@ QString CommandSender::DeleteFile(const QString &guid, int fileId)
     message.SetGuid(guid);
     message.SetFileId(fileId);
     Q_TRACE_DETAIL(kSource,
-                   QStringLiteral("KeldaClient::DeleteFile: guid='%1' fileid='%2'").arg(guid).arg(fileId));
+                   QStringLiteral("KeldaClient::DeleteFile: guid='%1' fileid='%2'").arg(guid, QString::number(fileId)));
     return Send(message);
 }
 
@@ -177,7 +177,8 @@ QString CommandSender::CloseFile(const QString &guid, int fileId)
     message.SetGuid(guid);
     message.SetUserName(GetClientKey());
     // The id only reaches the trace: the server closes by lock identity.
-    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CloseFile: guid='%1' fileid='%2'").arg(guid).arg(fileId));
+    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CloseFile: guid='%1' fileid='%2'")
+                                .arg(guid, QString::number(fileId)));
     return Send(message);
 }
 

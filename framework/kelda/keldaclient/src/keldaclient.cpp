@@ -218,7 +218,8 @@ KeldaClient::KeldaClient(const QString &host, quint16 port, const QString &appli
     : QObject(nullptr)
     , d(new KeldaClientPrivate(this))
 {
-    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::KeldaClient: Start (%1, %2)").arg(host).arg(port));
+    Q_TRACE_DETAIL(kSource,
+                   QStringLiteral("KeldaClient::KeldaClient: Start (%1, %2)").arg(host, QString::number(port)));
     ClientConfig *config = s_config.load();
     config->SetServerHost(host);
     config->SetXmlPort(port);
@@ -438,6 +439,10 @@ void KeldaClient::MoveToNasSync(const QString &guid)
         return;
     AsyncHandler waiter(d->m_sender, kReplyTimeoutMs);
     const QString requestId = MoveToNas(guid);
+    // The connection dropped between the two checks: nothing was sent, and
+    // the wait could only run into its time limit.
+    if (requestId.isEmpty())
+        return;
     // The failure trace names QueryFiles; kept so that existing log filters
     // keep matching.
     if (!waiter.Wait(requestId))
