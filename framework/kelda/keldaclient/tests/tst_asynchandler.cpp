@@ -73,7 +73,12 @@ void AsyncHandlerTest::wait()
     CommandSender *sender = m_sender;
     AsyncHandler handler(m_sender, 1000);
     later([sender, reply] { sender->SlotHandleXmlReply(reply); });
+    QElapsedTimer clock;
+    clock.start();
     QCOMPARE(handler.Wait(QStringLiteral("awaited")), expected);
+    // Another request's reply must not cut the wait short.
+    if (!expected)
+        QVERIFY(clock.elapsed() >= 900);
 }
 
 void AsyncHandlerTest::disconnectionEndsTheWaitAtOnce()

@@ -73,6 +73,10 @@ private slots:
     void serverInitiatedMessages();
 
 private:
+    // The request id of a command as the peer received it: the only way to
+    // match the signal of an operation that returns no id.
+    QString sentRequestId(const QString &command);
+
     QTemporaryDir m_basePath;
     ScriptedPeer *m_peer = nullptr;
     KeldaClient *m_client = nullptr;
@@ -220,17 +224,63 @@ void KeldaClientTest::asyncOperations_data()
                                    })
                                 << QByteArray(SIGNAL(CreateFileGroupSg(QString, QString)))
                                 << QVariantList{QStringLiteral("/srv/p")};
+    // Returns the GUID, not the request id; the reply carries both.
     row("CreateTovinFileGroupAsync") << QStringLiteral("CreateTovinFileGroup")
                                      << QStringLiteral("<m:Guid>%1</m:Guid><m:Error>0</m:Error>").arg(kGuid)
-                                     << AsyncCall([](KeldaClient &c) {
+                                     << AsyncCall([this](KeldaClient &c) {
                                             QString localPath;
-                                            c.CreateTovinFileGroupAsync(QStringLiteral("t"), QStringLiteral("r"),
-                                                                        QString(), QString(), QString(), FT_Image,
-                                                                        localPath, kGuid);
-                                            return c.GetUserListAsync();
+                                            const QString guid = c.CreateTovinFileGroupAsync(
+                                                QStringLiteral("t"), QStringLiteral("r"), QString(), QString(),
+                                                QString(), FT_Image, localPath, kGuid);
+                                            return guid == kGuid ? sentRequestId(QStringLiteral("CreateTovinFileGroup"))
+                                                                 : QString();
                                         })
-                                     << QByteArray(SIGNAL(GetUserListSg(QString, QStringList, int, QString)))
-                                     << QVariantList{QStringList(), 0, QString()};
+                                     << QByteArray(SIGNAL(CreateTovinFileGroupSg(QString, QString, int, QString)))
+                                     << QVariantList{kGuid, 0, QString()};
+    // Operations that return nothing are matched by the id their request carried.
+    auto sent = [this](const QString &command, std::function<void(KeldaClient &)> operation) {
+        return AsyncCall([this, command, operation](KeldaClient &c) {
+            operation(c);
+            return sentRequestId(command);
+        });
+    };
+    row("CloseFile") << QStringLiteral("CloseFile") << status
+                     << sent(QStringLiteral("CloseFile"), [](KeldaClient &c) { c.CloseFile(5, kGuid); })
+                     << QByteArray(SIGNAL(CloseFileSg(QString, int, QString))) << ok;
+    row("AddReference") << QStringLiteral("AddReference") << status
+                        << sent(QStringLiteral("AddReference"), [](KeldaClient &c) { c.AddReference(kGuid); })
+                        << QByteArray(SIGNAL(AddReferenceSg(QString, int, QString))) << ok;
+    row("RemoveReference") << QStringLiteral("RemoveReference") << status
+                           << sent(QStringLiteral("RemoveReference"), [](KeldaClient &c) { c.RemoveReference(kGuid); })
+                           << QByteArray(SIGNAL(RemoveReferenceSg(QString, int, QString))) << ok;
+    row("RemoveAllReferences") << QStringLiteral("RemoveAllReferences") << status
+                               << sent(QStringLiteral("RemoveAllReferences"),
+                                       [](KeldaClient &c) { c.RemoveAllReferences(kGuid); })
+                               << QByteArray(SIGNAL(RemoveAllReferenceSg(QString, int, QString))) << ok;
+    row("GetUserListAsync") << QStringLiteral("GetUserList")
+                            << QStringLiteral("<m:Users><m:User>ann</m:User></m:Users>")
+                            << AsyncCall([](KeldaClient &c) { return c.GetUserListAsync(); })
+                            << QByteArray(SIGNAL(GetUserListSg(QString, QStringList, int, QString)))
+                            << QVariantList{QStringList{QStringLiteral("ann")}, 0, QString()};
+    row("GetApplicationListAsync") << QStringLiteral("GetApplicationList")
+                                   << QStringLiteral("<m:Applications><m:Application>viewer</m:Application>"
+                                                     "</m:Applications>")
+                                   << AsyncCall([](KeldaClient &c) { return c.GetApplicationListAsync(); })
+                                   << QByteArray(SIGNAL(GetApplicationListSg(QString, QStringList, int, QString)))
+                                   << QVariantList{QStringList{QStringLiteral("viewer")}, 0, QString()};
+    // The record must survive the queued hop to the client's thread.
+    static const bool comparable = QMetaType::registerEqualsComparator<FileGroupData>();
+    Q_UNUSED(comparable)
+    FileGroupData metaData;
+    metaData.setGuid(QStringLiteral("g-1"));
+    metaData.setFileGroupName(QStringLiteral("scan"));
+    row("QueryMetaDataAsync")
+        << QStringLiteral("QueryMetaData")
+        << QStringLiteral("<m:Guid>g-1</m:Guid><m:FileGroupName>scan</m:FileGroupName>")
+        << AsyncCall([](KeldaClient &c) { return c.QueryMetaDataAsync(kGuid, QStringLiteral("app")); })
+        << QByteArray(SIGNAL(QueryMetaDataSg(QString, Kelda::FileGroupData, int, QString)))
+        << QVariantList{QVariant::fromValue(metaData), 0,
+                        QStringLiteral("the filegroup meta data request returned the error: No error")};
     row("GetFileListAsync") << QStringLiteral("GetFileList")
                             << QStringLiteral("<m:Files><m:File><m:FileId>4</m:FileId><m:FileName>x</m:FileName>"
                                               "</m:File></m:Files>")
@@ -304,11 +354,16 @@ void KeldaClientTest::asyncOperations()
     QVERIFY(spy.isValid());
     const QString requestId = call(*m_client);
     QCOMPARE(requestId.size(), 36);
-    QVERIFY(spy.wait(kSignalWaitMs));
-    QCOMPARE(spy.size(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 1, kSignalWaitMs);
     QCOMPARE(spy.at(0).at(0).toString(), requestId);
     QCOMPARE(spy.at(0).mid(1), arguments);
-    QTRY_VERIFY(!m_peer->requests(command).isEmpty());
+}
+
+QString KeldaClientTest::sentRequestId(const QString &command)
+{
+    if (!QTest::qWaitFor([&] { return !m_peer->requests(command).isEmpty(); }, kSignalWaitMs))
+        return QString();
+    return m_peer->requests(command).value(0).requestId;
 }
 
 void KeldaClientTest::errorState_data()
