@@ -1,0 +1,697 @@
+#include "replyparser.h"
+
+#include "keldaerror.h"
+#include "keldaxml.h"
+#include "trace.h"
+
+#include <QCoreApplication>
+#include <QDate>
+#include <QLocale>
+#include <QTime>
+#include <QVarLengthArray>
+
+#include <vector>
+
+namespace Kelda {
+
+namespace {
+
+// The parsers run inside the command sender; their traces name it.
+const char *const TraceSource = "framework/kelda/keldaclient/src/commandsender";
+
+// User-visible texts, all through translation.
+QString Translate(const char *text)
+{
+    return QCoreApplication::translate("Kelda::ReplyParser", text);
+}
+
+QString ExpectedButGotText(const ExpectedElements &expected, const QString &got)
+{
+    return expected.Size() == 1
+        ? Translate("Expected element %1, but got %2").arg(expected.Joined(), got)
+        : Translate("Expected one of %1, but got %2").arg(expected.Joined(), got);
+}
+
+QString ExpectedButEndText(const ExpectedElements &expected)
+{
+    return expected.Size() == 1
+        ? Translate("Expected element %1, but got end of document").arg(expected.Joined())
+        : Translate("Expected one of %1, but got end of document").arg(expected.Joined());
+}
+
+QString NamespaceText(QLatin1String expected, const QStringRef &got)
+{
+    return Translate("Expected namespace %1, but got %2").arg(expected, got);
+}
+
+QString UnexpectedText(const QStringRef &text)
+{
+    return Translate("Unexpected text %1").arg(text);
+}
+
+// The reader's own text for an element inside a text element.
+QString ExpectedCharacterDataText()
+{
+    return QCoreApplication::translate("QXmlStream", "Expected character data.");
+}
+
+QString WithPosition(const QString &text, const QXmlStreamReader &reader)
+{
+    return text + Translate(" at line %1, column %2").arg(reader.lineNumber()).arg(reader.columnNumber());
+}
+
+QString MetaDataErrorText(int error)
+{
+    return Translate("the filegroup meta data request returned the error: %1")
+        .arg(KeldaErrorString::Get(static_cast<KeldaError>(error)));
+}
+
+// Trace texts of the failed replies. Three name another operation; they are
+// diagnostics and are kept as they have always read.
+namespace TraceText {
+constexpr QLatin1String AddFile("Error while adding file: %1 (%2)");
+constexpr QLatin1String AddReference("Error while adding reference: %1 (%2)");
+constexpr QLatin1String CheckFileGroupExists("Error while getting QueryLocationStateProgress reply: %1 (%2)");
+constexpr QLatin1String CloseFile("Error while closing file: %1 (%2)");
+constexpr QLatin1String CreateFileGroup("Error while creating file group: %1 (%2)");
+constexpr QLatin1String DeleteFileGroup("Error while getting delete filegroup reply: %1 (%2)");
+constexpr QLatin1String DeleteFile("Error while deleting file group: %1 (%2)");
+constexpr QLatin1String ExportArchive("Error while exporting archive: %1 (%2)");
+constexpr QLatin1String ImportArchive("Error while importing archive: %1 (%2)");
+constexpr QLatin1String GetTovinFilegroupGuid("Error while getting GetTovinFilegroupGuid reply: %1 (%2)");
+constexpr QLatin1String GetApplicationList("Error while getting application list: %1 (%2)");
+constexpr QLatin1String GetUserList("Error while getting user list: %1 (%2)");
+constexpr QLatin1String GetFileList("Error while getting file list: %1 (%2)");
+constexpr QLatin1String GetBasePath("Error while getting base path: %1 (%2)");
+constexpr QLatin1String GetRemoteStorageLocation("Error while getting RemoteStorageLocation reply: %1 (%2)");
+constexpr QLatin1String MoveToNas("Error while moving to NAS: %1 (%2)");
+constexpr QLatin1String QueryFileGroups("Error while getting user list: %1 (%2)");
+constexpr QLatin1String QueryLocationStateProgress("Error while getting QueryLocationStateProgress reply: %1 (%2)");
+constexpr QLatin1String RegisterConverter("Error while getting register converter reply: %1 (%2)");
+constexpr QLatin1String RemoveAllReferences("Error while removing all references: %1 (%2)");
+constexpr QLatin1String RemoveReference("Error while removing reference: %1 (%2)");
+constexpr QLatin1String RequestFile("Error while requesting file: %1 (%2)");
+constexpr QLatin1String CopyProgress("Error while getting progress: %1 (%2)");
+} // namespace TraceText
+
+// Envelope steps, in the envelope namespace.
+const ExpectedElements EnvelopeList{Tag::Envelope};
+const ExpectedElements HeaderOrBodyList{Tag::Header, Tag::Body};
+const ExpectedElements VersionList{Tag::Version};
+const ExpectedElements RequestIdList{Tag::RequestId};
+const ExpectedElements BodyList{Tag::Body};
+
+// The body elements, in ReplyKind order.
+const ExpectedElements DispatchList{
+    Tag::CreateFileGroupReply, Tag::AddFileReply, Tag::DeleteFileReply, Tag::RequestFileReply,
+    Tag::CloseFileReply, Tag::MoveToNasReply, Tag::AddReferenceReply, Tag::RemoveReferenceReply,
+    Tag::RemoveAllReferencesReply, Tag::QueryMetaDataReply, Tag::GetApplicationListReply,
+    Tag::GetFileListReply, Tag::GetUserListReply, Tag::QueryFileGroupsReply, Tag::GetBasePathReply,
+    Tag::CopyForeignFileGroupProgress, Tag::ExportArchiveReply, Tag::ImportArchiveReply,
+    Tag::CreateTovinFileGroupReply, Tag::RegisterConverterReply, Tag::ConvertFileGroup,
+    Tag::DeleteFileGroupReply, Tag::QueryLocationStateProgressReply, Tag::CheckFileGroupExistsReply,
+    Tag::GetRemoteStorageLocationReply, Tag::GetTovinFilegroupGuidReply, Tag::QueryDiskSpaceReply};
+
+// Reply bodies. Where a reply has them, Error and ErrorString are the last
+// two entries.
+const ExpectedElements AddFileList{EndOf(Tag::AddFileReply), Tag::FileId, Tag::Error, Tag::ErrorString};
+const ExpectedElements AddReferenceList{EndOf(Tag::AddReferenceReply), Tag::Error, Tag::ErrorString};
+const ExpectedElements CheckFileGroupExistsList{EndOf(Tag::CheckFileGroupExistsReply), Tag::Exists, Tag::Error,
+                                                Tag::ErrorString};
+const ExpectedElements CloseFileList{EndOf(Tag::CloseFileReply), Tag::Error, Tag::ErrorString};
+const ExpectedElements CreateFileGroupList{EndOf(Tag::CreateFileGroupReply), Tag::Guid, Tag::Path, Tag::Error,
+                                           Tag::ErrorString};
+const ExpectedElements CreateTovinFileGroupList{EndOf(Tag::CreateTovinFileGroupReply), Tag::Guid, Tag::Path,
+                                                Tag::Error, Tag::ErrorString};
+const ExpectedElements DeleteFileGroupList{EndOf(Tag::DeleteFileGroupReply), Tag::Error, Tag::ErrorString};
+const ExpectedElements DeleteFileList{EndOf(Tag::DeleteFileReply), Tag::Error, Tag::ErrorString};
+const ExpectedElements ExportArchiveList{EndOf(Tag::ExportArchiveReply), Tag::Error, Tag::ErrorString};
+const ExpectedElements ImportArchiveList{EndOf(Tag::ImportArchiveReply), Tag::Error, Tag::ErrorString};
+const ExpectedElements GetTovinFilegroupGuidList{EndOf(Tag::GetTovinFilegroupGuidReply), Tag::Guid, Tag::Error,
+                                                 Tag::ErrorString};
+const ExpectedElements GetApplicationListList{EndOf(Tag::GetApplicationListReply), Tag::Applications,
+                                              Tag::Application, EndOf(Tag::Applications), Tag::Error,
+                                              Tag::ErrorString};
+const ExpectedElements GetUserListList{EndOf(Tag::GetUserListReply), Tag::Users, Tag::User, EndOf(Tag::Users),
+                                       Tag::Error, Tag::ErrorString};
+const ExpectedElements GetFileListList{EndOf(Tag::GetFileListReply), Tag::Files, Tag::File, Tag::FileId,
+                                       Tag::FileName, EndOf(Tag::File), EndOf(Tag::Files), Tag::Error,
+                                       Tag::ErrorString};
+const ExpectedElements GetBasePathList{EndOf(Tag::GetBasePathReply), Tag::Path, Tag::Error, Tag::ErrorString};
+const ExpectedElements GetRemoteStorageLocationList{EndOf(Tag::GetRemoteStorageLocationReply), Tag::RemoteIp,
+                                                    Tag::AttachmentUrl, Tag::Error, Tag::ErrorString};
+const ExpectedElements MoveToNasList{EndOf(Tag::MoveToNasReply), Tag::Error, Tag::ErrorString};
+const ExpectedElements QueryFileGroupsList{EndOf(Tag::QueryFileGroupsReply), Tag::FileGroup, Tag::Error,
+                                           Tag::ErrorString};
+const ExpectedElements FileGroupList{EndOf(Tag::FileGroup), Tag::Guid, Tag::FileGroupName, Tag::FileType,
+                                     Tag::LocationState, Tag::BackupTime, Tag::CreationTime,
+                                     Tag::ModificationTime, Tag::LifeCycle, Tag::Comment, Tag::Creator,
+                                     Tag::Detail, Tag::TeamMembership, Tag::Version, Tag::ReservedStorage,
+                                     Tag::ReferenceCounter, Tag::Files};
+const ExpectedElements QueryLocationStateProgressList{EndOf(Tag::QueryLocationStateProgressReply),
+                                                      Tag::LocationState, Tag::CopyProgress, Tag::Error,
+                                                      Tag::ErrorString};
+const ExpectedElements RegisterConverterList{EndOf(Tag::RegisterConverterReply), Tag::Error, Tag::ErrorString};
+const ExpectedElements RemoveAllReferencesList{EndOf(Tag::RemoveAllReferencesReply), Tag::Error,
+                                               Tag::ErrorString};
+const ExpectedElements RemoveReferenceList{EndOf(Tag::RemoveReferenceReply), Tag::Error, Tag::ErrorString};
+const ExpectedElements RequestFileList{EndOf(Tag::RequestFileReply), Tag::Path, Tag::Error, Tag::ErrorString};
+const ExpectedElements ConvertFileGroupList{EndOf(Tag::ConvertFileGroup), Tag::Guid, Tag::FileType, Tag::Path};
+const ExpectedElements CopyForeignFileGroupProgressList{EndOf(Tag::CopyForeignFileGroupProgress),
+                                                        Tag::CopyProgress, Tag::Error, Tag::ErrorString};
+
+// Two digits of text from position at; -1 for anything else.
+int TwoDigits(const QChar *text, int at)
+{
+    const int high = text[at].unicode() - '0';
+    const int low = text[at + 1].unicode() - '0';
+    if (high < 0 || high > 9 || low < 0 || low > 9)
+        return -1;
+    return high * 10 + low;
+}
+
+// "yyyy-MM-dd hh:mm:ss" by hand: a reply of many groups holds four per
+// group, and the general format parser costs far more than the row they feed.
+bool SplitReplyDateTime(QStringView text, QDate *date, QTime *time)
+{
+    if (text.size() != 19)
+        return false;
+    const QChar *c = text.data();
+    if (c[4] != QLatin1Char('-') || c[7] != QLatin1Char('-') || c[10] != QLatin1Char(' ')
+        || c[13] != QLatin1Char(':') || c[16] != QLatin1Char(':'))
+        return false;
+    const int century = TwoDigits(c, 0);
+    const int yearInCentury = TwoDigits(c, 2);
+    const int month = TwoDigits(c, 5);
+    const int day = TwoDigits(c, 8);
+    const int hour = TwoDigits(c, 11);
+    const int minute = TwoDigits(c, 14);
+    const int second = TwoDigits(c, 17);
+    if (century < 0 || yearInCentury < 0 || month < 0 || day < 0 || hour < 0 || minute < 0 || second < 0)
+        return false;
+    *date = QDate(century * 100 + yearInCentury, month, day);
+    *time = QTime(hour, minute, second);
+    return date->isValid() && time->isValid();
+}
+
+int NextChild(QXmlStreamReader &reader, const ExpectedElements &list)
+{
+    return ReadNextExpected(reader, list, Ns::Message);
+}
+
+bool IsBlank(const QStringRef &text)
+{
+    for (const QChar c : text) {
+        if (!c.isSpace())
+            return false;
+    }
+    return true;
+}
+
+// Error and ErrorString of a reply, completed with the local text.
+struct Status
+{
+    int error = 0;
+    QString errorString;
+};
+
+// Reads the children of a reply whose values are texts at positions
+// 1..count of list, followed by Error and ErrorString when the list has them.
+// A repeated child overwrites the earlier value.
+void ReadFields(QXmlStreamReader &reader, const ExpectedElements &list, QString *texts, int count, Status *status)
+{
+    for (int index = NextChild(reader, list); index != 0; index = NextChild(reader, list)) {
+        if (index <= count)
+            texts[index - 1] = reader.readElementText();
+        else if (index == count + 1)
+            status->error = reader.readElementText().toInt();
+        else
+            status->errorString = reader.readElementText();
+    }
+}
+
+// Reads a reply that lists texts: positions first..last of list are appended
+// in arrival order, Error and ErrorString are the last two positions, and
+// every other position is a wrapper that is only passed.
+void ReadListFields(QXmlStreamReader &reader, const ExpectedElements &list, int first, int last,
+                    QStringList *values, Status *status)
+{
+    const int errorIndex = list.Size() - 2;
+    for (int index = NextChild(reader, list); index != 0; index = NextChild(reader, list)) {
+        if (index >= first && index <= last)
+            values->append(reader.readElementText());
+        else if (index == errorIndex)
+            status->error = reader.readElementText().toInt();
+        else if (index == errorIndex + 1)
+            status->errorString = reader.readElementText();
+    }
+}
+
+// Completes the text of a failed reply and traces it; returns the code to
+// store.
+int FinishStatus(Status &status, QLatin1String traceText)
+{
+    if (status.error != 0) {
+        const QString local = KeldaErrorString::Get(static_cast<KeldaError>(status.error));
+        status.errorString = status.errorString.isEmpty()
+            ? local
+            : QStringLiteral("%1(%2)").arg(status.errorString, local);
+        Q_TRACE_FAILURE(TraceSource, traceText.arg(status.errorString, QString::number(status.error)));
+    }
+    return StoredErrorCode(status.error);
+}
+
+void ParseStatusReply(QXmlStreamReader &reader, const ExpectedElements &list, QLatin1String traceText,
+                      ParsedReply &out)
+{
+    Status status;
+    ReadFields(reader, list, nullptr, 0, &status);
+    out.lastError = FinishStatus(status, traceText);
+    out.result = StatusResult{out.requestId, status.error, status.errorString};
+}
+
+// Replies with one or two text values that the signal carries as text.
+template<int Count>
+void ParseTextReply(QXmlStreamReader &reader, const ExpectedElements &list, QLatin1String traceText,
+                    QString (&texts)[Count], Status &status, ParsedReply &out)
+{
+    ReadFields(reader, list, texts, Count, &status);
+    out.lastError = FinishStatus(status, traceText);
+}
+
+void ParseAddFile(QXmlStreamReader &reader, ParsedReply &out)
+{
+    QString texts[1];
+    Status status;
+    ParseTextReply(reader, AddFileList, TraceText::AddFile, texts, status, out);
+    out.result = FileIdResult{out.requestId, texts[0].toUInt()};
+}
+
+void ParseCheckFileGroupExists(QXmlStreamReader &reader, ParsedReply &out)
+{
+    QString texts[1];
+    Status status;
+    ParseTextReply(reader, CheckFileGroupExistsList, TraceText::CheckFileGroupExists, texts, status, out);
+    // Only the exact text: "TRUE" or "1" mean false.
+    const bool exists = texts[0] == QLatin1String("true");
+    out.result = ExistsResult{out.requestId, exists, status.error, status.errorString};
+}
+
+void ParseCreateFileGroup(QXmlStreamReader &reader, ParsedReply &out)
+{
+    QString texts[2];
+    Status status;
+    ParseTextReply(reader, CreateFileGroupList, TraceText::CreateFileGroup, texts, status, out);
+    out.result = CreatedGroupResult{texts[0], texts[1]};
+}
+
+void ParseCreateTovinFileGroup(QXmlStreamReader &reader, ParsedReply &out)
+{
+    QString texts[2];
+    Status status;
+    ParseTextReply(reader, CreateTovinFileGroupList, TraceText::CreateFileGroup, texts, status, out);
+    out.result = TextResult{out.requestId, texts[0], status.error, status.errorString};
+}
+
+void ParseSingleTextReply(QXmlStreamReader &reader, const ExpectedElements &list, QLatin1String traceText,
+                          ParsedReply &out)
+{
+    QString texts[1];
+    Status status;
+    ParseTextReply(reader, list, traceText, texts, status, out);
+    out.result = TextResult{out.requestId, texts[0], status.error, status.errorString};
+}
+
+void ParseGetBasePath(QXmlStreamReader &reader, ParsedReply &out)
+{
+    QString texts[1];
+    Status status;
+    ParseTextReply(reader, GetBasePathList, TraceText::GetBasePath, texts, status, out);
+    out.result = BasePathResult{texts[0]};
+}
+
+void ParseGetRemoteStorageLocation(QXmlStreamReader &reader, ParsedReply &out)
+{
+    QString texts[2];
+    Status status;
+    ParseTextReply(reader, GetRemoteStorageLocationList, TraceText::GetRemoteStorageLocation, texts, status, out);
+    out.result = RemoteStorageLocationResult{out.requestId, texts[0], texts[1], status.error, status.errorString};
+}
+
+void ParseQueryLocationStateProgress(QXmlStreamReader &reader, ParsedReply &out)
+{
+    QString texts[2];
+    Status status;
+    ParseTextReply(reader, QueryLocationStateProgressList, TraceText::QueryLocationStateProgress, texts, status,
+                   out);
+    out.result = LocationStateProgressResult{out.requestId, texts[0].toInt(), texts[1].toDouble(), status.error,
+                                             status.errorString};
+}
+
+void ParseCopyForeignFileGroupProgress(QXmlStreamReader &reader, ParsedReply &out)
+{
+    QString texts[1];
+    Status status;
+    ParseTextReply(reader, CopyForeignFileGroupProgressList, TraceText::CopyProgress, texts, status, out);
+    out.result = CopyProgressResult{out.requestId, texts[0].toFloat()};
+}
+
+// A request from the server, not a reply: it carries no error to store.
+void ParseConvertFileGroup(QXmlStreamReader &reader, ParsedReply &out)
+{
+    QString texts[3];
+    ReadFields(reader, ConvertFileGroupList, texts, 3, nullptr);
+    out.result = ConvertRequestResult{texts[0], static_cast<FileType>(texts[1].toInt()), texts[2]};
+}
+
+void ParseListReply(QXmlStreamReader &reader, const ExpectedElements &list, int first, int last,
+                    QLatin1String traceText, ParsedReply &out)
+{
+    ListResult result{out.requestId, {}, 0, {}};
+    Status status;
+    ReadListFields(reader, list, first, last, &result.list, &status);
+    out.lastError = FinishStatus(status, traceText);
+    result.error = status.error;
+    result.errorString = status.errorString;
+    out.result = std::move(result);
+}
+
+// The record is read by the record's own reader, which also yields the code;
+// the reply's text is the local sentence for every code, success included.
+void ParseQueryMetaData(QXmlStreamReader &reader, ParsedReply &out)
+{
+    MetaDataResult result;
+    result.requestId = out.requestId;
+    result.error = result.metaData.FromHtml(reader);
+    result.errorString = MetaDataErrorText(result.error);
+    out.lastError = StoredErrorCode(result.error);
+    out.result = std::move(result);
+}
+
+// QXmlStreamReader::readElementText() for values that are converted at once:
+// short texts need no heap allocation. The view lives until the next Read.
+class ElementText
+{
+public:
+    QStringView Read(QXmlStreamReader &reader)
+    {
+        m_buffer.clear();
+        for (;;) {
+            switch (reader.readNext()) {
+            case QXmlStreamReader::Characters:
+            case QXmlStreamReader::EntityReference: {
+                const QStringRef text = reader.text();
+                m_buffer.append(text.constData(), text.size());
+                break;
+            }
+            case QXmlStreamReader::EndElement:
+                return View();
+            case QXmlStreamReader::Comment:
+            case QXmlStreamReader::ProcessingInstruction:
+                break;
+            default:
+                if (!reader.hasError())
+                    reader.raiseError(ExpectedCharacterDataText());
+                return View();
+            }
+        }
+    }
+
+    int ReadInt(QXmlStreamReader &reader) { return ToInt(Read(reader)); }
+
+private:
+    QStringView View() const { return QStringView(m_buffer.constData(), m_buffer.size()); }
+
+    // The rules of QString::toInt(): blanks around, a sign, no group separators.
+    static int ToInt(QStringView text)
+    {
+        static const QLocale c = [] {
+            QLocale locale = QLocale::c();
+            locale.setNumberOptions(QLocale::RejectGroupSeparator);
+            return locale;
+        }();
+        return c.toInt(text);
+    }
+
+    QVarLengthArray<QChar, 64> m_buffer;
+};
+
+// The local date-times of one reply. Building a local QDateTime asks the C
+// library for the zone rules (with glibc and no TZ set, a file system call
+// each time), while many groups of a query reply share a backup or life
+// cycle time; a small direct-mapped table keeps the recent ones.
+class ReplyDateTimes
+{
+public:
+    QDateTime Get(QStringView text)
+    {
+        QDate date;
+        QTime time;
+        if (!SplitReplyDateTime(text, &date, &time))
+            return QDateTime();
+        const qint64 key = date.toJulianDay() * SecondsPerDay + time.msecsSinceStartOfDay() / 1000;
+        if (m_slots.empty())
+            m_slots.resize(SlotCount);
+        // Whole days are multiples of 2^7 seconds: mix the bits before
+        // taking the slot (Fibonacci hashing).
+        const quint64 mixed = static_cast<quint64>(key) * Q_UINT64_C(0x9E3779B97F4A7C15);
+        Slot &slot = m_slots[mixed >> (64 - SlotBits)];
+        if (!slot.used || slot.key != key)
+            slot = Slot{key, true, QDateTime(date, time)};
+        return slot.value;
+    }
+
+private:
+    static constexpr qint64 SecondsPerDay = 24 * 60 * 60;
+    static constexpr int SlotBits = 12;
+    static constexpr int SlotCount = 1 << SlotBits;
+    struct Slot
+    {
+        qint64 key = 0;
+        bool used = false;
+        QDateTime value;
+    };
+    std::vector<Slot> m_slots;
+};
+
+// Reads one m:FileGroup of a query reply. m:Files is passed unread: a Files
+// element with children fails the reply at its first child.
+FileGroupData ReadFileGroup(QXmlStreamReader &reader, ElementText &value, ReplyDateTimes &times)
+{
+    FileGroupData group;
+    for (int index = NextChild(reader, FileGroupList); index != 0; index = NextChild(reader, FileGroupList)) {
+        switch (index) {
+        case 1: group.setGuid(reader.readElementText()); break;
+        case 2: group.setFileGroupName(reader.readElementText()); break;
+        case 3: group.setFileType(static_cast<FileType>(value.ReadInt(reader))); break;
+        case 4: group.setLocationState(static_cast<LocationState>(value.ReadInt(reader))); break;
+        case 5: group.setBackupTime(times.Get(value.Read(reader))); break;
+        case 6: group.setCreationTime(times.Get(value.Read(reader))); break;
+        case 7: group.setModificationTime(times.Get(value.Read(reader))); break;
+        case 8: group.setLifeCycle(times.Get(value.Read(reader))); break;
+        case 9: group.setComment(reader.readElementText()); break;
+        case 10: group.setCreator(reader.readElementText()); break;
+        case 11: group.setDetail(reader.readElementText()); break;
+        case 12: group.setTeamMembership(reader.readElementText()); break;
+        case 13: group.setVersion(reader.readElementText()); break;
+        case 14: group.setReservedStorage(value.ReadInt(reader)); break;
+        case 15: group.setReferenceCounter(value.ReadInt(reader)); break;
+        default: break; // Files
+        }
+    }
+    return group;
+}
+
+// The table grows group by group; a failure anywhere drops all of it.
+void ParseQueryFileGroups(QXmlStreamReader &reader, ParsedReply &out)
+{
+    TableResult result;
+    result.requestId = out.requestId;
+    FileGroupData::GetHeaders(result.table);
+    result.columnCount = result.table.size();
+    Status status;
+    ElementText value;
+    ReplyDateTimes times;
+    for (int index = NextChild(reader, QueryFileGroupsList); index != 0;
+         index = NextChild(reader, QueryFileGroupsList)) {
+        if (index == 1)
+            ReadFileGroup(reader, value, times).ToStringList(result.table);
+        else if (index == 2)
+            status.error = value.ReadInt(reader);
+        else
+            status.errorString = reader.readElementText();
+    }
+    out.lastError = FinishStatus(status, TraceText::QueryFileGroups);
+    result.error = status.error;
+    result.errorString = status.errorString;
+    out.result = std::move(result);
+}
+
+// Throws ReplyProtocolError; out keeps what was read before.
+void ParseBody(ReplyKind kind, QXmlStreamReader &reader, ParsedReply &out)
+{
+    switch (kind) {
+    case ReplyKind::CreateFileGroup: ParseCreateFileGroup(reader, out); break;
+    case ReplyKind::AddFile: ParseAddFile(reader, out); break;
+    case ReplyKind::DeleteFile: ParseStatusReply(reader, DeleteFileList, TraceText::DeleteFile, out); break;
+    case ReplyKind::RequestFile: ParseSingleTextReply(reader, RequestFileList, TraceText::RequestFile, out); break;
+    case ReplyKind::CloseFile: ParseStatusReply(reader, CloseFileList, TraceText::CloseFile, out); break;
+    case ReplyKind::MoveToNas: ParseStatusReply(reader, MoveToNasList, TraceText::MoveToNas, out); break;
+    case ReplyKind::AddReference:
+        ParseStatusReply(reader, AddReferenceList, TraceText::AddReference, out);
+        break;
+    case ReplyKind::RemoveReference:
+        ParseStatusReply(reader, RemoveReferenceList, TraceText::RemoveReference, out);
+        break;
+    case ReplyKind::RemoveAllReferences:
+        ParseStatusReply(reader, RemoveAllReferencesList, TraceText::RemoveAllReferences, out);
+        break;
+    case ReplyKind::QueryMetaData: ParseQueryMetaData(reader, out); break;
+    case ReplyKind::GetApplicationList:
+        ParseListReply(reader, GetApplicationListList, 2, 2, TraceText::GetApplicationList, out);
+        break;
+    case ReplyKind::GetFileList: ParseListReply(reader, GetFileListList, 3, 4, TraceText::GetFileList, out); break;
+    case ReplyKind::GetUserList: ParseListReply(reader, GetUserListList, 2, 2, TraceText::GetUserList, out); break;
+    case ReplyKind::QueryFileGroups: ParseQueryFileGroups(reader, out); break;
+    case ReplyKind::GetBasePath: ParseGetBasePath(reader, out); break;
+    case ReplyKind::CopyForeignFileGroupProgress: ParseCopyForeignFileGroupProgress(reader, out); break;
+    case ReplyKind::ExportArchive:
+        ParseStatusReply(reader, ExportArchiveList, TraceText::ExportArchive, out);
+        break;
+    case ReplyKind::ImportArchive:
+        ParseStatusReply(reader, ImportArchiveList, TraceText::ImportArchive, out);
+        break;
+    case ReplyKind::CreateTovinFileGroup: ParseCreateTovinFileGroup(reader, out); break;
+    case ReplyKind::RegisterConverter:
+        ParseStatusReply(reader, RegisterConverterList, TraceText::RegisterConverter, out);
+        break;
+    case ReplyKind::ConvertFileGroup: ParseConvertFileGroup(reader, out); break;
+    case ReplyKind::DeleteFileGroup:
+        ParseStatusReply(reader, DeleteFileGroupList, TraceText::DeleteFileGroup, out);
+        break;
+    case ReplyKind::QueryLocationStateProgress: ParseQueryLocationStateProgress(reader, out); break;
+    case ReplyKind::CheckFileGroupExists: ParseCheckFileGroupExists(reader, out); break;
+    case ReplyKind::GetRemoteStorageLocation: ParseGetRemoteStorageLocation(reader, out); break;
+    case ReplyKind::GetTovinFilegroupGuid:
+        ParseSingleTextReply(reader, GetTovinFilegroupGuidList, TraceText::GetTovinFilegroupGuid, out);
+        break;
+    case ReplyKind::QueryDiskSpace:
+    case ReplyKind::Count:
+        break;
+    }
+}
+
+void ReadEnvelope(QXmlStreamReader &reader, ParsedReply &out)
+{
+    ReadNextExpected(reader, EnvelopeList, Ns::Envelope);
+    if (ReadNextExpected(reader, HeaderOrBodyList, Ns::Envelope) == 0) {
+        ReadNextExpected(reader, VersionList, Ns::Envelope);
+        reader.readElementText();
+        ReadNextExpected(reader, RequestIdList, Ns::Envelope);
+        out.requestId = reader.readElementText();
+        ReadNextExpected(reader, BodyList, Ns::Envelope);
+    }
+}
+
+void FailWith(const ReplyProtocolError &error, const QXmlStreamReader &reader, ParsedReply &out)
+{
+    out.result = std::monostate();
+    out.lastError.reset();
+    out.error = WithPosition(error.Text(), reader);
+}
+
+} // namespace
+
+ExpectedElements::ExpectedElements(std::initializer_list<Entry> entries)
+    : m_entries(entries)
+{
+    for (const Entry &entry : entries) {
+        if (!m_sJoined.isEmpty())
+            m_sJoined += QLatin1String(", ");
+        if (entry.isEnd)
+            m_sJoined += QLatin1Char('/');
+        m_sJoined += entry.name;
+    }
+}
+
+int ReadNextExpected(QXmlStreamReader &reader, const ExpectedElements &expected, QLatin1String namespaceUri)
+{
+    const int count = expected.Size();
+    while (!reader.atEnd()) {
+        switch (reader.readNext()) {
+        case QXmlStreamReader::StartElement: {
+            const QStringRef name = reader.name();
+            if (reader.namespaceUri() != namespaceUri)
+                throw ReplyProtocolError(NamespaceText(namespaceUri, reader.namespaceUri()));
+            for (int i = 0; i < count; ++i) {
+                const ExpectedElements::Entry &entry = expected.At(i);
+                if (!entry.isEnd && entry.name.size() == name.size() && name == entry.name)
+                    return i;
+            }
+            throw ReplyProtocolError(ExpectedButGotText(expected, name.toString()));
+        }
+        case QXmlStreamReader::EndElement: {
+            if (reader.namespaceUri() != namespaceUri)
+                break;
+            const QStringRef name = reader.name();
+            for (int i = 0; i < count; ++i) {
+                const ExpectedElements::Entry &entry = expected.At(i);
+                if (entry.isEnd && entry.name.size() == name.size() && name == entry.name)
+                    return i;
+            }
+            break;
+        }
+        case QXmlStreamReader::Characters:
+            if (!reader.isWhitespace() && !IsBlank(reader.text()))
+                throw ReplyProtocolError(UnexpectedText(reader.text()));
+            break;
+        default:
+            break;
+        }
+    }
+    if (reader.hasError())
+        throw ReplyProtocolError(reader.errorString());
+    throw ReplyProtocolError(ExpectedButEndText(expected));
+}
+
+int StoredErrorCode(int error)
+{
+    // Codes beyond the known range are not stored as such.
+    return error > KE_LastError ? KE_UnknownError : error;
+}
+
+QDateTime ParseReplyDateTime(QStringView text)
+{
+    QDate date;
+    QTime time;
+    return SplitReplyDateTime(text, &date, &time) ? QDateTime(date, time) : QDateTime();
+}
+
+ParsedReply ParseReply(ReplyKind kind, QXmlStreamReader &reader, const QString &requestId)
+{
+    ParsedReply out;
+    out.index = static_cast<int>(kind);
+    out.requestId = requestId;
+    try {
+        ParseBody(kind, reader, out);
+    } catch (const ReplyProtocolError &error) {
+        FailWith(error, reader, out);
+    }
+    return out;
+}
+
+ParsedReply ParseReplyMessage(const QByteArray &message)
+{
+    QXmlStreamReader reader(message);
+    ParsedReply out;
+    try {
+        ReadEnvelope(reader, out);
+        out.index = ReadNextExpected(reader, DispatchList, Ns::Message);
+        ParseBody(out.Kind(), reader, out);
+    } catch (const ReplyProtocolError &error) {
+        FailWith(error, reader, out);
+    }
+    return out;
+}
+
+} // namespace Kelda
