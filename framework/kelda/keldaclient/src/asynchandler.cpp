@@ -1,6 +1,7 @@
 #include "asynchandler.h"
 
 #include "commandsender.h"
+#include "threadstopper.h"
 
 #include <QMutexLocker>
 
@@ -28,12 +29,19 @@ void AsyncHandlerCommandSenderSocket::SetAwaitedRequestId(const QString &request
     m_awaited.storeRelease(&m_awaitedStorage);
 }
 
+void AsyncHandlerCommandSenderSocket::Detach()
+{
+    if (m_commandSender)
+        disconnect(m_commandSender, nullptr, this, nullptr);
+    m_waitCondition.store(nullptr);
+}
+
 void AsyncHandlerCommandSenderSocket::Finish(bool handled)
 {
     m_awaited.storeRelease(nullptr);
     m_handled.store(handled);
-    if (m_waitCondition)
-        m_waitCondition->wakeAll();
+    if (QWaitCondition *waitCondition = m_waitCondition.load())
+        waitCondition->wakeAll();
 }
 
 void AsyncHandlerCommandSenderSocket::sl_requestHandled(const QString &requestId)
@@ -49,27 +57,29 @@ void AsyncHandlerCommandSenderSocket::sl_disconnect()
 }
 
 AsyncHandler::AsyncHandler(CommandSender *sender, unsigned int timeoutMs)
-    : m_listener(sender, &m_waitCondition)
+    : m_listener(new AsyncHandlerCommandSenderSocket(sender, &m_waitCondition))
     , m_timeout(timeoutMs)
     , m_thread(new QThread(this))
 {
     m_thread->setObjectName(QStringLiteral("AsyncHandlerThread"));
-    m_listener.moveToThread(m_thread);
+    m_listener->moveToThread(m_thread);
+    connect(m_thread, &QThread::finished, m_listener, &QObject::deleteLater);
     m_thread->start(QThread::InheritPriority);
 }
 
 AsyncHandler::~AsyncHandler()
 {
-    m_thread->quit();
-    m_thread->wait(kThreadStopMs);
+    m_listener->Detach();
+    if (StopThread(m_thread, kThreadStopMs))
+        delete m_thread;
 }
 
 bool AsyncHandler::Wait(const QString &requestId)
 {
-    m_listener.SetAwaitedRequestId(requestId);
+    m_listener->SetAwaitedRequestId(requestId);
     QMutexLocker lock(&m_mutex);
     const bool woken = m_waitCondition.wait(&m_mutex, m_timeout);
-    return woken && m_listener.IsHandled();
+    return woken && m_listener->IsHandled();
 }
 
 } // namespace Kelda

@@ -23,6 +23,9 @@ class AsyncHandlerCommandSenderSocket : public QObject
 public:
     AsyncHandlerCommandSenderSocket(CommandSender *sender, QWaitCondition *waitCondition);
 
+    // Stops waking the wait condition, whose owner is going away.
+    void Detach();
+
     // Called once per handler, from the caller's thread, before it waits.
     void SetAwaitedRequestId(const QString &requestId);
     void Finish(bool handled);
@@ -35,7 +38,7 @@ public slots:
 private:
     std::atomic<bool> m_handled{false};
     CommandSender *m_commandSender;
-    QWaitCondition *m_waitCondition;
+    std::atomic<QWaitCondition *> m_waitCondition;
     // The awaited id is published through an atomic pointer so that the
     // listener thread can read it without a lock; the text itself is written
     // once, before it is published.
@@ -59,7 +62,8 @@ public:
     bool Wait(const QString &requestId);
 
 private:
-    AsyncHandlerCommandSenderSocket m_listener;
+    // The listener lives on m_thread and is deleted when that thread ends.
+    AsyncHandlerCommandSenderSocket *m_listener;
     unsigned int m_timeout;
     QWaitCondition m_waitCondition;
     QMutex m_mutex;

@@ -4,6 +4,7 @@
 #include "keldaerror.h"
 #include "replyparser.h"
 #include "requestmessages.h"
+#include "threadstopper.h"
 #include "trace.h"
 
 #include <QMutexLocker>
@@ -34,35 +35,44 @@ CommandSender::CommandSender(const QString &host, quint16 port, const QString &a
     , m_teamMembership(teamMembership)
     , m_host(host)
     , m_port(port)
+    , m_socketThread(new QThread)
 {
-    m_socketThread.setObjectName(QStringLiteral("commandSocketThread"));
+    m_socketThread->setObjectName(QStringLiteral("commandSocketThread"));
 }
 
 CommandSender::~CommandSender()
 {
     if (m_connectionCheckTimer)
         m_connectionCheckTimer->stop();
-    m_socketThread.quit();
-    if (!m_socketThread.wait(kThreadStopMs))
-        delete m_socket.fetchAndStoreOrdered(nullptr);
+    // The socket goes with its thread's finished(). A thread that does not
+    // end in time takes the socket with it whenever it does end: deleting an
+    // object its thread may still be using is no way out.
+    if (StopThread(m_socketThread, kThreadStopMs))
+        delete m_socketThread;
+    m_socket.storeRelease(nullptr);
 }
 
 void CommandSender::start()
 {
-    m_socketThread.quit();
-    m_socketThread.wait();
-    delete m_socket.fetchAndStoreOrdered(nullptr);
+    // A second start replaces the socket: the old one is deleted here, so its
+    // thread's finished() must not delete it as well.
+    CommandSenderSocket *old = m_socket.fetchAndStoreOrdered(nullptr);
+    if (old)
+        disconnect(m_socketThread, nullptr, old, nullptr);
+    m_socketThread->quit();
+    m_socketThread->wait();
+    delete old;
 
     auto *socket = new CommandSenderSocket(m_host, m_port);
-    socket->moveToThread(&m_socketThread);
+    socket->moveToThread(m_socketThread);
     connect(socket, &CommandSenderSocket::si_newMessage, this, &CommandSender::SlotHandleXmlReply);
     connect(socket, &CommandSenderSocket::si_connected, this, &CommandSender::SlotConnected);
     connect(socket, &CommandSenderSocket::si_disconnected, this, &CommandSender::SlotDisconnected);
-    connect(&m_socketThread, &QThread::finished, socket, &QObject::deleteLater);
+    connect(m_socketThread, &QThread::finished, socket, &QObject::deleteLater);
     m_socket.storeRelease(socket);
 
-    m_socketThread.setObjectName(QStringLiteral("commandSocketThread"));
-    m_socketThread.start(QThread::InheritPriority);
+    m_socketThread->setObjectName(QStringLiteral("commandSocketThread"));
+    m_socketThread->start(QThread::InheritPriority);
 
     if (!m_connectionCheckTimer) {
         m_connectionCheckTimer = new QTimer(this);

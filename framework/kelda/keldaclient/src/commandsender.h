@@ -167,7 +167,7 @@ private:
     std::atomic<bool> m_connected{false};
     QTimer *m_connectionCheckTimer = nullptr;
     QAtomicPointer<CommandSenderSocket> m_socket;
-    QThread m_socketThread;
+    QThread *m_socketThread;
 };
 
 } // namespace Kelda

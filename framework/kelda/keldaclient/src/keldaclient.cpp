@@ -5,6 +5,7 @@
 #include "clientconfig.h"
 #include "filequery.h"
 #include "keldaclient_p.h"
+#include "threadstopper.h"
 #include "trace.h"
 #include "translationcenter.h"
 
@@ -68,8 +69,9 @@ namespace Kelda {
 
 KeldaClientPrivate::KeldaClientPrivate(KeldaClient *owner)
     : m_owner(owner)
+    , m_thread(new QThread)
 {
-    m_thread.setObjectName(QStringLiteral("commandSenderThread"));
+    m_thread->setObjectName(QStringLiteral("commandSenderThread"));
     // Every client shares this copy, so that the host and port a constructor
     // sets reach every later reader.
     static KeldaClient::ClientConfig config;
@@ -85,11 +87,11 @@ KeldaClientPrivate::KeldaClientPrivate(KeldaClient *owner)
 
 KeldaClientPrivate::~KeldaClientPrivate()
 {
-    m_thread.quit();
-    // A sender whose thread hangs is deleted here; otherwise the thread's
-    // finished() has already scheduled its deleteLater().
-    if (!m_thread.wait(kThreadStopMs))
-        delete m_sender;
+    // The sender goes with its thread's finished(). A thread that hangs is
+    // abandoned after a second, and takes the sender with it whenever it
+    // ends: the sender cannot be deleted while its thread may still use it.
+    if (StopThread(m_thread, kThreadStopMs))
+        delete m_thread;
     m_sender = nullptr;
 }
 
@@ -100,14 +102,16 @@ void KeldaClientPrivate::StartSender(QString application, const QString &user, c
     if (application.isEmpty())
         application = CfgCenter::GetAppName();
 
-    m_thread.quit();
-    m_thread.wait();
+    if (m_sender)
+        QObject::disconnect(m_thread, nullptr, m_sender, nullptr);
+    m_thread->quit();
+    m_thread->wait();
     delete m_sender;
     m_sender = nullptr;
 
     KeldaClient::ClientConfig *config = KeldaClient::s_config.load();
     m_sender = new CommandSender(config->GetServerHost(), config->GetXmlPort(), application, user, teamMembership);
-    m_sender->moveToThread(&m_thread);
+    m_sender->moveToThread(m_thread);
 
     KeldaClient *q = m_owner;
     QObject::connect(m_sender, &CommandSender::connected, q, &KeldaClient::SlotConnected);
@@ -138,9 +142,9 @@ void KeldaClientPrivate::StartSender(QString application, const QString &user, c
     QObject::connect(m_sender, &CommandSender::queryLocationStateProgressReply, q,
                      &KeldaClient::queryLocationStateProgressSg);
     QObject::connect(m_sender, &CommandSender::checkFileGroupExistsReply, q, &KeldaClient::checkFileGroupExistsSg);
-    QObject::connect(&m_thread, &QThread::finished, m_sender, &QObject::deleteLater);
+    QObject::connect(m_thread, &QThread::finished, m_sender, &QObject::deleteLater);
 
-    m_thread.start(QThread::InheritPriority);
+    m_thread->start(QThread::InheritPriority);
     QMetaObject::invokeMethod(m_sender, "start");
 }
 

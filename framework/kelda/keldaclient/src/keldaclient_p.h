@@ -44,7 +44,7 @@ public:
     KeldaClient *m_owner;
     QString m_basePath;
     std::atomic<bool> m_connected{false};
-    QThread m_thread;
+    QThread *m_thread;
 };
 
 } // namespace Kelda

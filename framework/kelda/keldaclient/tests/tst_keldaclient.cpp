@@ -5,6 +5,7 @@
 
 #include <QDir>
 #include <QElapsedTimer>
+#include <QSemaphore>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QXmlStreamReader>
@@ -71,6 +72,7 @@ private slots:
     void peerClosingEndsABlockingCallAtOnce();
     void malformedReplyLosesOnlyItself();
     void serverInitiatedMessages();
+    void destructionDoesNotWaitForAHungSender();
 
 private:
     // The request id of a command as the peer received it: the only way to
@@ -590,6 +592,32 @@ void KeldaClientTest::serverInitiatedMessages()
     QCOMPARE(progress.at(0).at(1).toFloat(), 0.25f);
     QCOMPARE(m_client->GetUserList(), QStringList());
     QVERIFY(m_traces.contains(QStringLiteral("CommandSender::SlotHandleXmlReply: Unknown command: 26")));
+}
+
+void KeldaClientTest::destructionDoesNotWaitForAHungSender()
+{
+    // The sender's thread hangs in the trace of a broken reply until the test
+    // lets it go.
+    auto release = std::make_shared<QSemaphore>();
+    auto hung = std::make_shared<std::atomic<bool>>(false);
+    ErrorHandler::Instance()->SetTraceHook([release, hung](const QString &text, const char *, int) {
+        if (QThread::currentThread()->objectName() == QLatin1String("commandSenderThread")
+            && text.startsWith(QLatin1String("CommandSender::HandleXmlError"))) {
+            *hung = true;
+            release->acquire();
+        }
+    });
+    m_peer->setReplyChildren(QStringLiteral("GetUserList"), QStringLiteral("<m:Bogus/>"));
+    m_client->GetUserListAsync();
+    QTRY_VERIFY_WITH_TIMEOUT(hung->load(), kSignalWaitMs);
+
+    QElapsedTimer clock;
+    clock.start();
+    delete m_client;
+    m_client = nullptr;
+    const qint64 elapsed = clock.elapsed();
+    release->release();
+    QVERIFY2(elapsed >= 900 && elapsed < 10000, qPrintable(QString::number(elapsed)));
 }
 
 QTEST_GUILESS_MAIN(KeldaClientTest)
