@@ -502,6 +502,17 @@ FileGroupData ReadFileGroup(QXmlStreamReader &reader, ElementText &value, ReplyD
     return group;
 }
 
+// Room for one more row. FileGroupData::ToStringList reserves exactly one
+// row more, which would move the whole table for every group; growing it in
+// doubling steps first leaves that reservation nothing to do.
+void ReserveRow(QStringList &table, int columnCount, int &reserved)
+{
+    if (table.size() + columnCount <= reserved)
+        return;
+    reserved = qMax(2 * reserved, 64 * columnCount);
+    table.reserve(reserved);
+}
+
 // The table grows group by group; a failure anywhere drops all of it.
 void ParseQueryFileGroups(QXmlStreamReader &reader, ParsedReply &out)
 {
@@ -512,14 +523,18 @@ void ParseQueryFileGroups(QXmlStreamReader &reader, ParsedReply &out)
     Status status;
     ElementText value;
     ReplyDateTimes times;
+    int reserved = 0;
     for (int index = NextChild(reader, QueryFileGroupsList); index != 0;
          index = NextChild(reader, QueryFileGroupsList)) {
-        if (index == 1)
-            ReadFileGroup(reader, value, times).ToStringList(result.table);
-        else if (index == 2)
+        if (index == 1) {
+            const FileGroupData group = ReadFileGroup(reader, value, times);
+            ReserveRow(result.table, result.columnCount, reserved);
+            group.ToStringList(result.table);
+        } else if (index == 2) {
             status.error = value.ReadInt(reader);
-        else
+        } else {
             status.errorString = reader.readElementText();
+        }
     }
     out.lastError = FinishStatus(status, TraceText::QueryFileGroups);
     result.error = status.error;
