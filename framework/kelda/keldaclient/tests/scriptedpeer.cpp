@@ -12,67 +12,84 @@
 
 using namespace Kelda;
 
+namespace {
+
+// Every answer leaves this long after its request arrived, so that a blocking
+// call is already waiting for it.
+constexpr int kReplyDelayMs = 20;
+
+QByteArray frame(const QByteArray &payload)
+{
+    QByteArray bytes(4, '\0');
+    qToLittleEndian<quint32>(quint32(payload.size()), bytes.data());
+    return bytes + payload;
+}
+
+ScriptedPeer::Request parse(const QByteArray &document)
+{
+    ScriptedPeer::Request request{QString(), QString(), document};
+    QXmlStreamReader reader(document);
+    bool inBody = false;
+    while (!reader.atEnd() && request.command.isEmpty()) {
+        if (reader.readNext() != QXmlStreamReader::StartElement)
+            continue;
+        if (reader.name() == Tag::RequestId)
+            request.requestId = reader.readElementText();
+        else if (inBody)
+            request.command = reader.name().toString();
+        inBody = inBody || reader.name() == Tag::Body;
+    }
+    return request;
+}
+
+} // namespace
+
 class PeerServer : public QObject
 {
-    Q_OBJECT
-
 public:
     explicit PeerServer(ScriptedPeer *peer)
         : m_peer(peer)
+        , m_server(this)
     {
     }
 
-public slots:
     quint16 listen()
     {
-        m_server = new QTcpServer(this);
-        connect(m_server, &QTcpServer::newConnection, this, &PeerServer::accept);
-        return m_server->listen(QHostAddress::LocalHost, 0) ? m_server->serverPort() : 0;
+        connect(&m_server, &QTcpServer::newConnection, this, &PeerServer::accept);
+        return m_server.listen(QHostAddress::LocalHost, 0) ? m_server.serverPort() : 0;
     }
 
     void write(const QByteArray &bytes)
     {
-        for (QTcpSocket *socket : qAsConst(m_sockets))
+        for (QTcpSocket *socket : m_server.findChildren<QTcpSocket *>())
             socket->write(bytes);
-    }
-
-    void dropAll()
-    {
-        const auto sockets = m_sockets;
-        for (QTcpSocket *socket : sockets)
-            socket->abort();
     }
 
     void shutdown()
     {
-        dropAll();
-        delete m_server;
-        m_server = nullptr;
+        for (QTcpSocket *socket : m_server.findChildren<QTcpSocket *>())
+            socket->abort();
+        m_server.close();
     }
 
 private:
     void accept()
     {
-        while (QTcpSocket *socket = m_server->nextPendingConnection()) {
-            m_sockets.append(socket);
-            m_buffers.insert(socket, QByteArray());
+        while (QTcpSocket *socket = m_server.nextPendingConnection()) {
             connect(socket, &QTcpSocket::readyRead, this, [this, socket] { read(socket); });
             connect(socket, &QTcpSocket::disconnected, this, [this, socket] {
-                m_sockets.removeAll(socket);
                 m_buffers.remove(socket);
                 socket->deleteLater();
-                {
-                    QMutexLocker lock(&m_peer->m_mutex);
-                    --m_peer->m_connections;
-                }
-                emit m_peer->clientDisconnected();
+                changeConnections(-1);
             });
-            {
-                QMutexLocker lock(&m_peer->m_mutex);
-                ++m_peer->m_connections;
-            }
-            emit m_peer->clientConnected();
+            changeConnections(+1);
         }
+    }
+
+    void changeConnections(int delta)
+    {
+        QMutexLocker lock(&m_peer->m_mutex);
+        m_peer->m_connections += delta;
     }
 
     void read(QTcpSocket *socket)
@@ -83,87 +100,70 @@ private:
             const quint32 length = qFromLittleEndian<quint32>(buffer.constData());
             if (quint32(buffer.size()) - 4 < length)
                 return;
-            handle(socket, buffer.mid(4, int(length)));
+            handle(socket, parse(buffer.mid(4, int(length))));
             buffer.remove(0, int(length) + 4);
         }
     }
 
-    void handle(QTcpSocket *socket, const QByteArray &document)
+    void handle(QTcpSocket *socket, const ScriptedPeer::Request &request)
     {
-        const ScriptedPeer::Request request = parse(document);
-        m_peer->record(request);
-        int delay;
+        ScriptedPeer::Answer answer;
+        QString basePath;
         bool disconnect;
         {
             QMutexLocker lock(&m_peer->m_mutex);
-            delay = m_peer->m_replyDelay;
+            m_peer->m_requests.append(request);
+            answer = m_peer->m_answers.value(request.command);
+            basePath = m_peer->m_basePath;
             disconnect = m_peer->m_disconnectOn.contains(request.command);
         }
         QPointer<QTcpSocket> target(socket);
         if (disconnect) {
-            QTimer::singleShot(delay, this, [target] {
+            QTimer::singleShot(kReplyDelayMs, this, [target] {
                 if (target)
                     target->abort();
             });
             return;
         }
-        const QByteArray reply = m_peer->answerFor(request);
-        if (reply.isEmpty())
-            return;
-        QTimer::singleShot(delay, this, [target, reply] {
-            if (target)
-                target->write(ScriptedPeer::frame(reply));
-        });
-    }
-
-    static ScriptedPeer::Request parse(const QByteArray &document)
-    {
-        ScriptedPeer::Request request;
-        request.document = document;
-        QXmlStreamReader reader(document);
-        bool inBody = false;
-        while (!reader.atEnd() && request.command.isEmpty()) {
-            if (reader.readNext() != QXmlStreamReader::StartElement)
-                continue;
-            if (reader.name() == Tag::RequestId)
-                request.requestId = reader.readElementText();
-            else if (reader.name() == Tag::Body)
-                inBody = true;
-            else if (inBody)
-                request.command = reader.name().toString();
+        QByteArray reply;
+        if (answer)
+            reply = answer(request);
+        else if (request.command == Tag::GetBasePath)
+            reply = ScriptedPeer::replyDocument(request.requestId, Tag::GetBasePathReply,
+                                                QStringLiteral("<m:Path>%1</m:Path>").arg(basePath.toHtmlEscaped()));
+        else
+            reply = ScriptedPeer::replyDocument(request.requestId, request.command + QLatin1String("Reply"),
+                                                QStringLiteral("<m:Error>0</m:Error>"));
+        if (!reply.isEmpty()) {
+            QTimer::singleShot(kReplyDelayMs, this, [target, reply] {
+                if (target)
+                    target->write(frame(reply));
+            });
         }
-        return request;
     }
 
     ScriptedPeer *m_peer;
-    QTcpServer *m_server = nullptr;
-    QList<QTcpSocket *> m_sockets;
+    // A child, so that it moves to the peer's thread with this object.
+    QTcpServer m_server;
     QMap<QTcpSocket *, QByteArray> m_buffers;
 };
 
-ScriptedPeer::ScriptedPeer(QObject *parent)
-    : QObject(parent)
-    , m_basePath(QStringLiteral("/tmp"))
+ScriptedPeer::ScriptedPeer()
+    : m_server(new PeerServer(this))
 {
     m_thread.setObjectName(QStringLiteral("ScriptedPeerThread"));
-    m_server = new PeerServer(this);
     m_server->moveToThread(&m_thread);
     m_thread.start();
-    QMetaObject::invokeMethod(m_server, &PeerServer::listen, Qt::BlockingQueuedConnection, &m_port);
+    QMetaObject::invokeMethod(
+        m_server, [this] { return m_server->listen(); }, Qt::BlockingQueuedConnection, &m_port);
 }
 
 ScriptedPeer::~ScriptedPeer()
 {
-    QMetaObject::invokeMethod(m_server, &PeerServer::shutdown, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(m_server, [this] { m_server->shutdown(); }, Qt::BlockingQueuedConnection);
     m_thread.quit();
     m_thread.wait();
     delete m_server;
-}
-
-void ScriptedPeer::setReplyDelay(int ms)
-{
-    QMutexLocker lock(&m_mutex);
-    m_replyDelay = ms;
 }
 
 void ScriptedPeer::setBasePath(const QString &path)
@@ -185,27 +185,17 @@ void ScriptedPeer::setReplyChildren(const QString &command, const QString &child
     });
 }
 
-void ScriptedPeer::setSilent(const QString &command)
-{
-    setAnswer(command, [](const Request &) { return QByteArray(); });
-}
-
 void ScriptedPeer::setDisconnectOn(const QString &command)
 {
     QMutexLocker lock(&m_mutex);
     m_disconnectOn.append(command);
 }
 
-QList<ScriptedPeer::Request> ScriptedPeer::requests() const
-{
-    QMutexLocker lock(&m_mutex);
-    return m_requests;
-}
-
 QList<ScriptedPeer::Request> ScriptedPeer::requests(const QString &command) const
 {
+    QMutexLocker lock(&m_mutex);
     QList<Request> matching;
-    for (const Request &request : requests()) {
+    for (const Request &request : m_requests) {
         if (request.command == command)
             matching.append(request);
     }
@@ -220,24 +210,8 @@ int ScriptedPeer::connectionCount() const
 
 void ScriptedPeer::send(const QByteArray &document)
 {
-    sendRaw(frame(document));
-}
-
-void ScriptedPeer::sendRaw(const QByteArray &bytes)
-{
-    QMetaObject::invokeMethod(m_server, [this, bytes] { m_server->write(bytes); }, Qt::BlockingQueuedConnection);
-}
-
-void ScriptedPeer::dropConnections()
-{
-    QMetaObject::invokeMethod(m_server, &PeerServer::dropAll, Qt::BlockingQueuedConnection);
-}
-
-QByteArray ScriptedPeer::frame(const QByteArray &payload)
-{
-    QByteArray bytes(4, '\0');
-    qToLittleEndian<quint32>(quint32(payload.size()), bytes.data());
-    return bytes + payload;
+    QMetaObject::invokeMethod(m_server, [this, document] { m_server->write(frame(document)); },
+                              Qt::BlockingQueuedConnection);
 }
 
 QByteArray ScriptedPeer::replyDocument(const QString &requestId, const QString &element, const QString &children,
@@ -252,32 +226,3 @@ QByteArray ScriptedPeer::replyDocument(const QString &requestId, const QString &
                 .arg(element, Ns::Message, children);
     return text.toUtf8();
 }
-
-QByteArray ScriptedPeer::answerFor(const Request &request)
-{
-    Answer answer;
-    QString basePath;
-    {
-        QMutexLocker lock(&m_mutex);
-        answer = m_answers.value(request.command);
-        basePath = m_basePath;
-    }
-    if (answer)
-        return answer(request);
-    const QString reply = request.command + QLatin1String("Reply");
-    if (request.command == Tag::GetBasePath)
-        return replyDocument(request.requestId, reply,
-                             QStringLiteral("<m:Path>%1</m:Path><m:Error>0</m:Error>").arg(basePath.toHtmlEscaped()));
-    return replyDocument(request.requestId, reply, QStringLiteral("<m:Error>0</m:Error>"));
-}
-
-void ScriptedPeer::record(const Request &request)
-{
-    {
-        QMutexLocker lock(&m_mutex);
-        m_requests.append(request);
-    }
-    emit requestReceived(request.command, request.requestId);
-}
-
-#include "scriptedpeer.moc"

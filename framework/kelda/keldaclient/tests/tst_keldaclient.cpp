@@ -19,8 +19,10 @@ using namespace Kelda;
 
 using BlockingCall = std::function<QVariant(KeldaClient &)>;
 using AsyncCall = std::function<QString(KeldaClient &)>;
+using Operation = std::function<void(KeldaClient &)>;
 Q_DECLARE_METATYPE(BlockingCall)
 Q_DECLARE_METATYPE(AsyncCall)
+Q_DECLARE_METATYPE(Operation)
 
 namespace {
 
@@ -61,11 +63,8 @@ private slots:
     void asyncOperations();
     void errorState_data();
     void errorState();
-    void identityReachesRequests();
-    void requestFileByUrl_data();
-    void requestFileByUrl();
-    void addFileSendsTheFileName_data();
-    void addFileSendsTheFileName();
+    void requestFields_data();
+    void requestFields();
     void createFileGroupMakesTheLocalDirectoryFirst();
     void isValidUrl_data();
     void isValidUrl();
@@ -126,63 +125,46 @@ void KeldaClientTest::blockingOperations_data()
     QTest::addColumn<BlockingCall>("call");
     QTest::addColumn<QVariant>("expected");
 
-    QTest::newRow("RequestFile") << QStringLiteral("RequestFile")
-                                 << QStringLiteral("<m:Path>/a/b.bin</m:Path><m:Error>0</m:Error>")
-                                 << BlockingCall([](KeldaClient &c) {
-                                        return QVariant(c.RequestFile(3, kGuid, LOCK_Read));
-                                    })
-                                 << QVariant(QStringLiteral("/a/b.bin"));
-    QTest::newRow("AddFile") << QStringLiteral("AddFile") << QStringLiteral("<m:FileId>17</m:FileId>")
-                             << BlockingCall([](KeldaClient &c) {
-                                    return QVariant(c.AddFile(QStringLiteral("/x/a.bin"), kGuid));
-                                })
-                             << QVariant(17u);
-    QTest::newRow("GetUserList") << QStringLiteral("GetUserList")
-                                 << QStringLiteral("<m:Users><m:User>ann</m:User><m:User>bob</m:User></m:Users>")
-                                 << BlockingCall([](KeldaClient &c) { return QVariant(c.GetUserList()); })
-                                 << QVariant(QStringList{QStringLiteral("ann"), QStringLiteral("bob")});
-    QTest::newRow("GetApplicationList")
-        << QStringLiteral("GetApplicationList")
-        << QStringLiteral("<m:Applications><m:Application>viewer</m:Application></m:Applications>")
-        << BlockingCall([](KeldaClient &c) { return QVariant(c.GetApplicationList()); })
-        << QVariant(QStringList{QStringLiteral("viewer")});
-    QTest::newRow("GetFileList") << QStringLiteral("GetFileList")
-                                 << QStringLiteral("<m:Files><m:File><m:FileId>1</m:FileId><m:FileName>a</m:FileName>"
-                                                   "</m:File><m:File><m:FileId>2</m:FileId>"
-                                                   "<m:FileName>b</m:FileName></m:File></m:Files>")
-                                 << BlockingCall([](KeldaClient &c) { return QVariant(c.GetFileList(kGuid)); })
-                                 << QVariant(QStringList{QStringLiteral("1"), QStringLiteral("a"),
-                                                         QStringLiteral("2"), QStringLiteral("b")});
-    QTest::newRow("QueryFiles") << QStringLiteral("QueryFileGroups") << QString::fromLatin1(kFileGroupChildren)
-                                << BlockingCall([](KeldaClient &c) {
-                                       unsigned int count = 0;
-                                       const QStringList table = c.QueryFiles(FileQuery(), count);
-                                       return QVariant(QStringList{QString::number(count),
-                                                                   QString::number(table.size()), table.value(16),
-                                                                   table.value(24), table.value(31)});
-                                   })
-                                << QVariant(QStringList{QStringLiteral("16"), QStringLiteral("32"),
-                                                        QStringLiteral("scan"), QStringLiteral("ann"),
-                                                        QStringLiteral("g-1")});
-    QTest::newRow("CreateFileGroup") << QStringLiteral("CreateFileGroup")
-                                     << QStringLiteral("<m:Guid>%1</m:Guid><m:Path>p</m:Path>").arg(kGuid)
-                                     << BlockingCall([](KeldaClient &c) {
-                                            QString localPath;
-                                            return QVariant(c.CreateFileGroup(QStringLiteral("1.0"),
-                                                                              QDateTime::currentDateTime(),
-                                                                              QString(), QString(), FT_Image, 0,
-                                                                              QStringLiteral("grp"), localPath,
-                                                                              kGuid));
-                                        })
-                                     << QVariant(kGuid);
-    QTest::newRow("CreateFileGroup refused")
-        << QStringLiteral("CreateFileGroup") << QStringLiteral("<m:Error>36</m:Error>")
-        << BlockingCall([](KeldaClient &c) {
-               QString localPath;
-               return QVariant(c.CreateFileGroup(QString(), QDateTime(), QString(), QString(), FT_Image, 0,
-                                                 QStringLiteral("grp"), localPath, kGuid));
-           })
-        << QVariant(QString());
+    auto add = [](const char *name, const QString &command, const QString &children, BlockingCall call,
+                  const QVariant &expected) {
+        QTest::newRow(name) << command << children << call << expected;
+    };
+    auto create = [](KeldaClient &c) {
+        QString localPath;
+        return QVariant(c.CreateFileGroup(QStringLiteral("1.0"), QDateTime::currentDateTime(), QString(), QString(),
+                                          FT_Image, 0, QStringLiteral("grp"), localPath, kGuid));
+    };
+    add("RequestFile", QStringLiteral("RequestFile"), QStringLiteral("<m:Path>/a/b.bin</m:Path>"),
+        [](KeldaClient &c) { return QVariant(c.RequestFile(3, kGuid, LOCK_Read)); }, QStringLiteral("/a/b.bin"));
+    add("AddFile", QStringLiteral("AddFile"), QStringLiteral("<m:FileId>17</m:FileId>"),
+        [](KeldaClient &c) { return QVariant(c.AddFile(QStringLiteral("/x/a.bin"), kGuid)); }, 17u);
+    add("AddFile refused", QStringLiteral("AddFile"), QStringLiteral("<m:FileId>17</m:FileId><m:Error>26</m:Error>"),
+        [](KeldaClient &c) { return QVariant(c.AddFile(QStringLiteral("/x/a.bin"), kGuid)); }, 0u);
+    add("GetUserList", QStringLiteral("GetUserList"),
+        QStringLiteral("<m:Users><m:User>ann</m:User><m:User>bob</m:User></m:Users>"),
+        [](KeldaClient &c) { return QVariant(c.GetUserList()); },
+        QStringList{QStringLiteral("ann"), QStringLiteral("bob")});
+    add("GetApplicationList", QStringLiteral("GetApplicationList"),
+        QStringLiteral("<m:Applications><m:Application>viewer</m:Application></m:Applications>"),
+        [](KeldaClient &c) { return QVariant(c.GetApplicationList()); }, QStringList{QStringLiteral("viewer")});
+    add("GetFileList", QStringLiteral("GetFileList"),
+        QStringLiteral("<m:Files><m:File><m:FileId>1</m:FileId><m:FileName>a</m:FileName></m:File></m:Files>"),
+        [](KeldaClient &c) { return QVariant(c.GetFileList(kGuid)); },
+        QStringList{QStringLiteral("1"), QStringLiteral("a")});
+    // Column count, table size, then name, creator and Guid of the one group.
+    add("QueryFiles", QStringLiteral("QueryFileGroups"), QString::fromLatin1(kFileGroupChildren),
+        [](KeldaClient &c) {
+            unsigned int count = 0;
+            const QStringList table = c.QueryFiles(FileQuery(), count);
+            return QVariant(QStringList{QString::number(count), QString::number(table.size()), table.value(16),
+                                        table.value(24), table.value(31)});
+        },
+        QStringList{QStringLiteral("16"), QStringLiteral("32"), QStringLiteral("scan"), QStringLiteral("ann"),
+                    QStringLiteral("g-1")});
+    add("CreateFileGroup", QStringLiteral("CreateFileGroup"), QStringLiteral("<m:Guid>%1</m:Guid>").arg(kGuid),
+        create, kGuid);
+    add("CreateFileGroup refused", QStringLiteral("CreateFileGroup"), QStringLiteral("<m:Error>36</m:Error>"), create,
+        QString());
 }
 
 void KeldaClientTest::blockingOperations()
@@ -205,40 +187,10 @@ void KeldaClientTest::asyncOperations_data()
     QTest::addColumn<QByteArray>("signal");
     QTest::addColumn<QVariantList>("arguments"); // after the request id
 
-    const QString status = QStringLiteral("<m:Error>0</m:Error>");
-    const QVariantList ok{0, QString()};
-    auto row = [](const char *name) -> QTestData & { return QTest::newRow(name); };
-
-    row("RequestFileAsync") << QStringLiteral("RequestFile") << QStringLiteral("<m:Path>/p</m:Path>")
-                            << AsyncCall([](KeldaClient &c) { return c.RequestFileAsync(2, kGuid, LOCK_Write); })
-                            << QByteArray(SIGNAL(RequestFileSg(QString, QString, int, QString)))
-                            << QVariantList{QStringLiteral("/p"), 0, QString()};
-    row("AddFileAsync") << QStringLiteral("AddFile") << QStringLiteral("<m:FileId>9</m:FileId>")
-                        << AsyncCall([](KeldaClient &c) { return c.AddFileAsync(QStringLiteral("a"), kGuid, 9); })
-                        << QByteArray(SIGNAL(AddFileSg(QString, unsigned int))) << QVariantList{9u};
-    row("CreateFileGroupAsync") << QStringLiteral("CreateFileGroup")
-                                << QStringLiteral("<m:Guid>%1</m:Guid><m:Path>/srv/p</m:Path>").arg(kGuid)
-                                << AsyncCall([](KeldaClient &c) {
-                                       QString localPath;
-                                       return c.CreateFileGroupAsync(QString(), QDateTime(), QString(), QString(),
-                                                                     FT_Image, 0, QStringLiteral("n"), localPath,
-                                                                     kGuid);
-                                   })
-                                << QByteArray(SIGNAL(CreateFileGroupSg(QString, QString)))
-                                << QVariantList{QStringLiteral("/srv/p")};
-    // Returns the GUID, not the request id; the reply carries both.
-    row("CreateTovinFileGroupAsync") << QStringLiteral("CreateTovinFileGroup")
-                                     << QStringLiteral("<m:Guid>%1</m:Guid><m:Error>0</m:Error>").arg(kGuid)
-                                     << AsyncCall([this](KeldaClient &c) {
-                                            QString localPath;
-                                            const QString guid = c.CreateTovinFileGroupAsync(
-                                                QStringLiteral("t"), QStringLiteral("r"), QString(), QString(),
-                                                QString(), FT_Image, localPath, kGuid);
-                                            return guid == kGuid ? sentRequestId(QStringLiteral("CreateTovinFileGroup"))
-                                                                 : QString();
-                                        })
-                                     << QByteArray(SIGNAL(CreateTovinFileGroupSg(QString, QString, int, QString)))
-                                     << QVariantList{kGuid, 0, QString()};
+    auto add = [](const QString &command, const QString &children, AsyncCall call, const char *signal,
+                  const QVariantList &arguments) {
+        QTest::newRow(qPrintable(command)) << command << children << call << QByteArray(signal) << arguments;
+    };
     // Operations that return nothing are matched by the id their request carried.
     auto sent = [this](const QString &command, std::function<void(KeldaClient &)> operation) {
         return AsyncCall([this, command, operation](KeldaClient &c) {
@@ -246,101 +198,100 @@ void KeldaClientTest::asyncOperations_data()
             return sentRequestId(command);
         });
     };
-    row("CloseFile") << QStringLiteral("CloseFile") << status
-                     << sent(QStringLiteral("CloseFile"), [](KeldaClient &c) { c.CloseFile(5, kGuid); })
-                     << QByteArray(SIGNAL(CloseFileSg(QString, int, QString))) << ok;
-    row("AddReference") << QStringLiteral("AddReference") << status
-                        << sent(QStringLiteral("AddReference"), [](KeldaClient &c) { c.AddReference(kGuid); })
-                        << QByteArray(SIGNAL(AddReferenceSg(QString, int, QString))) << ok;
-    row("RemoveReference") << QStringLiteral("RemoveReference") << status
-                           << sent(QStringLiteral("RemoveReference"), [](KeldaClient &c) { c.RemoveReference(kGuid); })
-                           << QByteArray(SIGNAL(RemoveReferenceSg(QString, int, QString))) << ok;
-    row("RemoveAllReferences") << QStringLiteral("RemoveAllReferences") << status
-                               << sent(QStringLiteral("RemoveAllReferences"),
-                                       [](KeldaClient &c) { c.RemoveAllReferences(kGuid); })
-                               << QByteArray(SIGNAL(RemoveAllReferenceSg(QString, int, QString))) << ok;
-    row("GetUserListAsync") << QStringLiteral("GetUserList")
-                            << QStringLiteral("<m:Users><m:User>ann</m:User></m:Users>")
-                            << AsyncCall([](KeldaClient &c) { return c.GetUserListAsync(); })
-                            << QByteArray(SIGNAL(GetUserListSg(QString, QStringList, int, QString)))
-                            << QVariantList{QStringList{QStringLiteral("ann")}, 0, QString()};
-    row("GetApplicationListAsync") << QStringLiteral("GetApplicationList")
-                                   << QStringLiteral("<m:Applications><m:Application>viewer</m:Application>"
-                                                     "</m:Applications>")
-                                   << AsyncCall([](KeldaClient &c) { return c.GetApplicationListAsync(); })
-                                   << QByteArray(SIGNAL(GetApplicationListSg(QString, QStringList, int, QString)))
-                                   << QVariantList{QStringList{QStringLiteral("viewer")}, 0, QString()};
+    const QString ok = QStringLiteral("<m:Error>0</m:Error>");
+    const QVariantList status{0, QString()};
+
+    add(QStringLiteral("RequestFile"), QStringLiteral("<m:Path>/p</m:Path>"),
+        [](KeldaClient &c) { return c.RequestFileAsync(2, kGuid, LOCK_Write); },
+        SIGNAL(RequestFileSg(QString, QString, int, QString)), {QStringLiteral("/p"), 0, QString()});
+    add(QStringLiteral("AddFile"), QStringLiteral("<m:FileId>9</m:FileId>"),
+        [](KeldaClient &c) { return c.AddFileAsync(QStringLiteral("a"), kGuid, 9); },
+        SIGNAL(AddFileSg(QString, unsigned int)), {9u});
+    add(QStringLiteral("CreateFileGroup"), QStringLiteral("<m:Guid>%1</m:Guid><m:Path>/srv/p</m:Path>").arg(kGuid),
+        [](KeldaClient &c) {
+            QString localPath;
+            return c.CreateFileGroupAsync(QString(), QDateTime(), QString(), QString(), FT_Image, 0,
+                                          QStringLiteral("n"), localPath, kGuid);
+        },
+        SIGNAL(CreateFileGroupSg(QString, QString)), {QStringLiteral("/srv/p")});
+    // Returns the GUID, not the request id; the reply carries both.
+    add(QStringLiteral("CreateTovinFileGroup"), QStringLiteral("<m:Guid>%1</m:Guid>").arg(kGuid),
+        [this](KeldaClient &c) {
+            QString localPath;
+            const QString guid = c.CreateTovinFileGroupAsync(QStringLiteral("t"), QStringLiteral("r"), QString(),
+                                                             QString(), QString(), FT_Image, localPath, kGuid);
+            return guid == kGuid ? sentRequestId(QStringLiteral("CreateTovinFileGroup")) : QString();
+        },
+        SIGNAL(CreateTovinFileGroupSg(QString, QString, int, QString)), {kGuid, 0, QString()});
+    add(QStringLiteral("CloseFile"), ok, sent(QStringLiteral("CloseFile"), [](KeldaClient &c) { c.CloseFile(5, kGuid); }),
+        SIGNAL(CloseFileSg(QString, int, QString)), status);
+    add(QStringLiteral("AddReference"), ok,
+        sent(QStringLiteral("AddReference"), [](KeldaClient &c) { c.AddReference(kGuid); }),
+        SIGNAL(AddReferenceSg(QString, int, QString)), status);
+    add(QStringLiteral("RemoveReference"), ok,
+        sent(QStringLiteral("RemoveReference"), [](KeldaClient &c) { c.RemoveReference(kGuid); }),
+        SIGNAL(RemoveReferenceSg(QString, int, QString)), status);
+    add(QStringLiteral("RemoveAllReferences"), ok,
+        sent(QStringLiteral("RemoveAllReferences"), [](KeldaClient &c) { c.RemoveAllReferences(kGuid); }),
+        SIGNAL(RemoveAllReferenceSg(QString, int, QString)), status);
+    add(QStringLiteral("DeleteFile"), ok, [](KeldaClient &c) { return c.DeleteFileName(3, kGuid); },
+        SIGNAL(DeleteFileNameSg(QString, int, QString)), status);
+    add(QStringLiteral("MoveToNas"), ok, [](KeldaClient &c) { return c.MoveToNas(kGuid); },
+        SIGNAL(MoveToNasSg(QString, int, QString)), status);
+    add(QStringLiteral("DeleteFileGroup"), ok, [](KeldaClient &c) { return c.DeleteFileGroupAsync(kGuid); },
+        SIGNAL(deleteFileGroupSg(QString, int, QString)), status);
+    add(QStringLiteral("ExportArchive"), ok,
+        [](KeldaClient &c) { return c.ExportArchiveAsync({kGuid}, QStringLiteral("/arch")); },
+        SIGNAL(exportArchiveSg(QString, int, QString)), status);
+    add(QStringLiteral("ImportArchive"), ok,
+        [](KeldaClient &c) { return c.ImportArchiveAsync({QStringLiteral("/arch")}); },
+        SIGNAL(importArchiveSg(QString, int, QString)), status);
+    add(QStringLiteral("GetUserList"), QStringLiteral("<m:Users><m:User>ann</m:User></m:Users>"),
+        [](KeldaClient &c) { return c.GetUserListAsync(); }, SIGNAL(GetUserListSg(QString, QStringList, int, QString)),
+        {QStringList{QStringLiteral("ann")}, 0, QString()});
+    add(QStringLiteral("GetApplicationList"),
+        QStringLiteral("<m:Applications><m:Application>viewer</m:Application></m:Applications>"),
+        [](KeldaClient &c) { return c.GetApplicationListAsync(); },
+        SIGNAL(GetApplicationListSg(QString, QStringList, int, QString)),
+        {QStringList{QStringLiteral("viewer")}, 0, QString()});
+    add(QStringLiteral("GetFileList"),
+        QStringLiteral("<m:Files><m:File><m:FileId>4</m:FileId><m:FileName>x</m:FileName></m:File></m:Files>"),
+        [](KeldaClient &c) { return c.GetFileListAsync(kGuid); },
+        SIGNAL(GetFileListSg(QString, QStringList, int, QString)),
+        {QStringList{QStringLiteral("4"), QStringLiteral("x")}, 0, QString()});
+    QStringList headers;
+    FileGroupData::GetHeaders(headers);
+    add(QStringLiteral("QueryFileGroups"), ok,
+        [](KeldaClient &c) {
+            unsigned int count = 0;
+            return c.QueryFilesAsync(FileQuery(), count);
+        },
+        SIGNAL(queryFileGroupsSg(QString, QStringList, int, int, QString)), {headers, 16, 0, QString()});
     // The record must survive the queued hop to the client's thread.
     static const bool comparable = QMetaType::registerEqualsComparator<FileGroupData>();
     Q_UNUSED(comparable)
     FileGroupData metaData;
     metaData.setGuid(QStringLiteral("g-1"));
     metaData.setFileGroupName(QStringLiteral("scan"));
-    row("QueryMetaDataAsync")
-        << QStringLiteral("QueryMetaData")
-        << QStringLiteral("<m:Guid>g-1</m:Guid><m:FileGroupName>scan</m:FileGroupName>")
-        << AsyncCall([](KeldaClient &c) { return c.QueryMetaDataAsync(kGuid, QStringLiteral("app")); })
-        << QByteArray(SIGNAL(QueryMetaDataSg(QString, Kelda::FileGroupData, int, QString)))
-        << QVariantList{QVariant::fromValue(metaData), 0,
-                        QStringLiteral("the filegroup meta data request returned the error: No error")};
-    row("GetFileListAsync") << QStringLiteral("GetFileList")
-                            << QStringLiteral("<m:Files><m:File><m:FileId>4</m:FileId><m:FileName>x</m:FileName>"
-                                              "</m:File></m:Files>")
-                            << AsyncCall([](KeldaClient &c) { return c.GetFileListAsync(kGuid); })
-                            << QByteArray(SIGNAL(GetFileListSg(QString, QStringList, int, QString)))
-                            << QVariantList{QStringList{QStringLiteral("4"), QStringLiteral("x")}, 0, QString()};
-    row("DeleteFileName") << QStringLiteral("DeleteFile") << status
-                          << AsyncCall([](KeldaClient &c) { return c.DeleteFileName(3, kGuid); })
-                          << QByteArray(SIGNAL(DeleteFileNameSg(QString, int, QString))) << ok;
-    row("MoveToNas") << QStringLiteral("MoveToNas") << status
-                     << AsyncCall([](KeldaClient &c) { return c.MoveToNas(kGuid); })
-                     << QByteArray(SIGNAL(MoveToNasSg(QString, int, QString))) << ok;
-    row("DeleteFileGroupAsync") << QStringLiteral("DeleteFileGroup") << status
-                                << AsyncCall([](KeldaClient &c) { return c.DeleteFileGroupAsync(kGuid); })
-                                << QByteArray(SIGNAL(deleteFileGroupSg(QString, int, QString))) << ok;
-    row("ExportArchiveAsync") << QStringLiteral("ExportArchive") << status
-                              << AsyncCall([](KeldaClient &c) {
-                                     return c.ExportArchiveAsync({kGuid}, QStringLiteral("/arch"));
-                                 })
-                              << QByteArray(SIGNAL(exportArchiveSg(QString, int, QString))) << ok;
-    row("ImportArchiveAsync") << QStringLiteral("ImportArchive") << status
-                              << AsyncCall([](KeldaClient &c) {
-                                     return c.ImportArchiveAsync({QStringLiteral("/arch")});
-                                 })
-                              << QByteArray(SIGNAL(importArchiveSg(QString, int, QString))) << ok;
-    row("QueryFilesAsync") << QStringLiteral("QueryFileGroups") << QStringLiteral("<m:Error>0</m:Error>")
-                           << AsyncCall([](KeldaClient &c) {
-                                  unsigned int count = 0;
-                                  return c.QueryFilesAsync(FileQuery(), count);
-                              })
-                           << QByteArray(SIGNAL(queryFileGroupsSg(QString, QStringList, int, int, QString)))
-                           << QVariantList{[] {
-                                               QStringList headers;
-                                               FileGroupData::GetHeaders(headers);
-                                               return headers;
-                                           }(),
-                                           16, 0, QString()};
-    row("QueryLocationStateProgress")
-        << QStringLiteral("QueryLocationStateProgress")
-        << QStringLiteral("<m:LocationState>2</m:LocationState><m:CopyProgress>0.5</m:CopyProgress>")
-        << AsyncCall([](KeldaClient &c) { return c.QueryLocationStateProgress(kGuid); })
-        << QByteArray(SIGNAL(queryLocationStateProgressSg(QString, int, double, int, QString)))
-        << QVariantList{2, 0.5, 0, QString()};
-    row("CheckFileGroupExists") << QStringLiteral("CheckFileGroupExists") << QStringLiteral("<m:Exists>true</m:Exists>")
-                                << AsyncCall([](KeldaClient &c) { return c.CheckFileGroupExists(kGuid); })
-                                << QByteArray(SIGNAL(checkFileGroupExistsSg(QString, bool, int, QString)))
-                                << QVariantList{true, 0, QString()};
-    row("GetRemoteStorageLocationAsync")
-        << QStringLiteral("GetRemoteStorageLocation")
-        << QStringLiteral("<m:RemoteIp>10.1.2.3</m:RemoteIp><m:AttachmentUrl>u</m:AttachmentUrl>")
-        << AsyncCall([](KeldaClient &c) { return c.GetRemoteStorageLocationAsync(kGuid); })
-        << QByteArray(SIGNAL(getRemoteStorageLocationSg(QString, QString, QString, int, QString)))
-        << QVariantList{QStringLiteral("10.1.2.3"), QStringLiteral("u"), 0, QString()};
-    row("GetTovinFilegroupGuidAsync")
-        << QStringLiteral("GetTovinFilegroupGuid") << QStringLiteral("<m:Guid>%1</m:Guid>").arg(kGuid)
-        << AsyncCall([](KeldaClient &c) { return c.GetTovinFilegroupGuidAsync(QStringLiteral("t"), QStringLiteral("7")); })
-        << QByteArray(SIGNAL(getTovinFilegroupGuidSg(QString, QString, int, QString)))
-        << QVariantList{kGuid, 0, QString()};
+    add(QStringLiteral("QueryMetaData"), QStringLiteral("<m:Guid>g-1</m:Guid><m:FileGroupName>scan</m:FileGroupName>"),
+        [](KeldaClient &c) { return c.QueryMetaDataAsync(kGuid, QStringLiteral("app")); },
+        SIGNAL(QueryMetaDataSg(QString, Kelda::FileGroupData, int, QString)),
+        {QVariant::fromValue(metaData), 0, QStringLiteral("the filegroup meta data request returned the error: No error")});
+    add(QStringLiteral("QueryLocationStateProgress"),
+        QStringLiteral("<m:LocationState>2</m:LocationState><m:CopyProgress>0.5</m:CopyProgress>"),
+        [](KeldaClient &c) { return c.QueryLocationStateProgress(kGuid); },
+        SIGNAL(queryLocationStateProgressSg(QString, int, double, int, QString)), {2, 0.5, 0, QString()});
+    add(QStringLiteral("CheckFileGroupExists"), QStringLiteral("<m:Exists>true</m:Exists>"),
+        [](KeldaClient &c) { return c.CheckFileGroupExists(kGuid); },
+        SIGNAL(checkFileGroupExistsSg(QString, bool, int, QString)), {true, 0, QString()});
+    add(QStringLiteral("GetRemoteStorageLocation"),
+        QStringLiteral("<m:RemoteIp>10.1.2.3</m:RemoteIp><m:AttachmentUrl>u</m:AttachmentUrl>"),
+        [](KeldaClient &c) { return c.GetRemoteStorageLocationAsync(kGuid); },
+        SIGNAL(getRemoteStorageLocationSg(QString, QString, QString, int, QString)),
+        {QStringLiteral("10.1.2.3"), QStringLiteral("u"), 0, QString()});
+    add(QStringLiteral("GetTovinFilegroupGuid"), QStringLiteral("<m:Guid>%1</m:Guid>").arg(kGuid),
+        [](KeldaClient &c) { return c.GetTovinFilegroupGuidAsync(QStringLiteral("t"), QStringLiteral("7")); },
+        SIGNAL(getTovinFilegroupGuidSg(QString, QString, int, QString)), {kGuid, 0, QString()});
 }
 
 void KeldaClientTest::asyncOperations()
@@ -402,89 +353,68 @@ void KeldaClientTest::errorState()
     QCOMPARE(m_client->GetErrorString(), KeldaErrorString::Get(KeldaError(stored)));
 }
 
-void KeldaClientTest::identityReachesRequests()
+void KeldaClientTest::requestFields_data()
 {
+    QTest::addColumn<Operation>("operation");
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QString>("element");
+    QTest::addColumn<QString>("expected");
+
+    auto add = [](const char *name, Operation operation, const char *command, const char *element,
+                  const QString &expected) {
+        QTest::newRow(name) << operation << QString::fromLatin1(command) << QString::fromLatin1(element) << expected;
+    };
     const QString lockIdentity = QStringLiteral("127.0.0.1|app|user");
-    m_client->RequestFile(1, kGuid, LOCK_Read);
-    m_client->CloseFile(5, kGuid);
-    m_client->AddReference(kGuid);
-    m_client->MoveToNasSync(kGuid);
-    QString localPath;
-    m_client->CreateFileGroup(QString(), QDateTime(), QString(), QString(), FT_Image, 0, QStringLiteral("g"),
-                              localPath, kGuid);
-
-    QCOMPARE(field(m_peer->requests(QStringLiteral("RequestFile")).value(0).document, QStringLiteral("UserName")),
-             lockIdentity);
-    QTRY_COMPARE(m_peer->requests(QStringLiteral("CloseFile")).size(), 1);
-    const QByteArray close = m_peer->requests(QStringLiteral("CloseFile")).value(0).document;
-    QCOMPARE(field(close, QStringLiteral("UserName")), lockIdentity);
-    QCOMPARE(field(close, QStringLiteral("FileId")), QStringLiteral("-1"));
-    QTRY_COMPARE(m_peer->requests(QStringLiteral("AddReference")).size(), 1);
-    QCOMPARE(field(m_peer->requests(QStringLiteral("AddReference")).value(0).document, QStringLiteral("Application")),
-             QStringLiteral("app"));
-    QCOMPARE(field(m_peer->requests(QStringLiteral("MoveToNas")).value(0).document, QStringLiteral("UserName")),
-             QStringLiteral("user"));
-    const QByteArray create = m_peer->requests(QStringLiteral("CreateFileGroup")).value(0).document;
-    QCOMPARE(field(create, QStringLiteral("TeamMembership")), QStringLiteral("team"));
-    QCOMPARE(field(create, QStringLiteral("UserName")), QStringLiteral("user"));
-
-    m_client->SetUser(QStringLiteral("eve"));
-    m_client->SetApplication(QStringLiteral("tool"));
-    m_client->RequestFile(1, kGuid, LOCK_Read);
-    QCOMPARE(field(m_peer->requests(QStringLiteral("RequestFile")).value(1).document, QStringLiteral("UserName")),
-             QStringLiteral("127.0.0.1|tool|eve"));
+    auto requestFile = [](KeldaClient &c) { c.RequestFile(1, kGuid, LOCK_Read); };
+    auto closeFile = [](KeldaClient &c) { c.CloseFile(5, kGuid); };
+    auto create = [](KeldaClient &c) {
+        QString localPath;
+        c.CreateFileGroup(QString(), QDateTime(), QString(), QString(), FT_Image, 0, QStringLiteral("g"), localPath,
+                          kGuid);
+    };
+    add("lock identity of RequestFile", requestFile, "RequestFile", "UserName", lockIdentity);
+    add("lock identity of CloseFile", closeFile, "CloseFile", "UserName", lockIdentity);
+    add("CloseFile closes by lock identity", closeFile, "CloseFile", "FileId", QStringLiteral("-1"));
+    add("application of AddReference", [](KeldaClient &c) { c.AddReference(kGuid); }, "AddReference", "Application",
+        QStringLiteral("app"));
+    add("user of MoveToNas", [](KeldaClient &c) { c.MoveToNasSync(kGuid); }, "MoveToNas", "UserName",
+        QStringLiteral("user"));
+    add("team of CreateFileGroup", create, "CreateFileGroup", "TeamMembership", QStringLiteral("team"));
+    add("user of CreateFileGroup", create, "CreateFileGroup", "UserName", QStringLiteral("user"));
+    add("identity set later",
+        [](KeldaClient &c) {
+            c.SetUser(QStringLiteral("eve"));
+            c.SetApplication(QStringLiteral("tool"));
+            c.RequestFile(1, kGuid, LOCK_Read);
+        },
+        "RequestFile", "UserName", QStringLiteral("127.0.0.1|tool|eve"));
+    add("group URL requests the first file",
+        [](KeldaClient &c) { c.RequestFile(KeldaUrl(KeldaUrl::fromKeldaGuid(kGuid)), LOCK_Read); }, "RequestFile",
+        "FileId", QStringLiteral("1"));
+    add("file URL", [](KeldaClient &c) { c.RequestFile(KeldaUrl(KeldaUrl::fromKeldaIds(kGuid, 7)), LOCK_Read); },
+        "RequestFile", "FileId", QStringLiteral("7"));
+    add("write lock", [](KeldaClient &c) { c.RequestFile(1, kGuid, LOCK_Write); }, "RequestFile", "WriteLock",
+        QStringLiteral("true"));
+    add("free is no write lock", [](KeldaClient &c) { c.RequestFile(1, kGuid, LOCK_Free); }, "RequestFile",
+        "WriteLock", QStringLiteral("false"));
+    add("AddFile sends the file name", [](KeldaClient &c) { c.AddFile(QStringLiteral("/data/run/a.bin"), kGuid); },
+        "AddFile", "FileName", QStringLiteral("a.bin"));
+    add("AddFile without separator", [](KeldaClient &c) { c.AddFile(QStringLiteral("a.bin"), kGuid); }, "AddFile",
+        "FileName", QStringLiteral("a.bin"));
+    add("AddFile asks for a new id", [](KeldaClient &c) { c.AddFile(QStringLiteral("a.bin"), kGuid); }, "AddFile",
+        "FileId", QStringLiteral("0"));
 }
 
-void KeldaClientTest::requestFileByUrl_data()
+void KeldaClientTest::requestFields()
 {
-    QTest::addColumn<QUrl>("url");
-    QTest::addColumn<int>("lock");
-    QTest::addColumn<QString>("fileId");
-    QTest::addColumn<QString>("writeLock");
+    QFETCH(Operation, operation);
+    QFETCH(QString, command);
+    QFETCH(QString, element);
+    QFETCH(QString, expected);
 
-    QTest::newRow("group only: first file") << KeldaUrl::fromKeldaGuid(kGuid) << int(LOCK_Read) << QStringLiteral("1")
-                                            << QStringLiteral("false");
-    QTest::newRow("file id, write") << KeldaUrl::fromKeldaIds(kGuid, 7) << int(LOCK_Write) << QStringLiteral("7")
-                                    << QStringLiteral("true");
-    QTest::newRow("free is not write") << KeldaUrl::fromKeldaIds(kGuid, 7) << int(LOCK_Free) << QStringLiteral("7")
-                                       << QStringLiteral("false");
-}
-
-void KeldaClientTest::requestFileByUrl()
-{
-    QFETCH(QUrl, url);
-    QFETCH(int, lock);
-    QFETCH(QString, fileId);
-    QFETCH(QString, writeLock);
-
-    m_client->RequestFile(KeldaUrl(url), LockState(lock));
-    const QByteArray request = m_peer->requests(QStringLiteral("RequestFile")).value(0).document;
-    QCOMPARE(field(request, QStringLiteral("Guid")), kGuid);
-    QCOMPARE(field(request, QStringLiteral("FileId")), fileId);
-    QCOMPARE(field(request, QStringLiteral("WriteLock")), writeLock);
-}
-
-void KeldaClientTest::addFileSendsTheFileName_data()
-{
-    QTest::addColumn<QString>("path");
-    QTest::addColumn<QString>("sent");
-
-    QTest::newRow("slashes") << QStringLiteral("/data/run/a.bin") << QStringLiteral("a.bin");
-    QTest::newRow("platform separator") << (QStringLiteral("data") + QDir::separator() + QStringLiteral("a.bin"))
-                                        << QStringLiteral("a.bin");
-    QTest::newRow("no separator") << QStringLiteral("a.bin") << QStringLiteral("a.bin");
-}
-
-void KeldaClientTest::addFileSendsTheFileName()
-{
-    QFETCH(QString, path);
-    QFETCH(QString, sent);
-
-    m_peer->setReplyChildren(QStringLiteral("AddFile"), QStringLiteral("<m:FileId>3</m:FileId>"));
-    QCOMPARE(m_client->AddFile(path, kGuid), 3u);
-    const QByteArray request = m_peer->requests(QStringLiteral("AddFile")).value(0).document;
-    QCOMPARE(field(request, QStringLiteral("FileName")), sent);
-    QCOMPARE(field(request, QStringLiteral("FileId")), QStringLiteral("0"));
+    operation(*m_client);
+    QTRY_COMPARE_WITH_TIMEOUT(m_peer->requests(command).size(), 1, kSignalWaitMs);
+    QCOMPARE(field(m_peer->requests(command).last().document, element), expected);
 }
 
 void KeldaClientTest::createFileGroupMakesTheLocalDirectoryFirst()
