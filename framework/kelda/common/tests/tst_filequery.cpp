@@ -11,6 +11,7 @@ class TestFileQuery : public QObject
 private slots:
     void inRange_data();
     void inRange();
+    void resetEmptiesEverything();
     void validDateTime_data();
     void validDateTime();
 };
@@ -42,6 +43,34 @@ void TestFileQuery::inRange()
     range.SetMin(min);
     range.SetMax(max);
     QTEST(range.IsInRange(time), "expected");
+}
+
+void TestFileQuery::resetEmptiesEverything()
+{
+    FileQuery query;
+    query.SetBackupTimeMin(QDateTime::currentDateTime());
+    query.SetCreationTimeMax(QDateTime::currentDateTime());
+    query.SetLifeCycleTimeMin(QDateTime::currentDateTime());
+    query.SetModificationTimeMax(QDateTime::currentDateTime());
+    query.AddFileType(FT_Image);
+    query.SetLocationState(LS_Tovin);
+    query.SetLockState(LOCK_Write);
+    for (auto set : {&FileQuery::SetCommentSearchText, &FileQuery::SetCreatorSearchText,
+                     &FileQuery::SetDetailSearchText, &FileQuery::SetFileGroupSearchText, &FileQuery::SetLockUser,
+                     &FileQuery::SetReferencingApplication, &FileQuery::SetTeamMembershipSearchText,
+                     &FileQuery::SetVersionSearchText})
+        (query.*set)(QStringLiteral("x"));
+    query.Reset();
+
+    QVERIFY(query.IsBackupTimeInRange(QDateTime()) && query.IsCreationTimeInRange(QDateTime())
+            && query.IsLifeCycleInRange(QDateTime()) && query.IsModificationTimeInRange(QDateTime()));
+    QCOMPARE(query.GetFileTypeListSize(), 0);
+    QCOMPARE(query.GetLocationState(), LS_Undefined);
+    QCOMPARE(query.GetLockState(), LOCK_Undefined);
+    for (const QString &text : {query.GetCommentSearchText(), query.GetCreatorSearchText(), query.GetDetailSearchText(),
+                                query.GetFileGroupSearchText(), query.GetLockUser(), query.GetReferencingApplication(),
+                                query.GetTeamMembershipSearchText(), query.GetVersionSearchText()})
+        QVERIFY(text.isEmpty() && !text.isNull());
 }
 
 void TestFileQuery::validDateTime_data()
