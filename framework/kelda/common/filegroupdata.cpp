@@ -70,8 +70,11 @@ QString formatTime(const QDateTime &time)
 {
     if (!time.isValid())
         return QString();
-    const QDate date = time.date();
-    if (date.year() < 0 || date.year() > 9999)
+    int year = 0;
+    int month = 0;
+    int day = 0;
+    time.date().getDate(&year, &month, &day);
+    if (year < 0 || year > 9999)
         return time.toString(kTimeFormat);
     const QTime clock = time.time();
     QChar buffer[] = {QLatin1Char('0'), QLatin1Char('0'), QLatin1Char('0'), QLatin1Char('0'),
@@ -85,9 +88,9 @@ QString formatTime(const QDateTime &time)
             value /= 10;
         }
     };
-    put(0, date.year(), 4);
-    put(5, date.month(), 2);
-    put(8, date.day(), 2);
+    put(0, year, 4);
+    put(5, month, 2);
+    put(8, day, 2);
     put(11, clock.hour(), 2);
     put(14, clock.minute(), 2);
     put(17, clock.second(), 2);
@@ -381,9 +384,10 @@ void FileGroupData::GetHeaders(QStringList &headers)
         headers.append(QObject::tr(header));
 }
 
+// No reserve() here: QList grows in doubling steps by itself, while reserving
+// exactly one row more would copy the whole table for every row.
 void FileGroupData::ToStringList(QStringList &list) const
 {
-    list.reserve(list.size() + ColumnCount);
     list.append(d->fileGroupName);
     list.append(FileTypeManager::GetText(d->fileType));
     list.append(LocationStateString::GetText(d->locationState));

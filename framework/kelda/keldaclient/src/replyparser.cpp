@@ -10,6 +10,8 @@
 #include <QTime>
 #include <QVarLengthArray>
 
+#include <ctime>
+#include <utility>
 #include <vector>
 
 namespace Kelda {
@@ -436,20 +438,92 @@ private:
     QVarLengthArray<QChar, 64> m_buffer;
 };
 
-// The local date-times of one reply. Building a local QDateTime asks the C
-// library for the zone rules (with glibc and no TZ set, a file system call
-// each time), while many groups of a query reply share a backup or life
-// cycle time; a small direct-mapped table keeps the recent ones.
-class ReplyDateTimes
+// The columns of a result row that hold a group's times (FileGroupData's row
+// layout).
+enum TimeColumn { BackupTimeColumn = 3, CreationTimeColumn, ModificationTimeColumn, LifeCycleColumn };
+constexpr int TimeColumnCount = 4;
+
+// The times of one reply as its result rows show them.
+//
+// A row prints a local QDateTime as "yyyy-MM-dd hh:mm:ss", which gives back
+// the reply's own text whenever the local zone has that wall-clock time. But
+// every way of making a local QDateTime runs mktime(), and with glibc and no
+// TZ set each mktime() checks the zone file with a system call: the largest
+// single cost of a large reply. localtime_r() makes no such check: a time
+// whose wall clock it finds at some instant goes into the row as sent. Only
+// the rest are built: texts in any other form, times in a clock change's gap
+// (QDateTime holds them invalid: an empty cell), and years outside 1971 to
+// 2036: near the ends of the 32-bit time_t range QDateTime has rules of its
+// own (from 2038 on, the clock changes of a year with the same calendar).
+class ReplyTimes
 {
 public:
-    QDateTime Get(QStringView text)
+    // localtime_r() uses the zone of the last check; this reply sees the
+    // current one, as mktime() would.
+    ReplyTimes() { tzset(); }
+
+    // The record's value of the time in column. A time that the row can show
+    // as sent is kept for FillRow() instead and left invalid.
+    QDateTime Read(QStringView text, TimeColumn column)
     {
+        QString &shown = m_shown[column - BackupTimeColumn];
+        shown.clear();
         QDate date;
         QTime time;
         if (!SplitReplyDateTime(text, &date, &time))
             return QDateTime();
-        const qint64 key = date.toJulianDay() * SecondsPerDay + time.msecsSinceStartOfDay() / 1000;
+        if (date.year() > 1970 && date.year() < 2037 && HasWallClock(WallSeconds(date, time))) {
+            shown = text.toString();
+            return QDateTime();
+        }
+        return Build(date, time);
+    }
+
+    // Writes the kept times into the row that starts at index row.
+    void FillRow(QStringList &table, int row)
+    {
+        for (int i = 0; i < TimeColumnCount; ++i) {
+            if (!m_shown[i].isNull())
+                table[row + BackupTimeColumn + i] = std::exchange(m_shown[i], QString());
+        }
+    }
+
+private:
+    static constexpr qint64 SecondsPerDay = 24 * 60 * 60;
+    static constexpr qint64 EpochJulianDay = 2440588;
+
+    // The wall clock as seconds since 1970-01-01 00:00 of the same clock.
+    static qint64 WallSeconds(QDate date, QTime time)
+    {
+        return (date.toJulianDay() - EpochJulianDay) * SecondsPerDay + time.msecsSinceStartOfDay() / 1000;
+    }
+
+    // True only when some instant shows the wall clock. Tries that instant
+    // at the offset of the last time, then at the offset found there; a
+    // time that two tries miss is built instead, so they decide the speed,
+    // never the result.
+    bool HasWallClock(qint64 wall)
+    {
+        time_t instant = wall - m_offset;
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            tm fields;
+            if (!localtime_r(&instant, &fields))
+                return false;
+            const qint64 seen = WallSeconds(QDate(fields.tm_year + 1900, fields.tm_mon + 1, fields.tm_mday),
+                                            QTime(fields.tm_hour, fields.tm_min, fields.tm_sec));
+            m_offset = seen - instant;
+            if (seen == wall)
+                return true;
+            instant = wall - m_offset;
+        }
+        return false;
+    }
+
+    // The rest, built one by one; many groups share a far life cycle time,
+    // so a small direct-mapped table keeps the recent ones.
+    QDateTime Build(QDate date, QTime time)
+    {
+        const qint64 key = WallSeconds(date, time);
         if (m_slots.empty())
             m_slots.resize(SlotCount);
         // Whole days are multiples of 2^7 seconds: mix the bits before
@@ -461,8 +535,6 @@ public:
         return slot.value;
     }
 
-private:
-    static constexpr qint64 SecondsPerDay = 24 * 60 * 60;
     static constexpr int SlotBits = 12;
     static constexpr int SlotCount = 1 << SlotBits;
     struct Slot
@@ -471,12 +543,15 @@ private:
         bool used = false;
         QDateTime value;
     };
+
+    QString m_shown[TimeColumnCount];
+    qint64 m_offset = 0;
     std::vector<Slot> m_slots;
 };
 
 // Reads one m:FileGroup of a query reply. m:Files is passed unread: a Files
 // element with children fails the reply at its first child.
-FileGroupData ReadFileGroup(QXmlStreamReader &reader, ElementText &value, ReplyDateTimes &times)
+FileGroupData ReadFileGroup(QXmlStreamReader &reader, ElementText &value, ReplyTimes &times)
 {
     FileGroupData group;
     for (int index = NextChild(reader, FileGroupList); index != 0; index = NextChild(reader, FileGroupList)) {
@@ -485,10 +560,10 @@ FileGroupData ReadFileGroup(QXmlStreamReader &reader, ElementText &value, ReplyD
         case 2: group.setFileGroupName(reader.readElementText()); break;
         case 3: group.setFileType(static_cast<FileType>(value.ReadInt(reader))); break;
         case 4: group.setLocationState(static_cast<LocationState>(value.ReadInt(reader))); break;
-        case 5: group.setBackupTime(times.Get(value.Read(reader))); break;
-        case 6: group.setCreationTime(times.Get(value.Read(reader))); break;
-        case 7: group.setModificationTime(times.Get(value.Read(reader))); break;
-        case 8: group.setLifeCycle(times.Get(value.Read(reader))); break;
+        case 5: group.setBackupTime(times.Read(value.Read(reader), BackupTimeColumn)); break;
+        case 6: group.setCreationTime(times.Read(value.Read(reader), CreationTimeColumn)); break;
+        case 7: group.setModificationTime(times.Read(value.Read(reader), ModificationTimeColumn)); break;
+        case 8: group.setLifeCycle(times.Read(value.Read(reader), LifeCycleColumn)); break;
         case 9: group.setComment(reader.readElementText()); break;
         case 10: group.setCreator(reader.readElementText()); break;
         case 11: group.setDetail(reader.readElementText()); break;
@@ -502,17 +577,6 @@ FileGroupData ReadFileGroup(QXmlStreamReader &reader, ElementText &value, ReplyD
     return group;
 }
 
-// Room for one more row. FileGroupData::ToStringList reserves exactly one
-// row more, which would move the whole table for every group; growing it in
-// doubling steps first leaves that reservation nothing to do.
-void ReserveRow(QStringList &table, int columnCount, int &reserved)
-{
-    if (table.size() + columnCount <= reserved)
-        return;
-    reserved = qMax(2 * reserved, 64 * columnCount);
-    table.reserve(reserved);
-}
-
 // The table grows group by group; a failure anywhere drops all of it.
 void ParseQueryFileGroups(QXmlStreamReader &reader, ParsedReply &out)
 {
@@ -522,14 +586,14 @@ void ParseQueryFileGroups(QXmlStreamReader &reader, ParsedReply &out)
     result.columnCount = result.table.size();
     Status status;
     ElementText value;
-    ReplyDateTimes times;
-    int reserved = 0;
+    ReplyTimes times;
     for (int index = NextChild(reader, QueryFileGroupsList); index != 0;
          index = NextChild(reader, QueryFileGroupsList)) {
         if (index == 1) {
             const FileGroupData group = ReadFileGroup(reader, value, times);
-            ReserveRow(result.table, result.columnCount, reserved);
+            const int row = result.table.size();
             group.ToStringList(result.table);
+            times.FillRow(result.table, row);
         } else if (index == 2) {
             status.error = value.ReadInt(reader);
         } else {
