@@ -438,6 +438,26 @@ private:
     QVarLengthArray<QChar, 64> m_buffer;
 };
 
+// The C library's zone refresh and reentrant local time, as each platform
+// names them.
+void RefreshZone()
+{
+#ifdef Q_OS_WIN
+    _tzset();
+#else
+    tzset();
+#endif
+}
+
+bool LocalFields(time_t instant, tm *fields)
+{
+#ifdef Q_OS_WIN
+    return localtime_s(fields, &instant) == 0;
+#else
+    return localtime_r(&instant, fields) != nullptr;
+#endif
+}
+
 // The columns of a result row that hold a group's times (FileGroupData's row
 // layout).
 enum TimeColumn { BackupTimeColumn = 3, CreationTimeColumn, ModificationTimeColumn, LifeCycleColumn };
@@ -460,7 +480,7 @@ class ReplyTimes
 public:
     // localtime_r() uses the zone of the last check; this reply sees the
     // current one, as mktime() would.
-    ReplyTimes() { tzset(); }
+    ReplyTimes() { RefreshZone(); }
 
     // The record's value of the time in column. A time that the row can show
     // as sent is kept for FillRow() instead and left invalid.
@@ -507,7 +527,7 @@ private:
         time_t instant = wall - m_offset;
         for (int attempt = 0; attempt < 2; ++attempt) {
             tm fields;
-            if (!localtime_r(&instant, &fields))
+            if (!LocalFields(instant, &fields))
                 return false;
             const qint64 seen = WallSeconds(QDate(fields.tm_year + 1900, fields.tm_mon + 1, fields.tm_mday),
                                             QTime(fields.tm_hour, fields.tm_min, fields.tm_sec));
