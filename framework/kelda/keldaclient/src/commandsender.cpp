@@ -454,200 +454,114 @@ void CommandSender::HandleBasePath(const QString &path)
         emit connected(path);
 }
 
+namespace {
+
+using StatusSignal = void (CommandSender::*)(QString, int, QString);
+using TextSignal = void (CommandSender::*)(QString, QString, int, QString);
+using ListSignal = void (CommandSender::*)(QString, QStringList, int, QString);
+
+// The replies that share a result shape, told apart by their kind.
+StatusSignal StatusSignalOf(ReplyKind kind)
+{
+    switch (kind) {
+    case ReplyKind::DeleteFile: return &CommandSender::deleteFileReply;
+    case ReplyKind::CloseFile: return &CommandSender::closeFileReply;
+    case ReplyKind::MoveToNas: return &CommandSender::moveToNasReply;
+    case ReplyKind::AddReference: return &CommandSender::addReferenceReply;
+    case ReplyKind::RemoveReference: return &CommandSender::removeReferenceReply;
+    case ReplyKind::RemoveAllReferences: return &CommandSender::removeAllReferenceReply;
+    case ReplyKind::ExportArchive: return &CommandSender::exportArchiveReply;
+    case ReplyKind::ImportArchive: return &CommandSender::importArchiveReply;
+    case ReplyKind::RegisterConverter: return &CommandSender::registerConverterReply;
+    case ReplyKind::DeleteFileGroup: return &CommandSender::deleteFileGroupReply;
+    default: return nullptr;
+    }
+}
+
+TextSignal TextSignalOf(ReplyKind kind)
+{
+    switch (kind) {
+    case ReplyKind::RequestFile: return &CommandSender::requestFileReply;
+    case ReplyKind::CreateTovinFileGroup: return &CommandSender::createTovinFileGroupReply;
+    case ReplyKind::GetTovinFilegroupGuid: return &CommandSender::getTovinFilegroupGuidReply;
+    default: return nullptr;
+    }
+}
+
+ListSignal ListSignalOf(ReplyKind kind)
+{
+    switch (kind) {
+    case ReplyKind::GetApplicationList: return &CommandSender::getApplicationListReply;
+    case ReplyKind::GetFileList: return &CommandSender::getFileListReply;
+    case ReplyKind::GetUserList: return &CommandSender::getUserListReply;
+    default: return nullptr;
+    }
+}
+
+template <class... Handlers>
+struct Overloaded : Handlers...
+{
+    using Handlers::operator()...;
+};
+template <class... Handlers>
+Overloaded(Handlers...) -> Overloaded<Handlers...>;
+
+} // namespace
+
+// Every result type but the three shared ones belongs to one reply, so the
+// type alone picks the signal.
 void CommandSender::EmitReply(const ParsedReply &reply)
 {
     const QString &id = reply.requestId;
-    switch (reply.Kind()) {
-    case ReplyKind::CreateFileGroup: {
-        const auto *r = std::get_if<CreatedGroupResult>(&reply.result);
-        if (!r)
-            break;
-        StoreReplyValues(id, {r->path, {}, 0});
-        emit createFileGroupReply(r->guid, r->path);
-        break;
-    }
-    case ReplyKind::AddFile: {
-        const auto *r = std::get_if<FileIdResult>(&reply.result);
-        if (!r)
-            break;
-        StoreReplyValues(id, {QStringLiteral("%1").arg(r->fileId), {}, 0});
-        emit addFileReply(r->requestId, r->fileId);
-        break;
-    }
-    case ReplyKind::DeleteFile: {
-        const auto *r = std::get_if<StatusResult>(&reply.result);
-        if (!r)
-            break;
-        emit deleteFileReply(r->requestId, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::RequestFile: {
-        const auto *r = std::get_if<TextResult>(&reply.result);
-        if (!r)
-            break;
-        StoreReplyValues(id, {r->text, {}, 0});
-        emit requestFileReply(r->requestId, r->text, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::CloseFile: {
-        const auto *r = std::get_if<StatusResult>(&reply.result);
-        if (!r)
-            break;
-        emit closeFileReply(r->requestId, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::MoveToNas: {
-        const auto *r = std::get_if<StatusResult>(&reply.result);
-        if (!r)
-            break;
-        emit moveToNasReply(r->requestId, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::AddReference: {
-        const auto *r = std::get_if<StatusResult>(&reply.result);
-        if (!r)
-            break;
-        emit addReferenceReply(r->requestId, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::RemoveReference: {
-        const auto *r = std::get_if<StatusResult>(&reply.result);
-        if (!r)
-            break;
-        emit removeReferenceReply(r->requestId, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::RemoveAllReferences: {
-        const auto *r = std::get_if<StatusResult>(&reply.result);
-        if (!r)
-            break;
-        emit removeAllReferenceReply(r->requestId, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::QueryMetaData: {
-        const auto *r = std::get_if<MetaDataResult>(&reply.result);
-        if (!r)
-            break;
-        emit queryMetaDataReply(r->requestId, r->metaData, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::GetApplicationList: {
-        const auto *r = std::get_if<ListResult>(&reply.result);
-        if (!r)
-            break;
-        StoreReplyValues(id, {QString(), r->list, 0});
-        emit getApplicationListReply(r->requestId, r->list, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::GetFileList: {
-        const auto *r = std::get_if<ListResult>(&reply.result);
-        if (!r)
-            break;
-        StoreReplyValues(id, {QString(), r->list, 0});
-        emit getFileListReply(r->requestId, r->list, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::GetUserList: {
-        const auto *r = std::get_if<ListResult>(&reply.result);
-        if (!r)
-            break;
-        StoreReplyValues(id, {QString(), r->list, 0});
-        emit getUserListReply(r->requestId, r->list, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::QueryFileGroups: {
-        const auto *r = std::get_if<TableResult>(&reply.result);
-        if (!r)
-            break;
-        StoreReplyValues(id, {QString(), r->table, r->columnCount});
-        emit queryFileGroupsReply(r->requestId, r->table, r->columnCount, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::GetBasePath:
-        if (const auto *r = std::get_if<BasePathResult>(&reply.result))
-            HandleBasePath(r->path);
-        break;
-    case ReplyKind::CopyForeignFileGroupProgress: {
-        const auto *r = std::get_if<CopyProgressResult>(&reply.result);
-        if (!r)
-            break;
-        emit copyForeignFileGroupProgess(r->requestId, r->progress);
-        break;
-    }
-    case ReplyKind::ExportArchive: {
-        const auto *r = std::get_if<StatusResult>(&reply.result);
-        if (!r)
-            break;
-        emit exportArchiveReply(r->requestId, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::ImportArchive: {
-        const auto *r = std::get_if<StatusResult>(&reply.result);
-        if (!r)
-            break;
-        emit importArchiveReply(r->requestId, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::CreateTovinFileGroup: {
-        const auto *r = std::get_if<TextResult>(&reply.result);
-        if (!r)
-            break;
-        emit createTovinFileGroupReply(r->requestId, r->text, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::RegisterConverter: {
-        const auto *r = std::get_if<StatusResult>(&reply.result);
-        if (!r)
-            break;
-        emit registerConverterReply(r->requestId, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::ConvertFileGroup: {
-        const auto *r = std::get_if<ConvertRequestResult>(&reply.result);
-        if (!r)
-            break;
-        emit convertFileGroupRequested(r->guid, r->fileType, r->path);
-        break;
-    }
-    case ReplyKind::DeleteFileGroup: {
-        const auto *r = std::get_if<StatusResult>(&reply.result);
-        if (!r)
-            break;
-        emit deleteFileGroupReply(r->requestId, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::QueryLocationStateProgress: {
-        const auto *r = std::get_if<LocationStateProgressResult>(&reply.result);
-        if (!r)
-            break;
-        emit queryLocationStateProgressReply(r->requestId, r->locationState, r->progress, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::CheckFileGroupExists: {
-        const auto *r = std::get_if<ExistsResult>(&reply.result);
-        if (!r)
-            break;
-        emit checkFileGroupExistsReply(r->requestId, r->exists, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::GetRemoteStorageLocation: {
-        const auto *r = std::get_if<RemoteStorageLocationResult>(&reply.result);
-        if (!r)
-            break;
-        emit getRemoteStorageLocationReply(r->requestId, r->remoteIp, r->attachmentUrl, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::GetTovinFilegroupGuid: {
-        const auto *r = std::get_if<TextResult>(&reply.result);
-        if (!r)
-            break;
-        emit getTovinFilegroupGuidReply(r->requestId, r->text, r->error, r->errorString);
-        break;
-    }
-    case ReplyKind::QueryDiskSpace:
-    case ReplyKind::Count:
-        break;
-    }
+    const ReplyKind kind = reply.Kind();
+    std::visit(Overloaded{
+                   [](std::monostate) {},
+                   [&](const StatusResult &r) {
+                       if (const StatusSignal signal = StatusSignalOf(kind))
+                           emit(this->*signal)(r.requestId, r.error, r.errorString);
+                   },
+                   [&](const TextResult &r) {
+                       StoreReplyValues(id, {r.text, {}, 0});
+                       if (const TextSignal signal = TextSignalOf(kind))
+                           emit(this->*signal)(r.requestId, r.text, r.error, r.errorString);
+                   },
+                   [&](const ListResult &r) {
+                       StoreReplyValues(id, {QString(), r.list, 0});
+                       if (const ListSignal signal = ListSignalOf(kind))
+                           emit(this->*signal)(r.requestId, r.list, r.error, r.errorString);
+                   },
+                   [&](const TableResult &r) {
+                       StoreReplyValues(id, {QString(), r.table, r.columnCount});
+                       emit queryFileGroupsReply(r.requestId, r.table, r.columnCount, r.error, r.errorString);
+                   },
+                   [&](const FileIdResult &r) {
+                       // Blocking callers read the id as its decimal text.
+                       StoreReplyValues(id, {QStringLiteral("%1").arg(r.fileId), {}, 0});
+                       emit addFileReply(r.requestId, r.fileId);
+                   },
+                   [&](const CreatedGroupResult &r) {
+                       StoreReplyValues(id, {r.path, {}, 0});
+                       emit createFileGroupReply(r.guid, r.path);
+                   },
+                   [&](const BasePathResult &r) { HandleBasePath(r.path); },
+                   [&](const MetaDataResult &r) {
+                       emit queryMetaDataReply(r.requestId, r.metaData, r.error, r.errorString);
+                   },
+                   [&](const LocationStateProgressResult &r) {
+                       emit queryLocationStateProgressReply(r.requestId, r.locationState, r.progress, r.error,
+                                                            r.errorString);
+                   },
+                   [&](const ExistsResult &r) {
+                       emit checkFileGroupExistsReply(r.requestId, r.exists, r.error, r.errorString);
+                   },
+                   [&](const RemoteStorageLocationResult &r) {
+                       emit getRemoteStorageLocationReply(r.requestId, r.remoteIp, r.attachmentUrl, r.error,
+                                                          r.errorString);
+                   },
+                   [&](const ConvertRequestResult &r) { emit convertFileGroupRequested(r.guid, r.fileType, r.path); },
+                   [&](const CopyProgressResult &r) { emit copyForeignFileGroupProgess(r.requestId, r.progress); },
+               },
+               reply.result);
 }
 
 } // namespace Kelda
