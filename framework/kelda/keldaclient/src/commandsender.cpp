@@ -175,9 +175,10 @@ QString CommandSender::RequestFile(const QString &guid, int fileId, bool writeLo
     message.SetGuid(guid);
     message.SetFileId(fileId);
     message.SetWriteLock(writeLock);
-    message.SetUserName(GetClientKey());
+    const QString lockIdentity = GetClientKey();
+    message.SetUserName(lockIdentity);
     Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::RequestFile: guid='%1' fileid='%2' lock='%3' lockid='%4'")
-                                .arg(guid, QString::number(fileId), boolText(writeLock), GetClientKey()));
+                                .arg(guid, QString::number(fileId), boolText(writeLock), lockIdentity));
     return Send(message);
 }
 
