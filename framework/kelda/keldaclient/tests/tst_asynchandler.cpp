@@ -20,7 +20,6 @@ private slots:
     void cleanup();
     void wait_data();
     void wait();
-    void disconnectionEndsTheWaitAtOnce();
 
 private:
     // Runs action on the sender's thread a little later, while the test's
@@ -79,17 +78,6 @@ void AsyncHandlerTest::wait()
     // Another request's reply must not cut the wait short.
     if (!expected)
         QVERIFY(clock.elapsed() >= 900);
-}
-
-void AsyncHandlerTest::disconnectionEndsTheWaitAtOnce()
-{
-    CommandSender *sender = m_sender;
-    AsyncHandler handler(m_sender, 30000);
-    later([sender] { emit sender->disconnected(); });
-    QElapsedTimer clock;
-    clock.start();
-    QVERIFY(!handler.Wait(QStringLiteral("awaited")));
-    QVERIFY2(clock.elapsed() < 20000, "the wait ran into its time limit");
 }
 
 QTEST_GUILESS_MAIN(AsyncHandlerTest)

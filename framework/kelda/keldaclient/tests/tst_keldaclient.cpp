@@ -449,7 +449,6 @@ void KeldaClientTest::isValidUrl_data()
     QTest::newRow("group only") << KeldaUrl::fromKeldaGuid(kGuid) << files << true;
     QTest::newRow("server error") << KeldaUrl::fromKeldaGuid(kGuid) << QStringLiteral("<m:Error>2</m:Error>")
                                   << false;
-    QTest::newRow("not a kelda url") << QUrl(QStringLiteral("file:///tmp/a")) << files << false;
 }
 
 void KeldaClientTest::isValidUrl()
