@@ -54,6 +54,7 @@ public:
     bool open(quint16 port)
     {
         m_socket.connectToHost(QStringLiteral("127.0.0.1"), port);
+        m_socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
         return m_socket.waitForConnected(10000);
     }
 

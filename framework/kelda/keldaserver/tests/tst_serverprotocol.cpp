@@ -209,7 +209,7 @@ void TestServerProtocol::failedRequestRollsBackOnlyItself()
     std::vector<DatabaseAnswer> answers;
     const QString database = base.filePath(QStringLiteral("db.sqlite"));
     const StorageLayout layout(base.path(), base.filePath(QStringLiteral("nas")));
-    DatabaseWorker worker(database, layout, [&](std::shared_ptr<std::vector<DatabaseAnswer>> batch) {
+    DatabaseWorker worker(DatabaseWorker::Role::Writer, database, layout, [&](std::shared_ptr<std::vector<DatabaseAnswer>> batch) {
         QMutexLocker lock(&mutex);
         answers.insert(answers.end(), batch->begin(), batch->end());
     });
