@@ -35,6 +35,28 @@ struct LockHolder
     bool write = false;
 };
 
+// One row of a group, read column by column: a large result is written
+// straight from the rows, without building a record per group. Rows of a
+// search end before Path.
+class GroupRow
+{
+public:
+    enum Column {
+        Guid, Name, FileType, Location, Backup, Creation, Modification, LifeCycle, Comment, Creator, Detail, Team,
+        Version, Reserved, References, Path, TovinId, RecordId, Progress
+    };
+    explicit GroupRow(const QSqlQuery &query)
+        : m_query(query)
+    {
+    }
+    QString text(Column column) const { return m_query.value(column).toString(); }
+    qint64 number(Column column) const { return m_query.value(column).toLongLong(); }
+    bool isNull(Column column) const { return m_query.isNull(column); }
+
+private:
+    const QSqlQuery &m_query;
+};
+
 // Criteria of a group search, already parsed. Empty texts and zero states
 // mean "any"; time bounds are UTC milliseconds, absent when open.
 struct GroupSearch
@@ -106,7 +128,7 @@ public:
     QStringList applications();
 
     // Calls visit for every match, ordered by creation time and GUID.
-    void search(const GroupSearch &criteria, const std::function<void(const StoredGroup &)> &visit);
+    void search(const GroupSearch &criteria, const std::function<void(const GroupRow &)> &visit);
 
     // Lower-cased form kept beside every searchable text.
     static QString searchKey(const QString &text);
@@ -115,7 +137,7 @@ private:
     QSqlQuery &prepared(const QString &sql);
     void exec(QSqlQuery &query, KeldaError code);
     void execDirect(const QString &sql, KeldaError code);
-    StoredGroup groupFromRow(const QSqlQuery &query) const;
+    StoredGroup groupFromRow(const GroupRow &row) const;
     void refreshCounters(const QString &guid);
 
     QString m_connectionName;

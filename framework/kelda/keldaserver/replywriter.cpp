@@ -57,6 +57,34 @@ void ReplyWriter::writeStatus(int error, const QString &errorString)
         writeText(Tag::ErrorString, errorString);
 }
 
+void ReplyWriter::writeRaw(const QByteArray &bytes)
+{
+    // Empty text closes a pending start tag, so the bytes land inside it.
+    m_writer.writeCharacters(QString());
+    m_writer.device()->write(bytes);
+}
+
+void ReplyWriter::appendTextElement(QByteArray &out, const QByteArray &qualifiedName, const QString &value)
+{
+    out += '<';
+    out += qualifiedName;
+    out += '>';
+    const QByteArray utf8 = value.toUtf8();
+    for (const char c : utf8) {
+        switch (c) {
+        case '&': out += "&amp;"; break;
+        case '<': out += "&lt;"; break;
+        case '>': out += "&gt;"; break;
+        case '"': out += "&quot;"; break;
+        case '\r': out += "&#13;"; break;
+        default: out += c; break;
+        }
+    }
+    out += "</";
+    out += qualifiedName;
+    out += '>';
+}
+
 QByteArray ReplyWriter::finish()
 {
     m_writer.writeEndDocument();

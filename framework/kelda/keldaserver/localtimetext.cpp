@@ -1,0 +1,44 @@
+#include "localtimetext.h"
+
+#include <QDateTime>
+
+#include <ctime>
+
+namespace Kelda {
+
+namespace {
+
+void putDigits(QChar *at, int value, int count)
+{
+    for (int i = count - 1; i >= 0; --i) {
+        at[i] = QLatin1Char(char('0' + value % 10));
+        value /= 10;
+    }
+}
+
+} // namespace
+
+QString localTimeText(qint64 utcMilliseconds)
+{
+    const qint64 seconds = utcMilliseconds >= 0 ? utcMilliseconds / 1000 : -((-utcMilliseconds + 999) / 1000);
+    const time_t clock = time_t(seconds);
+    struct tm local = {};
+    if (!localtime_r(&clock, &local) || local.tm_year + 1900 < 0 || local.tm_year + 1900 > 9999)
+        return QDateTime::fromMSecsSinceEpoch(utcMilliseconds).toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"));
+    QString text(19, Qt::Uninitialized);
+    QChar *c = text.data();
+    putDigits(c, local.tm_year + 1900, 4);
+    c[4] = QLatin1Char('-');
+    putDigits(c + 5, local.tm_mon + 1, 2);
+    c[7] = QLatin1Char('-');
+    putDigits(c + 8, local.tm_mday, 2);
+    c[10] = QLatin1Char(' ');
+    putDigits(c + 11, local.tm_hour, 2);
+    c[13] = QLatin1Char(':');
+    putDigits(c + 14, local.tm_min, 2);
+    c[16] = QLatin1Char(':');
+    putDigits(c + 17, local.tm_sec, 2);
+    return text;
+}
+
+} // namespace Kelda
