@@ -20,10 +20,11 @@ void putDigits(QChar *at, int value, int count)
 
 QString localTimeText(qint64 utcMilliseconds)
 {
-    const qint64 seconds = utcMilliseconds >= 0 ? utcMilliseconds / 1000 : -((-utcMilliseconds + 999) / 1000);
-    const time_t clock = time_t(seconds);
+    // Qt gives times before 1970 the zone's standard offset; clients read
+    // these texts with Qt, so such times take Qt's own path.
+    const time_t clock = time_t(utcMilliseconds / 1000);
     struct tm local = {};
-    if (!localtime_r(&clock, &local) || local.tm_year + 1900 < 0 || local.tm_year + 1900 > 9999)
+    if (utcMilliseconds < 0 || !localtime_r(&clock, &local) || local.tm_year + 1900 > 9999)
         return QDateTime::fromMSecsSinceEpoch(utcMilliseconds).toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"));
     QString text(19, Qt::Uninitialized);
     QChar *c = text.data();
