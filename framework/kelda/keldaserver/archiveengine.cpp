@@ -74,49 +74,64 @@ bool copyDirectoryFiles(const QString &from, const QString &to, const FileGroupD
     return true;
 }
 
-// The "m:FileGroup" element of a query result, as FileGroupData::ToHtml
-// writes it but without the file list, straight from the row into bytes.
-void appendGroupRow(QByteArray &out, const GroupRow &row)
+QByteArray qualified(QLatin1String name)
 {
-    static const QByteArray fileGroup = Tag::m(Tag::FileGroup).toLatin1();
-    static const QByteArray guid = Tag::m(Tag::Guid).toLatin1();
-    static const QByteArray name = Tag::m(Tag::FileGroupName).toLatin1();
-    static const QByteArray type = Tag::m(Tag::FileType).toLatin1();
-    static const QByteArray location = Tag::m(Tag::LocationState).toLatin1();
-    static const std::pair<GroupRow::Column, QByteArray> times[] = {
-        {GroupRow::Backup, Tag::m(Tag::BackupTime).toLatin1()},
-        {GroupRow::Creation, Tag::m(Tag::CreationTime).toLatin1()},
-        {GroupRow::Modification, Tag::m(Tag::ModificationTime).toLatin1()},
-        {GroupRow::LifeCycle, Tag::m(Tag::LifeCycle).toLatin1()}};
-    static const std::pair<GroupRow::Column, QByteArray> texts[] = {
-        {GroupRow::Comment, Tag::m(Tag::Comment).toLatin1()},
-        {GroupRow::Creator, Tag::m(Tag::Creator).toLatin1()},
-        {GroupRow::Detail, Tag::m(Tag::Detail).toLatin1()},
-        {GroupRow::Team, Tag::m(Tag::TeamMembership).toLatin1()},
-        {GroupRow::Version, Tag::m(Tag::Version).toLatin1()}};
-    static const QByteArray reserved = Tag::m(Tag::ReservedStorage).toLatin1();
-    static const QByteArray references = Tag::m(Tag::ReferenceCounter).toLatin1();
+    return Tag::m(name).toLatin1();
+}
 
-    out += '<' + fileGroup + '>';
-    ReplyWriter::appendTextElement(out, guid, row.text(GroupRow::Guid));
-    ReplyWriter::appendTextElement(out, name, row.text(GroupRow::Name));
-    ReplyWriter::appendTextElement(out, type, QString::number(row.number(GroupRow::FileType)));
-    const qint64 state = row.number(GroupRow::Location);
+// The children of a group's query result that never change after creation,
+// as FileGroupData::ToHtml writes them. The client reads the children in any
+// order, so the changing ones follow them.
+QByteArray fixedResultXml(const FileGroupData &data)
+{
+    static const QByteArray guid = qualified(Tag::Guid);
+    static const QByteArray name = qualified(Tag::FileGroupName);
+    static const QByteArray type = qualified(Tag::FileType);
+    static const QByteArray reserved = qualified(Tag::ReservedStorage);
+    static const std::pair<QByteArray, QString (FileGroupData::*)() const> texts[] = {
+        {qualified(Tag::Comment), &FileGroupData::getComment},
+        {qualified(Tag::Creator), &FileGroupData::getCreator},
+        {qualified(Tag::Detail), &FileGroupData::getDetail},
+        {qualified(Tag::TeamMembership), &FileGroupData::getTeamMembership},
+        {qualified(Tag::Version), &FileGroupData::getVersion}};
+    QByteArray out;
+    ReplyWriter::appendTextElement(out, guid, data.getGuid());
+    ReplyWriter::appendTextElement(out, name, data.getFileGroupName());
+    ReplyWriter::appendPlainElement(out, type, QByteArray::number(data.getFileType()));
+    for (const auto &text : texts) {
+        const QString value = (data.*text.second)();
+        if (!value.isEmpty())
+            ReplyWriter::appendTextElement(out, text.first, value);
+    }
+    ReplyWriter::appendPlainElement(out, reserved, QByteArray::number(qMax(0, data.getReservedStorage())));
+    return out;
+}
+
+// The "m:FileGroup" element of a query result: without the file list,
+// copied together from the row.
+void appendGroupRow(QByteArray &out, const SearchRow &row)
+{
+    static const QByteArray open = '<' + qualified(Tag::FileGroup) + '>';
+    static const QByteArray close = "</" + qualified(Tag::FileGroup) + '>';
+    static const QByteArray location = qualified(Tag::LocationState);
+    static const std::pair<SearchRow::Column, QByteArray> times[] = {
+        {SearchRow::Backup, qualified(Tag::BackupTime)},
+        {SearchRow::Creation, qualified(Tag::CreationTime)},
+        {SearchRow::Modification, qualified(Tag::ModificationTime)},
+        {SearchRow::LifeCycle, qualified(Tag::LifeCycle)}};
+    static const QByteArray references = qualified(Tag::ReferenceCounter);
+
+    out += open;
+    out += row.bytes(SearchRow::FixedXml);
+    const qint64 state = row.number(SearchRow::Location);
     if (state > LS_Undefined)
-        ReplyWriter::appendTextElement(out, location, QString::number(state));
+        ReplyWriter::appendPlainElement(out, location, QByteArray::number(state));
     for (const auto &time : times) {
         if (!row.isNull(time.first))
-            ReplyWriter::appendTextElement(out, time.second, localTimeText(row.number(time.first)));
+            ReplyWriter::appendPlainElement(out, time.second, localTimeText(row.number(time.first)));
     }
-    for (const auto &text : texts) {
-        const QString value = row.text(text.first);
-        if (!value.isEmpty())
-            ReplyWriter::appendTextElement(out, text.second, value);
-    }
-    ReplyWriter::appendTextElement(out, reserved,
-                                   QString::number(qBound<qint64>(0, row.number(GroupRow::Reserved), INT_MAX)));
-    ReplyWriter::appendTextElement(out, references, QString::number(qMax<qint64>(0, row.number(GroupRow::References))));
-    out += "</" + fileGroup + '>';
+    ReplyWriter::appendPlainElement(out, references, QByteArray::number(qMax<qint64>(0, row.number(SearchRow::References))));
+    out += close;
 }
 
 } // namespace
@@ -257,6 +272,7 @@ QString ArchiveEngine::createGroup(StoredGroup group, const QString &requestedPa
 
     group.path = directory;
     group.data.setPath(directory);
+    group.fixedResultXml = fixedResultXml(group.data);
     // Imported groups keep the times they had where they came from.
     if (!group.data.getCreationTime().isValid())
         group.data.setCreationTime(created);
@@ -552,7 +568,7 @@ void ArchiveEngine::queryFileGroups(const Request &request, const RequestOrigin 
     timer.start();
     QByteArray rows;
     int count = 0;
-    m_store.search(criteria, [&rows, &count](const GroupRow &row) {
+    m_store.search(criteria, [&rows, &count](const SearchRow &row) {
         appendGroupRow(rows, row);
         ++count;
     });

@@ -29,7 +29,8 @@ const QStringList kSchema{
                    " reference_counter INTEGER NOT NULL,"
                    " path TEXT NOT NULL,"
                    " tovin_id TEXT, record_id TEXT,"
-                   " copy_progress DOUBLE PRECISION NOT NULL)"),
+                   " copy_progress DOUBLE PRECISION NOT NULL,"
+                   " fixed_result_xml BYTEA NOT NULL)"),
     // Also the order of every search result, so results need no sorting.
     QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_creation ON file_groups (creation_time, guid)"),
     QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_modification ON file_groups (modification_time)"),
@@ -51,12 +52,15 @@ const QStringList kSchema{
     QStringLiteral("CREATE TABLE IF NOT EXISTS known_applications (name TEXT PRIMARY KEY)"),
 };
 
-// In GroupRow::Column order; searches stop before the path, which no
-// search result carries.
-const QString kSearchColumns = QStringLiteral(
+// In GroupRow::Column order.
+const QString kGroupColumns = QStringLiteral(
     "g.guid, g.name, g.file_type, g.location_state, g.backup_time, g.creation_time, g.modification_time,"
-    " g.life_cycle, g.comment, g.creator, g.detail, g.team, g.version, g.reserved_storage, g.reference_counter");
-const QString kGroupColumns = kSearchColumns + QStringLiteral(", g.path, g.tovin_id, g.record_id, g.copy_progress");
+    " g.life_cycle, g.comment, g.creator, g.detail, g.team, g.version, g.reserved_storage, g.reference_counter,"
+    " g.path, g.tovin_id, g.record_id, g.copy_progress");
+// In SearchRow::Column order.
+const QString kSearchColumns = QStringLiteral(
+    "g.fixed_result_xml, g.location_state, g.backup_time, g.creation_time, g.modification_time, g.life_cycle,"
+    " g.reference_counter");
 
 QVariant timeValue(const QDateTime &time)
 {
@@ -239,7 +243,8 @@ void ArchiveStore::insertGroup(const StoredGroup &group)
         "INSERT INTO file_groups (guid, name, name_key, file_type, location_state, backup_time, creation_time,"
         " modification_time, life_cycle, comment, comment_key, creator, creator_key, detail, detail_key, team,"
         " team_key, version, version_key, reserved_storage, reference_counter, path, tovin_id, record_id,"
-        " copy_progress) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"));
+        " copy_progress, fixed_result_xml)"
+        " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"));
     int i = 0;
     query.bindValue(i++, text(data.getGuid()));
     query.bindValue(i++, text(data.getFileGroupName()));
@@ -261,6 +266,7 @@ void ArchiveStore::insertGroup(const StoredGroup &group)
     query.bindValue(i++, group.tovinId.isEmpty() ? QVariant(QVariant::String) : QVariant(group.tovinId));
     query.bindValue(i++, group.recordId.isEmpty() ? QVariant(QVariant::String) : QVariant(group.recordId));
     query.bindValue(i++, group.copyProgress);
+    query.bindValue(i++, group.fixedResultXml);
     exec(query, KE_InsertFileGroupInDbFailed);
 }
 
@@ -510,7 +516,7 @@ QStringList ArchiveStore::applications()
     return result;
 }
 
-void ArchiveStore::search(const GroupSearch &criteria, const std::function<void(const GroupRow &)> &visit)
+void ArchiveStore::search(const GroupSearch &criteria, const std::function<void(const SearchRow &)> &visit)
 {
     QString sql = QStringLiteral("SELECT ") + kSearchColumns + QStringLiteral(" FROM file_groups g WHERE 1 = 1");
     QVariantList values;
@@ -578,7 +584,7 @@ void ArchiveStore::search(const GroupSearch &criteria, const std::function<void(
     for (int i = 0; i < values.size(); ++i)
         query.bindValue(i, values.at(i));
     exec(query, KE_QueryFilesFailed);
-    const GroupRow row(query);
+    const SearchRow row(query);
     while (query.next())
         visit(row);
 }

@@ -27,6 +27,9 @@ struct StoredGroup
     QString tovinId;
     QString recordId;
     double copyProgress = 0; // percent of a running move to network storage
+    // The children of the group's query result element that never change,
+    // ready to send: a large result is copied together from these.
+    QByteArray fixedResultXml;
 };
 
 struct LockHolder
@@ -35,9 +38,7 @@ struct LockHolder
     bool write = false;
 };
 
-// One row of a group, read column by column: a large result is written
-// straight from the rows, without building a record per group. Rows of a
-// search end before Path.
+// One row of a group, read column by column.
 class GroupRow
 {
 public:
@@ -50,6 +51,24 @@ public:
     {
     }
     QString text(Column column) const { return m_query.value(column).toString(); }
+    qint64 number(Column column) const { return m_query.value(column).toLongLong(); }
+    bool isNull(Column column) const { return m_query.isNull(column); }
+
+private:
+    const QSqlQuery &m_query;
+};
+
+// One row of a search: the fixed part of the result element and the
+// columns that change over a group's life.
+class SearchRow
+{
+public:
+    enum Column { FixedXml, Location, Backup, Creation, Modification, LifeCycle, References };
+    explicit SearchRow(const QSqlQuery &query)
+        : m_query(query)
+    {
+    }
+    QByteArray bytes(Column column) const { return m_query.value(column).toByteArray(); }
     qint64 number(Column column) const { return m_query.value(column).toLongLong(); }
     bool isNull(Column column) const { return m_query.isNull(column); }
 
@@ -128,7 +147,7 @@ public:
     QStringList applications();
 
     // Calls visit for every match, ordered by creation time and GUID.
-    void search(const GroupSearch &criteria, const std::function<void(const GroupRow &)> &visit);
+    void search(const GroupSearch &criteria, const std::function<void(const SearchRow &)> &visit);
 
     // Lower-cased form kept beside every searchable text.
     static QString searchKey(const QString &text);

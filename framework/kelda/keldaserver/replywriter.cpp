@@ -70,16 +70,34 @@ void ReplyWriter::appendTextElement(QByteArray &out, const QByteArray &qualified
     out += qualifiedName;
     out += '>';
     const QByteArray utf8 = value.toUtf8();
-    for (const char c : utf8) {
-        switch (c) {
-        case '&': out += "&amp;"; break;
-        case '<': out += "&lt;"; break;
-        case '>': out += "&gt;"; break;
-        case '"': out += "&quot;"; break;
-        case '\r': out += "&#13;"; break;
-        default: out += c; break;
+    const char *run = utf8.constData();
+    const char *const end = run + utf8.size();
+    for (const char *c = run; c != end; ++c) {
+        const char *entity = nullptr;
+        switch (*c) {
+        case '&': entity = "&amp;"; break;
+        case '<': entity = "&lt;"; break;
+        case '>': entity = "&gt;"; break;
+        case '"': entity = "&quot;"; break;
+        case '\r': entity = "&#13;"; break;
+        default: continue;
         }
+        out.append(run, int(c - run));
+        out.append(entity);
+        run = c + 1;
     }
+    out.append(run, int(end - run));
+    out += "</";
+    out += qualifiedName;
+    out += '>';
+}
+
+void ReplyWriter::appendPlainElement(QByteArray &out, const QByteArray &qualifiedName, const QByteArray &value)
+{
+    out += '<';
+    out += qualifiedName;
+    out += '>';
+    out += value;
     out += "</";
     out += qualifiedName;
     out += '>';

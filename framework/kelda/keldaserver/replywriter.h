@@ -38,6 +38,8 @@ public:
     void writeRaw(const QByteArray &bytes);
     // Appends <qualifiedName>escaped value</qualifiedName> in UTF-8.
     static void appendTextElement(QByteArray &out, const QByteArray &qualifiedName, const QString &value);
+    // The same for a value that needs no escaping: digits, times.
+    static void appendPlainElement(QByteArray &out, const QByteArray &qualifiedName, const QByteArray &value);
 
     // Closes the document and hands out its bytes.
     QByteArray finish();

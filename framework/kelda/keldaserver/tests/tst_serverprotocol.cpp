@@ -274,7 +274,7 @@ void TestServerProtocol::localTimeTextMatchesQDateTime()
     tzset();
     const QString expected = QDateTime::fromMSecsSinceEpoch(utc.toMSecsSinceEpoch())
                                  .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"));
-    const QString actual = localTimeText(utc.toMSecsSinceEpoch());
+    const QString actual = QString::fromLatin1(localTimeText(utc.toMSecsSinceEpoch()));
     qputenv("TZ", previous);
     tzset();
     QCOMPARE(actual, expected);
