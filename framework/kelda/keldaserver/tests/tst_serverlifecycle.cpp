@@ -70,11 +70,15 @@ void TestServerLifecycle::blockingLifecycle()
     const QString path = client.RequestFile(2, guid, LOCK_Write);
     QCOMPARE(readFile(path), QByteArray("second"));
     QVERIFY(writeFile(path, "rewritten"));
+    // Closing is not awaited by the library; the other client must not
+    // overtake it.
+    QSignalSpy closed(&client, &KeldaClient::CloseFileSg);
     client.CloseFile(2, guid);
-    QCOMPARE(readFile(m_bob->RequestFile(2, guid, LOCK_Read)), QByteArray("rewritten"));
-    QSignalSpy closed(m_bob.get(), &KeldaClient::CloseFileSg);
-    m_bob->CloseFile(2, guid);
     QVERIFY(closed.wait(Wait));
+    QCOMPARE(readFile(m_bob->RequestFile(2, guid, LOCK_Read)), QByteArray("rewritten"));
+    QSignalSpy bobClosed(m_bob.get(), &KeldaClient::CloseFileSg);
+    m_bob->CloseFile(2, guid);
+    QVERIFY(bobClosed.wait(Wait));
 
     QSignalSpy deleted(&client, &KeldaClient::DeleteFileNameSg);
     QCOMPARE(waitForRequest(deleted, client.DeleteFileName(1, guid)).value(1).toInt(), int(KE_NoError));
@@ -232,10 +236,12 @@ void TestServerLifecycle::references()
         return waitForRequest(meta, viewer->QueryMetaDataAsync(guid, QString())).value(1).value<FileGroupData>()
             .getReferenceCounter();
     };
+    QSignalSpy aliceAdded(m_alice.get(), &KeldaClient::AddReferenceSg);
     viewer->AddReference(guid);
     viewer->AddReference(guid);
     m_alice->AddReference(guid);
     QTRY_COMPARE_WITH_TIMEOUT(added.size(), 2, Wait);
+    QTRY_COMPARE_WITH_TIMEOUT(aliceAdded.size(), 1, Wait);
     QCOMPARE(counter(), 3);
     QVERIFY(m_alice->GetApplicationList().contains(QStringLiteral("viewer")));
     viewer->RemoveReference(guid);
