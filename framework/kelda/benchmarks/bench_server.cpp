@@ -135,13 +135,16 @@ QList<QByteArray> requests(const Run &run, const Sequence &s, bool withQuery)
                 QStringLiteral("<m:Guid>%1</m:Guid><m:FileGroupName>%2</m:FileGroupName><m:FileType>1</m:FileType>"
                                "<m:UserName>bench</m:UserName><m:Path>%3/bench/%1</m:Path>")
                     .arg(s.guid, s.name, run.basePath)),
-        request(Tag::AddFile, QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>data.bin</m:FileName><m:FileId>1</m:FileId>")
-                                  .arg(s.guid)),
-        request(Tag::RequestFile, QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>1</m:FileId><m:WriteLock>true</m:WriteLock>"
-                                                 "<m:UserName>%2</m:UserName>")
-                                      .arg(s.guid, s.identity)),
-        request(Tag::CloseFile, QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>-1</m:FileId><m:UserName>%2</m:UserName>")
-                                    .arg(s.guid, s.identity))};
+        request(
+            Tag::AddFile,
+            QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>data.bin</m:FileName><m:FileId>1</m:FileId>").arg(s.guid)),
+        request(Tag::RequestFile,
+                QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>1</m:FileId><m:WriteLock>true</m:WriteLock>"
+                               "<m:UserName>%2</m:UserName>")
+                    .arg(s.guid, s.identity)),
+        request(Tag::CloseFile,
+                QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>-1</m:FileId><m:UserName>%2</m:UserName>")
+                    .arg(s.guid, s.identity))};
     if (withQuery)
         list.append(request(Tag::QueryFileGroups,
                             QStringLiteral("<m:FileGroupNameSearchText>%1</m:FileGroupNameSearchText>").arg(s.name)));
@@ -286,9 +289,9 @@ int main(int argc, char *argv[])
     const QCommandLineOption sequencesOption(QStringLiteral("sequences"),
                                              QStringLiteral("Sequences per client and run (default 200)."),
                                              QStringLiteral("N"), QStringLiteral("200"));
-    const QCommandLineOption groupsOption(QStringLiteral("groups"),
-                                          QStringLiteral("Groups in the archive for the query timing (default 100000)."),
-                                          QStringLiteral("N"), QStringLiteral("100000"));
+    const QCommandLineOption groupsOption(
+        QStringLiteral("groups"), QStringLiteral("Groups in the archive for the query timing (default 100000)."),
+        QStringLiteral("N"), QStringLiteral("100000"));
     const QCommandLineOption traceOption(QStringLiteral("server-trace-mask"),
                                          QStringLiteral("Trace mask of the server, e.g. 0x40 for its timings."),
                                          QStringLiteral("MASK"));

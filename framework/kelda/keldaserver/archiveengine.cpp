@@ -133,7 +133,8 @@ void appendGroupRow(QByteArray &out, const SearchRow &row)
         if (!row.isNull(time.first))
             ReplyWriter::appendPlainElement(out, time.second, localTimeText(row.number(time.first)));
     }
-    ReplyWriter::appendPlainElement(out, references, QByteArray::number(qMax<qint64>(0, row.number(SearchRow::References))));
+    ReplyWriter::appendPlainElement(out, references,
+                                    QByteArray::number(qMax<qint64>(0, row.number(SearchRow::References))));
     out += close;
 }
 
@@ -265,10 +266,11 @@ QString ArchiveEngine::createGroup(StoredGroup group, const QString &requestedPa
     QString directory = m_layout.defaultGroupDirectory(guid, created);
     if (!requestedPath.trimmed().isEmpty()) {
         directory = QDir::cleanPath(QDir::fromNativeSeparators(requestedPath.trimmed()));
-        if (!StorageLayout::isBelow(m_layout.basePath(), directory) || StorageLayout::isBelow(m_layout.nasPath(), directory)
-            || directory == m_layout.nasPath())
+        if (!StorageLayout::isBelow(m_layout.basePath(), directory)
+            || StorageLayout::isBelow(m_layout.nasPath(), directory) || directory == m_layout.nasPath())
             refuse(KE_CreatePathFailed,
-                   QStringLiteral("The path %1 does not lie below the base path %2").arg(requestedPath, m_layout.basePath()));
+                   QStringLiteral("The path %1 does not lie below the base path %2")
+                       .arg(requestedPath, m_layout.basePath()));
     }
     if (!QDir().mkpath(directory))
         refuse(KE_CreatePathFailed, QStringLiteral("Cannot create the directory %1").arg(directory));
@@ -293,7 +295,8 @@ void ArchiveEngine::createFileGroup(const Request &request, const RequestOrigin 
 {
     const std::optional<QDateTime> lifeCycle = requestTime(request.text(Tag::LifeCycle));
     if (!lifeCycle)
-        refuse(KE_AddFileGroupFailed, QStringLiteral("Cannot read the life cycle \"%1\"").arg(request.text(Tag::LifeCycle)));
+        refuse(KE_AddFileGroupFailed,
+               QStringLiteral("Cannot read the life cycle \"%1\"").arg(request.text(Tag::LifeCycle)));
     StoredGroup group;
     FileGroupData &data = group.data;
     data.setGuid(request.text(Tag::Guid).trimmed());

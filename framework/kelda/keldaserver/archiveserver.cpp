@@ -60,7 +60,8 @@ bool ArchiveServer::openDatabase()
 
 bool ArchiveServer::start()
 {
-    for (const QString &folder : {m_options.basePath, m_options.nasPath, QFileInfo(m_options.databaseFile).absolutePath()}) {
+    for (const QString &folder :
+         {m_options.basePath, m_options.nasPath, QFileInfo(m_options.databaseFile).absolutePath()}) {
         if (!QDir().mkpath(folder)) {
             m_error = QStringLiteral("Cannot create the folder %1").arg(folder);
             m_exitCode = ServerOptions::ExitStorage;

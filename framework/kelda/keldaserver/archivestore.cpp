@@ -226,7 +226,8 @@ StoredGroup ArchiveStore::groupFromRow(const GroupRow &row) const
 
 std::optional<StoredGroup> ArchiveStore::group(const QString &guid)
 {
-    QSqlQuery &query = prepared(QStringLiteral("SELECT ") + kGroupColumns + QStringLiteral(" FROM file_groups g WHERE g.guid = ?"));
+    QSqlQuery &query
+        = prepared(QStringLiteral("SELECT ") + kGroupColumns + QStringLiteral(" FROM file_groups g WHERE g.guid = ?"));
     query.bindValue(0, guid);
     exec(query, KE_ReadFileGroupFromDbFailed);
     std::optional<StoredGroup> result;
@@ -329,7 +330,8 @@ QStringList ArchiveStore::groupsInState(int locationState)
 
 FileGroupData::FileList ArchiveStore::files(const QString &guid)
 {
-    QSqlQuery &query = prepared(QStringLiteral("SELECT file_id, name FROM group_files WHERE guid = ? ORDER BY file_id"));
+    QSqlQuery &query
+        = prepared(QStringLiteral("SELECT file_id, name FROM group_files WHERE guid = ? ORDER BY file_id"));
     query.bindValue(0, guid);
     exec(query, KE_ReadFileFromDbFailed);
     FileGroupData::FileList result;
@@ -475,8 +477,8 @@ void ArchiveStore::rememberUser(const QString &name)
 {
     if (name.isEmpty())
         return;
-    QSqlQuery &query = prepared(QStringLiteral(
-        "INSERT INTO known_users (name) SELECT ? WHERE NOT EXISTS (SELECT 1 FROM known_users WHERE name = ?)"));
+    QSqlQuery &query = prepared(QStringLiteral("INSERT INTO known_users (name) SELECT CAST(? AS TEXT) WHERE NOT EXISTS "
+                                               "(SELECT 1 FROM known_users WHERE name = ?)"));
     query.bindValue(0, text(name));
     query.bindValue(1, text(name));
     exec(query, KE_UnknownError);
@@ -487,7 +489,7 @@ void ArchiveStore::rememberApplication(const QString &name)
     if (name.isEmpty())
         return;
     QSqlQuery &query = prepared(QStringLiteral(
-        "INSERT INTO known_applications (name) SELECT ?"
+        "INSERT INTO known_applications (name) SELECT CAST(? AS TEXT)"
         " WHERE NOT EXISTS (SELECT 1 FROM known_applications WHERE name = ?)"));
     query.bindValue(0, text(name));
     query.bindValue(1, text(name));
