@@ -120,6 +120,10 @@ bool ArchiveStore::open(const QString &databaseFile)
         execDirect(QStringLiteral("PRAGMA journal_mode=WAL"), KE_DatabaseNotAvailable);
         execDirect(QStringLiteral("PRAGMA synchronous=FULL"), KE_DatabaseNotAvailable);
         execDirect(QStringLiteral("PRAGMA busy_timeout=5000"), KE_DatabaseNotAvailable);
+        // Pages are read through a mapping instead of a system call each,
+        // and more of them stay cached between transactions.
+        execDirect(QStringLiteral("PRAGMA mmap_size=268435456"), KE_DatabaseNotAvailable);
+        execDirect(QStringLiteral("PRAGMA cache_size=-65536"), KE_DatabaseNotAvailable);
         for (const QString &statement : kSchema)
             execDirect(statement, KE_DatabaseNotAvailable);
     } catch (const RequestFailure &failure) {

@@ -34,6 +34,7 @@ public:
 
     bool isRunning() const;
     quint16 port() const { return m_port; }
+    qint64 processId() const { return m_process.processId(); }
     QString basePath() const { return m_basePath; }
     QString errorString() const { return m_error; }
     // Exit code of the last run; valid after stop() returned.
