@@ -7,3 +7,7 @@
 #include <filetype.h>
 #include <keldaxml.h>
 #include <keldaclientglobal.h>
+#include <clienttreemodel.h>
+#include <fileselectdialog.h>
+#include <querydialog.h>
+#include <keldasaveasdlg.h>
