@@ -13,6 +13,7 @@
 #include <QComboBox>
 #include <QContextMenuEvent>
 #include <QDateTimeEdit>
+#include <QEventLoop>
 #include <QFileDialog>
 #include <QGroupBox>
 #include <QHBoxLayout>
@@ -22,6 +23,7 @@
 #include <QMenu>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QTimer>
 #include <QTreeView>
 #include <QVBoxLayout>
 
@@ -34,6 +36,7 @@ constexpr int kButtonWidth = 60;
 constexpr int kViewMinimumWidth = 800;
 constexpr int kViewMinimumHeight = 400;
 constexpr int kQuickWindowDays = 1;
+constexpr int kConnectWaitMs = 5000;
 // What a user rarely needs: location state, creation time, life cycle,
 // comment, version, reserved storage, reference and lock count, GUID. The
 // last index is one past the model's columns and names nothing.
@@ -48,6 +51,20 @@ public:
     WaitCursor(const WaitCursor &) = delete;
     WaitCursor &operator=(const WaitCursor &) = delete;
 };
+
+// A client of its own must finish its handshake before the dialog's first
+// query, or that query fails at once with "not connected". Waits at most
+// kConnectWaitMs; an unreachable server then shows as that failure.
+void waitForConnection(KeldaClient &client)
+{
+    if (client.IsConnected())
+        return;
+    WaitCursor waitCursor;
+    QEventLoop loop;
+    QObject::connect(&client, &KeldaClient::connected, &loop, &QEventLoop::quit);
+    QTimer::singleShot(kConnectWaitMs, &loop, &QEventLoop::quit);
+    loop.exec(QEventLoop::ExcludeUserInputEvents);
+}
 
 QPushButton *newButton(const QString &text, QWidget *parent, int fixedWidth = 0)
 {
@@ -468,6 +485,7 @@ KeldaUrl KeldaFileDialog::GetOpenUrl(QWidget *parent, const QString &caption, co
 {
     if (KeldaClient::IsKeldaAvailable()) {
         KeldaClient client;
+        waitForConnection(client);
         FileSelectDialog dialog(&client, parent, caption, FileSelectDialog::tr("Open"), false, types, reserved,
                                 QString());
         QString guid;
