@@ -170,17 +170,6 @@ QString formatFiles(const QString &guid, const FileGroupData::FileList &files)
     return formatTable({QStringLiteral("Id"), QStringLiteral("Name"), QStringLiteral("URL")}, rows);
 }
 
-FileGroupData::FileList namedFiles(const QStringList &ids, const FileGroupData::FileList &known)
-{
-    FileGroupData::FileList files;
-    for (const QString &text : ids) {
-        const int id = text.toInt();
-        const auto found = std::find_if(known.begin(), known.end(), [id](const auto &file) { return file.second == id; });
-        files.emplace_back(found == known.end() ? QString() : found->first, id);
-    }
-    return files;
-}
-
 QByteArray jsonText(const QJsonObject &object)
 {
     return QJsonDocument(object).toJson(QJsonDocument::Indented);

@@ -32,10 +32,6 @@ QString formatFileGroup(const Kelda::FileGroupData &group);
 // `files`: a table of id, name and URL.
 QString formatFiles(const QString &guid, const Kelda::FileGroupData::FileList &files);
 
-// The file list of a group from the server's id list, named from the
-// group's record where it knows the id.
-Kelda::FileGroupData::FileList namedFiles(const QStringList &ids, const Kelda::FileGroupData::FileList &known);
-
 // One indented JSON document with a final newline.
 QByteArray jsonText(const QJsonObject &object);
 QByteArray jsonText(const QJsonArray &array);

@@ -383,14 +383,12 @@ ExitCode runFiles(const QCommandLineParser &parser, Session &session)
     if (const ExitCode code = session.connect())
         return code;
 
-    // The ids are the server's file list; the names come from the record.
+    // The record names each file with its id; the plain file list may
+    // interleave ids and names, depending on the server.
     FileGroupData group;
     if (const ExitCode code = queryMetaData(session, guid, group))
         return code;
-    const QStringList ids = session.client().GetFileList(guid);
-    if (ids.isEmpty() && session.client().GetError() != KE_NoError)
-        return session.blockingFailure();
-    const FileGroupData::FileList files = namedFiles(ids, group.getFileList());
+    const FileGroupData::FileList &files = group.getFileList();
     if (parser.isSet(kJson))
         session.writeOut(jsonText(filesToJson(guid, files)));
     else
