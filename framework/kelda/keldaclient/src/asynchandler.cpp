@@ -1,85 +1,114 @@
 #include "asynchandler.h"
 
 #include "commandsender.h"
-#include "threadstopper.h"
 
+#include <QDeadlineTimer>
 #include <QMutexLocker>
 
 namespace Kelda {
 
-namespace {
-constexpr unsigned long kThreadStopMs = 1000;
-}
-
-AsyncHandlerCommandSenderSocket::AsyncHandlerCommandSenderSocket(CommandSender *sender,
-                                                                 QWaitCondition *waitCondition)
-    : m_commandSender(sender)
+AsyncHandlerCommandSenderSocket::AsyncHandlerCommandSenderSocket(QMutex *mutex, QWaitCondition *waitCondition)
+    : m_mutex(mutex)
     , m_waitCondition(waitCondition)
 {
-    if (m_commandSender) {
-        connect(m_commandSender, &CommandSender::disconnected, this, &AsyncHandlerCommandSenderSocket::sl_disconnect);
-        connect(m_commandSender, &CommandSender::si_requestHandled, this,
-                &AsyncHandlerCommandSenderSocket::sl_requestHandled);
-    }
 }
 
-void AsyncHandlerCommandSenderSocket::SetAwaitedRequestId(const QString &requestId)
+bool AsyncHandlerCommandSenderSocket::SetAwaitedRequestId(const QString &requestId)
 {
-    m_awaitedStorage = requestId;
-    m_awaited.storeRelease(&m_awaitedStorage);
-}
-
-void AsyncHandlerCommandSenderSocket::Detach()
-{
-    if (m_commandSender)
-        disconnect(m_commandSender, nullptr, this, nullptr);
-    m_waitCondition.store(nullptr);
+    m_awaiting = true;
+    m_awaitedRequestId = requestId;
+    if (!requestId.isEmpty() && m_handledBeforeWait.contains(requestId))
+        Finish(true);
+    else if (m_disconnectedBeforeWait)
+        Finish(false);
+    m_handledBeforeWait.clear();
+    return m_finished;
 }
 
 void AsyncHandlerCommandSenderSocket::Finish(bool handled)
 {
-    m_awaited.storeRelease(nullptr);
-    m_handled.store(handled);
-    if (QWaitCondition *waitCondition = m_waitCondition.load())
-        waitCondition->wakeAll();
+    m_awaitedRequestId.clear();
+    m_handled = handled;
+    m_finished = true;
+    m_waitCondition->wakeAll();
 }
 
 void AsyncHandlerCommandSenderSocket::sl_requestHandled(const QString &requestId)
 {
-    const QString *awaited = m_awaited.loadAcquire();
-    if (awaited && *awaited == requestId)
+    if (requestId.isEmpty())
+        return;
+    QMutexLocker lock(m_mutex);
+    if (m_finished)
+        return;
+    if (!m_awaiting)
+        m_handledBeforeWait.insert(requestId);
+    else if (requestId == m_awaitedRequestId)
         Finish(true);
 }
 
 void AsyncHandlerCommandSenderSocket::sl_disconnect()
 {
-    Finish(false);
+    QMutexLocker lock(m_mutex);
+    if (m_finished)
+        return;
+    if (m_awaiting)
+        Finish(false);
+    else
+        m_disconnectedBeforeWait = true;
+}
+
+void RequestWaiters::Add(AsyncHandlerCommandSenderSocket *listener)
+{
+    QMutexLocker lock(&m_mutex);
+    m_listeners.append(listener);
+}
+
+void RequestWaiters::Remove(AsyncHandlerCommandSenderSocket *listener)
+{
+    QMutexLocker lock(&m_mutex);
+    m_listeners.removeOne(listener);
+}
+
+void RequestWaiters::RequestHandled(const QString &requestId)
+{
+    QMutexLocker lock(&m_mutex);
+    for (AsyncHandlerCommandSenderSocket *listener : qAsConst(m_listeners))
+        listener->sl_requestHandled(requestId);
+}
+
+void RequestWaiters::Disconnected()
+{
+    QMutexLocker lock(&m_mutex);
+    for (AsyncHandlerCommandSenderSocket *listener : qAsConst(m_listeners))
+        listener->sl_disconnect();
 }
 
 AsyncHandler::AsyncHandler(CommandSender *sender, unsigned int timeoutMs)
-    : m_listener(new AsyncHandlerCommandSenderSocket(sender, &m_waitCondition))
+    : m_sender(sender)
     , m_timeout(timeoutMs)
-    , m_thread(new QThread(this))
+    , m_listener(&m_mutex, &m_waitCondition)
 {
-    m_thread->setObjectName(QStringLiteral("AsyncHandlerThread"));
-    m_listener->moveToThread(m_thread);
-    connect(m_thread, &QThread::finished, m_listener, &QObject::deleteLater);
-    m_thread->start(QThread::InheritPriority);
+    if (m_sender)
+        m_sender->Waiters().Add(&m_listener);
 }
 
 AsyncHandler::~AsyncHandler()
 {
-    m_listener->Detach();
-    if (StopThread(m_thread, kThreadStopMs))
-        delete m_thread;
+    if (m_sender)
+        m_sender->Waiters().Remove(&m_listener);
 }
 
 bool AsyncHandler::Wait(const QString &requestId)
 {
-    m_listener->SetAwaitedRequestId(requestId);
     QMutexLocker lock(&m_mutex);
-    const bool woken = m_waitCondition.wait(&m_mutex, m_timeout);
-    return woken && m_listener->IsHandled();
+    if (m_listener.SetAwaitedRequestId(requestId))
+        return m_listener.IsHandled();
+    QDeadlineTimer deadline(m_timeout);
+    while (!m_listener.IsFinished()) {
+        if (!m_waitCondition.wait(&m_mutex, deadline))
+            break;
+    }
+    return m_listener.IsHandled();
 }
 
 } // namespace Kelda

@@ -1,53 +1,75 @@
 #pragma once
 
-#include <QAtomicPointer>
 #include <QMutex>
 #include <QObject>
+#include <QSet>
 #include <QString>
-#include <QThread>
+#include <QVector>
 #include <QWaitCondition>
-
-#include <atomic>
 
 namespace Kelda {
 
 class CommandSender;
 
-// Listens, on a thread of its own, for the command sender to announce the
-// awaited request as handled (or the connection as lost) and wakes the caller
-// blocked in AsyncHandler::Wait.
+// Hears, for one blocking call, the command sender announce handled requests
+// and lost connections, and wakes the caller blocked in AsyncHandler::Wait.
+//
+// The slots run directly on the sender's thread, through RequestWaiters, and
+// change the outcome only under the handler's mutex: a wake-up can therefore
+// never fall between the caller's check and its sleep. Ids handled before the
+// caller names the one it awaits are remembered, so a reply that is faster
+// than the caller is still recognised.
 class AsyncHandlerCommandSenderSocket : public QObject
 {
     Q_OBJECT
 
 public:
-    AsyncHandlerCommandSenderSocket(CommandSender *sender, QWaitCondition *waitCondition);
+    AsyncHandlerCommandSenderSocket(QMutex *mutex, QWaitCondition *waitCondition);
 
-    // Stops waking the wait condition, whose owner is going away.
-    void Detach();
-
-    // Called once per handler, from the caller's thread, before it waits.
-    void SetAwaitedRequestId(const QString &requestId);
-    void Finish(bool handled);
-    bool IsHandled() const { return m_handled.load(); }
+    // These are called with the mutex held, from the waiting thread.
+    // Returns true when the wait is decided already: the id was handled, or
+    // the connection dropped, before the caller got here.
+    bool SetAwaitedRequestId(const QString &requestId);
+    bool IsFinished() const { return m_finished; }
+    bool IsHandled() const { return m_handled; }
 
 public slots:
     void sl_requestHandled(const QString &requestId);
     void sl_disconnect();
 
 private:
-    std::atomic<bool> m_handled{false};
-    CommandSender *m_commandSender;
-    std::atomic<QWaitCondition *> m_waitCondition;
-    // The awaited id is published through an atomic pointer so that the
-    // listener thread can read it without a lock; the text itself is written
-    // once, before it is published.
-    QString m_awaitedStorage;
-    QAtomicPointer<const QString> m_awaited;
+    void Finish(bool handled);
+
+    QMutex *m_mutex;
+    QWaitCondition *m_waitCondition;
+    // Guarded by *m_mutex.
+    bool m_handled = false;
+    bool m_finished = false;
+    bool m_awaiting = false;
+    bool m_disconnectedBeforeWait = false;
+    QString m_awaitedRequestId;
+    QSet<QString> m_handledBeforeWait;
 };
 
-// The wait of one blocking call: construct before sending (so the listener is
-// already connected), send, Wait once, destroy.
+// The listeners of the blocking calls that are waiting on one command sender.
+// The sender reports to it on its own thread; the list is guarded by a mutex
+// of its own, so a handler that removes itself is never called afterwards.
+class RequestWaiters
+{
+public:
+    void Add(AsyncHandlerCommandSenderSocket *listener);
+    void Remove(AsyncHandlerCommandSenderSocket *listener);
+
+    void RequestHandled(const QString &requestId);
+    void Disconnected();
+
+private:
+    QMutex m_mutex;
+    QVector<AsyncHandlerCommandSenderSocket *> m_listeners;
+};
+
+// The wait of one blocking call: construct before sending (so that a reply
+// cannot be missed however fast it comes), send, Wait once, destroy.
 class AsyncHandler : public QObject
 {
     Q_OBJECT
@@ -56,18 +78,17 @@ public:
     AsyncHandler(CommandSender *sender, unsigned int timeoutMs);
     ~AsyncHandler() override;
 
-    // True only when the request was announced as handled in time. A request
-    // announced before Wait is entered is not recognised, and the call runs
-    // into its time limit.
+    // True only when the request was announced as handled within the time
+    // limit; false at once when the connection drops. An empty id is never
+    // announced, so it waits until the limit or a disconnection.
     bool Wait(const QString &requestId);
 
 private:
-    // The listener lives on m_thread and is deleted when that thread ends.
-    AsyncHandlerCommandSenderSocket *m_listener;
+    CommandSender *m_sender;
     unsigned int m_timeout;
     QWaitCondition m_waitCondition;
     QMutex m_mutex;
-    QThread *m_thread;
+    AsyncHandlerCommandSenderSocket m_listener;
 };
 
 } // namespace Kelda

@@ -3,6 +3,7 @@
 #include "cfgcenter.h"
 #include "icfg.h"
 #include "trace.h"
+#include "xmlseparator.h"
 
 #include <QMutexLocker>
 
@@ -20,6 +21,7 @@ const QLatin1String kServerHostKey("ServerHost");
 const QLatin1String kXmlPortKey("XmlPort");
 const QLatin1String kUseUtcKey("UseUtc");
 const QLatin1String kCompressionRateKey("CompressionRate");
+const QLatin1String kMaxFrameSizeKey("MaxFrameSize");
 
 const QLatin1String kDefaultHost("localhost");
 constexpr quint16 kDefaultXmlPort = 5223;
@@ -33,6 +35,17 @@ quint16 portFromConfiguration(int value)
                                       .arg(value)
                                       .arg(kDefaultXmlPort));
     return kDefaultXmlPort;
+}
+
+quint32 frameSizeFromConfiguration(int value)
+{
+    if (value > 0 && quint32(value) <= XmlSeparator::LargestMaxFrameLength)
+        return quint32(value);
+    const quint32 used = value > 0 ? XmlSeparator::LargestMaxFrameLength : XmlSeparator::DefaultMaxFrameLength;
+    Q_TRACE_FAILURE(kTraceSource, QStringLiteral("ClientConfig::ClientConfig: MaxFrameSize %1 is out of range, using %2")
+                                      .arg(value)
+                                      .arg(used));
+    return used;
 }
 
 // The first reader's copy becomes the shared one unless a client has already
@@ -124,6 +137,11 @@ int KeldaClient::ClientConfig::GetCompressionRate() const
     return m_iCompressionRate.load();
 }
 
+quint32 KeldaClient::ClientConfig::GetMaxFrameSize() const
+{
+    return m_uMaxFrameSize.load();
+}
+
 void KeldaClient::ClientConfig::ReadConfiguration()
 {
     const std::unique_ptr<ICfg> cfg(CfgCenter::CreateCfg(kGroup, CfgCenter::ViewUser, QString()));
@@ -138,6 +156,8 @@ void KeldaClient::ClientConfig::ReadConfiguration()
     if (m_uXmlPort.load() == 0)
         m_uXmlPort.store(portFromConfiguration(cfg->GetInt(kXmlPortKey, kDefaultXmlPort)));
     m_bUseUtc.store(cfg->GetBool(kUseUtcKey, false));
+    if (cfg->HasKey(kMaxFrameSizeKey, 0))
+        m_uMaxFrameSize.store(frameSizeFromConfiguration(cfg->GetInt(kMaxFrameSizeKey, 0)));
 
     // Level 0 (no compression) cannot be configured: a stored 0 is taken for
     // an unset key and replaced in the store by the default level.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "keldaclient.h"
+#include "xmlseparator.h"
 
 #include <QMutex>
 #include <QString>
@@ -30,6 +31,9 @@ public:
     void SetAvailable(bool available);
     bool IsUseUtc() const;
     int GetCompressionRate() const;
+    // The longest message accepted from the server, in bytes; a longer one
+    // closes the connection.
+    quint32 GetMaxFrameSize() const;
 
 private:
     void ReadConfiguration();
@@ -40,6 +44,7 @@ private:
     std::atomic<bool> m_bAvailable{false};
     std::atomic<bool> m_bUseUtc{false};
     std::atomic<int> m_iCompressionRate{-1};
+    std::atomic<quint32> m_uMaxFrameSize{XmlSeparator::DefaultMaxFrameLength};
 };
 
 } // namespace Kelda

@@ -64,6 +64,7 @@ void CommandSender::start()
     delete old;
 
     auto *socket = new CommandSenderSocket(m_host, m_port);
+    socket->SetMaxFrameLength(m_maxFrameLength.load());
     socket->moveToThread(m_socketThread);
     connect(socket, &CommandSenderSocket::si_newMessage, this, &CommandSender::SlotHandleXmlReply);
     connect(socket, &CommandSenderSocket::si_connected, this, &CommandSender::SlotConnected);
@@ -394,6 +395,11 @@ void CommandSender::SetTeamMembership(const QString &teamMembership)
     m_teamMembership = teamMembership;
 }
 
+void CommandSender::SetMaxFrameLength(quint32 bytes)
+{
+    m_maxFrameLength.store(bytes);
+}
+
 void CommandSender::SlotConnected()
 {
     // The handshake: the first base path reply of a connection marks it as
@@ -405,6 +411,7 @@ void CommandSender::SlotDisconnected()
 {
     m_connected.store(false);
     emit disconnected();
+    m_waiters.Disconnected();
 }
 
 void CommandSender::SlotCheckConnection()
@@ -429,6 +436,7 @@ void CommandSender::SlotHandleXmlReply(const QByteArray &message)
     else
         EmitReply(parsed);
     emit si_requestHandled(parsed.requestId);
+    m_waiters.RequestHandled(parsed.requestId);
 }
 
 void CommandSender::SlotHandleXmlError(QString a_error, bool a_bRecoverable)

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "asynchandler.h"
 #include "filegroupdata.h"
 #include "filetype.h"
+#include "xmlseparator.h"
 
 #include <QAtomicPointer>
 #include <QByteArray>
@@ -95,11 +97,18 @@ public:
     };
     ReplyValues TakeReplyValues(const QString &requestId);
 
+    // The blocking calls waiting for replies of this sender. They hear of
+    // every handled request and every disconnection directly from this
+    // sender's thread, after the reply's values are stored.
+    RequestWaiters &Waiters() { return m_waiters; }
+
     // Identity strings that go into later requests; set from the client's
     // thread before operations are issued.
     void SetApplication(const QString &application);
     void SetUser(const QString &user);
     void SetTeamMembership(const QString &teamMembership);
+    // The longest message accepted from the server; set before start().
+    void SetMaxFrameLength(quint32 bytes);
 
 signals:
     void connected(QString a_basePath);
@@ -159,12 +168,14 @@ private:
     QString m_localAddress;
     std::atomic<int> m_lastError{0};
 
+    RequestWaiters m_waiters;
     mutable QMutex m_replyMutex;
     QHash<QString, ReplyValues> m_replyValues;
     QQueue<QString> m_replyOrder;
     QString m_basePath;
 
     std::atomic<bool> m_connected{false};
+    std::atomic<quint32> m_maxFrameLength{XmlSeparator::DefaultMaxFrameLength};
     QTimer *m_connectionCheckTimer = nullptr;
     QAtomicPointer<CommandSenderSocket> m_socket;
     QThread *m_socketThread;

@@ -103,6 +103,11 @@ bool CommandSenderSocket::CheckIsConnected() const
     return m_bConnected.load() && m_pFramer.load() != nullptr;
 }
 
+void CommandSenderSocket::SetMaxFrameLength(quint32 bytes)
+{
+    m_uMaxFrameLength.store(bytes);
+}
+
 void CommandSenderSocket::sl_sendMessage(const QByteArray &message)
 {
     XmlSeparator *framer = m_pFramer.load();
@@ -143,6 +148,28 @@ void CommandSenderSocket::sl_handleXmlError(const QString &errorText)
     Q_TRACE_DETAIL(kTraceSource, QStringLiteral("CommandSenderSocket: XML Error: %1").arg(errorText));
 }
 
+void CommandSenderSocket::sl_handleFrameTooLarge(quint64 length)
+{
+    Q_TRACE_FAILURE(kTraceSource,
+                    QStringLiteral("CommandSenderSocket: message of %1 bytes from %2 exceeds the limit of %3 bytes; "
+                                   "closing the connection")
+                        .arg(length)
+                        .arg(GetPeerAddress())
+                        .arg(m_uMaxFrameLength.load()));
+    // Not from inside the framer's own signal: dropping the connection
+    // deletes it.
+    QMetaObject::invokeMethod(this, &CommandSenderSocket::sl_dropConnection, Qt::QueuedConnection);
+}
+
+void CommandSenderSocket::sl_dropConnection()
+{
+    // Reported as a disconnection, so that waiting calls end at once and the
+    // reconnect timer starts; the socket is reused by the next attempt.
+    deleteFramer();
+    if (m_pSocket)
+        m_pSocket->abort();
+}
+
 void CommandSenderSocket::sl_connect()
 {
     if (!m_pReconnectTimer) {
@@ -175,8 +202,10 @@ void CommandSenderSocket::sl_connect()
 
     deleteFramer();
     auto *framer = new XmlSeparator(m_pSocket, XmlSeparator::LittleEndianMode, m_pSocket);
+    framer->setMaxFrameLength(m_uMaxFrameLength.load());
     connect(framer, &XmlSeparator::xmlReceived, this, &CommandSenderSocket::sl_handleNewMessage);
     connect(framer, &XmlSeparator::errorOccured, this, &CommandSenderSocket::sl_handleXmlError);
+    connect(framer, &XmlSeparator::frameTooLarge, this, &CommandSenderSocket::sl_handleFrameTooLarge);
     m_pFramer.store(framer);
 }
 

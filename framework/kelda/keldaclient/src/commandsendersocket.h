@@ -7,12 +7,13 @@
 #include <QObject>
 #include <QString>
 
+#include "xmlseparator.h"
+
 #include <atomic>
 #include <deque>
 
 class QTcpSocket;
 class QTimer;
-class XmlSeparator;
 
 namespace Kelda {
 
@@ -45,6 +46,11 @@ public:
     // Connected and able to send: the test made before a request is issued.
     bool CheckIsConnected() const;
 
+    // The longest message taken from the server; a longer one closes the
+    // connection, which is then made again as after any failure. Applies
+    // from the next connection attempt.
+    void SetMaxFrameLength(quint32 bytes);
+
 Q_SIGNALS:
     void si_newMessage(const QByteArray &message);
     void si_connected();
@@ -56,6 +62,8 @@ public Q_SLOTS:
 private Q_SLOTS:
     void sl_handleNewMessage(const QByteArray &message);
     void sl_handleXmlError(const QString &errorText);
+    void sl_handleFrameTooLarge(quint64 length);
+    void sl_dropConnection();
     void sl_connect();
     void sl_connected();
     void sl_disconnected();
@@ -82,6 +90,7 @@ private:
     QTcpSocket *m_pSocket = nullptr;
     int m_iLastSocketError = -2;
     std::atomic<bool> m_bConnected{false};
+    std::atomic<quint32> m_uMaxFrameLength{XmlSeparator::DefaultMaxFrameLength};
     QTimer *m_pReconnectTimer = nullptr;
     bool m_bMessageLogOn = false;
     QFile m_messageLog;

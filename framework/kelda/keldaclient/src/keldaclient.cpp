@@ -111,6 +111,7 @@ void KeldaClientPrivate::StartSender(QString application, const QString &user, c
 
     KeldaClient::ClientConfig *config = KeldaClient::s_config.load();
     m_sender = new CommandSender(config->GetServerHost(), config->GetXmlPort(), application, user, teamMembership);
+    m_sender->SetMaxFrameLength(config->GetMaxFrameSize());
     m_sender->moveToThread(m_thread);
 
     KeldaClient *q = m_owner;
@@ -179,8 +180,8 @@ bool KeldaClientPrivate::Blocking(const QString &operation, const QString &start
     if (!CheckPreconditions(operation))
         return false;
     Q_TRACE_DETAIL(kSource, operation + QStringLiteral(": Start (%1)").arg(startArguments));
-    // The waiter listens before the request leaves, but only learns its id
-    // once Wait is entered.
+    // The waiter listens before the request leaves, so that a reply faster
+    // than this thread is still recognised.
     AsyncHandler waiter(m_sender, kReplyTimeoutMs);
     const QString requestId = send();
     const bool handled = waiter.Wait(requestId);

@@ -5,6 +5,8 @@
 #include <QXmlStreamReader>
 #include <QtEndian>
 
+#include <new>
+
 namespace {
 
 constexpr int kLengthSize = 4;
@@ -77,6 +79,16 @@ void XmlSeparator::setCompressionLevel(int level)
 QIODevice *XmlSeparator::device() const
 {
     return m_pDevice;
+}
+
+quint32 XmlSeparator::maxFrameLength() const
+{
+    return m_uMaxFrameLength;
+}
+
+void XmlSeparator::setMaxFrameLength(quint32 bytes)
+{
+    m_uMaxFrameLength = qMin(bytes, LargestMaxFrameLength);
 }
 
 bool XmlSeparator::isPlausiblyCompressed(const QByteArray &payload)
@@ -155,6 +167,27 @@ void XmlSeparator::reset()
 
 void XmlSeparator::readNewData()
 {
+    // A peer must not be able to take the process down: whatever it sends,
+    // a failed allocation ends this connection, not the thread's event loop.
+    try {
+        frameNewData();
+    } catch (const std::bad_alloc &) {
+        refuseFrame(quint64(pendingInput()) + quint64(m_message.size()));
+    }
+}
+
+void XmlSeparator::refuseFrame(quint64 length)
+{
+    disconnectDevice();
+    m_pReader->clear();
+    m_message = QByteArray();
+    m_input = QByteArray();
+    m_iInputOffset = 0;
+    emit frameTooLarge(length);
+}
+
+void XmlSeparator::frameNewData()
+{
     appendDeviceData();
     if (m_iMode == DetectMode) {
         if (!detectMode())
@@ -223,6 +256,10 @@ void XmlSeparator::frameXmlDocuments()
     // document always ends at the end of a piece.
     QByteArray piece = takePiece(m_message.isEmpty());
     while (!piece.isEmpty()) {
+        if (quint64(m_message.size()) + quint64(piece.size()) > m_uMaxFrameLength) {
+            refuseFrame(quint64(m_message.size()) + quint64(piece.size()));
+            return;
+        }
         m_message += piece;
         m_pReader->addData(piece);
         switch (parseFedData()) {
@@ -268,11 +305,24 @@ void XmlSeparator::frameLengthPrefixed()
         return;
     const auto *head = reinterpret_cast<const uchar *>(m_input.constData()) + m_iInputOffset;
     const quint32 length = m_iMode == BigEndianMode ? qFromBigEndian<quint32>(head) : qFromLittleEndian<quint32>(head);
+    // Refused on the announcement alone, so that memory stays bounded by the
+    // bytes actually received.
+    if (length > m_uMaxFrameLength) {
+        refuseFrame(length);
+        return;
+    }
     if (pendingInput() - kLengthSize < qint64(length))
         return;
 
     const QByteArray payload = m_input.mid(m_iInputOffset + kLengthSize, int(length));
     m_iInputOffset += kLengthSize + int(length);
+    if (m_bTryDecompress && isPlausiblyCompressed(payload)) {
+        const quint32 expandedSize = qFromBigEndian<quint32>(payload.constData());
+        if (expandedSize > m_uMaxFrameLength) {
+            refuseFrame(expandedSize);
+            return;
+        }
+    }
     emit queued_xmlReceived(expandPayload(payload));
 
     // One message per event-loop turn: a burst of replies reaches the owner

@@ -45,6 +45,18 @@ public:
 
     QIODevice *device() const;
 
+    // The longest message accepted, in bytes. A length-prefixed frame that
+    // announces more, or a plain XML document that grows beyond it, is
+    // refused with frameTooLarge() before its bytes are collected, and
+    // reading stops: the owner is expected to close the connection.
+    quint32 maxFrameLength() const;
+    void setMaxFrameLength(quint32 bytes);
+
+    // The default limit, and the largest one a QByteArray can hold together
+    // with its length prefix.
+    static constexpr quint32 DefaultMaxFrameLength = 1u << 30;
+    static constexpr quint32 LargestMaxFrameLength = 0x7FFFFFFFu - 4096u;
+
     // Whether a length-prefixed payload is in qCompress format and small
     // enough when expanded to be worth trying. Judged from the header alone.
     static bool isPlausiblyCompressed(const QByteArray &payload);
@@ -53,6 +65,9 @@ Q_SIGNALS:
     void xmlReceived(const QByteArray &message);
     void errorOccured(const QString &sErrorString);
     void queued_xmlReceived(const QByteArray &message);
+    // A message over the limit, or one whose bytes could not be stored.
+    // Emitted from inside readNewData(); reading has stopped.
+    void frameTooLarge(quint64 length);
 
 public Q_SLOTS:
     bool sendXml(const QByteArray &message);
@@ -64,6 +79,8 @@ public Q_SLOTS:
     void readNewData();
 
 private:
+    void frameNewData();
+    void refuseFrame(quint64 length);
     enum class ParseResult { NeedMoreData, DocumentComplete, Failed };
 
     void connectDevice();
@@ -87,6 +104,7 @@ private:
     int m_iCompressionLevel = -1;
     bool m_bCompressOutgoing = false;
     bool m_bTryDecompress = true;
+    quint32 m_uMaxFrameLength = DefaultMaxFrameLength;
 
     // Bytes at the front of m_input that are already framed. Consumed input
     // is dropped in bulk so that framing stays linear in the input size.

@@ -3,20 +3,14 @@
 #include "keldaxml.h"
 
 #include <QMutexLocker>
-#include <QPointer>
 #include <QTcpServer>
 #include <QTcpSocket>
-#include <QTimer>
 #include <QXmlStreamReader>
 #include <QtEndian>
 
 using namespace Kelda;
 
 namespace {
-
-// Every answer leaves this long after its request arrived, so that a blocking
-// call is already waiting for it.
-constexpr int kReplyDelayMs = 20;
 
 QByteArray frame(const QByteArray &payload)
 {
@@ -110,19 +104,22 @@ private:
         ScriptedPeer::Answer answer;
         QString basePath;
         bool disconnect;
+        QByteArray raw;
         {
             QMutexLocker lock(&m_peer->m_mutex);
             m_peer->m_requests.append(request);
             answer = m_peer->m_answers.value(request.command);
             basePath = m_peer->m_basePath;
             disconnect = m_peer->m_disconnectOn.contains(request.command);
+            raw = m_peer->m_rawReplies.value(request.command);
         }
-        QPointer<QTcpSocket> target(socket);
+        if (!raw.isEmpty()) {
+            socket->write(raw);
+            return;
+        }
         if (disconnect) {
-            QTimer::singleShot(kReplyDelayMs, this, [target] {
-                if (target)
-                    target->abort();
-            });
+            // Not from inside read(), which still uses the socket's buffer.
+            QMetaObject::invokeMethod(socket, &QTcpSocket::abort, Qt::QueuedConnection);
             return;
         }
         QByteArray reply;
@@ -134,12 +131,8 @@ private:
         else
             reply = ScriptedPeer::replyDocument(request.requestId, request.command + QLatin1String("Reply"),
                                                 QStringLiteral("<m:Error>0</m:Error>"));
-        if (!reply.isEmpty()) {
-            QTimer::singleShot(kReplyDelayMs, this, [target, reply] {
-                if (target)
-                    target->write(frame(reply));
-            });
-        }
+        if (!reply.isEmpty())
+            socket->write(frame(reply));
     }
 
     ScriptedPeer *m_peer;
@@ -189,6 +182,15 @@ void ScriptedPeer::setDisconnectOn(const QString &command)
 {
     QMutexLocker lock(&m_mutex);
     m_disconnectOn.append(command);
+}
+
+void ScriptedPeer::setRawReply(const QString &command, const QByteArray &bytes)
+{
+    QMutexLocker lock(&m_mutex);
+    if (bytes.isEmpty())
+        m_rawReplies.remove(command);
+    else
+        m_rawReplies.insert(command, bytes);
 }
 
 QList<ScriptedPeer::Request> ScriptedPeer::requests(const QString &command) const

@@ -43,6 +43,9 @@ public:
     void setReplyChildren(const QString &command, const QString &children);
     // Drops the connection instead of answering.
     void setDisconnectOn(const QString &command);
+    // Answers with these bytes as they are, with no frame around them; empty
+    // bytes go back to the scripted answer.
+    void setRawReply(const QString &command, const QByteArray &bytes);
 
     QList<Request> requests(const QString &command) const;
     int connectionCount() const;
@@ -58,6 +61,7 @@ private:
     mutable QMutex m_mutex;
     QMap<QString, Answer> m_answers;
     QStringList m_disconnectOn;
+    QMap<QString, QByteArray> m_rawReplies;
     QList<Request> m_requests;
     QString m_basePath = QStringLiteral("/tmp");
     int m_connections = 0;

@@ -3,14 +3,15 @@
 #include "scriptedpeer.h"
 
 #include <QElapsedTimer>
+#include <QSemaphore>
 #include <QThread>
-#include <QTimer>
 #include <QtTest>
 
 using namespace Kelda;
 
 // The wait of a blocking call, driven by a command sender that is not
-// connected anywhere: replies are fed to it on its own thread.
+// connected anywhere: replies and disconnections are fed to it on its own
+// thread, before or while the test's thread waits.
 class AsyncHandlerTest : public QObject
 {
     Q_OBJECT
@@ -20,11 +21,13 @@ private slots:
     void cleanup();
     void wait_data();
     void wait();
+    void severalWaitersWakeOnlyTheirOwn();
 
 private:
-    // Runs action on the sender's thread a little later, while the test's
-    // thread is already blocked in Wait.
-    void later(std::function<void()> action);
+    // Runs action on the sender's thread: at once and to its end when
+    // blocking, else queued behind the test's Wait.
+    void onSenderThread(std::function<void()> action, bool blocking);
+    QByteArray reply(const QString &requestId, bool withHeader = true) const;
 
     QThread m_thread;
     CommandSender *m_sender = nullptr;
@@ -45,39 +48,89 @@ void AsyncHandlerTest::cleanup()
     m_sender = nullptr;
 }
 
-void AsyncHandlerTest::later(std::function<void()> action)
+void AsyncHandlerTest::onSenderThread(std::function<void()> action, bool blocking)
 {
-    QMetaObject::invokeMethod(m_sender, [action] { QTimer::singleShot(50, action); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(m_sender, action, blocking ? Qt::BlockingQueuedConnection : Qt::QueuedConnection);
+}
+
+QByteArray AsyncHandlerTest::reply(const QString &requestId, bool withHeader) const
+{
+    return ScriptedPeer::replyDocument(requestId, QStringLiteral("GetUserListReply"),
+                                       QStringLiteral("<m:Error>0</m:Error>"), withHeader);
 }
 
 void AsyncHandlerTest::wait_data()
 {
-    QTest::addColumn<QString>("replyId");
+    QTest::addColumn<QString>("replyId"); // empty: no reply, a disconnection
     QTest::addColumn<bool>("withHeader");
+    QTest::addColumn<bool>("beforeWait"); // handled before Wait is entered
     QTest::addColumn<bool>("expected");
+    QTest::addColumn<bool>("endsEarly"); // well before the time limit
 
-    QTest::newRow("awaited id") << QStringLiteral("awaited") << true << true;
-    QTest::newRow("another request") << QStringLiteral("other") << true << false;
-    QTest::newRow("reply without header") << QString() << false << false;
+    QTest::newRow("awaited id, while waiting") << QStringLiteral("awaited") << true << false << true << true;
+    QTest::newRow("awaited id, before the wait") << QStringLiteral("awaited") << true << true << true << true;
+    QTest::newRow("another request") << QStringLiteral("other") << true << false << false << false;
+    QTest::newRow("another request, before the wait") << QStringLiteral("other") << true << true << false << false;
+    QTest::newRow("reply without header") << QString() << false << false << false << false;
+    QTest::newRow("disconnection, while waiting") << QString() << true << false << false << true;
+    QTest::newRow("disconnection, before the wait") << QString() << true << true << false << true;
 }
 
 void AsyncHandlerTest::wait()
 {
     QFETCH(QString, replyId);
     QFETCH(bool, withHeader);
+    QFETCH(bool, beforeWait);
     QFETCH(bool, expected);
+    QFETCH(bool, endsEarly);
 
-    const QByteArray reply = ScriptedPeer::replyDocument(replyId, QStringLiteral("GetUserListReply"),
-                                                         QStringLiteral("<m:Error>0</m:Error>"), withHeader);
+    // Waits that must end early get a limit no run comes near; the others
+    // run into a short one.
+    const unsigned int limitMs = endsEarly ? 60000 : 1000;
+    AsyncHandler handler(m_sender, limitMs);
     CommandSender *sender = m_sender;
-    AsyncHandler handler(m_sender, 1000);
-    later([sender, reply] { sender->SlotHandleXmlReply(reply); });
+    const QByteArray message = reply(replyId, withHeader);
+    if (!replyId.isEmpty() || !withHeader)
+        onSenderThread([sender, message] { sender->SlotHandleXmlReply(message); }, beforeWait);
+    else
+        onSenderThread([sender] { sender->SlotDisconnected(); }, beforeWait);
+
     QElapsedTimer clock;
     clock.start();
     QCOMPARE(handler.Wait(QStringLiteral("awaited")), expected);
-    // Another request's reply must not cut the wait short.
-    if (!expected)
-        QVERIFY(clock.elapsed() >= 900);
+    if (endsEarly)
+        QVERIFY2(clock.elapsed() < limitMs / 2, "the wait ran into its time limit");
+    else
+        QVERIFY2(clock.elapsed() >= limitMs * 9 / 10, "a reply of another request ended the wait");
+}
+
+// Blocking calls on several threads share one sender: each wakes on its own
+// reply only, whatever order the replies come in.
+void AsyncHandlerTest::severalWaitersWakeOnlyTheirOwn()
+{
+    constexpr int kWaiters = 8;
+    QVector<bool> results(kWaiters, false);
+    QVector<QThread *> threads;
+    QSemaphore listening;
+    CommandSender *sender = m_sender;
+    for (int i = 0; i < kWaiters; ++i) {
+        threads << QThread::create([sender, i, &results, &listening] {
+            AsyncHandler handler(sender, 60000);
+            listening.release(); // as a blocking call's request would leave now
+            results[i] = handler.Wait(QStringLiteral("id-%1").arg(i));
+        });
+        threads.last()->start();
+    }
+    listening.acquire(kWaiters);
+    for (int i = kWaiters - 1; i >= 0; --i) {
+        const QByteArray message = reply(QStringLiteral("id-%1").arg(i));
+        onSenderThread([sender, message] { sender->SlotHandleXmlReply(message); }, false);
+    }
+    for (QThread *thread : threads) {
+        QVERIFY(thread->wait(30000));
+        delete thread;
+    }
+    QCOMPARE(results, QVector<bool>(kWaiters, true));
 }
 
 QTEST_GUILESS_MAIN(AsyncHandlerTest)

@@ -9,8 +9,10 @@
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QXmlStreamReader>
+#include <QtEndian>
 #include <QtTest>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -70,6 +72,7 @@ private slots:
     void isValidUrl();
     void peerClosingEndsABlockingCallAtOnce();
     void malformedReplyLosesOnlyItself();
+    void oversizedFrameClosesTheConnection();
     void serverInitiatedMessages();
     void destructionDoesNotWaitForAHungSender();
 
@@ -500,6 +503,30 @@ void KeldaClientTest::malformedReplyLosesOnlyItself()
                            [&](const QString &t) { return t.startsWith(prefix); }),
              1);
     // The connection survives the broken reply.
+    QCOMPARE(m_client->GetUserList(), QStringList{QStringLiteral("ann")});
+}
+
+// A frame announced beyond the limit is refused before its bytes are
+// collected: the call waiting for it ends at once, and the client reconnects.
+void KeldaClientTest::oversizedFrameClosesTheConnection()
+{
+    QByteArray frame(4, '\0');
+    qToLittleEndian<quint32>(0x7FFFFFF0u, frame.data());
+    frame += QByteArray(1 << 20, 'x');
+    m_peer->setRawReply(QStringLiteral("GetUserList"), frame);
+    QSignalSpy connected(m_client, &KeldaClient::connected);
+    QElapsedTimer clock;
+    clock.start();
+    QCOMPARE(m_client->GetUserList(), QStringList());
+    QVERIFY2(clock.elapsed() < 30000, "the blocking call ran into its time limit");
+    QVERIFY(!m_client->IsConnected());
+    QVERIFY(std::any_of(m_traces.cbegin(), m_traces.cend(), [](const QString &t) {
+        return t.startsWith(QLatin1String("CommandSenderSocket: message of 2147483632 bytes"));
+    }));
+
+    m_peer->setRawReply(QStringLiteral("GetUserList"), QByteArray());
+    m_peer->setReplyChildren(QStringLiteral("GetUserList"), QStringLiteral("<m:Users><m:User>ann</m:User></m:Users>"));
+    QVERIFY(connected.wait(kSignalWaitMs));
     QCOMPARE(m_client->GetUserList(), QStringList{QStringLiteral("ann")});
 }
 

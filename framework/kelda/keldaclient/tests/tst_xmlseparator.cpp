@@ -58,6 +58,8 @@ private Q_SLOTS:
     void framing();
     void burstIsFramedOneMessagePerTurn();
     void malformedXmlStopsReading();
+    void oversizedMessageIsRefused_data();
+    void oversizedMessageIsRefused();
 };
 
 void TestXmlSeparator::framing_data()
@@ -149,6 +151,51 @@ void TestXmlSeparator::malformedXmlStopsReading()
     separator.resume();
     QTRY_COMPARE(messages(received), (QByteArrayList{"<c/>", "<d/>"}));
     QCOMPARE(errors.count(), 1);
+}
+
+void TestXmlSeparator::oversizedMessageIsRefused_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<QByteArray>("stream");
+    QTest::addColumn<QByteArrayList>("expected"); // delivered before the refusal
+    QTest::addColumn<quint64>("refusedLength");
+
+    QByteArray hugeHeader(4, '\0');
+    qToLittleEndian<quint32>(0x7FFFFFF0u, hugeHeader.data());
+    QTest::newRow("announced beyond the limit, refused on the header")
+        << 3 << le("<ok/>") + hugeHeader + "<partial" << QByteArrayList{"<ok/>"} << quint64(0x7FFFFFF0u);
+    QTest::newRow("exactly the limit is accepted")
+        << 3 << le(QByteArray(64, 'x')) << QByteArrayList{QByteArray(64, 'x')} << quint64(0);
+    QTest::newRow("compressed, expanding beyond the limit")
+        << 3 << le(qCompress(QByteArray(65, 'x'))) << QByteArrayList() << quint64(65);
+    QTest::newRow("xml document growing beyond the limit")
+        << 1 << QByteArray("<r>") + QByteArray(70, 'x') + "</r>" << QByteArrayList() << quint64(77);
+}
+
+// Nothing of a refused message is collected; the owner hears of it and
+// closes the connection.
+void TestXmlSeparator::oversizedMessageIsRefused()
+{
+    QFETCH(int, mode);
+    QFETCH(QByteArray, stream);
+    QFETCH(QByteArrayList, expected);
+    QFETCH(quint64, refusedLength);
+
+    FeedDevice device;
+    XmlSeparator separator(&device, mode);
+    separator.setMaxFrameLength(64);
+    QSignalSpy received(&separator, &XmlSeparator::xmlReceived);
+    QSignalSpy refused(&separator, &XmlSeparator::frameTooLarge);
+    device.feed(stream);
+    QTRY_COMPARE(messages(received), expected);
+    QCOMPARE(refused.count(), refusedLength ? 1 : 0);
+    device.feed(le("<after/>"));
+    if (!refusedLength) {
+        QTRY_COMPARE(received.count(), expected.size() + 1);
+        return;
+    }
+    QCOMPARE(refused.first().first().toULongLong(), refusedLength);
+    QCOMPARE(device.bytesAvailable(), qint64(le("<after/>").size())); // reading has stopped
 }
 
 QTEST_GUILESS_MAIN(TestXmlSeparator)
