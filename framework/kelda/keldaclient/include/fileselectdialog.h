@@ -11,6 +11,8 @@
 #include <QString>
 #include <QVector>
 
+#include <boost/shared_ptr.hpp>
+
 #include <memory>
 
 class QContextMenuEvent;
@@ -19,6 +21,7 @@ namespace Kelda {
 
 class FileSelectDialogPrivate;
 class KeldaClient;
+class KeldaFile;
 
 // Lets the user pick one file of one archived file group from the result of
 // a file group query, shown as a tree of groups that expand to their files.
@@ -67,6 +70,15 @@ private:
 class KELDACLIENT_EXPORT KeldaFileDialog
 {
 public:
+    // The chosen archived file, bound to a client of its own that it keeps
+    // alive; a plain local file when no server is configured; empty on
+    // cancel. filter and selectedFilter serve the local dialog only.
+    static boost::shared_ptr<KeldaFile> GetOpenFile(QWidget *parent, const QString &caption = QString(),
+                                                    const QString &dir = QString(),
+                                                    const QString &filter = QString(),
+                                                    QString *selectedFilter = nullptr,
+                                                    const QVector<FileType> &types = QVector<FileType>(),
+                                                    int reserved = 0);
     // The chosen archived file as kelda:///<guid>/<file id>, a local file's
     // URL when no server is configured, or an empty URL on cancel. filter and
     // selectedFilter serve the local dialog only.

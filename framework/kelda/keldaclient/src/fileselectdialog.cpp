@@ -4,6 +4,7 @@
 #include "filequery.h"
 #include "keldaclient.h"
 #include "keldaerror.h"
+#include "keldafile.h"
 #include "querydialog.h"
 #include "trace.h"
 
@@ -478,6 +479,34 @@ bool KeldaClient::GetSelectedFile(QWidget *parent, const QString &title, KeldaUr
 }
 
 // ---------------------------------------------------------------- KeldaFileDialog
+
+boost::shared_ptr<KeldaFile> KeldaFileDialog::GetOpenFile(QWidget *parent, const QString &caption,
+                                                         const QString &dir, const QString &filter,
+                                                         QString *selectedFilter, const QVector<FileType> &types,
+                                                         int reserved)
+{
+    if (KeldaClient::IsKeldaAvailable()) {
+        auto *client = new KeldaClient;
+        waitForConnection(*client);
+        FileSelectDialog dialog(client, parent, caption, FileSelectDialog::tr("Open"), false, types, reserved,
+                                QString());
+        QString guid;
+        unsigned int fileId = 0;
+        if (!dialog.Execute(guid, fileId)) {
+            delete client;
+            return {};
+        }
+        // The file keeps its client: both go together, the file first.
+        return boost::shared_ptr<KeldaFile>(new KeldaFile(client, guid, fileId), [client](KeldaFile *file) {
+            delete file;
+            delete client;
+        });
+    }
+    const QString name = QFileDialog::getOpenFileName(parent, caption, dir, filter, selectedFilter);
+    if (name.isEmpty())
+        return {};
+    return boost::shared_ptr<KeldaFile>(new KeldaFile(nullptr, name, 0));
+}
 
 KeldaUrl KeldaFileDialog::GetOpenUrl(QWidget *parent, const QString &caption, const QString &dir,
                                      const QString &filter, QString *selectedFilter, const QVector<FileType> &types,

@@ -9,8 +9,10 @@
 
 // Lets a test act on a modal window that the code under test opens and runs
 // with exec(): the action runs as soon as a modal window of type T is on top,
-// and must close it. Polls every 10 ms and gives up after 10 s, so that a
-// window that never shows fails the test instead of hanging it.
+// and should close it; a window it leaves open is rejected with a warning,
+// so that the test fails on its comparisons instead of hanging. Polls every
+// 10 ms and gives up after 10 s, so that a window that never shows fails the
+// test instead of hanging it.
 template <typename T>
 void whenModal(std::function<void(T *)> action)
 {
@@ -24,8 +26,13 @@ void whenModal(std::function<void(T *)> action)
             timer->stop();
             timer->deleteLater();
         }
-        if (window)
-            action(window);
+        if (!window)
+            return;
+        action(window);
+        if (window->isVisible()) {
+            qWarning("whenModal: the action left %s open; rejecting it", window->metaObject()->className());
+            QMetaObject::invokeMethod(window, "reject");
+        }
     });
     timer->start(kPollMs);
 }

@@ -1,6 +1,7 @@
 #include "fileselectdialog.h"
 #include "grouptable.h"
 #include "keldaclient.h"
+#include "keldafile.h"
 #include "modalwaiter.h"
 #include "querydialog.h"
 #include "scriptedpeer.h"
@@ -99,7 +100,8 @@ private slots:
     void quickQuery();
     void selectedFile_data();
     void selectedFile();
-    void openUrlFromTheArchive();
+    void openFromTheArchive_data();
+    void openFromTheArchive();
     void showColumns();
     void queryErrors_data();
     void queryErrors();
@@ -211,16 +213,35 @@ void FileSelectDialogTest::selectedFile()
                                         QStringLiteral("Detail"), QStringLiteral("Team")}));
 }
 
-// A client of its own connects while the dialog is up and fills the tree.
-void FileSelectDialogTest::openUrlFromTheArchive()
+void FileSelectDialogTest::openFromTheArchive_data()
 {
+    QTest::addColumn<bool>("asFile");
+    QTest::newRow("GetOpenUrl") << false;
+    QTest::newRow("GetOpenFile") << true;
+}
+
+// Each helper has a client of its own, which connects before the dialog shows.
+void FileSelectDialogTest::openFromTheArchive()
+{
+    QFETCH(bool, asFile);
+
     whenModal<FileSelectDialog>([](FileSelectDialog *dialog) {
         pick(dialog, kGuidA, 0);
         dialog->findChild<QPushButton *>(QStringLiteral("OkButton"))->click();
     });
-    const KeldaUrl url = KeldaFileDialog::GetOpenUrl(nullptr, QStringLiteral("Open"), QString(), QString(), nullptr,
-                                                     {FT_ScanRecording});
-    QCOMPARE(QUrl(url), KeldaUrl::fromKeldaIds(kGuidA, 5));
+    QString name;
+    if (asFile) {
+        const boost::shared_ptr<KeldaFile> file =
+            KeldaFileDialog::GetOpenFile(nullptr, QStringLiteral("Open"), QString(), QString(), nullptr,
+                                         {FT_ScanRecording});
+        QVERIFY(file);
+        name = file->GetName();
+    } else {
+        name = KeldaFileDialog::GetOpenUrl(nullptr, QStringLiteral("Open"), QString(), QString(), nullptr,
+                                           {FT_ScanRecording})
+                   .toString();
+    }
+    QCOMPARE(name, QStringLiteral("kelda:///%1/5").arg(kGuidA));
 }
 
 void FileSelectDialogTest::showColumns()

@@ -1,5 +1,6 @@
 #include "fileselectdialog.h"
 #include "keldaclient.h"
+#include "keldafile.h"
 #include "modalwaiter.h"
 
 #include <QFileDialog>
@@ -16,20 +17,24 @@ class KeldaFileDialogNoServerTest : public QObject
     Q_OBJECT
 
 private slots:
-    void openUrl_data();
-    void openUrl();
+    void open_data();
+    void open();
 };
 
-void KeldaFileDialogNoServerTest::openUrl_data()
+void KeldaFileDialogNoServerTest::open_data()
 {
     QTest::addColumn<bool>("accept");
-    QTest::newRow("chosen") << true;
-    QTest::newRow("cancelled") << false;
+    QTest::addColumn<bool>("asFile");
+    QTest::newRow("GetOpenUrl, chosen") << true << false;
+    QTest::newRow("GetOpenUrl, cancelled") << false << false;
+    QTest::newRow("GetOpenFile, chosen") << true << true;
+    QTest::newRow("GetOpenFile, cancelled") << false << true;
 }
 
-void KeldaFileDialogNoServerTest::openUrl()
+void KeldaFileDialogNoServerTest::open()
 {
     QFETCH(bool, accept);
+    QFETCH(bool, asFile);
     QVERIFY(!KeldaClient::IsKeldaAvailable());
 
     QTemporaryDir dir;
@@ -42,13 +47,24 @@ void KeldaFileDialogNoServerTest::openUrl()
     QString caption;
     whenModal<QFileDialog>([&](QFileDialog *dialog) {
         caption = dialog->windowTitle();
-        dialog->selectFile(path);
+        dialog->selectFile(QFileInfo(path).fileName());
         QMetaObject::invokeMethod(dialog, accept ? "accept" : "reject");
     });
-    const KeldaUrl url =
-        KeldaFileDialog::GetOpenUrl(nullptr, QStringLiteral("Open a file"), dir.path(), QStringLiteral("Text (*.txt)"));
-    QCOMPARE(caption, QStringLiteral("Open a file"));
-    QCOMPARE(QUrl(url), accept ? QUrl::fromLocalFile(path) : QUrl());
+    const QString caption0 = QStringLiteral("Open a file");
+    const QString filter = QStringLiteral("Text (*.txt)");
+    if (asFile) {
+        const boost::shared_ptr<KeldaFile> chosen = KeldaFileDialog::GetOpenFile(nullptr, caption0, dir.path(), filter);
+        QCOMPARE(bool(chosen), accept);
+        if (chosen) {
+            QCOMPARE(chosen->fileName(), path);
+            QVERIFY(chosen->GetGuid().isEmpty());
+            QVERIFY(chosen->open(QIODevice::ReadOnly));
+        }
+    } else {
+        const KeldaUrl url = KeldaFileDialog::GetOpenUrl(nullptr, caption0, dir.path(), filter);
+        QCOMPARE(QUrl(url), accept ? QUrl::fromLocalFile(path) : QUrl());
+    }
+    QCOMPARE(caption, caption0);
 }
 
 QTEST_MAIN(KeldaFileDialogNoServerTest)

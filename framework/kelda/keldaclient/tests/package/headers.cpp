@@ -11,3 +11,4 @@
 #include <fileselectdialog.h>
 #include <querydialog.h>
 #include <keldasaveasdlg.h>
+#include <keldafile.h>
