@@ -24,6 +24,7 @@ namespace {
 constexpr int kDefaultWindowDays = 2;
 constexpr int kFileTypeColumns = 2;
 constexpr int kNoneRow = 0;
+constexpr int kSearchTermMinimumWidth = 200;
 
 QDateTimeEdit *newDateTimeEdit(const QString &objectName, QWidget *parent)
 {
@@ -128,7 +129,8 @@ QLayout *QueryDialogPrivate::BuildRanges()
         grid->addWidget(row.enabled, line, 0);
         grid->addWidget(new QLabel(QueryDialog::tr("from "), q), line, 1, Qt::AlignRight);
         grid->addWidget(row.min, line, 2);
-        grid->addWidget(row.max, line, 3);
+        grid->addWidget(new QLabel(QueryDialog::tr("to"), q), line, 3);
+        grid->addWidget(row.max, line, 4);
     };
     addRow(m_creation, QueryDialog::tr("Creation time"), QStringLiteral("CreationTimeMin"),
            QStringLiteral("CreationTimeMax"));
@@ -136,7 +138,7 @@ QLayout *QueryDialogPrivate::BuildRanges()
            QStringLiteral("ModificationTimeMax"));
     addRow(m_lifeCycle, QueryDialog::tr("Life cycle"), QStringLiteral("LifeCycleMin"),
            QStringLiteral("LifeCycleMax"));
-    grid->setColumnStretch(4, 1);
+    grid->setColumnStretch(5, 1);
     return grid;
 }
 
@@ -144,6 +146,7 @@ QLineEdit *QueryDialogPrivate::AddSearchTerm(QFormLayout *form, const QString &o
 {
     auto *edit = new QLineEdit(q);
     edit->setObjectName(objectName);
+    edit->setMinimumWidth(kSearchTermMinimumWidth);
     form->addRow(label, edit);
     return edit;
 }
