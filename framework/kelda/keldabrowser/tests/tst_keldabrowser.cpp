@@ -1,0 +1,138 @@
+#include "e2ehelpers.h"
+#include "filequery.h"
+#include "fileselectdialog.h"
+#include "serverprocess.h"
+
+#include <QComboBox>
+#include <QImage>
+#include <QProcess>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QTreeView>
+#include <QtTest>
+
+using namespace Kelda;
+
+namespace {
+
+constexpr int kProgramWaitMs = 60000;
+
+quint16 closedPort()
+{
+    QTcpServer probe;
+    probe.listen(QHostAddress::LocalHost, 0);
+    return probe.serverPort();
+}
+
+} // namespace
+
+// keldabrowser and its dialogs against the real server: the screenshot mode
+// on an empty archive and its failures, and the quick mode's central-only
+// listing with groups stored through the library.
+class KeldaBrowserTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void program_data();
+    void program();
+    void quickModeListsCentralGroupsOnly();
+
+private:
+    ServerProcess m_server;
+    QTemporaryDir m_scratch;
+};
+
+void KeldaBrowserTest::initTestCase()
+{
+    QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
+    QVERIFY(m_scratch.isValid());
+}
+
+void KeldaBrowserTest::program_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<int>("pictures");
+    QTest::addColumn<QString>("message"); // a part of stderr
+
+    const QString host = QStringLiteral("127.0.0.1");
+    const QString port = QString::number(m_server.port());
+    const QString shots = m_scratch.filePath(QStringLiteral("shots"));
+    QTest::newRow("empty archive") << QStringList{QStringLiteral("--host"), host, QStringLiteral("--port"), port,
+                                                  QStringLiteral("--screenshot"), shots}
+                                   << 0 << 4 << QString();
+    QTest::newRow("folder cannot be made")
+        << QStringList{QStringLiteral("--host"), host, QStringLiteral("--port"), port, QStringLiteral("--screenshot"),
+                       QStringLiteral("/proc/kelda-shots")}
+        << 5 << 0 << QStringLiteral("/proc/kelda-shots: cannot create the folder");
+    QTest::newRow("no server") << QStringList{QStringLiteral("--host"), host, QStringLiteral("--port"),
+                                              QString::number(closedPort()), QStringLiteral("--connect-timeout"),
+                                              QStringLiteral("1"), QStringLiteral("--screenshot"), shots}
+                               << 3 << 0 << QStringLiteral("cannot reach the archive server at 127.0.0.1:");
+    QTest::newRow("bad port") << QStringList{QStringLiteral("--port"), QStringLiteral("http")} << 2 << 0
+                              << QStringLiteral("--port needs a number from 1 to 65535");
+}
+
+void KeldaBrowserTest::program()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(int, exitCode);
+    QFETCH(int, pictures);
+    QFETCH(QString, message);
+
+    QProcess browser;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("KELDA_CONFIG_FILE"), m_scratch.filePath(QStringLiteral("none.ini")));
+    browser.setProcessEnvironment(environment);
+    browser.start(QStringLiteral(KELDABROWSER_BINARY), arguments);
+    QVERIFY(browser.waitForFinished(kProgramWaitMs));
+    const QString errors = QString::fromLocal8Bit(browser.readAllStandardError());
+    QCOMPARE(browser.exitCode(), exitCode);
+    QVERIFY2(message.isEmpty() || errors.contains(message), qPrintable(errors));
+
+    const QStringList written =
+        QString::fromLocal8Bit(browser.readAllStandardOutput()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    QCOMPARE(written.size(), pictures);
+    for (const QString &path : written) {
+        const QImage picture(path);
+        QVERIFY2(picture.width() >= 300 && picture.height() >= 150, qPrintable(path));
+    }
+}
+
+void KeldaBrowserTest::quickModeListsCentralGroupsOnly()
+{
+    const std::unique_ptr<KeldaClient> client = E2e::connectClient(m_server.port(), QStringLiteral("ann"));
+    QVERIFY(client->IsConnected());
+    unsigned int centralFile = 0;
+    unsigned int localFile = 0;
+    const QString central =
+        E2e::createGroupWithFile(*client, QStringLiteral("moved"), FT_Image, QByteArrayLiteral("m"), &centralFile);
+    const QString local =
+        E2e::createGroupWithFile(*client, QStringLiteral("kept"), FT_Image, QByteArrayLiteral("k"), &localFile);
+    QVERIFY(!central.isEmpty() && !local.isEmpty());
+    client->MoveToNas(central);
+    FileQuery centralGroups;
+    centralGroups.SetLocationState(LS_Central);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        [&] {
+            unsigned int columns = 0;
+            return client->QueryFiles(centralGroups, columns).contains(central);
+        }(),
+        E2e::Wait);
+
+    FileSelectDialog dialog(client.get(), nullptr, QStringLiteral("t"), QStringLiteral("Open"), false,
+                            {FT_ScanRecording, FT_Image});
+    dialog.findChild<QComboBox *>(QStringLiteral("TypeComboBox"))->setCurrentIndex(1);
+    QAbstractItemModel *model = dialog.findChild<QTreeView *>(QStringLiteral("FileGroupView"))->model();
+    QCOMPARE(model->rowCount(), 1);
+    const QModelIndex group = model->index(0, 0);
+    QCOMPARE(model->index(0, 14).data().toString(), central);
+    model->fetchMore(group);
+    QCOMPARE(model->rowCount(group), 1);
+    QCOMPARE(model->index(0, 0, group).data().toString(), QStringLiteral("data.bin"));
+}
+
+QTEST_MAIN(KeldaBrowserTest)
+#include "tst_keldabrowser.moc"
