@@ -1,17 +1,10 @@
-#include "e2ehelpers.h"
-#include "filequery.h"
-#include "fileselectdialog.h"
 #include "serverprocess.h"
 
-#include <QComboBox>
 #include <QImage>
 #include <QProcess>
 #include <QTcpServer>
 #include <QTemporaryDir>
-#include <QTreeView>
 #include <QtTest>
-
-using namespace Kelda;
 
 namespace {
 
@@ -26,9 +19,8 @@ quint16 closedPort()
 
 } // namespace
 
-// keldabrowser and its dialogs against the real server: the screenshot mode
-// on an empty archive and its failures, and the quick mode's central-only
-// listing with groups stored through the library.
+// keldabrowser against the real server: the screenshot mode on an empty
+// archive, and its failures with their exit codes and messages.
 class KeldaBrowserTest : public QObject
 {
     Q_OBJECT
@@ -37,7 +29,6 @@ private slots:
     void initTestCase();
     void program_data();
     void program();
-    void quickModeListsCentralGroupsOnly();
 
 private:
     ServerProcess m_server;
@@ -99,39 +90,6 @@ void KeldaBrowserTest::program()
         const QImage picture(path);
         QVERIFY2(picture.width() >= 300 && picture.height() >= 150, qPrintable(path));
     }
-}
-
-void KeldaBrowserTest::quickModeListsCentralGroupsOnly()
-{
-    const std::unique_ptr<KeldaClient> client = E2e::connectClient(m_server.port(), QStringLiteral("ann"));
-    QVERIFY(client->IsConnected());
-    unsigned int centralFile = 0;
-    unsigned int localFile = 0;
-    const QString central =
-        E2e::createGroupWithFile(*client, QStringLiteral("moved"), FT_Image, QByteArrayLiteral("m"), &centralFile);
-    const QString local =
-        E2e::createGroupWithFile(*client, QStringLiteral("kept"), FT_Image, QByteArrayLiteral("k"), &localFile);
-    QVERIFY(!central.isEmpty() && !local.isEmpty());
-    client->MoveToNas(central);
-    FileQuery centralGroups;
-    centralGroups.SetLocationState(LS_Central);
-    QTRY_VERIFY_WITH_TIMEOUT(
-        [&] {
-            unsigned int columns = 0;
-            return client->QueryFiles(centralGroups, columns).contains(central);
-        }(),
-        E2e::Wait);
-
-    FileSelectDialog dialog(client.get(), nullptr, QStringLiteral("t"), QStringLiteral("Open"), false,
-                            {FT_ScanRecording, FT_Image});
-    dialog.findChild<QComboBox *>(QStringLiteral("TypeComboBox"))->setCurrentIndex(1);
-    QAbstractItemModel *model = dialog.findChild<QTreeView *>(QStringLiteral("FileGroupView"))->model();
-    QCOMPARE(model->rowCount(), 1);
-    const QModelIndex group = model->index(0, 0);
-    QCOMPARE(model->index(0, 14).data().toString(), central);
-    model->fetchMore(group);
-    QCOMPARE(model->rowCount(group), 1);
-    QCOMPARE(model->index(0, 0, group).data().toString(), QStringLiteral("data.bin"));
 }
 
 QTEST_MAIN(KeldaBrowserTest)

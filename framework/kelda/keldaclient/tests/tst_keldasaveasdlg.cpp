@@ -6,21 +6,9 @@
 #include <QLabel>
 #include <QtTest>
 
-#include <functional>
-
 using namespace Kelda;
 
-struct Field
-{
-    std::function<QVariant(const KeldaSaveAsDlg &)> get;
-    std::function<void(KeldaSaveAsDlg &, const QVariant &)> set;
-    std::function<bool(const KeldaSaveAsDlg &)> enabled;
-    std::function<void(KeldaSaveAsDlg &, bool)> setEnabled;
-};
-Q_DECLARE_METATYPE(Field)
-
-// The save-as form: its rows, the full type list with its fallback, and the
-// getter, setter and enabled pair of every field reaching its own widget.
+// The save-as form: its rows, and the full type list with its fallback.
 class KeldaSaveAsDlgTest : public QObject
 {
     Q_OBJECT
@@ -29,8 +17,6 @@ private slots:
     void freshForm();
     void fileType_data();
     void fileType();
-    void fields_data();
-    void fields();
 };
 
 void KeldaSaveAsDlgTest::freshForm()
@@ -93,59 +79,6 @@ void KeldaSaveAsDlgTest::fileType()
     QCOMPARE(dialog.fileType(), selected);
     dialog.setFileTypeEnabled(true);
     QVERIFY(dialog.fileTypeEnabled());
-}
-
-void KeldaSaveAsDlgTest::fields_data()
-{
-    QTest::addColumn<Field>("field");
-    QTest::addColumn<QVariant>("value");
-
-    const auto text = [](QString (KeldaSaveAsDlg::*get)() const, void (KeldaSaveAsDlg::*set)(const QString &),
-                         bool (KeldaSaveAsDlg::*enabled)() const, void (KeldaSaveAsDlg::*setEnabled)(bool)) {
-        return Field{[get](const KeldaSaveAsDlg &d) { return QVariant((d.*get)()); },
-                     [set](KeldaSaveAsDlg &d, const QVariant &v) { (d.*set)(v.toString()); },
-                     [enabled](const KeldaSaveAsDlg &d) { return (d.*enabled)(); },
-                     [setEnabled](KeldaSaveAsDlg &d, bool on) { (d.*setEnabled)(on); }};
-    };
-    using D = KeldaSaveAsDlg;
-    QTest::newRow("groupName") << text(&D::groupName, &D::setGroupName, &D::groupNameEnabled, &D::setGroupNameEnabled)
-                               << QVariant(QStringLiteral("scan 7"));
-    QTest::newRow("fileName") << text(&D::fileName, &D::setFileName, &D::fileNameEnabled, &D::setFileNameEnabled)
-                              << QVariant(QStringLiteral("a.bin"));
-    QTest::newRow("version") << text(&D::version, &D::setVersion, &D::versionEnabled, &D::setVersionEnabled)
-                             << QVariant(QStringLiteral("1.2"));
-    QTest::newRow("comment") << text(&D::comment, &D::setComment, &D::commentEnabled, &D::setCommentEnabled)
-                             << QVariant(QStringLiteral("c"));
-    QTest::newRow("detail") << text(&D::detail, &D::setDetail, &D::detailEnabled, &D::setDetailEnabled)
-                            << QVariant(QStringLiteral("d"));
-    QTest::newRow("endOfLife") << Field{[](const D &d) { return QVariant(d.endOfLife()); },
-                                       [](D &d, const QVariant &v) { d.setEndOfLife(v.toDateTime()); },
-                                       [](const D &d) { return d.endOfLifeEnabled(); },
-                                       [](D &d, bool on) { d.setEndOfLifeEnabled(on); }}
-                               << QVariant(QDateTime(QDate(2030, 1, 2), QTime(3, 4)));
-}
-
-// Each field is set alone, so a getter that reads another field's widget
-// shows as a mismatch.
-void KeldaSaveAsDlgTest::fields()
-{
-    QFETCH(Field, field);
-    QFETCH(QVariant, value);
-
-    KeldaSaveAsDlg dialog;
-    QVERIFY(field.enabled(dialog));
-    field.set(dialog, value);
-    QCOMPARE(field.get(dialog), value);
-    for (const QString &other : {dialog.groupName(), dialog.fileName(), dialog.version(), dialog.comment(),
-                                 dialog.detail()}) {
-        QVERIFY(other.isEmpty() || QVariant(other) == value);
-    }
-    field.setEnabled(dialog, false);
-    QVERIFY(!field.enabled(dialog));
-    const int disabled = int(!dialog.groupNameEnabled()) + int(!dialog.fileNameEnabled())
-                         + int(!dialog.versionEnabled()) + int(!dialog.commentEnabled())
-                         + int(!dialog.detailEnabled()) + int(!dialog.endOfLifeEnabled());
-    QCOMPARE(disabled, 1);
 }
 
 QTEST_MAIN(KeldaSaveAsDlgTest)

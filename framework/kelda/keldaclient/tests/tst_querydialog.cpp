@@ -15,55 +15,45 @@ namespace {
 // Every field of a query, one line each, so that a mismatch names its field.
 QStringList describe(const FileQuery &query)
 {
-    const auto time = [](const QDateTime &t) { return t.isNull() ? QStringLiteral("null") : t.toUTC().toString(Qt::ISODate); };
+    const auto range = [](const char *name, const QDateTime &min, const QDateTime &max) {
+        const auto text = [](const QDateTime &t) { return t.isNull() ? QStringLiteral("-") : t.toUTC().toString(Qt::ISODate); };
+        return QStringLiteral("%1 %2 %3").arg(QLatin1String(name), text(min), text(max));
+    };
     QStringList types;
     for (int i = 0; i < query.GetFileTypeListSize(); ++i)
         types.append(QString::number(query.GetFileTypeAt(i)));
-    return {QStringLiteral("backup ") + time(query.GetBackupTimeMin()) + QLatin1Char(' ') + time(query.GetBackupTimeMax()),
-            QStringLiteral("creation ") + time(query.GetCreationTimeMin()) + QLatin1Char(' ') + time(query.GetCreationTimeMax()),
-            QStringLiteral("modification ") + time(query.GetModificationTimeMin()) + QLatin1Char(' ')
-                + time(query.GetModificationTimeMax()),
-            QStringLiteral("life cycle ") + time(query.GetLifeCycleTimeMin()) + QLatin1Char(' ') + time(query.GetLifeCycleTimeMax()),
-            QStringLiteral("types ") + types.join(QLatin1Char(',')),
+    return {range("backup", query.GetBackupTimeMin(), query.GetBackupTimeMax()),
+            range("creation", query.GetCreationTimeMin(), query.GetCreationTimeMax()),
+            range("modification", query.GetModificationTimeMin(), query.GetModificationTimeMax()),
+            range("life cycle", query.GetLifeCycleTimeMin(), query.GetLifeCycleTimeMax()),
+            types.join(QLatin1Char(',')),
             QStringLiteral("location %1 lock %2").arg(query.GetLocationState()).arg(query.GetLockState()),
-            QStringLiteral("texts ") + QStringList{query.GetCommentSearchText(), query.GetCreatorSearchText(),
-                                                   query.GetDetailSearchText(), query.GetFileGroupSearchText(),
-                                                   query.GetTeamMembershipSearchText(), query.GetVersionSearchText()}
-                                           .join(QLatin1Char('|')),
-            QStringLiteral("lock user ") + query.GetLockUser(),
-            QStringLiteral("application ") + query.GetReferencingApplication()};
+            QStringList{query.GetCommentSearchText(), query.GetCreatorSearchText(), query.GetDetailSearchText(),
+                        query.GetFileGroupSearchText(), query.GetTeamMembershipSearchText(),
+                        query.GetVersionSearchText(), query.GetLockUser(), query.GetReferencingApplication()}
+                .join(QLatin1Char('|'))};
 }
 
-QDateTime at(int day, int hour)
+// Sets the creation, modification and life cycle bounds to March days 1 to
+// 6 at 8:30, 9:30, ...; or clears them.
+void setRanges(FileQuery &query, bool set = true)
 {
-    return QDateTime(QDate(2026, 3, day), QTime(hour, 30));
-}
-
-void setRanges(FileQuery &query)
-{
-    query.SetCreationTimeMin(at(1, 8));
-    query.SetCreationTimeMax(at(2, 9));
-    query.SetModificationTimeMin(at(3, 10));
-    query.SetModificationTimeMax(at(4, 11));
-    query.SetLifeCycleTimeMin(at(5, 12));
-    query.SetLifeCycleTimeMax(at(6, 13));
-}
-
-void clearRanges(FileQuery &query)
-{
-    for (auto set : {&FileQuery::SetCreationTimeMin, &FileQuery::SetCreationTimeMax,
-                     &FileQuery::SetModificationTimeMin, &FileQuery::SetModificationTimeMax,
-                     &FileQuery::SetLifeCycleTimeMin, &FileQuery::SetLifeCycleTimeMax})
-        (query.*set)(QDateTime());
+    int day = 0;
+    for (auto setter : {&FileQuery::SetCreationTimeMin, &FileQuery::SetCreationTimeMax,
+                        &FileQuery::SetModificationTimeMin, &FileQuery::SetModificationTimeMax,
+                        &FileQuery::SetLifeCycleTimeMin, &FileQuery::SetLifeCycleTimeMax}) {
+        ++day;
+        (query.*setter)(set ? QDateTime(QDate(2026, 3, day), QTime(7 + day, 30)) : QDateTime());
+    }
 }
 
 void checkRanges(QDialog *dialog, bool on)
 {
-    for (const char *label : {"Creation time", "Modification time", "Life cycle"}) {
-        for (QCheckBox *box : dialog->findChildren<QCheckBox *>()) {
-            if (box->text() == QLatin1String(label))
-                box->setChecked(on);
-        }
+    const QStringList ranges{QStringLiteral("Creation time"), QStringLiteral("Modification time"),
+                             QStringLiteral("Life cycle")};
+    for (QCheckBox *box : dialog->findChildren<QCheckBox *>()) {
+        if (ranges.contains(box->text()))
+            box->setChecked(on);
     }
 }
 
@@ -91,7 +81,7 @@ void QueryDialogTest::roundTrip_data()
 
     FileQuery full;
     setRanges(full);
-    full.SetBackupTimeMin(at(7, 14));
+    full.SetBackupTimeMin(QDateTime(QDate(2026, 3, 7), QTime(14, 30)));
     full.SetCommentSearchText(QStringLiteral("  note "));
     full.SetCreatorSearchText(QStringLiteral("ann"));
     full.SetDetailSearchText(QStringLiteral("d"));
@@ -116,7 +106,7 @@ void QueryDialogTest::roundTrip_data()
     QTest::newRow("edits in UTC") << full << true << true << true << read;
 
     FileQuery open = read;
-    clearRanges(open);
+    setRanges(open, false);
     QTest::newRow("unchecked ranges are open") << full << false << false << true << open;
     QTest::newRow("cancel keeps the query") << full << false << false << false << full;
 
