@@ -98,7 +98,7 @@ void BrowserWindow::Pick(bool queryMode)
                             tr("Select"), queryMode, FileTypeManager::Instance()->GetTypes());
     QString guid;
     unsigned int storedId = 0;
-    if (!dialog.Execute(guid, storedId)) {
+    if (!dialog.Execute(guid, storedId) || storedId == 0) {
         if (m_client.GetError() != KE_NoError)
             ShowError(tr("The query failed: %1").arg(m_client.GetErrorString()));
         return;

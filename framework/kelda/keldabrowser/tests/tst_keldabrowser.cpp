@@ -64,6 +64,9 @@ void KeldaBrowserTest::program_data()
                                << 3 << 0 << QStringLiteral("cannot reach the archive server at 127.0.0.1:");
     QTest::newRow("bad port") << QStringList{QStringLiteral("--port"), QStringLiteral("http")} << 2 << 0
                               << QStringLiteral("--port needs a number from 1 to 65535");
+    QTest::newRow("stray argument") << QStringList{QStringLiteral("--connect-timeout"), QStringLiteral("2"),
+                                                   QStringLiteral("shots")}
+                                    << 2 << 0 << QStringLiteral("unexpected argument \"shots\"");
 }
 
 void KeldaBrowserTest::program()
