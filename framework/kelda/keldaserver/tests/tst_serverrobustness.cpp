@@ -27,6 +27,9 @@ private slots:
     void convertersHearOfNewGroups();
 
 private:
+    // What becomes of the bad sender's connection.
+    enum After { Usable, Closed, Stuck };
+
     // A plain request the raw client's connection must still get answered.
     bool answersBasePath(RawClient &raw);
     QString rawCreate(RawClient &raw, const QString &path, int *error);
@@ -53,8 +56,7 @@ void TestServerRobustness::badMessage_data()
 {
     QTest::addColumn<QByteArray>("bytes");
     QTest::addColumn<QByteArray>("answer"); // empty: no answer expected
-    QTest::addColumn<int>("after"); // what becomes of the sender's connection
-    enum { Usable, Closed, Stuck };
+    QTest::addColumn<int>("after");
     const auto frame = [](const QByteArray &payload) {
         QByteArray bytes(4, '\0');
         qToLittleEndian<quint32>(quint32(payload.size()), bytes.data());
@@ -100,9 +102,9 @@ void TestServerRobustness::badMessage()
         QVERIFY2(reply.contains(answer), reply.constData());
         QVERIFY2(reply.contains("<m:Error>57</m:Error>"), reply.constData());
     }
-    if (after == 1)
+    if (after == Closed)
         QVERIFY(raw.waitForClose());
-    else if (after == 0)
+    else if (after == Usable)
         QVERIFY(answersBasePath(raw));
 
     // Everyone else carries on.
