@@ -18,6 +18,10 @@ struct Run
 Run kelda(const QStringList &arguments)
 {
     QProcess process;
+    // The program's own messages only, not the library's traces.
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.remove(QStringLiteral("KELDA_TRACE_MASK"));
+    process.setProcessEnvironment(environment);
     process.start(QStringLiteral(KELDA_BINARY), arguments);
     Run run;
     if (!process.waitForFinished(kProcessWaitMs)) {

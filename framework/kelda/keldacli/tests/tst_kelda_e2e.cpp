@@ -75,6 +75,10 @@ void KeldaRoundTripTest::cleanupTestCase()
 Run KeldaRoundTripTest::kelda(const QStringList &arguments)
 {
     QProcess process;
+    // The program's own messages only, not the library's traces.
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.remove(QStringLiteral("KELDA_TRACE_MASK"));
+    process.setProcessEnvironment(environment);
     process.setWorkingDirectory(m_dir.path());
     process.start(QStringLiteral(KELDA_BINARY),
                   QStringList{QStringLiteral("--host"), QStringLiteral("127.0.0.1"), QStringLiteral("--port"),

@@ -3,6 +3,7 @@
 #include "serverprocess.h"
 #include "trace.h"
 
+#include <QDeadlineTimer>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -42,6 +43,7 @@ private:
     // A group holding one file with these bytes, made through the create-new
     // form; returns its GUID.
     QString archive(const QByteArray &bytes);
+    bool waitUntilCentral(const QString &guid);
 
     QTemporaryDir m_dir;
     std::unique_ptr<ServerProcess> m_server;
@@ -92,6 +94,22 @@ QString KeldaFileServerTest::archive(const QByteArray &bytes)
     return file.GetGuid();
 }
 
+bool KeldaFileServerTest::waitUntilCentral(const QString &guid)
+{
+    // The destructor of the creating file started a move; the group cannot
+    // be requested while it runs.
+    QDeadlineTimer deadline(kSignalWaitMs);
+    while (!deadline.hasExpired()) {
+        QSignalSpy state(m_client.get(), &KeldaClient::queryLocationStateProgressSg);
+        if (m_client->QueryLocationStateProgress(guid).isEmpty() || !state.wait(kSignalWaitMs))
+            return false;
+        if (state.last().at(1).toInt() == LS_Central)
+            return true;
+        QTest::qWait(20);
+    }
+    return false;
+}
+
 void KeldaFileServerTest::createNewArchivesTheBytes()
 {
     const QByteArray bytes = QByteArray("recorded ").repeated(10000);
@@ -101,6 +119,7 @@ void KeldaFileServerTest::createNewArchivesTheBytes()
     // The destructor handed the new group to network storage.
     QVERIFY(moved.wait(kSignalWaitMs));
     QCOMPARE(moved.at(0).at(1).toInt(), int(KE_NoError));
+    QVERIFY(waitUntilCentral(guid));
 
     KeldaFile archived(m_other.get(), guid, 1);
     QVERIFY2(archived.open(QIODevice::ReadOnly), qPrintable(archived.GetErrorString()));
@@ -133,6 +152,7 @@ void KeldaFileServerTest::locksFollowTheOpenMode()
     QFETCH(int, whileOpen);
     const QString guid = archive("bytes");
     QVERIFY(!guid.isEmpty());
+    QVERIFY(waitUntilCentral(guid));
 
     KeldaFile first(m_client.get(), guid, 1);
     QVERIFY2(first.open(QIODevice::OpenMode(firstMode)), qPrintable(first.GetErrorString()));
