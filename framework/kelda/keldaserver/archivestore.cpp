@@ -66,6 +66,12 @@ QVariant timeValue(const QDateTime &time)
     return time.isValid() ? QVariant(time.toMSecsSinceEpoch()) : QVariant(QVariant::LongLong);
 }
 
+// Qt SQL binds a null QString as NULL; texts are never NULL in the tables.
+QString text(const QString &value)
+{
+    return value.isNull() ? QStringLiteral("") : value;
+}
+
 QDateTime localTime(const QVariant &value)
 {
     return value.isNull() ? QDateTime() : QDateTime::fromMSecsSinceEpoch(value.toLongLong());
@@ -99,9 +105,9 @@ ArchiveStore::~ArchiveStore()
     QSqlDatabase::removeDatabase(m_connectionName);
 }
 
-QString ArchiveStore::searchKey(const QString &text)
+QString ArchiveStore::searchKey(const QString &value)
 {
-    return text.toCaseFolded();
+    return text(value.toCaseFolded());
 }
 
 bool ArchiveStore::open(const QString &databaseFile)
@@ -240,23 +246,23 @@ void ArchiveStore::insertGroup(const StoredGroup &group)
         " team_key, version, version_key, reserved_storage, reference_counter, path, tovin_id, record_id,"
         " copy_progress) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"));
     int i = 0;
-    query.bindValue(i++, data.getGuid());
-    query.bindValue(i++, data.getFileGroupName());
-    query.bindValue(i++, searchKey(data.getFileGroupName()));
+    query.bindValue(i++, text(data.getGuid()));
+    query.bindValue(i++, text(data.getFileGroupName()));
+    query.bindValue(i++, text(searchKey(data.getFileGroupName())));
     query.bindValue(i++, int(data.getFileType()));
     query.bindValue(i++, int(data.getLocationState()));
     query.bindValue(i++, timeValue(data.getBackupTime()));
     query.bindValue(i++, timeValue(data.getCreationTime()));
     query.bindValue(i++, timeValue(data.getModificationTime()));
     query.bindValue(i++, timeValue(data.getLifeCycle()));
-    for (const QString &text : {data.getComment(), data.getCreator(), data.getDetail(), data.getTeamMembership(),
+    for (const QString &value : {data.getComment(), data.getCreator(), data.getDetail(), data.getTeamMembership(),
                                 data.getVersion()}) {
-        query.bindValue(i++, text);
-        query.bindValue(i++, searchKey(text));
+        query.bindValue(i++, text(value));
+        query.bindValue(i++, searchKey(value));
     }
     query.bindValue(i++, qint64(data.getReservedStorage()));
     query.bindValue(i++, data.getReferenceCounter());
-    query.bindValue(i++, group.path);
+    query.bindValue(i++, text(group.path));
     query.bindValue(i++, group.tovinId.isEmpty() ? QVariant(QVariant::String) : QVariant(group.tovinId));
     query.bindValue(i++, group.recordId.isEmpty() ? QVariant(QVariant::String) : QVariant(group.recordId));
     query.bindValue(i++, group.copyProgress);
@@ -349,7 +355,7 @@ bool ArchiveStore::hasFileNamed(const QString &guid, const QString &name)
 {
     QSqlQuery &query = prepared(QStringLiteral("SELECT 1 FROM group_files WHERE guid = ? AND name = ?"));
     query.bindValue(0, guid);
-    query.bindValue(1, name);
+    query.bindValue(1, text(name));
     exec(query, KE_ReadFileFromDbFailed);
     const bool found = query.next();
     query.finish();
@@ -376,7 +382,7 @@ void ArchiveStore::insertFile(const QString &guid, int fileId, const QString &na
     QSqlQuery &query = prepared(QStringLiteral("INSERT INTO group_files (guid, file_id, name) VALUES (?, ?, ?)"));
     query.bindValue(0, guid);
     query.bindValue(1, fileId);
-    query.bindValue(2, name);
+    query.bindValue(2, text(name));
     exec(query, KE_InsertFileInDbFailed);
 }
 
@@ -404,13 +410,13 @@ void ArchiveStore::setLock(const QString &guid, const QString &holder, bool writ
 {
     QSqlQuery &remove = prepared(QStringLiteral("DELETE FROM group_locks WHERE guid = ? AND holder = ?"));
     remove.bindValue(0, guid);
-    remove.bindValue(1, holder);
+    remove.bindValue(1, text(holder));
     exec(remove, KE_InsertLockInDbFailed);
     QSqlQuery &insert = prepared(
         QStringLiteral("INSERT INTO group_locks (guid, holder, holder_key, write_lock) VALUES (?, ?, ?, ?)"));
     insert.bindValue(0, guid);
-    insert.bindValue(1, holder);
-    insert.bindValue(2, searchKey(holder));
+    insert.bindValue(1, text(holder));
+    insert.bindValue(2, text(searchKey(holder)));
     insert.bindValue(3, write ? 1 : 0);
     exec(insert, KE_InsertLockInDbFailed);
 }
@@ -419,7 +425,7 @@ int ArchiveStore::releaseLocks(const QString &guid, const QString &holder)
 {
     QSqlQuery &query = prepared(QStringLiteral("DELETE FROM group_locks WHERE guid = ? AND holder = ?"));
     query.bindValue(0, guid);
-    query.bindValue(1, holder);
+    query.bindValue(1, text(holder));
     exec(query, KE_DeleteLockFromDbFailed);
     return query.numRowsAffected();
 }
@@ -429,7 +435,7 @@ int ArchiveStore::referenceCount(const QString &guid, const QString &application
     QSqlQuery &query =
         prepared(QStringLiteral("SELECT ref_count FROM group_references WHERE guid = ? AND application = ?"));
     query.bindValue(0, guid);
-    query.bindValue(1, application);
+    query.bindValue(1, text(application));
     exec(query, KE_ReadReferenceFromDbFailed);
     const int count = query.next() ? query.value(0).toInt() : 0;
     query.finish();
@@ -440,14 +446,14 @@ void ArchiveStore::setReferenceCount(const QString &guid, const QString &applica
 {
     QSqlQuery &remove = prepared(QStringLiteral("DELETE FROM group_references WHERE guid = ? AND application = ?"));
     remove.bindValue(0, guid);
-    remove.bindValue(1, application);
+    remove.bindValue(1, text(application));
     exec(remove, KE_DeleteReferenceFromDbFailed);
     if (count > 0) {
         QSqlQuery &insert = prepared(QStringLiteral(
             "INSERT INTO group_references (guid, application, application_key, ref_count) VALUES (?, ?, ?, ?)"));
         insert.bindValue(0, guid);
-        insert.bindValue(1, application);
-        insert.bindValue(2, searchKey(application));
+        insert.bindValue(1, text(application));
+        insert.bindValue(2, text(searchKey(application)));
         insert.bindValue(3, count);
         exec(insert, KE_InsertReferenceInDbFailed);
     }
@@ -470,8 +476,8 @@ void ArchiveStore::rememberUser(const QString &name)
         return;
     QSqlQuery &query = prepared(QStringLiteral(
         "INSERT INTO known_users (name) SELECT ? WHERE NOT EXISTS (SELECT 1 FROM known_users WHERE name = ?)"));
-    query.bindValue(0, name);
-    query.bindValue(1, name);
+    query.bindValue(0, text(name));
+    query.bindValue(1, text(name));
     exec(query, KE_UnknownError);
 }
 
@@ -482,8 +488,8 @@ void ArchiveStore::rememberApplication(const QString &name)
     QSqlQuery &query = prepared(QStringLiteral(
         "INSERT INTO known_applications (name) SELECT ?"
         " WHERE NOT EXISTS (SELECT 1 FROM known_applications WHERE name = ?)"));
-    query.bindValue(0, name);
-    query.bindValue(1, name);
+    query.bindValue(0, text(name));
+    query.bindValue(1, text(name));
     exec(query, KE_UnknownError);
 }
 

@@ -4,6 +4,7 @@
 
 #include <trace.h>
 
+#include <QHostAddress>
 #include <QTcpSocket>
 
 namespace Kelda {
