@@ -51,6 +51,7 @@ private slots:
     void failures();
     void roundTrip();
     void getReleasesItsLock();
+    void groupCommands();
 
 private:
     Run kelda(const QStringList &arguments);
@@ -222,6 +223,27 @@ void KeldaToolTest::getReleasesItsLock()
     QVERIFY(client.IsConnected() || connected.wait(15000));
     QVERIFY(!client.RequestFile(KeldaUrl(url), LOCK_Write).isEmpty());
     QCOMPARE(client.GetError(), KE_NoError);
+}
+
+void KeldaToolTest::groupCommands()
+{
+    const Run put = kelda({QStringLiteral("put"), writeFile(QStringLiteral("moved.txt"), "move me")});
+    const QString guid = KeldaUrl(QString::fromUtf8(put.out).trimmed()).toKeldaGuid();
+    QCOMPARE(guid.size(), 36);
+    auto info = [&](const char *key) {
+        return kelda({QStringLiteral("info"), QStringLiteral("--json"), guid}).json().object().value(QLatin1String(key));
+    };
+    const QStringList asViewer{QStringLiteral("--app"), QStringLiteral("viewer")};
+    QCOMPARE(kelda(asViewer + QStringList{QStringLiteral("ref"), guid}).exitCode, 0);
+    QCOMPARE(info("referenceCounter").toInt(), 1);
+    QCOMPARE(kelda(asViewer + QStringList{QStringLiteral("unref"), guid}).exitCode, 0);
+    QCOMPARE(info("referenceCounter").toInt(), 0);
+    QCOMPARE(kelda({QStringLiteral("move"), guid}).exitCode, 0);
+    QCOMPARE(info("locationState").toInt(), int(LS_Central));
+    const QString target = m_dir.filePath(QStringLiteral("export"));
+    QVERIFY(QDir().mkpath(target));
+    QCOMPARE(kelda({QStringLiteral("export"), guid, QStringLiteral("--to"), target}).exitCode, 0);
+    QVERIFY(QFileInfo::exists(QStringLiteral("%1/%2/moved.txt").arg(target, guid)));
 }
 
 QTEST_GUILESS_MAIN(KeldaToolTest)
