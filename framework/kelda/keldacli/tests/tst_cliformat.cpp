@@ -42,7 +42,6 @@ class CliFormatTest : public QObject
 private slots:
     void queryTable_data();
     void queryTable();
-    void groupJson();
     void queryOptions_data();
     void queryOptions();
 };
@@ -71,25 +70,6 @@ void CliFormatTest::queryTable()
     QCOMPARE(lines[0].split(QStringLiteral("  "), Qt::SkipEmptyParts).size(), columns);
     QVERIFY(lines[1].contains(kGuid) && lines[1].contains(QStringLiteral("Scan Recording")));
     QVERIFY(lines[2].contains(other) && !lines[2].endsWith(QLatin1Char(' ')));
-}
-
-void CliFormatTest::groupJson()
-{
-    FileGroupData data = group(kGuid, QStringLiteral("scan"));
-    data.addFile(QStringLiteral("b.txt"), 3);
-    const QJsonObject object = fileGroupToJson(data, true);
-    QCOMPARE(object.value(QStringLiteral("locationState")).toInt(), int(LS_Central));
-    QCOMPARE(object.value(QStringLiteral("locationStateText")).toString(), QStringLiteral("Central"));
-    QCOMPARE(object.value(QStringLiteral("creationTime")).toString(), QStringLiteral("2026-11-23T09:30:00"));
-    QVERIFY(object.value(QStringLiteral("backupTime")).isNull());
-    QCOMPARE(object.value(QStringLiteral("files")).toArray().first().toObject().value(QStringLiteral("url")).toString(),
-             QStringLiteral("kelda:///%1/3").arg(kGuid));
-
-    // The ls document reads the groups back from the table form.
-    const QJsonArray listed = fileGroupsToJson(queryRecords(queryReply({data}), 16));
-    QCOMPARE(listed.size(), 1);
-    QCOMPARE(listed[0].toObject().value(QStringLiteral("guid")).toString(), kGuid);
-    QCOMPARE(listed[0].toObject().value(QStringLiteral("fileType")).toInt(), int(FT_ScanRecording));
 }
 
 using QueryCheck = std::function<bool(const FileQuery &)>;

@@ -4,6 +4,7 @@
 #include "trace.h"
 
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -26,8 +27,8 @@ bool closeAndWait(KeldaFile &file, KeldaClient &client)
 
 } // namespace
 
-// KeldaFile against the real server process: a group made by the
-// create-new form, opened by the open-existing form under both locks.
+// KeldaFile against the real server process: the create-new form, and the
+// open-existing form under both locks.
 class KeldaFileServerTest : public QObject
 {
     Q_OBJECT
@@ -35,9 +36,10 @@ class KeldaFileServerTest : public QObject
 private slots:
     void initTestCase();
     void cleanupTestCase();
+    void createNew_data();
+    void createNew();
     void locksFollowTheOpenMode_data();
     void locksFollowTheOpenMode();
-    void anUnknownGroupCannotBeOpened();
 
 private:
     std::unique_ptr<KeldaClient> connectedClient(const QString &user);
@@ -106,6 +108,57 @@ bool KeldaFileServerTest::waitUntilCentral(const QString &guid)
     return false;
 }
 
+void KeldaFileServerTest::createNew_data()
+{
+    QTest::addColumn<QString>("fileName");
+    QTest::addColumn<bool>("exists");
+    QTest::addColumn<QString>("groupName");
+    QTest::newRow("one dot") << QStringLiteral("a/scan.bin") << true << QStringLiteral("scan.bin");
+    QTest::newRow("two dots") << QStringLiteral("b/day.scan.bin") << true << QStringLiteral("scan.bin");
+    QTest::newRow("no dot") << QStringLiteral("c/scan") << true << QStringLiteral("scan");
+    QTest::newRow("missing file") << QStringLiteral("d/gone.bin") << false << QStringLiteral("gone.bin");
+}
+
+void KeldaFileServerTest::createNew()
+{
+    QFETCH(QString, fileName);
+    QFETCH(bool, exists);
+    QFETCH(QString, groupName);
+    const QString source = m_dir.filePath(fileName);
+    QVERIFY(QDir().mkpath(QFileInfo(source).path()));
+    QFile in(source);
+    QVERIFY(!exists || (in.open(QIODevice::WriteOnly) && in.write("recorded") == 8));
+    in.close();
+    QStringList traces;
+    ErrorHandler::Instance()->SetLevel(ErrorHandler::Failure);
+    ErrorHandler::Instance()->SetTraceHook([&](const QString &text, const char *, int) { traces.append(text); });
+    unsigned int days = 10;
+    auto file = std::make_unique<KeldaFile>(m_client.get(), source, QString(), days, QString(), QString(), FT_Image, 0);
+    ErrorHandler::Instance()->SetTraceHook({});
+    ErrorHandler::Instance()->SetLevel(0);
+
+    QCOMPARE(file->GetError(), exists ? KE_NoError : KE_AddFileFailed);
+    QCOMPARE(file->GetFileId(), exists ? 1u : 0u);
+    QCOMPARE(file->fileName(), QDir::toNativeSeparators(source));
+    // The report fires after every successful add, deliberately.
+    QCOMPARE(traces.contains(QStringLiteral("ASSERT failed: (m_uFileId == 0)")), exists);
+    const QString guid = file->GetGuid();
+    QSignalSpy record(m_client.get(), &KeldaClient::QueryMetaDataSg);
+    m_client->QueryMetaDataAsync(guid, QString());
+    QVERIFY(record.wait(kSignalWaitMs));
+    const FileGroupData group = record.at(0).at(1).value<FileGroupData>();
+    QCOMPARE(group.getFileGroupName(), groupName);
+    QCOMPARE(int(group.getFileList().size()), exists ? 1 : 0);
+
+    // The destructor hands the group to network storage; it arrives there.
+    file.reset();
+    QVERIFY(waitUntilCentral(guid));
+    // A name without ".", "/" or "\\" is an existing group's GUID.
+    KeldaFile adopted(m_client.get(), guid, QString(), days, QString(), QString(), FT_Image, 0);
+    QCOMPARE(adopted.GetGuid(), guid);
+    QVERIFY(adopted.fileName().isEmpty());
+}
+
 void KeldaFileServerTest::locksFollowTheOpenMode_data()
 {
     QTest::addColumn<int>("firstMode");
@@ -145,13 +198,6 @@ void KeldaFileServerTest::locksFollowTheOpenMode()
     KeldaFile after(m_other.get(), guid, 1);
     QVERIFY2(after.open(QIODevice::ReadWrite), qPrintable(after.GetErrorString()));
     QVERIFY(closeAndWait(after, *m_other));
-}
-
-void KeldaFileServerTest::anUnknownGroupCannotBeOpened()
-{
-    KeldaFile file(m_client.get(), KeldaClient::CreateGuid(), 1);
-    QVERIFY(!file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.GetError(), KE_GuidNotFound);
 }
 
 QTEST_GUILESS_MAIN(KeldaFileServerTest)

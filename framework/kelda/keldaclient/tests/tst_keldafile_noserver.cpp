@@ -2,7 +2,6 @@
 #include "keldafile.h"
 #include "trace.h"
 
-#include <QSignalSpy>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -26,7 +25,6 @@ private slots:
     void cleanupTestCase() { ErrorHandler::Instance()->SetTraceHook({}); }
     void behavesAsALocalFile_data();
     void behavesAsALocalFile();
-    void handleAddFileSignalMatchesThePendingRequest();
     // Last: an explicit client makes a server available for good.
     void availableButNotConnected();
 
@@ -75,19 +73,6 @@ void KeldaFileNoServerTest::behavesAsALocalFile()
     file->close();
     file.reset();
     QCOMPARE(m_traces, QStringList());
-}
-
-void KeldaFileNoServerTest::handleAddFileSignalMatchesThePendingRequest()
-{
-    KeldaFile file(nullptr);
-    QVERIFY(file.IsEmpty());
-    QSignalSpy added(&file, &KeldaFile::fileSuccessfullyAdded);
-    file.handleAddFileSignal(QStringLiteral("some-other-request"), 9);
-    QCOMPARE(added.size(), 0);
-    // Nothing sets the pending request, so only an empty id matches.
-    file.handleAddFileSignal(QString(), 9);
-    QCOMPARE(added.size(), 1);
-    QCOMPARE(file.GetFileId(), 9u);
 }
 
 void KeldaFileNoServerTest::availableButNotConnected()
