@@ -96,6 +96,10 @@ void addJsonOption(QCommandLineParser &parser)
 template <typename Signal, typename OnReply>
 ExitCode request(Session &session, Signal signal, const std::function<QString()> &send, OnReply onReply)
 {
+    // A dropped connection would otherwise only show after the full wait for
+    // operations that return no request id.
+    if (!session.client().IsConnected())
+        return session.blockingFailure();
     ReplyWait wait(session.client());
     QString requestId;
     QObject::connect(&session.client(), signal, &wait, [&](auto... args) {
