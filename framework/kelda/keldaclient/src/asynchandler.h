@@ -7,6 +7,8 @@
 #include <QVector>
 #include <QWaitCondition>
 
+#include <memory>
+
 namespace Kelda {
 
 class CommandSender;
@@ -15,34 +17,40 @@ class CommandSender;
 // and lost connections, and wakes the caller blocked in AsyncHandler::Wait.
 //
 // The slots run directly on the sender's thread, through RequestWaiters, and
-// change the outcome only under the handler's mutex: a wake-up can therefore
+// change the outcome only under the listener's mutex: a wake-up can therefore
 // never fall between the caller's check and its sleep. Ids handled before the
 // caller names the one it awaits are remembered, so a reply that is faster
 // than the caller is still recognised.
+//
+// The listener holds the mutex and the wait condition, and is shared between
+// its handler and a sender that is reporting to it: the sender wakes the
+// caller without holding any lock the caller needs next, and a handler that
+// is gone by then leaves a listener that nobody waits on.
 class AsyncHandlerCommandSenderSocket : public QObject
 {
     Q_OBJECT
 
 public:
-    AsyncHandlerCommandSenderSocket(QMutex *mutex, QWaitCondition *waitCondition);
+    AsyncHandlerCommandSenderSocket() = default;
 
-    // These are called with the mutex held, from the waiting thread.
-    // Returns true when the wait is decided already: the id was handled, or
-    // the connection dropped, before the caller got here.
-    bool SetAwaitedRequestId(const QString &requestId);
-    bool IsFinished() const { return m_finished; }
-    bool IsHandled() const { return m_handled; }
+    // Blocks until the request id is handled, the connection drops or the
+    // time limit passes; true in the first case only.
+    bool Wait(const QString &requestId, unsigned int timeoutMs);
 
 public slots:
     void sl_requestHandled(const QString &requestId);
     void sl_disconnect();
 
 private:
+    // Called with the mutex held. Returns true when the wait is decided
+    // already: the id was handled, or the connection dropped, before the
+    // caller got here.
+    bool SetAwaitedRequestId(const QString &requestId);
     void Finish(bool handled);
 
-    QMutex *m_mutex;
-    QWaitCondition *m_waitCondition;
-    // Guarded by *m_mutex.
+    QMutex m_mutex;
+    QWaitCondition m_waitCondition;
+    // Guarded by m_mutex.
     bool m_handled = false;
     bool m_finished = false;
     bool m_awaiting = false;
@@ -53,19 +61,23 @@ private:
 
 // The listeners of the blocking calls that are waiting on one command sender.
 // The sender reports to it on its own thread; the list is guarded by a mutex
-// of its own, so a handler that removes itself is never called afterwards.
+// of its own, held only to add, remove or copy entries.
 class RequestWaiters
 {
 public:
-    void Add(AsyncHandlerCommandSenderSocket *listener);
-    void Remove(AsyncHandlerCommandSenderSocket *listener);
+    using Listener = std::shared_ptr<AsyncHandlerCommandSenderSocket>;
+
+    void Add(const Listener &listener);
+    void Remove(const Listener &listener);
 
     void RequestHandled(const QString &requestId);
     void Disconnected();
 
 private:
-    QMutex m_mutex;
-    QVector<AsyncHandlerCommandSenderSocket *> m_listeners;
+    QVector<Listener> Listeners() const;
+
+    mutable QMutex m_mutex;
+    QVector<Listener> m_listeners;
 };
 
 // The wait of one blocking call: construct before sending (so that a reply
@@ -86,9 +98,7 @@ public:
 private:
     CommandSender *m_sender;
     unsigned int m_timeout;
-    QWaitCondition m_waitCondition;
-    QMutex m_mutex;
-    AsyncHandlerCommandSenderSocket m_listener;
+    RequestWaiters::Listener m_listener;
 };
 
 } // namespace Kelda

@@ -430,13 +430,18 @@ void CommandSender::SlotHandleXmlReply(const QByteArray &message)
     }
     if (parsed.lastError)
         m_lastError.store(*parsed.lastError);
-    if (parsed.Kind() == ReplyKind::QueryDiskSpace)
+    const bool known = parsed.Kind() != ReplyKind::QueryDiskSpace;
+    // A blocking caller is woken as soon as its values are in place; the
+    // signals it does not wait for follow.
+    if (known)
+        StoreReplyValues(parsed);
+    m_waiters.RequestHandled(parsed.requestId);
+    if (known)
+        EmitReply(parsed);
+    else
         Q_TRACE_FAILURE(kSource, QStringLiteral("CommandSender::SlotHandleXmlReply: Unknown command: %1")
                                      .arg(int(ReplyKind::QueryDiskSpace)));
-    else
-        EmitReply(parsed);
     emit si_requestHandled(parsed.requestId);
-    m_waiters.RequestHandled(parsed.requestId);
 }
 
 void CommandSender::SlotHandleXmlError(QString a_error, bool a_bRecoverable)
@@ -517,11 +522,26 @@ Overloaded(Handlers...) -> Overloaded<Handlers...>;
 
 } // namespace
 
+// What a blocking call reads once its wait is over.
+void CommandSender::StoreReplyValues(const ParsedReply &reply)
+{
+    const auto store = [&](ReplyValues values) { StoreReplyValues(reply.requestId, std::move(values)); };
+    std::visit(Overloaded{
+                   [&](const TextResult &r) { store({r.text, {}, 0}); },
+                   [&](const ListResult &r) { store({QString(), r.list, 0}); },
+                   [&](const TableResult &r) { store({QString(), r.table, r.columnCount}); },
+                   // Blocking callers read the id as its decimal text.
+                   [&](const FileIdResult &r) { store({QStringLiteral("%1").arg(r.fileId), {}, 0}); },
+                   [&](const CreatedGroupResult &r) { store({r.path, {}, 0}); },
+                   [](const auto &) {},
+               },
+               reply.result);
+}
+
 // Every result type but the three shared ones belongs to one reply, so the
 // type alone picks the signal.
 void CommandSender::EmitReply(const ParsedReply &reply)
 {
-    const QString &id = reply.requestId;
     const ReplyKind kind = reply.Kind();
     std::visit(Overloaded{
                    [](std::monostate) {},
@@ -530,26 +550,20 @@ void CommandSender::EmitReply(const ParsedReply &reply)
                            emit(this->*signal)(r.requestId, r.error, r.errorString);
                    },
                    [&](const TextResult &r) {
-                       StoreReplyValues(id, {r.text, {}, 0});
                        if (const TextSignal signal = TextSignalOf(kind))
                            emit(this->*signal)(r.requestId, r.text, r.error, r.errorString);
                    },
                    [&](const ListResult &r) {
-                       StoreReplyValues(id, {QString(), r.list, 0});
                        if (const ListSignal signal = ListSignalOf(kind))
                            emit(this->*signal)(r.requestId, r.list, r.error, r.errorString);
                    },
                    [&](const TableResult &r) {
-                       StoreReplyValues(id, {QString(), r.table, r.columnCount});
                        emit queryFileGroupsReply(r.requestId, r.table, r.columnCount, r.error, r.errorString);
                    },
                    [&](const FileIdResult &r) {
-                       // Blocking callers read the id as its decimal text.
-                       StoreReplyValues(id, {QStringLiteral("%1").arg(r.fileId), {}, 0});
                        emit addFileReply(r.requestId, r.fileId);
                    },
                    [&](const CreatedGroupResult &r) {
-                       StoreReplyValues(id, {r.path, {}, 0});
                        emit createFileGroupReply(r.guid, r.path);
                    },
                    [&](const BasePathResult &r) { HandleBasePath(r.path); },

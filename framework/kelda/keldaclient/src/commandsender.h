@@ -155,6 +155,7 @@ public slots:
 private:
     QString Send(const class KeldaClientSOAPMessage &message);
     void StoreReplyValues(const QString &requestId, ReplyValues values);
+    void StoreReplyValues(const ParsedReply &reply);
     void EmitReply(const ParsedReply &reply);
     void HandleBasePath(const QString &path);
 

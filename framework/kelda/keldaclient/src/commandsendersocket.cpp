@@ -123,6 +123,10 @@ void CommandSenderSocket::sl_sendMessage(const QByteArray &message)
         return;
     }
     m_bAwaitingReply = true;
+    // Written now rather than when the event loop next polls the socket:
+    // the request is on the wire one poll earlier.
+    if (m_pSocket)
+        m_pSocket->flush();
     if (m_bMessageLogOn)
         writeLogEntry(Direction::Sent, message);
 }

@@ -1,0 +1,361 @@
+// Measures the blocking round trip of the client library against an
+// in-process peer that answers every request the moment it arrives, and, in
+// the same run, a raw ping-pong of the same request and reply bytes between
+// two plain loopback sockets: the floor that the library's threads, queues
+// and parsing add to.
+
+#include "keldaclient.h"
+#include "keldaxml.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QDir>
+#include <QEventLoop>
+#include <QTextStream>
+#include <QThread>
+#include <QTimer>
+#include <QtEndian>
+
+#include <algorithm>
+#include <chrono>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace Kelda;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+const QString kGuid = QStringLiteral("0b7c6d3e-8a11-4c2f-9d3e-5f6a7b8c9d0e");
+
+QByteArray Frame(const QByteArray &payload)
+{
+    QByteArray bytes(4, '\0');
+    qToLittleEndian<quint32>(quint32(payload.size()), bytes.data());
+    return bytes + payload;
+}
+
+// The text between an element's start and end tag, found by plain search:
+// the peer must cost as little as possible.
+QByteArray Between(const QByteArray &document, const QByteArray &open, const QByteArray &close)
+{
+    const int begin = document.indexOf(open);
+    if (begin < 0)
+        return QByteArray();
+    const int from = begin + open.size();
+    const int end = document.indexOf(close, from);
+    return end < 0 ? QByteArray() : document.mid(from, end - from);
+}
+
+QByteArray ReplyTo(const QByteArray &request, const QByteArray &basePath)
+{
+    const QByteArray requestId = Between(request, "<s:RequestId>", "</s:RequestId>");
+    const QByteArray body = Between(request, "<s:Body><m:", " ");
+    QByteArray children;
+    if (body == "GetBasePath")
+        children = "<m:Path>" + basePath + "</m:Path>";
+    else
+        children = "<m:Path>" + basePath + "/group/file.dat</m:Path><m:Error>0</m:Error><m:ErrorString></m:ErrorString>";
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><s:Envelope xmlns:s=\"" + QByteArray(Ns::Envelope.data())
+           + "\"><s:Header><s:Version>1.0</s:Version><s:RequestId>" + requestId
+           + "</s:RequestId></s:Header><s:Body><m:" + body + "Reply xmlns:m=\"" + QByteArray(Ns::Message.data())
+           + "\">" + children + "</m:" + body + "Reply></s:Body></s:Envelope>";
+}
+
+struct Figures
+{
+    std::vector<qint64> nanoseconds;
+    int failures = 0;
+
+    qint64 Percentile(double p) const
+    {
+        if (nanoseconds.empty())
+            return 0;
+        const size_t at = std::min(nanoseconds.size() - 1, size_t(p * double(nanoseconds.size())));
+        return nanoseconds[at];
+    }
+    void Sort() { std::sort(nanoseconds.begin(), nanoseconds.end()); }
+};
+
+bool WaitForConnection(KeldaClient &client, int timeoutMs)
+{
+    if (client.IsConnected())
+        return true;
+    QEventLoop loop;
+    QObject::connect(&client, &KeldaClient::connected, &loop, &QEventLoop::quit);
+    QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
+    loop.exec();
+    return client.IsConnected();
+}
+
+Figures BlockingRoundTrips(KeldaClient &client, int calls)
+{
+    Figures figures;
+    figures.nanoseconds.reserve(size_t(calls));
+    for (int i = 0; i < calls; ++i) {
+        const Clock::time_point start = Clock::now();
+        const QString path = client.RequestFile(1, kGuid, LOCK_Read);
+        figures.nanoseconds.push_back(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start).count());
+        if (path.isEmpty())
+            ++figures.failures;
+    }
+    figures.Sort();
+    return figures;
+}
+
+bool WriteAll(int fd, const QByteArray &bytes)
+{
+    qint64 done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::write(fd, bytes.constData() + done, size_t(bytes.size() - done));
+        if (n <= 0)
+            return false;
+        done += n;
+    }
+    return true;
+}
+
+bool ReadExactly(int fd, QByteArray &buffer, int size)
+{
+    buffer.resize(size);
+    int done = 0;
+    while (done < size) {
+        const ssize_t n = ::read(fd, buffer.data() + done, size_t(size - done));
+        if (n <= 0)
+            return false;
+        done += int(n);
+    }
+    return true;
+}
+
+// Reads one length-prefixed frame, as either end of the protocol must.
+bool ReadFrame(int fd, QByteArray &buffer)
+{
+    if (!ReadExactly(fd, buffer, 4))
+        return false;
+    const quint32 length = qFromLittleEndian<quint32>(buffer.constData());
+    return ReadExactly(fd, buffer, int(length));
+}
+
+int Connected(int fd)
+{
+    const int one = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    return fd;
+}
+
+// Answers on a thread of its own with blocking reads and writes, so that the
+// reply leaves the moment the request is in: the peer adds nothing but the
+// socket calls the raw ping-pong makes as well. Keeps the first RequestFile
+// and its reply as the sample for the raw ping-pong.
+class InstantPeer
+{
+public:
+    explicit InstantPeer(const QByteArray &basePath)
+        : m_basePath(basePath)
+    {
+    }
+    ~InstantPeer() { Stop(); }
+
+    quint16 Listen()
+    {
+        m_listener = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        if (m_listener < 0 || ::bind(m_listener, reinterpret_cast<sockaddr *>(&address), size) != 0
+            || ::listen(m_listener, 4) != 0
+            || ::getsockname(m_listener, reinterpret_cast<sockaddr *>(&address), &size) != 0)
+            return 0;
+        m_thread = QThread::create([this] { Serve(); });
+        m_thread->start();
+        return ntohs(address.sin_port);
+    }
+
+    void Stop()
+    {
+        if (!m_thread)
+            return;
+        ::shutdown(m_listener, SHUT_RDWR);
+        m_thread->wait();
+        delete m_thread;
+        m_thread = nullptr;
+        ::close(m_listener);
+    }
+
+    QByteArray SampleRequest() const { return m_sampleRequest; }
+    QByteArray SampleReply() const { return m_sampleReply; }
+
+private:
+    // One connection at a time, until the listener is shut down.
+    void Serve()
+    {
+        for (;;) {
+            const int connection = ::accept(m_listener, nullptr, nullptr);
+            if (connection < 0)
+                return;
+            Connected(connection);
+            QByteArray request;
+            while (ReadFrame(connection, request)) {
+                const QByteArray reply = ReplyTo(request, m_basePath);
+                if (!WriteAll(connection, Frame(reply)))
+                    break;
+                if (m_sampleRequest.isEmpty() && request.contains("RequestFile")) {
+                    m_sampleRequest = request;
+                    m_sampleReply = reply;
+                }
+            }
+            ::close(connection);
+        }
+    }
+
+    QByteArray m_basePath;
+    int m_listener = -1;
+    QThread *m_thread = nullptr;
+    // Written by the peer's thread, read once it has ended.
+    QByteArray m_sampleRequest;
+    QByteArray m_sampleReply;
+};
+
+// The same bytes between two blocking loopback sockets, the answering end on
+// a thread of its own as the peer above.
+Figures RawPingPong(const QByteArray &request, const QByteArray &reply, int calls)
+{
+    Figures figures;
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t addressSize = sizeof address;
+    if (listener < 0 || ::bind(listener, reinterpret_cast<sockaddr *>(&address), addressSize) != 0
+        || ::listen(listener, 1) != 0
+        || ::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &addressSize) != 0) {
+        figures.failures = calls;
+        return figures;
+    }
+    const int client = Connected(::socket(AF_INET, SOCK_STREAM, 0));
+    if (::connect(client, reinterpret_cast<sockaddr *>(&address), addressSize) != 0) {
+        figures.failures = calls;
+        return figures;
+    }
+    const int server = Connected(::accept(listener, nullptr, nullptr));
+    const QByteArray requestFrame = Frame(request);
+    const QByteArray replyFrame = Frame(reply);
+
+    QThread *answerer = QThread::create([server, replyFrame, calls] {
+        QByteArray buffer;
+        for (int i = 0; i < calls && ReadFrame(server, buffer); ++i) {
+            if (!WriteAll(server, replyFrame))
+                break;
+        }
+    });
+    answerer->start();
+    figures.nanoseconds.reserve(size_t(calls));
+    QByteArray buffer;
+    for (int i = 0; i < calls; ++i) {
+        const Clock::time_point start = Clock::now();
+        const bool ok = WriteAll(client, requestFrame) && ReadFrame(client, buffer);
+        figures.nanoseconds.push_back(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start).count());
+        if (!ok) {
+            figures.failures += calls - i;
+            break;
+        }
+    }
+    answerer->wait();
+    delete answerer;
+    ::close(client);
+    ::close(server);
+    ::close(listener);
+    figures.Sort();
+    return figures;
+}
+
+QString Micro(qint64 nanoseconds)
+{
+    return QString::number(double(nanoseconds) / 1000.0, 'f', 1);
+}
+
+QString Ratio(qint64 a, qint64 b)
+{
+    return b > 0 ? QString::number(double(a) / double(b), 'f', 2) : QStringLiteral("-");
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("bench_roundtrip"));
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral(
+        "Blocking round trips (RequestFile) of the client library against an in-process peer that answers at once,\n"
+        "beside a raw ping-pong of the same bytes over two plain loopback sockets. Prints p50, p99 and max\n"
+        "of both, their ratios and the number of failed calls. Exit code 1 when a call failed."));
+    parser.addHelpOption();
+    const QCommandLineOption callsOption(QStringList{QStringLiteral("n"), QStringLiteral("calls")},
+                                         QStringLiteral("Number of calls of each kind (default 20000)."),
+                                         QStringLiteral("count"), QStringLiteral("20000"));
+    parser.addOption(callsOption);
+    parser.process(app);
+    bool ok = false;
+    const int calls = parser.value(callsOption).toInt(&ok);
+    QTextStream out(stdout);
+    QTextStream err(stderr);
+    if (!ok || calls < 1) {
+        err << "bench_roundtrip: --calls needs a positive number\n";
+        return 64;
+    }
+
+    InstantPeer peer(QDir::tempPath().toUtf8());
+    const quint16 port = peer.Listen();
+    if (port == 0) {
+        err << "bench_roundtrip: cannot listen on 127.0.0.1\n";
+        return 1;
+    }
+
+    Figures blocking;
+    {
+        KeldaClient client(QStringLiteral("127.0.0.1"), port, QStringLiteral("bench"), QStringLiteral("bench"),
+                           QStringLiteral("bench"));
+        if (!WaitForConnection(client, 10000)) {
+            err << "bench_roundtrip: the client did not connect to the in-process peer\n";
+            return 1;
+        }
+        BlockingRoundTrips(client, std::min(calls, 1000)); // warm-up
+        blocking = BlockingRoundTrips(client, calls);
+    }
+    peer.Stop();
+    const QByteArray request = peer.SampleRequest();
+    const QByteArray reply = peer.SampleReply();
+    const Figures raw = RawPingPong(request, reply, calls);
+
+    out << "calls: " << calls << " of each kind, request " << request.size() + 4 << " bytes, reply "
+        << reply.size() + 4 << " bytes\n";
+    out << QStringLiteral("%1 %2 %3 %4 %5\n").arg(QString(), -22).arg(QStringLiteral("p50 us"), 10)
+               .arg(QStringLiteral("p99 us"), 10).arg(QStringLiteral("max us"), 10).arg(QStringLiteral("failed"), 8);
+    const auto row = [&out](const QString &name, const Figures &f) {
+        out << QStringLiteral("%1 %2 %3 %4 %5\n")
+                   .arg(name, -22)
+                   .arg(Micro(f.Percentile(0.50)), 10)
+                   .arg(Micro(f.Percentile(0.99)), 10)
+                   .arg(Micro(f.nanoseconds.empty() ? 0 : f.nanoseconds.back()), 10)
+                   .arg(f.failures, 8);
+    };
+    row(QStringLiteral("blocking RequestFile"), blocking);
+    row(QStringLiteral("raw ping-pong"), raw);
+    out << QStringLiteral("%1 %2 %3 %4\n")
+               .arg(QStringLiteral("ratio"), -22)
+               .arg(Ratio(blocking.Percentile(0.50), raw.Percentile(0.50)), 10)
+               .arg(Ratio(blocking.Percentile(0.99), raw.Percentile(0.99)), 10)
+               .arg(Ratio(blocking.nanoseconds.empty() ? 0 : blocking.nanoseconds.back(),
+                          raw.nanoseconds.empty() ? 0 : raw.nanoseconds.back()),
+                    10);
+    out << "targets: p50 ratio <= 3, p99 ratio <= 6, 0 failed\n";
+    return blocking.failures == 0 && raw.failures == 0 ? 0 : 1;
+}
