@@ -10,6 +10,7 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+#include <QSet>
 #include <QUrl>
 
 namespace Kelda {
@@ -116,17 +117,17 @@ const QHash<QString, ArchiveEngine::Handler> &ArchiveEngine::handlers()
     return table;
 }
 
+bool ArchiveEngine::isReadOnly(const QString &command)
+{
+    static const QSet<QString> readers{Tag::GetBasePath, Tag::QueryFileGroups, Tag::QueryMetaData, Tag::GetFileList,
+                                       Tag::GetUserList, Tag::GetApplicationList, Tag::CheckFileGroupExists,
+                                       Tag::QueryLocationStateProgress, Tag::GetRemoteStorageLocation,
+                                       Tag::GetTovinFilegroupGuid, Tag::ExportArchive};
+    return readers.contains(command);
+}
+
 bool ArchiveEngine::handle(const Request &request, const RequestOrigin &origin, RequestOutcome &outcome)
 {
-    if (request.command == Tag::ConvertFileGroupReply) {
-        // The converter's answer to our ConvertFileGroup: nothing waits for it.
-        const int error = int(request.number(Tag::Error, KE_UnknownError));
-        if (error != KE_NoError)
-            Q_TRACE_FAILURE(kSource, QStringLiteral("Converter failed on file group %1: %2 (%3)")
-                                         .arg(request.text(Tag::Guid), request.text(Tag::ErrorString))
-                                         .arg(error));
-        return true;
-    }
     const Handler handler = handlers().value(request.command);
     if (!handler) {
         outcome.reply = ReplyWriter::status(request.command, request.requestId, KE_SoapParsingError,

@@ -49,6 +49,7 @@ struct RequestOutcome
 struct RequestOrigin
 {
     quint64 connectionId = 0;
+    quint64 sequence = 0; // position among the connection's answered requests
     QString localAddress; // the server's address on that connection
 };
 
@@ -61,6 +62,9 @@ class ArchiveEngine
 {
 public:
     ArchiveEngine(ArchiveStore &store, const StorageLayout &layout);
+
+    // Whether a command only reads; such requests may run beside changes.
+    static bool isReadOnly(const QString &command);
 
     // Returns whether the request succeeded; the outcome holds the reply
     // either way.

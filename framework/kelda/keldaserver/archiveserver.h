@@ -5,6 +5,7 @@
 #include "serveroptions.h"
 
 #include <QHash>
+#include <QMap>
 #include <QObject>
 #include <QTcpServer>
 
@@ -15,9 +16,10 @@ namespace Kelda {
 class ClientConnection;
 
 // The archive server: accepts connections on the network thread, reads
-// their requests and hands them to the database thread, and sends the
-// answers back on each connection in request order. Converters registered
-// on a connection hear of every new group of their types.
+// their requests, hands changes to the writer thread and reads to the
+// reader thread, and sends the answers back on each connection in request
+// order. Converters registered on a connection hear of every new group of
+// their types.
 class ArchiveServer : public QObject
 {
     Q_OBJECT
@@ -34,23 +36,38 @@ public:
     QHostAddress address() const { return m_listener.serverAddress(); }
     quint16 port() const { return m_listener.serverPort(); }
 
-    // Stops accepting, carries out and commits what was received, then
-    // closes every connection.
+    // Stops accepting, carries out and commits what was received, sends
+    // the answers, then closes every connection.
     void shutdown();
 
 private:
+    // Answers may come back from two threads out of order; each waits here
+    // until those of the connection's earlier requests have been sent.
+    struct Peer
+    {
+        ClientConnection *connection = nullptr;
+        quint64 nextSequence = 0;
+        quint64 nextToSend = 0;
+        int changesUnderWay = 0;
+        QMap<quint64, QByteArray> waiting;
+        bool converter = false;
+        QVector<int> converterTypes;
+    };
+
+    bool openDatabase();
     void acceptConnections();
     void onMessage(ClientConnection *connection, const QByteArray &message);
     void onClosed(ClientConnection *connection);
-    void deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &answers);
+    void deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &answers, bool fromWriter);
+    void answer(Peer &peer, quint64 sequence, const QByteArray &reply);
     void notifyConverters(const NewGroupNotice &notice);
 
     ServerOptions m_options;
     QTcpServer m_listener;
-    std::unique_ptr<DatabaseWorker> m_database;
+    std::unique_ptr<DatabaseWorker> m_writer;
+    std::unique_ptr<DatabaseWorker> m_reader;
     std::unique_ptr<GroupMover> m_mover;
-    QHash<quint64, ClientConnection *> m_connections;
-    QHash<quint64, QVector<int>> m_converters;
+    QHash<quint64, Peer> m_peers;
     quint64 m_nextConnectionId = 1;
     QString m_error;
     int m_exitCode = ServerOptions::ExitOk;

@@ -21,6 +21,8 @@ ClientConnection::ClientConnection(quint64 id, QTcpSocket *socket, quint32 maxFr
     , m_peer(QStringLiteral("%1:%2").arg(socket->peerAddress().toString()).arg(socket->peerPort()))
 {
     socket->setParent(this);
+    // Answers are small and each one is awaited: never hold one back.
+    socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     m_framer->setMaxFrameLength(maxFrame);
     connect(m_framer, &XmlSeparator::xmlReceived, this,
             [this](const QByteArray &message) { emit messageReceived(this, message); });

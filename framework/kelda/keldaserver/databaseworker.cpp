@@ -14,12 +14,15 @@ namespace {
 const char kSource[] = "framework/kelda/keldaserver/databaseworker";
 }
 
-DatabaseWorker::DatabaseWorker(const QString &databaseFile, const StorageLayout &layout, Delivery delivery)
-    : m_databaseFile(databaseFile)
+DatabaseWorker::DatabaseWorker(Role role, const QString &databaseFile, const StorageLayout &layout,
+                               Delivery delivery, HandOff handOff)
+    : m_role(role)
+    , m_databaseFile(databaseFile)
     , m_layout(layout)
     , m_delivery(std::move(delivery))
+    , m_handOff(std::move(handOff))
 {
-    setObjectName(QStringLiteral("databaseThread"));
+    setObjectName(role == Role::Writer ? QStringLiteral("databaseThread") : QStringLiteral("readerThread"));
 }
 
 DatabaseWorker::~DatabaseWorker()
@@ -75,7 +78,7 @@ void DatabaseWorker::run()
     const bool opened = store.open(m_databaseFile);
     {
         QMutexLocker lock(&m_mutex);
-        if (opened) {
+        if (opened && m_role == Role::Writer) {
             try {
                 m_unfinishedMoves = engine.unfinishedMoves();
             } catch (const RequestFailure &failure) {
@@ -95,14 +98,46 @@ void DatabaseWorker::run()
         std::deque<DatabaseJob> batch = takeBatch();
         if (batch.empty())
             break;
-        m_delivery(carryOut(batch));
+        m_delivery(m_role == Role::Writer ? carryOut(batch) : read(batch));
     }
     m_store = nullptr;
     m_engine = nullptr;
 }
 
+std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::read(std::deque<DatabaseJob> &batch)
+{
+    auto answers = std::make_shared<std::vector<DatabaseAnswer>>(batch.size());
+    for (size_t i = 0; i < batch.size(); ++i) {
+        DatabaseAnswer &answer = (*answers)[i];
+        answer.connectionId = batch[i].origin.connectionId;
+        answer.sequence = batch[i].origin.sequence;
+        RequestOutcome outcome;
+        try {
+            m_engine->handle(batch[i].request, batch[i].origin, outcome);
+        } catch (const RequestFailure &failure) {
+            outcome.reply = ReplyWriter::status(batch[i].request.command, batch[i].request.requestId, failure.code,
+                                                failure.text);
+        }
+        answer.reply = std::move(outcome.reply);
+    }
+    return answers;
+}
+
 std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::carryOut(std::deque<DatabaseJob> &batch)
 {
+    std::vector<DatabaseJob> deferred;
+    for (auto it = batch.begin(); it != batch.end();) {
+        if (it->readOnly) {
+            deferred.push_back(std::move(*it));
+            it = batch.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    const auto handOffDeferred = [this, &deferred] {
+        for (DatabaseJob &job : deferred)
+            m_handOff(std::move(job));
+    };
     auto answers = std::make_shared<std::vector<DatabaseAnswer>>(batch.size());
     std::vector<std::function<void()>> afterCommit;
     bool begun = true;
@@ -119,8 +154,10 @@ std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::carryOut(std::deque
     if (begun && m_store->commit()) {
         for (const auto &action : afterCommit)
             action();
+        handOffDeferred();
         return answers;
     }
+    handOffDeferred();
     if (begun)
         Q_TRACE_FAILURE(kSource, QStringLiteral("Commit failed: %1").arg(m_store->errorString()));
     // Nothing of this batch is saved: no job may be confirmed.
@@ -129,11 +166,10 @@ std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::carryOut(std::deque
         const DatabaseJob &job = batch[i];
         answer = DatabaseAnswer{};
         answer.connectionId = job.origin.connectionId;
-        if (job.kind == DatabaseJob::Kind::Request && job.request.command != Tag::ConvertFileGroupReply)
+        answer.sequence = job.origin.sequence;
+        if (job.kind == DatabaseJob::Kind::Request)
             answer.reply = ReplyWriter::status(job.request.command, job.request.requestId, KE_DatabaseNotAvailable,
                                                QStringLiteral("The change could not be saved"));
-        else if (job.kind == DatabaseJob::Kind::Prepared)
-            answer.reply = job.preparedReply;
     }
     return answers;
 }
@@ -142,10 +178,7 @@ void DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
                                  std::vector<std::function<void()>> &afterCommit)
 {
     answer.connectionId = job.origin.connectionId;
-    if (job.kind == DatabaseJob::Kind::Prepared) {
-        answer.reply = std::move(job.preparedReply);
-        return;
-    }
+    answer.sequence = job.origin.sequence;
     try {
         m_store->savepoint();
     } catch (const RequestFailure &failure) {
@@ -165,8 +198,6 @@ void DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
             break;
         case DatabaseJob::Kind::MoveFinished:
             m_engine->moveFinished(job.guid, job.directory, job.ok);
-            break;
-        case DatabaseJob::Kind::Prepared:
             break;
         }
     } catch (const RequestFailure &failure) {

@@ -15,16 +15,17 @@
 
 namespace Kelda {
 
-// Work for the database thread: a request to carry out, an answer made
-// before it (kept in the queue so that a connection's replies stay in
-// order), or a step of a running move.
+// Work for a database thread: a request to carry out, or a step of a
+// running move.
 struct DatabaseJob
 {
-    enum class Kind { Request, Prepared, MoveProgress, MoveFinished };
+    enum class Kind { Request, MoveProgress, MoveFinished };
     Kind kind = Kind::Request;
     RequestOrigin origin;
     Request request;
-    QByteArray preparedReply;
+    // Changes nothing in the database: carried out by a reader, after
+    // every earlier change of its connection is committed.
+    bool readOnly = false;
     QString guid;
     QString directory;
     double percent = 0;
@@ -35,6 +36,7 @@ struct DatabaseJob
 struct DatabaseAnswer
 {
     quint64 connectionId = 0;
+    quint64 sequence = 0;
     QByteArray reply;
     std::vector<NewGroupNotice> newGroups;
     std::vector<MoveOrder> moves;
@@ -42,18 +44,28 @@ struct DatabaseAnswer
     QVector<int> converterTypes;
 };
 
-// The one thread that owns the database. It drains its queue in batches:
-// everything that arrived together is carried out in one transaction, each
-// request inside a savepoint of its own, and committed with one flush; only
-// then do the answers leave, in queue order. A failing request rolls back
-// only itself; a failing commit turns every answer of the batch into an
-// error, so nothing unsaved is ever confirmed.
+// A thread with a database connection of its own.
+//
+// The writer is the one thread that changes the database. It drains its
+// queue in batches: everything that arrived together is carried out in one
+// transaction, each request inside a savepoint of its own, and committed
+// with one flush; only then do the answers leave. A failing request rolls
+// back only itself; a failing commit turns every answer of the batch into an
+// error, so nothing unsaved is ever confirmed. Read-only requests that wait
+// behind a change of their connection are handed to the reader once that
+// change is committed.
+//
+// A reader carries out read-only requests on a snapshot of committed data,
+// so that long queries and exports never hold up changes.
 class DatabaseWorker : public QThread
 {
 public:
+    enum class Role { Writer, Reader };
     using Delivery = std::function<void(std::shared_ptr<std::vector<DatabaseAnswer>>)>;
+    using HandOff = std::function<void(DatabaseJob)>;
 
-    DatabaseWorker(const QString &databaseFile, const StorageLayout &layout, Delivery delivery);
+    DatabaseWorker(Role role, const QString &databaseFile, const StorageLayout &layout, Delivery delivery,
+                   HandOff handOff = HandOff());
     ~DatabaseWorker() override;
 
     // Starts the thread and waits until the database is open; false with
@@ -79,11 +91,14 @@ protected:
 private:
     std::deque<DatabaseJob> takeBatch();
     std::shared_ptr<std::vector<DatabaseAnswer>> carryOut(std::deque<DatabaseJob> &batch);
+    std::shared_ptr<std::vector<DatabaseAnswer>> read(std::deque<DatabaseJob> &batch);
     void carryOutOne(DatabaseJob &job, DatabaseAnswer &answer, std::vector<std::function<void()>> &afterCommit);
 
+    const Role m_role;
     const QString m_databaseFile;
     const StorageLayout m_layout;
     const Delivery m_delivery;
+    const HandOff m_handOff;
 
     QMutex m_mutex;
     QWaitCondition m_wake;
