@@ -109,7 +109,8 @@ ExitCode Session::serverError(int error, const QString &serverText)
 {
     const QString text = KeldaErrorString::Get(KeldaError(error)).trimmed();
     QString message = text;
-    if (!serverText.trimmed().isEmpty() && serverText.trimmed() != text)
+    // The client's own reply texts often repeat the code's text already.
+    if (!serverText.trimmed().isEmpty() && !serverText.contains(text))
         message += QStringLiteral(": ") + serverText.trimmed();
     return fail(ExitServerError, message + QStringLiteral(" (error %1)").arg(error));
 }

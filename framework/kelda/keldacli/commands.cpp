@@ -13,10 +13,13 @@
 #include <QCommandLineParser>
 #include <QDateTime>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QSaveFile>
 #include <QSet>
+
+#include <functional>
 
 using namespace Kelda;
 
@@ -93,6 +96,10 @@ void addJsonOption(QCommandLineParser &parser)
 template <typename Signal, typename OnReply>
 ExitCode request(Session &session, Signal signal, const std::function<QString()> &send, OnReply onReply)
 {
+    // A dropped connection would otherwise only show after the full wait for
+    // operations that return no request id.
+    if (!session.client().IsConnected())
+        return session.blockingFailure();
     ReplyWait wait(session.client());
     QString requestId;
     QObject::connect(&session.client(), signal, &wait, [&](auto... args) {
@@ -266,10 +273,9 @@ QString destinationFor(const QCommandLineParser &parser, const QString &archived
     return QFileInfo(dest).isDir() ? QDir(dest).filePath(fileName) : dest;
 }
 
-ExitCode copyOut(QIODevice &in, const QString &dest, Session &session)
+ExitCode copyOut(QFile &in, const QString &dest, Session &session)
 {
-    const QString label = QFileInfo(in.property("archivedName").toString()).fileName();
-    Progress progress(label);
+    Progress progress(QFileInfo(in.fileName()).fileName());
     QString error;
     if (dest == kStdout) {
         QFile out;
@@ -324,7 +330,6 @@ ExitCode runGet(const QCommandLineParser &parser, Session &session)
         code = session.fail(ExitLocalFile, QStringLiteral("cannot read the archived copy '%1': %2")
                                                 .arg(file.fileName(), file.errorString()));
     } else {
-        file.setProperty("archivedName", file.fileName());
         code = copyOut(file, destinationFor(parser, file.fileName()), session);
     }
     const ExitCode closed = closeAndWait(file, session);
