@@ -11,7 +11,7 @@
 #   ./run.sh browse [--screenshot DIR]
 #                    start a local server with sample groups and open
 #                    keldabrowser on it; with --screenshot, render each
-#                    dialog into DIR as a PNG instead and exit
+#                    dialog and the browser window into DIR as PNGs and exit
 #
 # Environment: BUILD_DIR (default ./build), BUILD_TYPE (default RelWithDebInfo),
 # JOBS (default: number of cores), KELDA_WERROR (default ON).

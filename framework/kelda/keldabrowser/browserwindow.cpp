@@ -52,7 +52,7 @@ BrowserWindow::BrowserWindow(KeldaClient &client, const BrowserOptions &options,
 {
     setWindowTitle(tr("Kelda archive browser - %1:%2").arg(options.host).arg(options.port));
     m_metaData->setReadOnly(true);
-    m_metaData->setMinimumSize(560, 360);
+    m_metaData->setMinimumSize(560, 460);
     m_picked->setTextInteractionFlags(Qt::TextSelectableByMouse);
 
     auto *buttons = new QHBoxLayout;
@@ -104,8 +104,13 @@ void BrowserWindow::Pick(bool queryMode)
         return;
     }
     // The dialog's rows keep the file id plus 1, so that 0 marks a group.
+    ShowFile(guid, storedId - 1);
+}
+
+void BrowserWindow::ShowFile(const QString &guid, unsigned int fileId)
+{
     m_guid = guid;
-    m_fileId = storedId - 1;
+    m_fileId = fileId;
     m_fileName = fileNameIn(m_client.GetFileList(guid), m_fileId);
     m_picked->setText(tr("Picked %1 (%2)").arg(m_fileName, KeldaUrl::fromKeldaIds(m_guid, m_fileId).toString()));
     m_metaData->setPlainText(tr("Asking the server for the group's metadata..."));
@@ -120,13 +125,14 @@ void BrowserWindow::ShowMetaData(const QString &requestId, const FileGroupData &
         return;
     if (error != KE_NoError) {
         m_metaData->setPlainText(tr("The metadata could not be read: %1").arg(errorText));
-        return;
+    } else {
+        QStringList lines = group.ToDebugStringList();
+        lines.append(tr("Files:"));
+        for (const FileGroupData::FileEntry &file : group.getFileList())
+            lines.append(QStringLiteral("  %1  %2").arg(file.second, 4).arg(file.first));
+        m_metaData->setPlainText(lines.join(QLatin1Char('\n')));
     }
-    QStringList lines = group.ToDebugStringList();
-    lines.append(tr("Files:"));
-    for (const FileGroupData::FileEntry &file : group.getFileList())
-        lines.append(QStringLiteral("  %1  %2").arg(file.second, 4).arg(file.first));
-    m_metaData->setPlainText(lines.join(QLatin1Char('\n')));
+    emit metaDataShown();
 }
 
 void BrowserWindow::OpenPicked()

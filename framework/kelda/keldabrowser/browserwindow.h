@@ -27,6 +27,13 @@ public:
     BrowserWindow(Kelda::KeldaClient &client, const BrowserOptions &options, QWidget *parent = nullptr);
     ~BrowserWindow() override;
 
+    // Makes this archived file the picked one and asks for its group's
+    // metadata; metaDataShown() follows once it is on screen.
+    void ShowFile(const QString &guid, unsigned int fileId);
+
+signals:
+    void metaDataShown();
+
 private:
     void ShowConnectionState();
     void Pick(bool queryMode);

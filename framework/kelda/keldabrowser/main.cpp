@@ -5,6 +5,7 @@
 #include "keldaclient.h"
 
 #include <QApplication>
+#include <QDir>
 #include <QEventLoop>
 #include <QTimer>
 
@@ -36,6 +37,27 @@ bool waitForConnection(Kelda::KeldaClient &client, int timeoutMs)
     return client.IsConnected();
 }
 
+// The browser's own window with the sample group's first file picked.
+void grabBrowserWindow(Kelda::KeldaClient &client, const BrowserOptions &options, ScreenshotResult &result)
+{
+    BrowserWindow window(client, options);
+    window.show();
+    const QStringList files = result.sampleGuid.isEmpty() ? QStringList() : client.GetFileList(result.sampleGuid);
+    if (files.size() >= 2) {
+        QEventLoop loop;
+        QObject::connect(&window, &BrowserWindow::metaDataShown, &loop, &QEventLoop::quit);
+        QTimer::singleShot(options.connectTimeoutMs, &loop, &QEventLoop::quit);
+        window.ShowFile(result.sampleGuid, files.first().toUInt());
+        loop.exec();
+    }
+    QCoreApplication::processEvents();
+    const QString path = QDir(options.screenshotDir).filePath(QStringLiteral("browser.png"));
+    if (window.grab().save(path, "PNG"))
+        result.written.append(path);
+    else
+        result.error = QStringLiteral("%1: cannot write the picture").arg(path);
+}
+
 int renderAndExit(Kelda::KeldaClient &client, const BrowserOptions &options)
 {
     if (!waitForConnection(client, options.connectTimeoutMs)) {
@@ -46,7 +68,9 @@ int renderAndExit(Kelda::KeldaClient &client, const BrowserOptions &options)
                           .arg(options.connectTimeoutMs / 1000));
         return ExitUnreachable;
     }
-    const ScreenshotResult result = renderScreenshots(client, options.screenshotDir);
+    ScreenshotResult result = renderScreenshots(client, options.screenshotDir);
+    if (result.error.isEmpty())
+        grabBrowserWindow(client, options, result);
     for (const QString &path : result.written)
         print(stdout, path + QLatin1Char('\n'));
     if (!result.error.isEmpty()) {

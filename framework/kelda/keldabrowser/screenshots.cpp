@@ -189,6 +189,8 @@ ScreenshotResult renderScreenshots(KeldaClient &client, const QString &dir)
     }
     const QDir folder(dir);
     const std::optional<FileGroupData> sample = firstCentralGroup(client);
+    if (sample)
+        result.sampleGuid = sample->getGuid();
     if (!save(grabSelectDialog(client, false, sample), folder.filePath(QStringLiteral("fileselect-quick.png")), result))
         return result;
     if (!save(grabSelectDialog(client, true, sample), folder.filePath(QStringLiteral("fileselect-query.png")), result))

@@ -53,7 +53,7 @@ void KeldaBrowserTest::program_data()
     const QString shots = m_scratch.filePath(QStringLiteral("shots"));
     QTest::newRow("empty archive") << QStringList{QStringLiteral("--host"), host, QStringLiteral("--port"), port,
                                                   QStringLiteral("--screenshot"), shots}
-                                   << 0 << 4 << QString();
+                                   << 0 << 5 << QString();
     QTest::newRow("folder cannot be made")
         << QStringList{QStringLiteral("--host"), host, QStringLiteral("--port"), port, QStringLiteral("--screenshot"),
                        QStringLiteral("/proc/kelda-shots")}
