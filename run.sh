@@ -193,16 +193,16 @@ seed_samples() {
     printf '<decoded><line>CQ CQ DE TEST</line></decoded>\n' >"$dir/decoded.xml"
     printf 'Draft findings\n' >"$dir/draft.txt"
 
-    local -a specs=(
+    local -a samples=(
         "Scan Recording|band-3 sweep|1.0|first pass|band 3|scan-notes.txt scan.bin"
         "Audio Recording|voice log|2.1|operator call|channel 7|voice.wav"
         "Image|site photo|1.0|north mast||site.ppm"
         "Decoded Text (XML)|decoded burst|1.0|decoder run 12|burst 4|decoded.xml"
         "Report Fragment|draft report|0.1|not yet central||draft.txt"
     )
-    local count=${#specs[@]} i=0 spec type name version comment detail files
-    for spec in "${specs[@]}"; do
-        IFS='|' read -r type name version comment detail files <<<"$spec"
+    local count=${#samples[@]} i=0 sample type name version comment detail files
+    for sample in "${samples[@]}"; do
+        IFS='|' read -r type name version comment detail files <<<"$sample"
         local paths=()
         for f in $files; do paths+=("$dir/$f"); done
         guid=$("${kelda[@]}" put --type "$type" --name "$name" --version "$version" \
