@@ -128,6 +128,7 @@ QString helpText(const BrowserOptions &defaults)
                                  "  0  success\n"
                                  "  2  bad arguments\n"
                                  "  3  --screenshot: the server cannot be reached\n"
+                                 "  4  no display to show the window on (DISPLAY and WAYLAND_DISPLAY unset)\n"
                                  "  5  --screenshot: a picture cannot be written\n");
 }
 

@@ -12,6 +12,8 @@ enum ExitCode : int {
     // Not connected within the connect timeout (screenshot mode only; the
     // window keeps retrying).
     ExitUnreachable = 3,
+    // The window has no display to show on.
+    ExitNoDisplay = 4,
     // A picture could not be written.
     ExitScreenshotFailed = 5
 };

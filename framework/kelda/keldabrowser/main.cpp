@@ -80,6 +80,17 @@ int renderAndExit(Kelda::KeldaClient &client, const BrowserOptions &options)
     return ExitOk;
 }
 
+// Without a display Qt would abort with a message about platform plugins.
+bool hasDisplay()
+{
+#if defined(Q_OS_UNIX) && !defined(Q_OS_MACOS)
+    return qEnvironmentVariableIsSet("QT_QPA_PLATFORM") || qEnvironmentVariableIsSet("DISPLAY")
+           || qEnvironmentVariableIsSet("WAYLAND_DISPLAY");
+#else
+    return true;
+#endif
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -102,8 +113,13 @@ int main(int argc, char *argv[])
     }
 
     const BrowserOptions &options = parsed.options;
-    if (!options.screenshotDir.isEmpty())
+    if (!options.screenshotDir.isEmpty()) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
+    } else if (!hasDisplay()) {
+        print(stderr, QStringLiteral("keldabrowser: no display to show the window on (DISPLAY is not set); run it "
+                                     "on a desktop, or render the dialogs with --screenshot DIR\n"));
+        return ExitNoDisplay;
+    }
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("keldabrowser"));
     Kelda::KeldaClient client(options.host, options.port, QStringLiteral("keldabrowser"), loginName(), QString());

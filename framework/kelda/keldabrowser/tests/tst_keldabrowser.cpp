@@ -62,6 +62,8 @@ void KeldaBrowserTest::program_data()
                                               QString::number(closedPort()), QStringLiteral("--connect-timeout"),
                                               QStringLiteral("1"), QStringLiteral("--screenshot"), shots}
                                << 3 << 0 << QStringLiteral("cannot reach the archive server at 127.0.0.1:");
+    QTest::newRow("window without a display") << QStringList{QStringLiteral("--port"), port} << 4 << 0
+                                              << QStringLiteral("no display to show the window on");
     QTest::newRow("bad port") << QStringList{QStringLiteral("--port"), QStringLiteral("http")} << 2 << 0
                               << QStringLiteral("--port needs a number from 1 to 65535");
     QTest::newRow("stray argument") << QStringList{QStringLiteral("--connect-timeout"), QStringLiteral("2"),
@@ -79,6 +81,9 @@ void KeldaBrowserTest::program()
     QProcess browser;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("KELDA_CONFIG_FILE"), m_scratch.filePath(QStringLiteral("none.ini")));
+    // The screenshot mode picks its platform itself; the window needs a display.
+    for (const char *name : {"QT_QPA_PLATFORM", "DISPLAY", "WAYLAND_DISPLAY"})
+        environment.remove(QLatin1String(name));
     browser.setProcessEnvironment(environment);
     browser.start(QStringLiteral(KELDABROWSER_BINARY), arguments);
     QVERIFY(browser.waitForFinished(kProgramWaitMs));
