@@ -9,7 +9,6 @@
 
 using namespace Kelda;
 
-using Groups = QVector<QPair<QString, QString>>;
 using Files = QVector<QPair<int, QString>>;
 
 namespace {
