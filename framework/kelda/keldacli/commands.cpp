@@ -613,7 +613,7 @@ ExitCode runMove(const QCommandLineParser &parser, Session &session)
                                                  .arg(kMoveStallMs / 1000)
                                                  .arg(LocationStateString::GetText(LocationState(now.state))));
         }
-        display.update(QStringLiteral("%1, %2")
+        display.update(QStringLiteral("%1 (progress %2)")
                            .arg(LocationStateString::GetText(LocationState(now.state)))
                            .arg(now.progress));
         pause(kMovePollMs);

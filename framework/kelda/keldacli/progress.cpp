@@ -24,6 +24,7 @@ Progress::Progress(const QString &label, FILE *stream)
     , m_stream(stream)
     , m_enabled(isatty(fileno(stream)) == 1)
 {
+    m_sinceDraw.start();
 }
 
 Progress::~Progress()
@@ -35,19 +36,29 @@ void Progress::update(const QString &status)
 {
     if (!m_enabled)
         return;
-    if (m_drawn && m_sinceDraw.isValid() && m_sinceDraw.elapsed() < kRedrawMs)
-        return;
+    m_status = status;
+    m_pending = true;
+    // Work that ends within the first redraw interval shows nothing.
+    if (m_sinceDraw.elapsed() >= kRedrawMs)
+        draw();
+}
+
+void Progress::draw()
+{
     m_sinceDraw.start();
     // "\033[K" clears what a longer previous line left behind.
-    std::fprintf(m_stream, "\r%s: %s\033[K", qPrintable(m_label), qPrintable(status));
+    std::fprintf(m_stream, "\r%s: %s\033[K", qPrintable(m_label), qPrintable(m_status));
     std::fflush(m_stream);
     m_drawn = true;
+    m_pending = false;
 }
 
 void Progress::finish()
 {
     if (!m_drawn)
         return;
+    if (m_pending)
+        draw();
     std::fputc('\n', m_stream);
     std::fflush(m_stream);
     m_drawn = false;

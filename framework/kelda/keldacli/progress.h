@@ -9,9 +9,9 @@ class QIODevice;
 
 namespace KeldaCli {
 
-// A one-line progress display on stderr, redrawn at most a few times a
-// second. It stays silent unless stderr is a terminal, so that scripts and
-// logs see only results and errors.
+// A one-line progress display on stderr for work that takes a while,
+// redrawn a few times a second. It stays silent unless stderr is a terminal,
+// so that scripts and logs see only results and errors.
 class Progress
 {
 public:
@@ -26,14 +26,18 @@ public:
     bool isEnabled() const { return m_enabled; }
 
     void update(const QString &status);
-    // Ends the line, if one was drawn.
+    // Draws the last status, if it was held back, and ends the line.
     void finish();
 
 private:
+    void draw();
+
     QString m_label;
     FILE *m_stream;
     bool m_enabled;
     bool m_drawn = false;
+    QString m_status;
+    bool m_pending = false;
     QElapsedTimer m_sinceDraw;
 };
 
