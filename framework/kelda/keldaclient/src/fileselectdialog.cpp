@@ -305,19 +305,22 @@ void FileSelectDialog::UpdateQuery(int)
         return;
     }
     try {
-        WaitCursor waitCursor;
-        // Query mode has no quick controls: a new connection reruns its query.
-        if (!d->m_bQueryMode)
-            d->SetQuickQuery();
         QStringList table;
         unsigned int columns = 0;
         KeldaError error = KE_NoError;
-        if (!d->RunQuery(table, columns, error)) {
-            d->ShowError(QStringLiteral("UpdateQuery"), error);
-            return;
+        {
+            WaitCursor waitCursor;
+            // Query mode has no quick controls: a new connection reruns its query.
+            if (!d->m_bQueryMode)
+                d->SetQuickQuery();
+            if (d->RunQuery(table, columns, error)) {
+                d->DeleteModel();
+                d->SetModel(table, columns);
+            }
         }
-        d->DeleteModel();
-        d->SetModel(table, columns);
+        // The old rows stay on screen under the message.
+        if (error != KE_NoError)
+            d->ShowError(QStringLiteral("UpdateQuery"), error);
     } catch (...) {
         Q_TRACE_FAILURE(kSource, QStringLiteral("FileSelectDialog::UpdateQuery: Unknown exception caught"));
     }
@@ -337,14 +340,15 @@ void FileSelectDialog::OpenQueryDialog()
 {
     const QString operation = QStringLiteral("OpenQueryDialog");
     try {
-        const QStringList users = d->m_pClient ? d->m_pClient->GetUserList() : QStringList();
-        KeldaError error = d->m_pClient ? d->m_pClient->GetError() : KE_NoError;
-        if (error != KE_NoError) {
-            d->ShowError(operation, error);
-            return;
-        }
-        const QStringList applications = d->m_pClient ? d->m_pClient->GetApplicationList() : QStringList();
-        error = d->m_pClient ? d->m_pClient->GetError() : KE_NoError;
+        KeldaError error = KE_NoError;
+        const auto fetch = [this, &error](QStringList (KeldaClient::*list)()) {
+            const QStringList names = d->m_pClient ? (d->m_pClient->*list)() : QStringList();
+            error = d->m_pClient ? d->m_pClient->GetError() : KE_NoError;
+            return names;
+        };
+        const QStringList users = fetch(&KeldaClient::GetUserList);
+        const QStringList applications =
+            error == KE_NoError ? fetch(&KeldaClient::GetApplicationList) : QStringList();
         if (error != KE_NoError) {
             d->ShowError(operation, error);
             return;
@@ -354,15 +358,16 @@ void FileSelectDialog::OpenQueryDialog()
         if (!d->m_queryDialog.Edit(d->m_query, d->m_pClient && d->m_pClient->IsUseUtc()))
             return;
 
-        WaitCursor waitCursor;
-        d->DeleteModel();
         QStringList table;
         unsigned int columns = 0;
-        if (!d->RunQuery(table, columns, error)) {
-            d->ShowError(operation, error);
-            return;
+        {
+            WaitCursor waitCursor;
+            d->DeleteModel();
+            if (d->RunQuery(table, columns, error))
+                d->SetModel(table, columns);
         }
-        d->SetModel(table, columns);
+        if (error != KE_NoError)
+            d->ShowError(operation, error);
     } catch (...) {
         Q_TRACE_FAILURE(kSource, QStringLiteral("FileSelectDialog::OpenQueryDialog: Unknown exception caught"));
     }
