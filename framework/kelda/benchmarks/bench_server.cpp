@@ -289,7 +289,10 @@ int main(int argc, char *argv[])
     const QCommandLineOption groupsOption(QStringLiteral("groups"),
                                           QStringLiteral("Groups in the archive for the query timing (default 100000)."),
                                           QStringLiteral("N"), QStringLiteral("100000"));
-    parser.addOptions({sequencesOption, groupsOption});
+    const QCommandLineOption traceOption(QStringLiteral("server-trace-mask"),
+                                         QStringLiteral("Trace mask of the server, e.g. 0x40 for its timings."),
+                                         QStringLiteral("MASK"));
+    parser.addOptions({sequencesOption, groupsOption, traceOption});
     parser.process(app);
     bool sequencesOk = false;
     bool groupsOk = false;
@@ -301,6 +304,8 @@ int main(int argc, char *argv[])
     }
 
     ServerProcess server;
+    if (parser.isSet(traceOption))
+        server.setExtraArguments({QStringLiteral("--trace-mask"), parser.value(traceOption)});
     if (!server.start()) {
         QTextStream(stderr) << "bench_server: " << server.errorString() << '\n';
         return 69;
