@@ -581,7 +581,14 @@ void ArchiveStore::search(const GroupSearch &criteria, const std::function<void(
     range("creation_time", criteria.creation);
     range("life_cycle", criteria.lifeCycle);
     range("modification_time", criteria.modification);
-    sql += QStringLiteral(" ORDER BY g.creation_time, g.guid");
+    // A text criterion leaves few rows: scanning the table and sorting those
+    // beats walking the time index and fetching every row it names, which
+    // the planner would choose to spare the sort. The unary plus keeps the
+    // index out of the ordering.
+    const bool byText = !criteria.name.isEmpty() || !criteria.comment.isEmpty() || !criteria.detail.isEmpty()
+        || !criteria.creator.isEmpty() || !criteria.team.isEmpty() || !criteria.version.isEmpty();
+    sql += byText ? QStringLiteral(" ORDER BY +g.creation_time, g.guid")
+                  : QStringLiteral(" ORDER BY g.creation_time, g.guid");
 
     QSqlQuery query(m_db);
     query.setForwardOnly(true);
