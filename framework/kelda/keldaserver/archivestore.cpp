@@ -3,9 +3,7 @@
 #include "requestfailure.h"
 
 #include <QDateTime>
-#include <QSqlDriver>
 #include <QSqlError>
-#include <QUuid>
 
 #include <atomic>
 
