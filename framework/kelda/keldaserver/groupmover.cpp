@@ -3,6 +3,7 @@
 #include <trace.h>
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QMutexLocker>
@@ -65,24 +66,33 @@ bool GroupMover::moveDirectory(const MoveOrder &order, const Progress &progress,
     const QDir source(order.from);
     if (!source.exists())
         return QDir(order.to).exists();
+    // Everything below the directory travels, not only the archived files.
+    QStringList files;
+    QDirIterator it(order.from, QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    while (it.hasNext())
+        files.append(source.relativeFilePath(it.next()));
     if (!QDir().mkpath(order.to)) {
         Q_TRACE_FAILURE(kSource, QStringLiteral("Cannot create %1").arg(order.to));
         return false;
     }
-    const QFileInfoList entries = source.entryInfoList(QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot);
+    const QDir target(order.to);
     int done = 0;
-    for (const QFileInfo &entry : entries) {
+    for (const QString &file : qAsConst(files)) {
         if (stop && *stop)
             return false;
-        const QString target = QDir(order.to).filePath(entry.fileName());
-        QFile::remove(target);
-        if (!QFile::copy(entry.filePath(), target)) {
-            Q_TRACE_FAILURE(kSource, QStringLiteral("Cannot copy %1 to %2").arg(entry.filePath(), target));
+        const QString from = source.filePath(file);
+        const QString to = target.filePath(file);
+        QDir().mkpath(QFileInfo(to).absolutePath());
+        QFile::remove(to);
+        if (!QFile::copy(from, to)) {
+            Q_TRACE_FAILURE(kSource, QStringLiteral("Cannot copy %1 to %2").arg(from, to));
+            // The group stays where it is, whole; the partial copy goes.
+            QDir(order.to).removeRecursively();
             return false;
         }
         ++done;
-        if (progress && done < entries.size())
-            progress(order.guid, 100.0 * done / entries.size());
+        if (progress && done < files.size())
+            progress(order.guid, 100.0 * done / files.size());
     }
     if (!QDir(order.from).removeRecursively())
         Q_TRACE_FAILURE(kSource, QStringLiteral("Moved, but cannot remove %1").arg(order.from));
