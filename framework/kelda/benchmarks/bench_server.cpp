@@ -1,0 +1,340 @@
+// Measures the archive server as clients see it: operations per second with
+// 1, 8 and 32 clients doing create, add, request, close and query, one
+// request at a time and with whole sequences sent ahead; then the time to
+// answer queries over 100,000 groups. Every change is committed to disk
+// before its answer, as always.
+
+#include "keldaxml.h"
+#include "replyparser.h"
+#include "serverprocess.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QTcpSocket>
+#include <QTextStream>
+#include <QUuid>
+#include <QtEndian>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+#include <vector>
+
+using namespace Kelda;
+
+namespace {
+
+QTextStream &out()
+{
+    static QTextStream stream(stdout);
+    return stream;
+}
+
+QString newGuid()
+{
+    return QUuid::createUuid().toString(QUuid::WithoutBraces);
+}
+
+QByteArray request(QLatin1String command, const QString &children)
+{
+    return QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?><s:Envelope xmlns:s=\"%1\"><s:Header>"
+                          "<s:Version>1.0</s:Version><s:RequestId>%2</s:RequestId></s:Header><s:Body>"
+                          "<m:%3 xmlns:m=\"%4\">%5</m:%3></s:Body></s:Envelope>\n")
+        .arg(Ns::Envelope, newGuid(), command, Ns::Message, children)
+        .toUtf8();
+}
+
+// One client connection, used from one thread with blocking waits.
+class Connection
+{
+public:
+    bool open(quint16 port)
+    {
+        m_socket.connectToHost(QStringLiteral("127.0.0.1"), port);
+        m_socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
+        return m_socket.waitForConnected(10000);
+    }
+
+    void send(const QByteArray &payload)
+    {
+        QByteArray frame(4, '\0');
+        qToLittleEndian<quint32>(quint32(payload.size()), frame.data());
+        m_socket.write(frame + payload);
+    }
+
+    QByteArray receive()
+    {
+        for (;;) {
+            if (m_input.size() - m_offset >= 4) {
+                const quint32 length = qFromLittleEndian<quint32>(m_input.constData() + m_offset);
+                if (quint32(m_input.size() - m_offset) >= length + 4) {
+                    const QByteArray payload = m_input.mid(m_offset + 4, int(length));
+                    m_offset += int(length) + 4;
+                    if (m_offset > (1 << 20)) {
+                        m_input.remove(0, m_offset);
+                        m_offset = 0;
+                    }
+                    return payload;
+                }
+            }
+            m_socket.flush();
+            if (!m_socket.waitForReadyRead(60000))
+                return QByteArray();
+            m_input += m_socket.readAll();
+        }
+    }
+
+private:
+    QTcpSocket m_socket;
+    QByteArray m_input;
+    int m_offset = 0;
+};
+
+struct Run
+{
+    std::atomic<int> failures{0};
+    std::atomic<int> requests{0};
+    QString basePath;
+    quint16 port = 0;
+};
+
+bool succeeded(const QByteArray &reply)
+{
+    return reply.contains("<m:Error>0</m:Error>");
+}
+
+// One sequence as an application using the asynchronous calls makes it: the
+// group's directory and file are made first, then the five requests leave
+// together.
+struct Sequence
+{
+    QString guid;
+    QString name;
+    QString identity;
+};
+
+Sequence prepare(Run &run, int client, int index)
+{
+    Sequence sequence{newGuid(), QStringLiteral("bench-%1-%2").arg(client).arg(index),
+                      QStringLiteral("127.0.0.1|bench|user%1").arg(client)};
+    const QString directory = QStringLiteral("%1/bench/%2").arg(run.basePath, sequence.guid);
+    QDir().mkpath(directory);
+    QFile file(directory + QStringLiteral("/data.bin"));
+    if (file.open(QIODevice::WriteOnly))
+        file.write("benchmark payload");
+    return sequence;
+}
+
+QList<QByteArray> requests(const Run &run, const Sequence &s, bool withQuery)
+{
+    QList<QByteArray> list{
+        request(Tag::CreateFileGroup,
+                QStringLiteral("<m:Guid>%1</m:Guid><m:FileGroupName>%2</m:FileGroupName><m:FileType>1</m:FileType>"
+                               "<m:UserName>bench</m:UserName><m:Path>%3/bench/%1</m:Path>")
+                    .arg(s.guid, s.name, run.basePath)),
+        request(Tag::AddFile, QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>data.bin</m:FileName><m:FileId>1</m:FileId>")
+                                  .arg(s.guid)),
+        request(Tag::RequestFile, QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>1</m:FileId><m:WriteLock>true</m:WriteLock>"
+                                                 "<m:UserName>%2</m:UserName>")
+                                      .arg(s.guid, s.identity)),
+        request(Tag::CloseFile, QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>-1</m:FileId><m:UserName>%2</m:UserName>")
+                                    .arg(s.guid, s.identity))};
+    if (withQuery)
+        list.append(request(Tag::QueryFileGroups,
+                            QStringLiteral("<m:FileGroupNameSearchText>%1</m:FileGroupNameSearchText>").arg(s.name)));
+    return list;
+}
+
+// window 0: one request at a time, as blocking calls go; otherwise that many
+// sequences are sent before their answers are read.
+void clientLoop(Run &run, int client, int sequences, int window, bool withQuery)
+{
+    Connection connection;
+    if (!connection.open(run.port)) {
+        run.failures += sequences;
+        return;
+    }
+    int index = 0;
+    while (index < sequences) {
+        const int batch = window == 0 ? 1 : std::min(window, sequences - index);
+        QList<QByteArray> pending;
+        for (int i = 0; i < batch; ++i)
+            pending += requests(run, prepare(run, client, index + i), withQuery);
+        index += batch;
+        if (window == 0) {
+            for (const QByteArray &message : pending) {
+                connection.send(message);
+                if (!succeeded(connection.receive()))
+                    ++run.failures;
+            }
+        } else {
+            for (const QByteArray &message : pending)
+                connection.send(message);
+            for (int i = 0; i < pending.size(); ++i) {
+                if (!succeeded(connection.receive()))
+                    ++run.failures;
+            }
+        }
+        run.requests += pending.size();
+    }
+}
+
+void measure(Run &run, int clients, int sequences, int window, bool withQuery)
+{
+    run.failures = 0;
+    run.requests = 0;
+    QElapsedTimer timer;
+    timer.start();
+    std::vector<std::thread> threads;
+    for (int c = 0; c < clients; ++c)
+        threads.emplace_back(clientLoop, std::ref(run), c, sequences, window, withQuery);
+    for (std::thread &thread : threads)
+        thread.join();
+    const double seconds = timer.nsecsElapsed() / 1e9;
+    const int total = clients * sequences;
+    out() << QStringLiteral("  %1 clients, %2: %3 sequences/s, %4 requests/s, %5 failed\n")
+                 .arg(clients, 2)
+                 .arg(window == 0 ? QStringLiteral("one request at a time")
+                                  : QStringLiteral("%1 sequences ahead").arg(window))
+                 .arg(total / seconds, 8, 'f', 0)
+                 .arg(run.requests / seconds, 8, 'f', 0)
+                 .arg(run.failures.load());
+    out().flush();
+}
+
+// Fills the archive with groups (no files) from several connections, each
+// keeping many creations under way.
+void populate(Run &run, int groups)
+{
+    constexpr int Loaders = 8;
+    constexpr int Ahead = 500;
+    std::vector<std::thread> threads;
+    for (int loader = 0; loader < Loaders; ++loader) {
+        threads.emplace_back([&run, loader, groups] {
+            Connection connection;
+            if (!connection.open(run.port))
+                return;
+            for (int done = loader; done < groups;) {
+                int sent = 0;
+                for (; sent < Ahead && done < groups; ++sent, done += Loaders) {
+                    connection.send(request(
+                        Tag::CreateFileGroup,
+                        QStringLiteral("<m:Guid>%1</m:Guid><m:FileGroupName>group %2</m:FileGroupName>"
+                                       "<m:FileType>%3</m:FileType><m:UserName>user%4</m:UserName>"
+                                       "<m:Comment>comment %2</m:Comment><m:TeamMembership>team %4</m:TeamMembership>")
+                            .arg(newGuid())
+                            .arg(done)
+                            .arg(done % 22 + 1)
+                            .arg(done % 50)));
+                }
+                for (int i = 0; i < sent; ++i) {
+                    if (!succeeded(connection.receive()))
+                        ++run.failures;
+                }
+            }
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
+void timeQuery(Run &run, const QString &label, const QString &children)
+{
+    Connection connection;
+    if (!connection.open(run.port))
+        return;
+    std::vector<double> answer;
+    std::vector<double> read;
+    int rows = 0;
+    qint64 bytes = 0;
+    for (int i = 0; i < 5; ++i) {
+        QElapsedTimer timer;
+        timer.start();
+        connection.send(request(Tag::QueryFileGroups, children));
+        const QByteArray reply = connection.receive();
+        answer.push_back(timer.nsecsElapsed() / 1e6);
+        const ParsedReply parsed = ParseReplyMessage(reply);
+        read.push_back(timer.nsecsElapsed() / 1e6);
+        const auto *table = std::get_if<TableResult>(&parsed.result);
+        rows = table && table->columnCount > 0 ? table->table.size() / table->columnCount - 1 : -1;
+        bytes = reply.size();
+    }
+    std::sort(answer.begin(), answer.end());
+    std::sort(read.begin(), read.end());
+    out() << QStringLiteral("  %1: %2 groups, %3 MB; answered in %4 ms, read by the client after %5 ms (median of 5)\n")
+                 .arg(label)
+                 .arg(rows)
+                 .arg(bytes / 1e6, 0, 'f', 1)
+                 .arg(answer[2], 0, 'f', 1)
+                 .arg(read[2], 0, 'f', 1);
+    out().flush();
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral(
+        "Starts keldaserver on a fresh base path and prints its throughput with 1, 8 and 32 clients and the "
+        "time to answer queries over a large archive."));
+    parser.addHelpOption();
+    const QCommandLineOption sequencesOption(QStringLiteral("sequences"),
+                                             QStringLiteral("Sequences per client and run (default 200)."),
+                                             QStringLiteral("N"), QStringLiteral("200"));
+    const QCommandLineOption groupsOption(QStringLiteral("groups"),
+                                          QStringLiteral("Groups in the archive for the query timing (default 100000)."),
+                                          QStringLiteral("N"), QStringLiteral("100000"));
+    parser.addOptions({sequencesOption, groupsOption});
+    parser.process(app);
+    bool sequencesOk = false;
+    bool groupsOk = false;
+    const int sequences = parser.value(sequencesOption).toInt(&sequencesOk);
+    const int groups = parser.value(groupsOption).toInt(&groupsOk);
+    if (!sequencesOk || sequences <= 0 || !groupsOk || groups < 0) {
+        QTextStream(stderr) << "bench_server: --sequences and --groups want positive numbers\n";
+        return 64;
+    }
+
+    ServerProcess server;
+    if (!server.start()) {
+        QTextStream(stderr) << "bench_server: " << server.errorString() << '\n';
+        return 69;
+    }
+    Run run;
+    run.port = server.port();
+    run.basePath = server.basePath();
+
+    out() << "Create, add, request and close (4 requests), every change committed before its answer:\n";
+    for (int clients : {1, 8, 32})
+        measure(run, clients, sequences, 0, false);
+    for (int clients : {1, 8, 32})
+        measure(run, clients, sequences, 8, false);
+    out() << "Create, add, request, close and query (5 requests):\n";
+    for (int clients : {1, 8, 32})
+        measure(run, clients, sequences, 0, true);
+    for (int clients : {1, 8, 32})
+        measure(run, clients, sequences, 8, true);
+
+    if (groups > 0) {
+        QElapsedTimer timer;
+        timer.start();
+        run.failures = 0;
+        populate(run, groups);
+        out() << QStringLiteral("Queries over %1 more groups (made in %2 s, %3 failed):\n")
+                     .arg(groups)
+                     .arg(timer.elapsed() / 1000.0, 0, 'f', 1)
+                     .arg(run.failures.load());
+        timeQuery(run, QStringLiteral("one name"),
+                  QStringLiteral("<m:FileGroupNameSearchText>group 4242</m:FileGroupNameSearchText>"));
+        timeQuery(run, QStringLiteral("one user, one type"),
+                  QStringLiteral("<m:User>user7</m:User><m:FileTypeList><m:FileType>8</m:FileType></m:FileTypeList>"));
+        timeQuery(run, QStringLiteral("everything"), QString());
+    }
+    server.stop();
+    return 0;
+}

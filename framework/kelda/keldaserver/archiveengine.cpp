@@ -1,0 +1,736 @@
+#include "archiveengine.h"
+
+#include "keldaxml.h"
+#include "replywriter.h"
+#include "requestfailure.h"
+
+#include <trace.h>
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QSet>
+#include <QUrl>
+
+namespace Kelda {
+
+namespace {
+
+const char kSource[] = "framework/kelda/keldaserver/archiveengine";
+
+const QString kRequestTimeFormat = QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz");
+const QString kRequestTimeFormatShort = QStringLiteral("yyyy-MM-dd hh:mm:ss");
+const QLatin1String kDescriptionSuffix(".fgdesc");
+
+[[noreturn]] void refuse(KeldaError code, const QString &text)
+{
+    throw RequestFailure{code, text};
+}
+
+// Request times travel as UTC without a zone suffix.
+std::optional<QDateTime> requestTime(const QString &text)
+{
+    const QString trimmed = text.trimmed();
+    if (trimmed.isEmpty())
+        return QDateTime();
+    for (const QString &format : {kRequestTimeFormat, kRequestTimeFormatShort}) {
+        QDateTime time = QDateTime::fromString(trimmed, format);
+        if (time.isValid()) {
+            time.setTimeSpec(Qt::UTC);
+            return time;
+        }
+    }
+    return std::nullopt;
+}
+
+QString lockedText(const QString &guid, const LockHolder &holder)
+{
+    return QStringLiteral("File group %1 is %2 locked by %3")
+        .arg(guid, holder.write ? QStringLiteral("write") : QStringLiteral("read"), holder.holder);
+}
+
+bool copyDirectoryFiles(const QString &from, const QString &to, const FileGroupData::FileList &files, QString *error)
+{
+    if (!QDir().mkpath(to)) {
+        *error = QStringLiteral("Cannot create %1").arg(to);
+        return false;
+    }
+    for (const auto &file : files) {
+        const QString source = StorageLayout::fileInside(from, file.first);
+        const QString target = StorageLayout::fileInside(to, file.first);
+        if (source.isEmpty() || target.isEmpty()) {
+            *error = QStringLiteral("Refused file name \"%1\"").arg(file.first);
+            return false;
+        }
+        QFile::remove(target);
+        if (!QFile::copy(source, target)) {
+            *error = QStringLiteral("Cannot copy %1 to %2").arg(source, target);
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+ArchiveEngine::ArchiveEngine(ArchiveStore &store, const StorageLayout &layout)
+    : m_store(store)
+    , m_layout(layout)
+{
+}
+
+QDateTime ArchiveEngine::now()
+{
+    const qint64 ms = QDateTime::currentMSecsSinceEpoch();
+    return QDateTime::fromMSecsSinceEpoch(ms - ms % 1000);
+}
+
+const QHash<QString, ArchiveEngine::Handler> &ArchiveEngine::handlers()
+{
+    static const QHash<QString, Handler> table{
+        {Tag::GetBasePath, &ArchiveEngine::getBasePath},
+        {Tag::CreateFileGroup, &ArchiveEngine::createFileGroup},
+        {Tag::CreateTovinFileGroup, &ArchiveEngine::createTovinFileGroup},
+        {Tag::AddFile, &ArchiveEngine::addFile},
+        {Tag::RequestFile, &ArchiveEngine::requestFile},
+        {Tag::CloseFile, &ArchiveEngine::closeFile},
+        {Tag::DeleteFile, &ArchiveEngine::deleteFile},
+        {Tag::DeleteFileGroup, &ArchiveEngine::deleteFileGroup},
+        {Tag::AddReference, &ArchiveEngine::addReference},
+        {Tag::RemoveReference, &ArchiveEngine::removeReference},
+        {Tag::RemoveAllReferences, &ArchiveEngine::removeAllReferences},
+        {Tag::QueryMetaData, &ArchiveEngine::queryMetaData},
+        {Tag::GetFileList, &ArchiveEngine::getFileList},
+        {Tag::GetUserList, &ArchiveEngine::getUserList},
+        {Tag::GetApplicationList, &ArchiveEngine::getApplicationList},
+        {Tag::QueryFileGroups, &ArchiveEngine::queryFileGroups},
+        {Tag::ExportArchive, &ArchiveEngine::exportArchive},
+        {Tag::ImportArchive, &ArchiveEngine::importArchive},
+        {Tag::MoveToNas, &ArchiveEngine::moveToNas},
+        {Tag::QueryLocationStateProgress, &ArchiveEngine::queryLocationStateProgress},
+        {Tag::CheckFileGroupExists, &ArchiveEngine::checkFileGroupExists},
+        {Tag::GetRemoteStorageLocation, &ArchiveEngine::getRemoteStorageLocation},
+        {Tag::GetTovinFilegroupGuid, &ArchiveEngine::getTovinFilegroupGuid},
+        {Tag::RegisterConverter, &ArchiveEngine::registerConverter},
+    };
+    return table;
+}
+
+bool ArchiveEngine::isReadOnly(const QString &command)
+{
+    static const QSet<QString> readers{Tag::GetBasePath, Tag::QueryFileGroups, Tag::QueryMetaData, Tag::GetFileList,
+                                       Tag::GetUserList, Tag::GetApplicationList, Tag::CheckFileGroupExists,
+                                       Tag::QueryLocationStateProgress, Tag::GetRemoteStorageLocation,
+                                       Tag::GetTovinFilegroupGuid, Tag::ExportArchive};
+    return readers.contains(command);
+}
+
+bool ArchiveEngine::handle(const Request &request, const RequestOrigin &origin, RequestOutcome &outcome)
+{
+    const Handler handler = handlers().value(request.command);
+    if (!handler) {
+        outcome.reply = ReplyWriter::status(request.command, request.requestId, KE_SoapParsingError,
+                                            QStringLiteral("Unknown command %1").arg(request.command));
+        return false;
+    }
+    try {
+        ReplyWriter writer(ReplyWriter::replyElement(request.command), request.requestId);
+        (this->*handler)(request, origin, writer, outcome);
+        outcome.reply = writer.finish();
+        return true;
+    } catch (const RequestFailure &failure) {
+        Q_TRACE_FAILURE(kSource, QStringLiteral("%1 %2 failed: %3 (%4)")
+                                     .arg(request.command, request.requestId, failure.text)
+                                     .arg(int(failure.code)));
+        outcome = RequestOutcome();
+        outcome.reply = ReplyWriter::status(request.command, request.requestId, failure.code, failure.text);
+        return false;
+    }
+}
+
+StoredGroup ArchiveEngine::requireGroup(const QString &guid)
+{
+    if (guid.trimmed().isEmpty())
+        refuse(KE_GuidNotFound, QStringLiteral("The request names no file group"));
+    std::optional<StoredGroup> group = m_store.group(guid);
+    if (!group)
+        refuse(KE_GuidNotFound, QStringLiteral("No file group %1").arg(guid));
+    return *group;
+}
+
+void ArchiveEngine::refuseWhileMoving(const StoredGroup &group)
+{
+    if (group.data.getLocationState() == LS_CentralNotMoved)
+        refuse(KE_InvalidLocationStateForCommand,
+               QStringLiteral("File group %1 is being moved to network storage").arg(group.data.getGuid()));
+}
+
+void ArchiveEngine::refuseWhileLocked(const QString &guid)
+{
+    const std::vector<LockHolder> holders = m_store.locks(guid);
+    for (const LockHolder &holder : holders) {
+        if (holder.write)
+            refuse(KE_FileGroupWriteLocked, lockedText(guid, holder));
+    }
+    if (!holders.empty())
+        refuse(KE_FileGroupLocked, lockedText(guid, holders.front()));
+}
+
+void ArchiveEngine::getBasePath(const Request &, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
+{
+    writer.writeText(Tag::Path, QDir::toNativeSeparators(m_layout.basePath()));
+    writer.writeStatus(KE_NoError, QString());
+}
+
+QString ArchiveEngine::createGroup(StoredGroup group, const QString &requestedPath, RequestOutcome &outcome)
+{
+    const QString guid = group.data.getGuid();
+    if (guid.trimmed().isEmpty())
+        refuse(KE_GuidNotFound, QStringLiteral("The request names no file group"));
+    if (!StorageLayout::isGuid(guid))
+        refuse(KE_AddFileGroupFailed, QStringLiteral("\"%1\" is not a GUID in lower-case text form").arg(guid));
+    if (m_store.group(guid))
+        refuse(KE_AddFileGroupFailed, QStringLiteral("File group %1 exists already").arg(guid));
+    const int type = group.data.getFileType();
+    if (type < FT_Unknown || type > FT_Last)
+        refuse(KE_AddFileGroupFailed, QStringLiteral("Unknown file type %1").arg(type));
+
+    const QDateTime created = now();
+    QString directory = m_layout.defaultGroupDirectory(guid, created);
+    if (!requestedPath.trimmed().isEmpty()) {
+        directory = QDir::cleanPath(QDir::fromNativeSeparators(requestedPath.trimmed()));
+        if (!StorageLayout::isBelow(m_layout.basePath(), directory) || StorageLayout::isBelow(m_layout.nasPath(), directory)
+            || directory == m_layout.nasPath())
+            refuse(KE_CreatePathFailed,
+                   QStringLiteral("The path %1 does not lie below the base path %2").arg(requestedPath, m_layout.basePath()));
+    }
+    if (!QDir().mkpath(directory))
+        refuse(KE_CreatePathFailed, QStringLiteral("Cannot create the directory %1").arg(directory));
+
+    group.path = directory;
+    group.data.setPath(directory);
+    // Imported groups keep the times they had where they came from.
+    if (!group.data.getCreationTime().isValid())
+        group.data.setCreationTime(created);
+    if (!group.data.getModificationTime().isValid())
+        group.data.setModificationTime(created);
+    m_store.insertGroup(group);
+    m_store.rememberUser(group.data.getCreator());
+    outcome.newGroups.push_back({guid, type, StorageLayout::directoryForReply(directory)});
+    Q_TRACE_DETAIL(kSource, QStringLiteral("Created file group %1 in %2").arg(guid, directory));
+    return directory;
+}
+
+void ArchiveEngine::createFileGroup(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+                                    RequestOutcome &outcome)
+{
+    const std::optional<QDateTime> lifeCycle = requestTime(request.text(Tag::LifeCycle));
+    if (!lifeCycle)
+        refuse(KE_AddFileGroupFailed, QStringLiteral("Cannot read the life cycle \"%1\"").arg(request.text(Tag::LifeCycle)));
+    StoredGroup group;
+    FileGroupData &data = group.data;
+    data.setGuid(request.text(Tag::Guid).trimmed());
+    data.setFileGroupName(request.text(Tag::FileGroupName));
+    data.setFileType(static_cast<FileType>(request.number(Tag::FileType, -1)));
+    data.setLocationState(LS_Local);
+    data.setLifeCycle(lifeCycle->toLocalTime());
+    data.setComment(request.text(Tag::Comment));
+    data.setDetail(request.text(Tag::Detail));
+    data.setCreator(request.text(Tag::UserName));
+    data.setTeamMembership(request.text(Tag::TeamMembership));
+    data.setVersion(request.text(Tag::FileGroupVersion));
+    data.setReservedStorage(qint32(qBound<qint64>(0, request.number(Tag::ReservedStorage), INT_MAX)));
+    const QString directory = createGroup(group, request.text(Tag::Path), outcome);
+    writer.writeText(Tag::Guid, data.getGuid());
+    writer.writeText(Tag::Path, StorageLayout::directoryForReply(directory));
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::createTovinFileGroup(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+                                         RequestOutcome &outcome)
+{
+    StoredGroup group;
+    FileGroupData &data = group.data;
+    data.setGuid(request.text(Tag::Guid).trimmed());
+    data.setFileGroupName(request.text(Tag::RecordId));
+    data.setFileType(static_cast<FileType>(request.number(Tag::FileType, -1)));
+    data.setLocationState(LS_Tovin);
+    data.setComment(request.text(Tag::Comment));
+    data.setDetail(request.text(Tag::Detail));
+    data.setCreator(request.text(Tag::UserName));
+    data.setTeamMembership(request.text(Tag::TeamMembership));
+    data.setVersion(request.text(Tag::FileGroupVersion));
+    group.tovinId = request.text(Tag::TovinId);
+    group.recordId = request.text(Tag::RecordId);
+    if (group.tovinId.isEmpty())
+        refuse(KE_AddFileGroupFailed, QStringLiteral("A Tovin file group needs a Tovin id"));
+    const QString directory = createGroup(group, request.text(Tag::Path), outcome);
+    writer.writeText(Tag::Guid, data.getGuid());
+    writer.writeText(Tag::Path, StorageLayout::directoryForReply(directory));
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::addFile(const Request &request, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
+{
+    const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    refuseWhileMoving(group);
+    const QString name = request.text(Tag::FileName);
+    const QString path = StorageLayout::fileInside(group.path, name);
+    if (path.isEmpty())
+        refuse(KE_AddFileFailed, QStringLiteral("Refused file name \"%1\": it must name a file in the group's "
+                                                "directory itself").arg(name));
+    if (!QFileInfo(path).isFile())
+        refuse(KE_OpenFileFailed, QStringLiteral("%1 does not lie in the group's directory %2; copy it there first")
+                                      .arg(name, StorageLayout::directoryForReply(group.path)));
+    const QString guid = group.data.getGuid();
+    if (m_store.hasFileNamed(guid, name))
+        refuse(KE_AddFileFailed, QStringLiteral("File group %1 holds a file named %2 already").arg(guid, name));
+    const qint64 wanted = request.number(Tag::FileId);
+    int fileId = int(wanted);
+    if (wanted <= 0 || wanted > INT_MAX || m_store.hasFileId(guid, fileId)) {
+        const int highest = m_store.maxFileId(guid);
+        if (highest == INT_MAX)
+            refuse(KE_AddFileFailed, QStringLiteral("File group %1 has no free file id left").arg(guid));
+        fileId = highest + 1;
+    }
+    m_store.insertFile(guid, fileId, name);
+    m_store.touch(guid, now().toMSecsSinceEpoch());
+    writer.writeNumber(Tag::FileId, fileId);
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::requestFile(const Request &request, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
+{
+    const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    refuseWhileMoving(group);
+    const QString guid = group.data.getGuid();
+    const qint64 fileId = request.number(Tag::FileId, -1);
+    const std::optional<QString> name = fileId > 0 && fileId <= INT_MAX ? m_store.fileName(guid, int(fileId))
+                                                                          : std::nullopt;
+    if (!name)
+        refuse(KE_FileGroupIdNotFound, QStringLiteral("File group %1 holds no file %2").arg(guid).arg(fileId));
+    const QString path = StorageLayout::fileInside(group.path, *name);
+    if (path.isEmpty() || !QFileInfo(path).isFile())
+        refuse(KE_OpenFileFailed, QStringLiteral("The file %1 of group %2 is missing from %3")
+                                      .arg(*name, guid, StorageLayout::directoryForReply(group.path)));
+
+    const QString holder = request.text(Tag::UserName);
+    if (holder.isEmpty())
+        refuse(KE_AddLockFailed, QStringLiteral("The request names no lock identity"));
+    const bool write = request.flag(Tag::WriteLock);
+    bool holdsWrite = false;
+    for (const LockHolder &other : m_store.locks(guid)) {
+        if (other.holder == holder) {
+            holdsWrite = other.write;
+            continue;
+        }
+        if (other.write)
+            refuse(KE_FileGroupWriteLocked, lockedText(guid, other));
+        if (write)
+            refuse(KE_FileGroupLocked, lockedText(guid, other));
+    }
+    // A holder's later read request keeps the write lock it has.
+    m_store.setLock(guid, holder, write || holdsWrite);
+    writer.writeText(Tag::Path, QDir::toNativeSeparators(path));
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::closeFile(const Request &request, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
+{
+    const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    const QString holder = request.text(Tag::UserName);
+    if (m_store.releaseLocks(group.data.getGuid(), holder) == 0)
+        refuse(KE_DeleteLockFailed, QStringLiteral("%1 holds no lock on file group %2")
+                                        .arg(holder, group.data.getGuid()));
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::deleteFile(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+                               RequestOutcome &outcome)
+{
+    const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    refuseWhileMoving(group);
+    const QString guid = group.data.getGuid();
+    const qint64 fileId = request.number(Tag::FileId, -1);
+    const std::optional<QString> name = fileId > 0 && fileId <= INT_MAX ? m_store.fileName(guid, int(fileId))
+                                                                          : std::nullopt;
+    if (!name)
+        refuse(KE_FileGroupIdNotFound, QStringLiteral("File group %1 holds no file %2").arg(guid).arg(fileId));
+    refuseWhileLocked(guid);
+    m_store.deleteFile(guid, int(fileId));
+    m_store.touch(guid, now().toMSecsSinceEpoch());
+    const QString path = StorageLayout::fileInside(group.path, *name);
+    if (!path.isEmpty())
+        outcome.afterCommit.push_back([path] { QFile::remove(path); });
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::deleteFileGroup(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+                                    RequestOutcome &outcome)
+{
+    const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    refuseWhileMoving(group);
+    refuseWhileLocked(group.data.getGuid());
+    m_store.deleteGroup(group.data.getGuid());
+    // A shallow delete forgets the group and leaves its directory on disk.
+    const bool removable = StorageLayout::isBelow(m_layout.basePath(), group.path)
+        || StorageLayout::isBelow(m_layout.nasPath(), group.path);
+    if (!request.flag(Tag::ShallowDelete) && removable) {
+        const QString path = group.path;
+        outcome.afterCommit.push_back([path] { QDir(path).removeRecursively(); });
+    }
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::addReference(const Request &request, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
+{
+    const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    const QString application = request.text(Tag::Application);
+    if (application.isEmpty())
+        refuse(KE_AddReferenceFailed, QStringLiteral("The request names no application"));
+    const QString guid = group.data.getGuid();
+    m_store.setReferenceCount(guid, application, m_store.referenceCount(guid, application) + 1);
+    m_store.rememberApplication(application);
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::removeReference(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+                                    RequestOutcome &)
+{
+    const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    const QString guid = group.data.getGuid();
+    const QString application = request.text(Tag::Application);
+    const int count = m_store.referenceCount(guid, application);
+    if (count == 0)
+        refuse(KE_DeleteReferenceFailed,
+               QStringLiteral("%1 holds no reference to file group %2").arg(application, guid));
+    m_store.setReferenceCount(guid, application, count - 1);
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::removeAllReferences(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+                                        RequestOutcome &)
+{
+    const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    m_store.setReferenceCount(group.data.getGuid(), request.text(Tag::Application), 0);
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::queryMetaData(const Request &request, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
+{
+    StoredGroup group = requireGroup(request.text(Tag::Guid));
+    group.data.setFileList(m_store.files(group.data.getGuid()));
+    group.data.ToHtml(writer.xml(), true, false);
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::getFileList(const Request &request, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
+{
+    const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    writer.writeStartElement(Tag::Files);
+    for (const auto &file : m_store.files(group.data.getGuid())) {
+        writer.writeStartElement(Tag::File);
+        writer.writeNumber(Tag::FileId, file.second);
+        writer.writeText(Tag::FileName, file.first);
+        writer.writeEndElement();
+    }
+    writer.writeEndElement();
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::getUserList(const Request &, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
+{
+    writer.writeStartElement(Tag::Users);
+    for (const QString &user : m_store.users())
+        writer.writeText(Tag::User, user);
+    writer.writeEndElement();
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::getApplicationList(const Request &, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
+{
+    writer.writeStartElement(Tag::Applications);
+    for (const QString &application : m_store.applications())
+        writer.writeText(Tag::Application, application);
+    writer.writeEndElement();
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::queryFileGroups(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+                                    RequestOutcome &)
+{
+    GroupSearch criteria;
+    criteria.name = request.text(Tag::FileGroupNameSearchText);
+    criteria.comment = request.text(Tag::CommentSearchText);
+    criteria.detail = request.text(Tag::DetailSearchText);
+    criteria.creator = request.text(Tag::User);
+    criteria.team = request.text(Tag::TeamSearchText);
+    criteria.version = request.text(Tag::VersionSearchText);
+    criteria.lockUser = request.text(Tag::LockUser);
+    criteria.referencingApplication = request.text(Tag::ReferencingApplication);
+    for (const QString &text : request.texts(nestedKey(Tag::FileTypeList, Tag::FileType))) {
+        bool ok = false;
+        const int type = text.trimmed().toInt(&ok);
+        if (!ok)
+            refuse(KE_QueryFilesFailed, QStringLiteral("Cannot read the file type \"%1\"").arg(text));
+        criteria.fileTypes.push_back(type);
+    }
+    criteria.locationState = int(request.number(Tag::LocationState));
+    if (criteria.locationState < 0 || criteria.locationState > LS_Last)
+        refuse(KE_QueryFilesFailed, QStringLiteral("Unknown location state %1").arg(criteria.locationState));
+    criteria.lockState = int(request.number(Tag::LockState));
+    if (criteria.lockState < 0 || criteria.lockState > LOCK_Last)
+        refuse(KE_QueryFilesFailed, QStringLiteral("Unknown lock state %1").arg(criteria.lockState));
+    const auto range = [&request](QLatin1String name, GroupSearch::Range &bounds) {
+        const auto bound = [&](QLatin1String which, std::optional<qint64> &value) {
+            const QString text = request.text(nestedKey(name, which));
+            const std::optional<QDateTime> time = requestTime(text);
+            if (!time)
+                refuse(KE_QueryFilesFailed, QStringLiteral("Cannot read the time \"%1\" of %2").arg(text, name));
+            if (time->isValid())
+                value = time->toMSecsSinceEpoch();
+        };
+        bound(Tag::Min, bounds.min);
+        bound(Tag::Max, bounds.max);
+    };
+    range(Tag::BackupTime, criteria.backup);
+    range(Tag::CreationTime, criteria.creation);
+    range(Tag::LifeCycle, criteria.lifeCycle);
+    range(Tag::ModificationTime, criteria.modification);
+
+    // The client refuses a Files element with children here: groups travel
+    // without their file lists.
+    m_store.search(criteria, [&writer](const StoredGroup &group) { group.data.ToHtml(writer.xml(), true, false); });
+    writer.writeStatus(KE_NoError, QString());
+}
+
+QString ArchiveEngine::exportGroup(const QString &guid, const QString &target)
+{
+    std::optional<StoredGroup> group = m_store.group(guid);
+    if (!group)
+        return QStringLiteral("no file group %1").arg(guid);
+    group->data.setFileList(m_store.files(guid));
+    const QString fileName = group->data.toXmlFileForExport(target);
+    if (!QFileInfo::exists(QDir(target).filePath(fileName)))
+        return QStringLiteral("cannot write %1 into %2").arg(fileName, target);
+    QString error;
+    if (!copyDirectoryFiles(group->path, QDir(target).filePath(guid), group->data.getFileList(), &error))
+        return error;
+    return QString();
+}
+
+void ArchiveEngine::exportArchive(const Request &request, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
+{
+    const QString target = QDir::cleanPath(QDir::fromNativeSeparators(request.text(Tag::Path).trimmed()));
+    if (target.isEmpty() || QDir::isRelativePath(target))
+        refuse(KE_ExportArchiveFailed, QStringLiteral("The export needs an absolute directory, got \"%1\"")
+                                           .arg(request.text(Tag::Path)));
+    if (!QDir().mkpath(target))
+        refuse(KE_ExportArchiveFailed, QStringLiteral("Cannot create the directory %1").arg(target));
+    QStringList failures;
+    for (const QString &guid : request.texts(Tag::Guid)) {
+        if (!StorageLayout::isGuid(guid)) {
+            failures.append(QStringLiteral("\"%1\" is not a file group GUID").arg(guid));
+            continue;
+        }
+        const QString failure = exportGroup(guid, target);
+        if (!failure.isEmpty())
+            failures.append(failure);
+    }
+    if (!failures.isEmpty())
+        refuse(KE_ExportArchiveFailed, failures.join(QLatin1String("; ")));
+    writer.writeStatus(KE_NoError, QString());
+}
+
+QString ArchiveEngine::importDescription(const QString &descriptionFile, RequestOutcome &outcome)
+{
+    FileGroupData record;
+    if (!record.fromXmlforImport(descriptionFile))
+        return QStringLiteral("cannot read %1").arg(descriptionFile);
+    const QString guid = record.getGuid();
+    if (!StorageLayout::isGuid(guid))
+        return QStringLiteral("%1 names no valid GUID").arg(descriptionFile);
+    if (m_store.group(guid))
+        return QStringLiteral("file group %1 is in the archive already").arg(guid);
+
+    // Files first: a group enters the archive only with all of its files.
+    const QString source = QDir(QFileInfo(descriptionFile).absolutePath()).filePath(guid);
+    const QString directory = m_layout.defaultGroupDirectory(guid, now());
+    QString error;
+    if (!copyDirectoryFiles(source, directory, record.getFileList(), &error)) {
+        QDir(directory).removeRecursively();
+        return QStringLiteral("file group %1: %2").arg(guid, error);
+    }
+    StoredGroup group;
+    group.data = record;
+    group.data.setFileList({});
+    group.data.setLocationState(LS_Local);
+    try {
+        createGroup(group, directory, outcome);
+    } catch (const RequestFailure &failure) {
+        QDir(directory).removeRecursively();
+        return failure.text;
+    }
+    for (const auto &file : record.getFileList())
+        m_store.insertFile(guid, file.second, file.first);
+    return QString();
+}
+
+void ArchiveEngine::importArchive(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+                                  RequestOutcome &outcome)
+{
+    QStringList descriptions;
+    QStringList failures;
+    for (const QString &item : request.texts(Tag::Path)) {
+        const QString path = QDir::cleanPath(QDir::fromNativeSeparators(item.trimmed()));
+        const QFileInfo info(path);
+        if (path.isEmpty() || info.isRelative() || !info.exists()) {
+            failures.append(QStringLiteral("no archive at \"%1\"").arg(item));
+        } else if (info.isDir()) {
+            QDirIterator it(path, {QLatin1Char('*') + kDescriptionSuffix}, QDir::Files);
+            while (it.hasNext())
+                descriptions.append(it.next());
+        } else {
+            descriptions.append(path);
+        }
+    }
+    descriptions.sort();
+    int imported = 0;
+    for (const QString &description : descriptions) {
+        const QString failure = importDescription(description, outcome);
+        if (failure.isEmpty())
+            ++imported;
+        else
+            failures.append(failure);
+    }
+    if (!failures.isEmpty())
+        refuse(imported > 0 ? KE_ImportArchiveIncomplete : KE_ImportArchiveFailed, failures.join(QLatin1String("; ")));
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::moveToNas(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+                              RequestOutcome &outcome)
+{
+    const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    const QString guid = group.data.getGuid();
+    const LocationState state = group.data.getLocationState();
+    if (state != LS_Local && state != LS_Tovin)
+        refuse(KE_InvalidLocationStateForCommand,
+               QStringLiteral("File group %1 is %2, not local").arg(guid, LocationStateString::GetText(state)));
+    refuseWhileLocked(guid);
+    m_store.rememberUser(request.text(Tag::UserName));
+    m_store.updateLocation(guid, LS_CentralNotMoved, group.path, 0);
+    outcome.moves.push_back({guid, group.path, m_layout.nasDirectoryFor(group.path, guid)});
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::moveProgressed(const QString &guid, double percent)
+{
+    std::optional<StoredGroup> group = m_store.group(guid);
+    if (group && group->data.getLocationState() == LS_CentralNotMoved)
+        m_store.updateLocation(guid, LS_CentralNotMoved, group->path, percent);
+}
+
+void ArchiveEngine::moveFinished(const QString &guid, const QString &directory, bool ok)
+{
+    std::optional<StoredGroup> group = m_store.group(guid);
+    if (!group || group->data.getLocationState() != LS_CentralNotMoved)
+        return;
+    if (ok) {
+        m_store.updateLocation(guid, LS_Central, directory, 100);
+        m_store.touch(guid, now().toMSecsSinceEpoch());
+    } else {
+        m_store.updateLocation(guid, LS_Local, group->path, 0);
+    }
+}
+
+std::vector<MoveOrder> ArchiveEngine::unfinishedMoves()
+{
+    std::vector<MoveOrder> orders;
+    for (const QString &guid : m_store.groupsInState(LS_CentralNotMoved)) {
+        const std::optional<StoredGroup> group = m_store.group(guid);
+        if (group)
+            orders.push_back({guid, group->path, m_layout.nasDirectoryFor(group->path, guid)});
+    }
+    return orders;
+}
+
+void ArchiveEngine::queryLocationStateProgress(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+                                               RequestOutcome &)
+{
+    const QString guid = request.text(Tag::Guid);
+    const std::optional<StoredGroup> group = guid.isEmpty() ? std::nullopt : m_store.group(guid);
+    if (!group) {
+        writer.writeNumber(Tag::LocationState, LS_UnknownFileGroup);
+        writer.writeText(Tag::CopyProgress, QStringLiteral("0"));
+        writer.writeStatus(KE_GuidNotFound, QStringLiteral("No file group %1").arg(guid));
+        return;
+    }
+    writer.writeNumber(Tag::LocationState, group->data.getLocationState());
+    writer.writeText(Tag::CopyProgress, QString::number(group->copyProgress));
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::checkFileGroupExists(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+                                         RequestOutcome &)
+{
+    const QString guid = request.text(Tag::Guid);
+    if (guid.trimmed().isEmpty()) {
+        writer.writeBool(Tag::Exists, false);
+        writer.writeStatus(KE_GuidNotFound, QStringLiteral("The request names no file group"));
+        return;
+    }
+    writer.writeBool(Tag::Exists, m_store.group(guid).has_value());
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::getRemoteStorageLocation(const Request &request, const RequestOrigin &origin, ReplyWriter &writer,
+                                             RequestOutcome &)
+{
+    const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    QString target = group.path;
+    const qint64 fileId = request.number(Tag::FileId);
+    if (fileId != 0) {
+        const std::optional<QString> name =
+            fileId > 0 && fileId <= INT_MAX ? m_store.fileName(group.data.getGuid(), int(fileId)) : std::nullopt;
+        if (!name)
+            refuse(KE_FileGroupIdNotFound,
+                   QStringLiteral("File group %1 holds no file %2").arg(group.data.getGuid()).arg(fileId));
+        target = QDir(group.path).filePath(*name);
+    }
+    writer.writeText(Tag::RemoteIp, origin.localAddress);
+    writer.writeText(Tag::AttachmentUrl, QUrl::fromLocalFile(target).toString());
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::getTovinFilegroupGuid(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+                                          RequestOutcome &)
+{
+    // The Tovin id travels as Guid and the record id as FileId.
+    const QString tovinId = request.text(Tag::Guid);
+    const QString recordId = request.text(Tag::FileId);
+    const std::optional<QString> guid = tovinId.isEmpty() ? std::nullopt : m_store.tovinGroup(tovinId, recordId);
+    if (!guid)
+        refuse(KE_GuidNotFound, QStringLiteral("No file group of Tovin %1, record %2").arg(tovinId, recordId));
+    writer.writeText(Tag::Guid, *guid);
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::registerConverter(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+                                      RequestOutcome &outcome)
+{
+    if (request.text(Tag::ConverterId).trimmed().isEmpty())
+        refuse(KE_UnknownError, QStringLiteral("The converter has no id"));
+    for (const QString &text : request.texts(Tag::FileType)) {
+        bool ok = false;
+        const int type = text.trimmed().toInt(&ok);
+        if (!ok || type < FT_Unknown || type > FT_Last)
+            refuse(KE_UnknownError, QStringLiteral("Unknown file type \"%1\"").arg(text));
+        outcome.converterTypes.append(type);
+    }
+    outcome.registersConverter = true;
+    writer.writeStatus(KE_NoError, QString());
+}
+
+} // namespace Kelda

@@ -1,0 +1,124 @@
+#pragma once
+
+#include "archivestore.h"
+#include "request.h"
+#include "storagelayout.h"
+
+#include <QByteArray>
+#include <QHash>
+#include <QString>
+#include <QVector>
+
+#include <functional>
+#include <vector>
+
+namespace Kelda {
+
+class ReplyWriter;
+
+// A group that converters of its type should hear about.
+struct NewGroupNotice
+{
+    QString guid;
+    int fileType = 0;
+    QString path;
+};
+
+// A group directory to carry to network storage once the change is committed.
+struct MoveOrder
+{
+    QString guid;
+    QString from;
+    QString to;
+};
+
+// What carrying out one request produced. Side effects outside the database
+// (removing files, starting moves, telling converters) wait in here until the
+// transaction that holds the request is committed.
+struct RequestOutcome
+{
+    QByteArray reply; // empty: the request is answered by no reply
+    std::vector<std::function<void()>> afterCommit;
+    std::vector<NewGroupNotice> newGroups;
+    std::vector<MoveOrder> moves;
+    bool registersConverter = false;
+    QVector<int> converterTypes;
+};
+
+// Where a request came from.
+struct RequestOrigin
+{
+    quint64 connectionId = 0;
+    quint64 sequence = 0; // position among the connection's answered requests
+    QString localAddress; // the server's address on that connection
+};
+
+// The archive's rules: carries out one request against the store and the
+// group directories and writes its reply. Runs on the database thread,
+// inside the transaction the caller opened; a RequestFailure thrown by a
+// handler is turned into an error reply here, and the caller rolls the
+// request's changes back.
+class ArchiveEngine
+{
+public:
+    ArchiveEngine(ArchiveStore &store, const StorageLayout &layout);
+
+    // Whether a command only reads; such requests may run beside changes.
+    static bool isReadOnly(const QString &command);
+
+    // Returns whether the request succeeded; the outcome holds the reply
+    // either way.
+    bool handle(const Request &request, const RequestOrigin &origin, RequestOutcome &outcome);
+
+    // Steps of a move to network storage, reported by the mover.
+    void moveProgressed(const QString &guid, double percent);
+    void moveFinished(const QString &guid, const QString &directory, bool ok);
+    // Moves that were under way when the server stopped.
+    std::vector<MoveOrder> unfinishedMoves();
+
+    // Current time, whole seconds: the forms shown to users have no
+    // fraction, so a time window a user types matches what was stored.
+    static QDateTime now();
+
+private:
+    using Handler = void (ArchiveEngine::*)(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    static const QHash<QString, Handler> &handlers();
+
+    StoredGroup requireGroup(const QString &guid);
+    void refuseWhileMoving(const StoredGroup &group);
+    void refuseWhileLocked(const QString &guid);
+
+    void getBasePath(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void createFileGroup(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void createTovinFileGroup(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void addFile(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void requestFile(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void closeFile(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void deleteFile(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void deleteFileGroup(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void addReference(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void removeReference(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void removeAllReferences(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void queryMetaData(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void getFileList(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void getUserList(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void getApplicationList(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void queryFileGroups(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void exportArchive(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void importArchive(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void moveToNas(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void queryLocationStateProgress(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void checkFileGroupExists(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void getRemoteStorageLocation(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void getTovinFilegroupGuid(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void registerConverter(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+
+    QString createGroup(StoredGroup group, const QString &requestedPath, RequestOutcome &outcome);
+    QString exportGroup(const QString &guid, const QString &target);
+    QString importDescription(const QString &descriptionFile, RequestOutcome &outcome);
+
+    ArchiveStore &m_store;
+    StorageLayout m_layout;
+};
+
+} // namespace Kelda

@@ -1,0 +1,76 @@
+#pragma once
+
+#include "databaseworker.h"
+#include "groupmover.h"
+#include "serveroptions.h"
+
+#include <QHash>
+#include <QMap>
+#include <QObject>
+#include <QTcpServer>
+
+#include <memory>
+
+namespace Kelda {
+
+class ClientConnection;
+
+// The archive server: accepts connections on the network thread, reads
+// their requests, hands changes to the writer thread and reads to the
+// reader thread, and sends the answers back on each connection in request
+// order. Converters registered on a connection hear of every new group of
+// their types.
+class ArchiveServer : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit ArchiveServer(const ServerOptions &options, QObject *parent = nullptr);
+    ~ArchiveServer() override;
+
+    // Creates the folders, opens the database and listens; on failure
+    // errorString() tells why and exitCode() which exit code fits.
+    bool start();
+    QString errorString() const { return m_error; }
+    int exitCode() const { return m_exitCode; }
+    QHostAddress address() const { return m_listener.serverAddress(); }
+    quint16 port() const { return m_listener.serverPort(); }
+
+    // Stops accepting, carries out and commits what was received, sends
+    // the answers, then closes every connection.
+    void shutdown();
+
+private:
+    // Answers may come back from two threads out of order; each waits here
+    // until those of the connection's earlier requests have been sent.
+    struct Peer
+    {
+        ClientConnection *connection = nullptr;
+        quint64 nextSequence = 0;
+        quint64 nextToSend = 0;
+        int changesUnderWay = 0;
+        QMap<quint64, QByteArray> waiting;
+        bool converter = false;
+        QVector<int> converterTypes;
+    };
+
+    bool openDatabase();
+    void acceptConnections();
+    void onMessage(ClientConnection *connection, const QByteArray &message);
+    void onClosed(ClientConnection *connection);
+    void deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &answers, bool fromWriter);
+    void answer(Peer &peer, quint64 sequence, const QByteArray &reply);
+    void notifyConverters(const NewGroupNotice &notice);
+
+    ServerOptions m_options;
+    QTcpServer m_listener;
+    std::unique_ptr<DatabaseWorker> m_writer;
+    std::unique_ptr<DatabaseWorker> m_reader;
+    std::unique_ptr<GroupMover> m_mover;
+    QHash<quint64, Peer> m_peers;
+    quint64 m_nextConnectionId = 1;
+    QString m_error;
+    int m_exitCode = ServerOptions::ExitOk;
+};
+
+} // namespace Kelda

@@ -1,0 +1,590 @@
+#include "archivestore.h"
+
+#include "requestfailure.h"
+
+#include <QDateTime>
+#include <QSqlDriver>
+#include <QSqlError>
+#include <QUuid>
+
+#include <atomic>
+
+namespace Kelda {
+
+namespace {
+
+const QStringList kSchema{
+    QStringLiteral("CREATE TABLE IF NOT EXISTS file_groups ("
+                   " guid VARCHAR(64) PRIMARY KEY,"
+                   " name TEXT NOT NULL, name_key TEXT NOT NULL,"
+                   " file_type INTEGER NOT NULL,"
+                   " location_state INTEGER NOT NULL,"
+                   " backup_time BIGINT, creation_time BIGINT, modification_time BIGINT, life_cycle BIGINT,"
+                   " comment TEXT NOT NULL, comment_key TEXT NOT NULL,"
+                   " creator TEXT NOT NULL, creator_key TEXT NOT NULL,"
+                   " detail TEXT NOT NULL, detail_key TEXT NOT NULL,"
+                   " team TEXT NOT NULL, team_key TEXT NOT NULL,"
+                   " version TEXT NOT NULL, version_key TEXT NOT NULL,"
+                   " reserved_storage BIGINT NOT NULL,"
+                   " reference_counter INTEGER NOT NULL,"
+                   " path TEXT NOT NULL,"
+                   " tovin_id TEXT, record_id TEXT,"
+                   " copy_progress DOUBLE PRECISION NOT NULL)"),
+    QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_creation ON file_groups (creation_time)"),
+    QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_modification ON file_groups (modification_time)"),
+    QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_life_cycle ON file_groups (life_cycle)"),
+    QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_backup ON file_groups (backup_time)"),
+    QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_type ON file_groups (file_type)"),
+    QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_location ON file_groups (location_state)"),
+    QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_tovin ON file_groups (tovin_id, record_id)"),
+    QStringLiteral("CREATE TABLE IF NOT EXISTS group_files ("
+                   " guid VARCHAR(64) NOT NULL, file_id INTEGER NOT NULL, name TEXT NOT NULL,"
+                   " PRIMARY KEY (guid, file_id))"),
+    QStringLiteral("CREATE TABLE IF NOT EXISTS group_locks ("
+                   " guid VARCHAR(64) NOT NULL, holder TEXT NOT NULL, holder_key TEXT NOT NULL,"
+                   " write_lock INTEGER NOT NULL, PRIMARY KEY (guid, holder))"),
+    QStringLiteral("CREATE TABLE IF NOT EXISTS group_references ("
+                   " guid VARCHAR(64) NOT NULL, application TEXT NOT NULL, application_key TEXT NOT NULL,"
+                   " ref_count INTEGER NOT NULL, PRIMARY KEY (guid, application))"),
+    QStringLiteral("CREATE TABLE IF NOT EXISTS known_users (name TEXT PRIMARY KEY)"),
+    QStringLiteral("CREATE TABLE IF NOT EXISTS known_applications (name TEXT PRIMARY KEY)"),
+};
+
+const QString kGroupColumns = QStringLiteral(
+    "g.guid, g.name, g.file_type, g.location_state, g.backup_time, g.creation_time, g.modification_time,"
+    " g.life_cycle, g.comment, g.creator, g.detail, g.team, g.version, g.reserved_storage, g.reference_counter,"
+    " g.path, g.tovin_id, g.record_id, g.copy_progress");
+
+enum GroupColumn {
+    ColGuid, ColName, ColFileType, ColLocation, ColBackup, ColCreation, ColModification, ColLifeCycle,
+    ColComment, ColCreator, ColDetail, ColTeam, ColVersion, ColReserved, ColReferences, ColPath,
+    ColTovinId, ColRecordId, ColProgress
+};
+
+QVariant timeValue(const QDateTime &time)
+{
+    return time.isValid() ? QVariant(time.toMSecsSinceEpoch()) : QVariant(QVariant::LongLong);
+}
+
+// Qt SQL binds a null QString as NULL; texts are never NULL in the tables.
+QString text(const QString &value)
+{
+    return value.isNull() ? QStringLiteral("") : value;
+}
+
+QDateTime localTime(const QVariant &value)
+{
+    return value.isNull() ? QDateTime() : QDateTime::fromMSecsSinceEpoch(value.toLongLong());
+}
+
+// LIKE pattern for a case-insensitive substring, with '!' as escape.
+QString containsPattern(const QString &text)
+{
+    QString escaped = ArchiveStore::searchKey(text);
+    escaped.replace(QLatin1Char('!'), QLatin1String("!!"));
+    escaped.replace(QLatin1Char('%'), QLatin1String("!%"));
+    escaped.replace(QLatin1Char('_'), QLatin1String("!_"));
+    return QLatin1Char('%') + escaped + QLatin1Char('%');
+}
+
+} // namespace
+
+ArchiveStore::ArchiveStore()
+{
+    static std::atomic<int> counter{0};
+    m_connectionName = QStringLiteral("keldaserver-%1").arg(counter.fetch_add(1));
+}
+
+ArchiveStore::~ArchiveStore()
+{
+    m_statements.clear();
+    if (m_db.isValid()) {
+        m_db.close();
+        m_db = QSqlDatabase();
+    }
+    QSqlDatabase::removeDatabase(m_connectionName);
+}
+
+QString ArchiveStore::searchKey(const QString &value)
+{
+    return text(value.toCaseFolded());
+}
+
+bool ArchiveStore::open(const QString &databaseFile)
+{
+    m_db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), m_connectionName);
+    m_db.setDatabaseName(databaseFile);
+    if (!m_db.open()) {
+        m_error = QStringLiteral("Cannot open the database %1: %2").arg(databaseFile, m_db.lastError().text());
+        return false;
+    }
+    try {
+        // WAL lets the commit be one append and one flush; FULL makes that
+        // flush happen before the commit returns.
+        execDirect(QStringLiteral("PRAGMA journal_mode=WAL"), KE_DatabaseNotAvailable);
+        execDirect(QStringLiteral("PRAGMA synchronous=FULL"), KE_DatabaseNotAvailable);
+        execDirect(QStringLiteral("PRAGMA busy_timeout=5000"), KE_DatabaseNotAvailable);
+        for (const QString &statement : kSchema)
+            execDirect(statement, KE_DatabaseNotAvailable);
+    } catch (const RequestFailure &failure) {
+        m_error = QStringLiteral("Cannot prepare the database %1: %2").arg(databaseFile, failure.text);
+        return false;
+    }
+    return true;
+}
+
+QSqlQuery &ArchiveStore::prepared(const QString &sql)
+{
+    auto &slot = m_statements[sql];
+    if (!slot) {
+        slot = std::make_shared<QSqlQuery>(m_db);
+        if (!slot->prepare(sql)) {
+            const QString text = slot->lastError().text();
+            slot.reset();
+            m_statements.remove(sql);
+            throw RequestFailure{KE_DatabaseNotAvailable, QStringLiteral("Cannot prepare a statement: %1").arg(text)};
+        }
+    }
+    return *slot;
+}
+
+void ArchiveStore::exec(QSqlQuery &query, KeldaError code)
+{
+    if (!query.exec())
+        throw RequestFailure{code, query.lastError().text()};
+}
+
+void ArchiveStore::execDirect(const QString &sql, KeldaError code)
+{
+    QSqlQuery query(m_db);
+    if (!query.exec(sql))
+        throw RequestFailure{code, query.lastError().text()};
+}
+
+void ArchiveStore::begin()
+{
+    if (!m_db.transaction())
+        throw RequestFailure{KE_DatabaseNotAvailable, m_db.lastError().text()};
+}
+
+bool ArchiveStore::commit()
+{
+    if (m_db.commit())
+        return true;
+    m_error = m_db.lastError().text();
+    m_db.rollback();
+    return false;
+}
+
+void ArchiveStore::rollback()
+{
+    m_db.rollback();
+}
+
+void ArchiveStore::savepoint()
+{
+    exec(prepared(QStringLiteral("SAVEPOINT request")), KE_DatabaseNotAvailable);
+}
+
+void ArchiveStore::releaseSavepoint()
+{
+    exec(prepared(QStringLiteral("RELEASE SAVEPOINT request")), KE_DatabaseNotAvailable);
+}
+
+void ArchiveStore::rollbackToSavepoint()
+{
+    QSqlQuery &rollbackTo = prepared(QStringLiteral("ROLLBACK TO SAVEPOINT request"));
+    rollbackTo.exec();
+    prepared(QStringLiteral("RELEASE SAVEPOINT request")).exec();
+}
+
+StoredGroup ArchiveStore::groupFromRow(const QSqlQuery &query) const
+{
+    StoredGroup group;
+    FileGroupData &data = group.data;
+    data.setGuid(query.value(ColGuid).toString());
+    data.setFileGroupName(query.value(ColName).toString());
+    data.setFileType(static_cast<FileType>(query.value(ColFileType).toInt()));
+    data.setLocationState(static_cast<LocationState>(query.value(ColLocation).toInt()));
+    data.setBackupTime(localTime(query.value(ColBackup)));
+    data.setCreationTime(localTime(query.value(ColCreation)));
+    data.setModificationTime(localTime(query.value(ColModification)));
+    data.setLifeCycle(localTime(query.value(ColLifeCycle)));
+    data.setComment(query.value(ColComment).toString());
+    data.setCreator(query.value(ColCreator).toString());
+    data.setDetail(query.value(ColDetail).toString());
+    data.setTeamMembership(query.value(ColTeam).toString());
+    data.setVersion(query.value(ColVersion).toString());
+    data.setReservedStorage(qint32(qBound<qint64>(0, query.value(ColReserved).toLongLong(), INT_MAX)));
+    data.setReferenceCounter(query.value(ColReferences).toInt());
+    group.path = query.value(ColPath).toString();
+    data.setPath(group.path);
+    group.tovinId = query.value(ColTovinId).toString();
+    group.recordId = query.value(ColRecordId).toString();
+    group.copyProgress = query.value(ColProgress).toDouble();
+    return group;
+}
+
+std::optional<StoredGroup> ArchiveStore::group(const QString &guid)
+{
+    QSqlQuery &query = prepared(QStringLiteral("SELECT ") + kGroupColumns + QStringLiteral(" FROM file_groups g WHERE g.guid = ?"));
+    query.bindValue(0, guid);
+    exec(query, KE_ReadFileGroupFromDbFailed);
+    std::optional<StoredGroup> result;
+    if (query.next())
+        result = groupFromRow(query);
+    query.finish();
+    return result;
+}
+
+void ArchiveStore::insertGroup(const StoredGroup &group)
+{
+    const FileGroupData &data = group.data;
+    QSqlQuery &query = prepared(QStringLiteral(
+        "INSERT INTO file_groups (guid, name, name_key, file_type, location_state, backup_time, creation_time,"
+        " modification_time, life_cycle, comment, comment_key, creator, creator_key, detail, detail_key, team,"
+        " team_key, version, version_key, reserved_storage, reference_counter, path, tovin_id, record_id,"
+        " copy_progress) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"));
+    int i = 0;
+    query.bindValue(i++, text(data.getGuid()));
+    query.bindValue(i++, text(data.getFileGroupName()));
+    query.bindValue(i++, text(searchKey(data.getFileGroupName())));
+    query.bindValue(i++, int(data.getFileType()));
+    query.bindValue(i++, int(data.getLocationState()));
+    query.bindValue(i++, timeValue(data.getBackupTime()));
+    query.bindValue(i++, timeValue(data.getCreationTime()));
+    query.bindValue(i++, timeValue(data.getModificationTime()));
+    query.bindValue(i++, timeValue(data.getLifeCycle()));
+    for (const QString &value : {data.getComment(), data.getCreator(), data.getDetail(), data.getTeamMembership(),
+                                data.getVersion()}) {
+        query.bindValue(i++, text(value));
+        query.bindValue(i++, searchKey(value));
+    }
+    query.bindValue(i++, qint64(data.getReservedStorage()));
+    query.bindValue(i++, data.getReferenceCounter());
+    query.bindValue(i++, text(group.path));
+    query.bindValue(i++, group.tovinId.isEmpty() ? QVariant(QVariant::String) : QVariant(group.tovinId));
+    query.bindValue(i++, group.recordId.isEmpty() ? QVariant(QVariant::String) : QVariant(group.recordId));
+    query.bindValue(i++, group.copyProgress);
+    exec(query, KE_InsertFileGroupInDbFailed);
+}
+
+void ArchiveStore::deleteGroup(const QString &guid)
+{
+    for (const QString &sql : {QStringLiteral("DELETE FROM group_files WHERE guid = ?"),
+                               QStringLiteral("DELETE FROM group_locks WHERE guid = ?"),
+                               QStringLiteral("DELETE FROM group_references WHERE guid = ?"),
+                               QStringLiteral("DELETE FROM file_groups WHERE guid = ?")}) {
+        QSqlQuery &query = prepared(sql);
+        query.bindValue(0, guid);
+        exec(query, KE_DeleteFileGroupFromDbFailed);
+    }
+}
+
+void ArchiveStore::updateLocation(const QString &guid, int locationState, const QString &path, double copyProgress)
+{
+    QSqlQuery &query = prepared(
+        QStringLiteral("UPDATE file_groups SET location_state = ?, path = ?, copy_progress = ? WHERE guid = ?"));
+    query.bindValue(0, locationState);
+    query.bindValue(1, path);
+    query.bindValue(2, copyProgress);
+    query.bindValue(3, guid);
+    exec(query, KE_UpdateFileGroupInDbFailed);
+}
+
+void ArchiveStore::touch(const QString &guid, qint64 utcMs)
+{
+    QSqlQuery &query = prepared(QStringLiteral("UPDATE file_groups SET modification_time = ? WHERE guid = ?"));
+    query.bindValue(0, utcMs);
+    query.bindValue(1, guid);
+    exec(query, KE_UpdateFileGroupInDbFailed);
+}
+
+std::optional<QString> ArchiveStore::tovinGroup(const QString &tovinId, const QString &recordId)
+{
+    QSqlQuery &query = prepared(QStringLiteral(
+        "SELECT guid FROM file_groups WHERE tovin_id = ? AND record_id = ? ORDER BY creation_time, guid"));
+    query.bindValue(0, tovinId);
+    query.bindValue(1, recordId);
+    exec(query, KE_ReadFileGroupFromDbFailed);
+    std::optional<QString> result;
+    if (query.next())
+        result = query.value(0).toString();
+    query.finish();
+    return result;
+}
+
+QStringList ArchiveStore::groupsInState(int locationState)
+{
+    QSqlQuery &query = prepared(QStringLiteral("SELECT guid FROM file_groups WHERE location_state = ?"));
+    query.bindValue(0, locationState);
+    exec(query, KE_ReadFileGroupFromDbFailed);
+    QStringList result;
+    while (query.next())
+        result.append(query.value(0).toString());
+    query.finish();
+    return result;
+}
+
+FileGroupData::FileList ArchiveStore::files(const QString &guid)
+{
+    QSqlQuery &query = prepared(QStringLiteral("SELECT file_id, name FROM group_files WHERE guid = ? ORDER BY file_id"));
+    query.bindValue(0, guid);
+    exec(query, KE_ReadFileFromDbFailed);
+    FileGroupData::FileList result;
+    while (query.next())
+        result.emplace_back(query.value(1).toString(), query.value(0).toInt());
+    query.finish();
+    return result;
+}
+
+std::optional<QString> ArchiveStore::fileName(const QString &guid, int fileId)
+{
+    QSqlQuery &query = prepared(QStringLiteral("SELECT name FROM group_files WHERE guid = ? AND file_id = ?"));
+    query.bindValue(0, guid);
+    query.bindValue(1, fileId);
+    exec(query, KE_ReadFileFromDbFailed);
+    std::optional<QString> result;
+    if (query.next())
+        result = query.value(0).toString();
+    query.finish();
+    return result;
+}
+
+bool ArchiveStore::hasFileNamed(const QString &guid, const QString &name)
+{
+    QSqlQuery &query = prepared(QStringLiteral("SELECT 1 FROM group_files WHERE guid = ? AND name = ?"));
+    query.bindValue(0, guid);
+    query.bindValue(1, text(name));
+    exec(query, KE_ReadFileFromDbFailed);
+    const bool found = query.next();
+    query.finish();
+    return found;
+}
+
+bool ArchiveStore::hasFileId(const QString &guid, int fileId)
+{
+    return fileName(guid, fileId).has_value();
+}
+
+int ArchiveStore::maxFileId(const QString &guid)
+{
+    QSqlQuery &query = prepared(QStringLiteral("SELECT MAX(file_id) FROM group_files WHERE guid = ?"));
+    query.bindValue(0, guid);
+    exec(query, KE_ReadFileFromDbFailed);
+    const int result = query.next() ? query.value(0).toInt() : 0;
+    query.finish();
+    return result;
+}
+
+void ArchiveStore::insertFile(const QString &guid, int fileId, const QString &name)
+{
+    QSqlQuery &query = prepared(QStringLiteral("INSERT INTO group_files (guid, file_id, name) VALUES (?, ?, ?)"));
+    query.bindValue(0, guid);
+    query.bindValue(1, fileId);
+    query.bindValue(2, text(name));
+    exec(query, KE_InsertFileInDbFailed);
+}
+
+void ArchiveStore::deleteFile(const QString &guid, int fileId)
+{
+    QSqlQuery &query = prepared(QStringLiteral("DELETE FROM group_files WHERE guid = ? AND file_id = ?"));
+    query.bindValue(0, guid);
+    query.bindValue(1, fileId);
+    exec(query, KE_DeleteFileFromDbFailed);
+}
+
+std::vector<LockHolder> ArchiveStore::locks(const QString &guid)
+{
+    QSqlQuery &query = prepared(QStringLiteral("SELECT holder, write_lock FROM group_locks WHERE guid = ?"));
+    query.bindValue(0, guid);
+    exec(query, KE_ReadLockFromDbFailed);
+    std::vector<LockHolder> result;
+    while (query.next())
+        result.push_back({query.value(0).toString(), query.value(1).toInt() != 0});
+    query.finish();
+    return result;
+}
+
+void ArchiveStore::setLock(const QString &guid, const QString &holder, bool write)
+{
+    QSqlQuery &remove = prepared(QStringLiteral("DELETE FROM group_locks WHERE guid = ? AND holder = ?"));
+    remove.bindValue(0, guid);
+    remove.bindValue(1, text(holder));
+    exec(remove, KE_InsertLockInDbFailed);
+    QSqlQuery &insert = prepared(
+        QStringLiteral("INSERT INTO group_locks (guid, holder, holder_key, write_lock) VALUES (?, ?, ?, ?)"));
+    insert.bindValue(0, guid);
+    insert.bindValue(1, text(holder));
+    insert.bindValue(2, text(searchKey(holder)));
+    insert.bindValue(3, write ? 1 : 0);
+    exec(insert, KE_InsertLockInDbFailed);
+}
+
+int ArchiveStore::releaseLocks(const QString &guid, const QString &holder)
+{
+    QSqlQuery &query = prepared(QStringLiteral("DELETE FROM group_locks WHERE guid = ? AND holder = ?"));
+    query.bindValue(0, guid);
+    query.bindValue(1, text(holder));
+    exec(query, KE_DeleteLockFromDbFailed);
+    return query.numRowsAffected();
+}
+
+int ArchiveStore::referenceCount(const QString &guid, const QString &application)
+{
+    QSqlQuery &query =
+        prepared(QStringLiteral("SELECT ref_count FROM group_references WHERE guid = ? AND application = ?"));
+    query.bindValue(0, guid);
+    query.bindValue(1, text(application));
+    exec(query, KE_ReadReferenceFromDbFailed);
+    const int count = query.next() ? query.value(0).toInt() : 0;
+    query.finish();
+    return count;
+}
+
+void ArchiveStore::setReferenceCount(const QString &guid, const QString &application, int count)
+{
+    QSqlQuery &remove = prepared(QStringLiteral("DELETE FROM group_references WHERE guid = ? AND application = ?"));
+    remove.bindValue(0, guid);
+    remove.bindValue(1, text(application));
+    exec(remove, KE_DeleteReferenceFromDbFailed);
+    if (count > 0) {
+        QSqlQuery &insert = prepared(QStringLiteral(
+            "INSERT INTO group_references (guid, application, application_key, ref_count) VALUES (?, ?, ?, ?)"));
+        insert.bindValue(0, guid);
+        insert.bindValue(1, text(application));
+        insert.bindValue(2, text(searchKey(application)));
+        insert.bindValue(3, count);
+        exec(insert, KE_InsertReferenceInDbFailed);
+    }
+    refreshCounters(guid);
+}
+
+void ArchiveStore::refreshCounters(const QString &guid)
+{
+    QSqlQuery &query = prepared(QStringLiteral(
+        "UPDATE file_groups SET reference_counter ="
+        " (SELECT COALESCE(SUM(ref_count), 0) FROM group_references r WHERE r.guid = ?) WHERE guid = ?"));
+    query.bindValue(0, guid);
+    query.bindValue(1, guid);
+    exec(query, KE_UpdateFileGroupInDbFailed);
+}
+
+void ArchiveStore::rememberUser(const QString &name)
+{
+    if (name.isEmpty())
+        return;
+    QSqlQuery &query = prepared(QStringLiteral(
+        "INSERT INTO known_users (name) SELECT ? WHERE NOT EXISTS (SELECT 1 FROM known_users WHERE name = ?)"));
+    query.bindValue(0, text(name));
+    query.bindValue(1, text(name));
+    exec(query, KE_UnknownError);
+}
+
+void ArchiveStore::rememberApplication(const QString &name)
+{
+    if (name.isEmpty())
+        return;
+    QSqlQuery &query = prepared(QStringLiteral(
+        "INSERT INTO known_applications (name) SELECT ?"
+        " WHERE NOT EXISTS (SELECT 1 FROM known_applications WHERE name = ?)"));
+    query.bindValue(0, text(name));
+    query.bindValue(1, text(name));
+    exec(query, KE_UnknownError);
+}
+
+QStringList ArchiveStore::users()
+{
+    QSqlQuery &query = prepared(QStringLiteral("SELECT name FROM known_users ORDER BY name"));
+    exec(query, KE_UnknownError);
+    QStringList result;
+    while (query.next())
+        result.append(query.value(0).toString());
+    query.finish();
+    return result;
+}
+
+QStringList ArchiveStore::applications()
+{
+    QSqlQuery &query = prepared(QStringLiteral("SELECT name FROM known_applications ORDER BY name"));
+    exec(query, KE_UnknownError);
+    QStringList result;
+    while (query.next())
+        result.append(query.value(0).toString());
+    query.finish();
+    return result;
+}
+
+void ArchiveStore::search(const GroupSearch &criteria, const std::function<void(const StoredGroup &)> &visit)
+{
+    QString sql = QStringLiteral("SELECT ") + kGroupColumns + QStringLiteral(" FROM file_groups g WHERE 1 = 1");
+    QVariantList values;
+    const auto contains = [&](const char *column, const QString &text) {
+        if (text.isEmpty())
+            return;
+        sql += QStringLiteral(" AND g.%1 LIKE ? ESCAPE '!'").arg(QLatin1String(column));
+        values.append(containsPattern(text));
+    };
+    contains("name_key", criteria.name);
+    contains("comment_key", criteria.comment);
+    contains("detail_key", criteria.detail);
+    contains("creator_key", criteria.creator);
+    contains("team_key", criteria.team);
+    contains("version_key", criteria.version);
+    if (!criteria.fileTypes.empty()) {
+        QStringList marks;
+        for (int type : criteria.fileTypes) {
+            marks.append(QStringLiteral("?"));
+            values.append(type);
+        }
+        sql += QStringLiteral(" AND g.file_type IN (%1)").arg(marks.join(QLatin1String(", ")));
+    }
+    if (criteria.locationState != LS_Undefined) {
+        sql += QStringLiteral(" AND g.location_state = ?");
+        values.append(criteria.locationState);
+    }
+    const QString anyLock = QStringLiteral("SELECT 1 FROM group_locks l WHERE l.guid = g.guid");
+    const QString writeLock = anyLock + QStringLiteral(" AND l.write_lock = 1");
+    switch (criteria.lockState) {
+    case LOCK_Free: sql += QStringLiteral(" AND NOT EXISTS (%1)").arg(anyLock); break;
+    case LOCK_Read: sql += QStringLiteral(" AND EXISTS (%1) AND NOT EXISTS (%2)").arg(anyLock, writeLock); break;
+    case LOCK_Write: sql += QStringLiteral(" AND EXISTS (%1)").arg(writeLock); break;
+    default: break;
+    }
+    if (!criteria.lockUser.isEmpty()) {
+        sql += QStringLiteral(" AND EXISTS (%1 AND l.holder_key LIKE ? ESCAPE '!')").arg(anyLock);
+        values.append(containsPattern(criteria.lockUser));
+    }
+    if (!criteria.referencingApplication.isEmpty()) {
+        sql += QStringLiteral(" AND EXISTS (SELECT 1 FROM group_references r WHERE r.guid = g.guid"
+                              " AND r.application_key LIKE ? ESCAPE '!')");
+        values.append(containsPattern(criteria.referencingApplication));
+    }
+    const auto range = [&](const char *column, const GroupSearch::Range &bounds) {
+        if (bounds.min) {
+            sql += QStringLiteral(" AND g.%1 >= ?").arg(QLatin1String(column));
+            values.append(*bounds.min);
+        }
+        if (bounds.max) {
+            sql += QStringLiteral(" AND g.%1 <= ?").arg(QLatin1String(column));
+            values.append(*bounds.max);
+        }
+    };
+    range("backup_time", criteria.backup);
+    range("creation_time", criteria.creation);
+    range("life_cycle", criteria.lifeCycle);
+    range("modification_time", criteria.modification);
+    sql += QStringLiteral(" ORDER BY g.creation_time, g.guid");
+
+    QSqlQuery query(m_db);
+    query.setForwardOnly(true);
+    if (!query.prepare(sql))
+        throw RequestFailure{KE_QueryFilesFailed, query.lastError().text()};
+    for (int i = 0; i < values.size(); ++i)
+        query.bindValue(i, values.at(i));
+    exec(query, KE_QueryFilesFailed);
+    while (query.next())
+        visit(groupFromRow(query));
+}
+
+} // namespace Kelda

@@ -1,0 +1,127 @@
+#pragma once
+
+#include "filegroupdata.h"
+#include "filetype.h"
+
+#include <QHash>
+#include <QSqlDatabase>
+#include <QSqlQuery>
+#include <QString>
+#include <QStringList>
+#include <QVariant>
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace Kelda {
+
+// A group as stored: the record that travels in replies plus what only the
+// server keeps. Times in the record are local times (that is how replies
+// carry them); the table holds them as UTC milliseconds.
+struct StoredGroup
+{
+    FileGroupData data;     // without file list unless asked for
+    QString path;           // the group's directory, absolute
+    QString tovinId;
+    QString recordId;
+    double copyProgress = 0; // percent of a running move to network storage
+};
+
+struct LockHolder
+{
+    QString holder; // the lock identity "address|application|user"
+    bool write = false;
+};
+
+// Criteria of a group search, already parsed. Empty texts and zero states
+// mean "any"; time bounds are UTC milliseconds, absent when open.
+struct GroupSearch
+{
+    QString name, comment, detail, creator, team, version, lockUser, referencingApplication;
+    std::vector<int> fileTypes;
+    int locationState = 0;
+    int lockState = 0;
+    struct Range
+    {
+        std::optional<qint64> min, max;
+    };
+    Range backup, creation, lifeCycle, modification;
+};
+
+// The metadata tables of the archive, reached through Qt SQL. The SQL is
+// plain enough for PostgreSQL as well; the SQLite connection runs in WAL
+// mode with synchronous=FULL so that a commit survives power loss.
+//
+// Every failing statement throws RequestFailure with the code its caller
+// names, so the handlers stay linear. One thread owns an instance.
+class ArchiveStore
+{
+public:
+    ArchiveStore();
+    ~ArchiveStore();
+    ArchiveStore(const ArchiveStore &) = delete;
+    ArchiveStore &operator=(const ArchiveStore &) = delete;
+
+    // Opens (creating when missing) the database and its tables; false with
+    // errorString() on failure.
+    bool open(const QString &databaseFile);
+    QString errorString() const { return m_error; }
+
+    void begin();
+    bool commit();
+    void rollback();
+    void savepoint();
+    void releaseSavepoint();
+    void rollbackToSavepoint();
+
+    std::optional<StoredGroup> group(const QString &guid);
+    void insertGroup(const StoredGroup &group);
+    void deleteGroup(const QString &guid);
+    void updateLocation(const QString &guid, int locationState, const QString &path, double copyProgress);
+    void touch(const QString &guid, qint64 utcMs);
+    std::optional<QString> tovinGroup(const QString &tovinId, const QString &recordId);
+    // Groups whose move to network storage was under way.
+    QStringList groupsInState(int locationState);
+
+    FileGroupData::FileList files(const QString &guid);
+    std::optional<QString> fileName(const QString &guid, int fileId);
+    bool hasFileNamed(const QString &guid, const QString &name);
+    bool hasFileId(const QString &guid, int fileId);
+    int maxFileId(const QString &guid);
+    void insertFile(const QString &guid, int fileId, const QString &name);
+    void deleteFile(const QString &guid, int fileId);
+
+    std::vector<LockHolder> locks(const QString &guid);
+    void setLock(const QString &guid, const QString &holder, bool write);
+    int releaseLocks(const QString &guid, const QString &holder);
+
+    int referenceCount(const QString &guid, const QString &application);
+    void setReferenceCount(const QString &guid, const QString &application, int count);
+
+    void rememberUser(const QString &name);
+    void rememberApplication(const QString &name);
+    QStringList users();
+    QStringList applications();
+
+    // Calls visit for every match, ordered by creation time and GUID.
+    void search(const GroupSearch &criteria, const std::function<void(const StoredGroup &)> &visit);
+
+    // Lower-cased form kept beside every searchable text.
+    static QString searchKey(const QString &text);
+
+private:
+    QSqlQuery &prepared(const QString &sql);
+    void exec(QSqlQuery &query, KeldaError code);
+    void execDirect(const QString &sql, KeldaError code);
+    StoredGroup groupFromRow(const QSqlQuery &query) const;
+    void refreshCounters(const QString &guid);
+
+    QString m_connectionName;
+    QSqlDatabase m_db;
+    QString m_error;
+    QHash<QString, std::shared_ptr<QSqlQuery>> m_statements;
+};
+
+} // namespace Kelda

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <QByteArray>
+#include <QObject>
+#include <QString>
+
+class QTcpSocket;
+class XmlSeparator;
+
+namespace Kelda {
+
+// One client's TCP connection: frames its messages, hands them on and
+// writes replies. Writing never blocks; when a client stops reading its
+// replies, its reading is paused until the backlog drains, so that it can
+// neither stall nor flood the server.
+class ClientConnection : public QObject
+{
+    Q_OBJECT
+
+public:
+    ClientConnection(quint64 id, QTcpSocket *socket, quint32 maxFrame, QObject *parent = nullptr);
+    ~ClientConnection() override;
+
+    quint64 id() const { return m_id; }
+    QString peer() const { return m_peer; }
+    QString localAddress() const;
+
+    void send(const QByteArray &document);
+    // Writes what the socket can take now, without waiting.
+    void flush();
+    void close();
+
+    // Unsent reply bytes above which reading from the client pauses.
+    static constexpr qint64 MaxBacklog = 64 * 1024 * 1024;
+
+Q_SIGNALS:
+    void messageReceived(Kelda::ClientConnection *connection, const QByteArray &message);
+    void closed(Kelda::ClientConnection *connection);
+
+private:
+    void onBytesWritten();
+    void onFrameTooLarge(quint64 announced);
+
+    const quint64 m_id;
+    QTcpSocket *m_socket;
+    XmlSeparator *m_framer;
+    QString m_peer;
+    bool m_paused = false;
+    bool m_closed = false;
+};
+
+} // namespace Kelda

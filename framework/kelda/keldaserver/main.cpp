@@ -1,0 +1,59 @@
+#include "archiveserver.h"
+#include "serveroptions.h"
+#include "signalwatcher.h"
+
+#include <errorhandler.h>
+
+#include <QCoreApplication>
+
+#include <cstdio>
+
+using namespace Kelda;
+
+namespace {
+
+void printLine(FILE *stream, const QString &text)
+{
+    std::fputs(text.toLocal8Bit().constData(), stream);
+    std::fputc('\n', stream);
+    std::fflush(stream);
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("keldaserver"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(KELDA_VERSION));
+
+    const ServerOptions options = ServerOptions::parse(QCoreApplication::arguments());
+    switch (options.action) {
+    case ServerOptions::Action::ShowHelp:
+        printLine(stdout, options.helpText);
+        return ServerOptions::ExitOk;
+    case ServerOptions::Action::ShowVersion:
+        printLine(stdout, QStringLiteral("keldaserver %1").arg(QCoreApplication::applicationVersion()));
+        return ServerOptions::ExitOk;
+    case ServerOptions::Action::Fail:
+        printLine(stderr, QStringLiteral("keldaserver: %1\nTry 'keldaserver --help'.").arg(options.error));
+        return ServerOptions::ExitUsage;
+    case ServerOptions::Action::Run:
+        break;
+    }
+    if (options.hasTraceMask)
+        ErrorHandler::Instance()->SetLevel(options.traceMask);
+
+    SignalWatcher watcher;
+    ArchiveServer server(options);
+    if (!server.start()) {
+        printLine(stderr, QStringLiteral("keldaserver: %1").arg(server.errorString()));
+        return server.exitCode();
+    }
+    QObject::connect(&watcher, &SignalWatcher::terminationRequested, &app, [&server](int) {
+        server.shutdown();
+        QCoreApplication::exit(ServerOptions::ExitOk);
+    });
+    printLine(stdout, QStringLiteral("keldaserver listening on %1:%2").arg(server.address().toString()).arg(server.port()));
+    return app.exec();
+}

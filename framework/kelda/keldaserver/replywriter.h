@@ -1,0 +1,47 @@
+#pragma once
+
+#include <QByteArray>
+#include <QLatin1String>
+#include <QString>
+#include <QXmlStreamWriter>
+
+namespace Kelda {
+
+// Writes one reply document: the envelope with the request id in its header
+// and one body element in the message namespace, the mirror image of what
+// the client's reply readers expect.
+//
+// Children are written with the literal "m:" prefix; the namespace is
+// declared once, on the body element.
+class ReplyWriter
+{
+public:
+    // bodyElement is the local name, e.g. "AddFileReply" or "ConvertFileGroup".
+    ReplyWriter(const QString &bodyElement, const QString &requestId);
+
+    // "<command>Reply", the element that answers a command.
+    static QString replyElement(const QString &command);
+
+    void writeText(QLatin1String name, const QString &value);
+    void writeNumber(QLatin1String name, qint64 value);
+    void writeBool(QLatin1String name, bool value);
+    void writeStartElement(QLatin1String name);
+    void writeEndElement();
+    // Error, and ErrorString when there is a text.
+    void writeStatus(int error, const QString &errorString);
+
+    QXmlStreamWriter &xml() { return m_writer; }
+
+    // Closes the document and hands out its bytes.
+    QByteArray finish();
+
+    // A complete reply that carries only Error and ErrorString.
+    static QByteArray status(const QString &command, const QString &requestId, int error,
+                             const QString &errorString = QString());
+
+private:
+    QByteArray m_bytes;
+    QXmlStreamWriter m_writer;
+};
+
+} // namespace Kelda

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "keldaerror.h"
+
+#include <QString>
+
+namespace Kelda {
+
+// Why a request could not be carried out: a code of the error table and a
+// sentence for the user. Thrown inside the request handlers and turned into
+// the reply's Error and ErrorString; everything the request changed in the
+// database is rolled back.
+struct RequestFailure
+{
+    KeldaError code;
+    QString text;
+};
+
+} // namespace Kelda

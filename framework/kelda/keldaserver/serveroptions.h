@@ -1,0 +1,48 @@
+#pragma once
+
+#include <QHostAddress>
+#include <QString>
+#include <QStringList>
+
+namespace Kelda {
+
+// What a keldaserver run was asked to do, read from its command line.
+struct ServerOptions
+{
+    enum class Action { Run, ShowHelp, ShowVersion, Fail };
+
+    // Exit codes of the program; the README and --help list them.
+    enum ExitCode : int {
+        ExitOk = 0,
+        ExitUsage = 64,       // bad arguments
+        ExitUnavailable = 69, // cannot listen on the address
+        ExitStorage = 70      // cannot create the storage folders or open the database
+    };
+
+    static constexpr quint16 DefaultPort = 5223;
+    static constexpr quint32 DefaultMaxFrame = 64u * 1024u * 1024u;
+
+    Action action = Action::Run;
+    QString error;    // for Action::Fail: a sentence the user can act on
+    QString helpText; // for Action::ShowHelp and Action::Fail
+
+    QHostAddress host = QHostAddress(QHostAddress::LocalHost);
+    quint16 port = DefaultPort;
+    QString basePath;
+    QString databaseFile;
+    QString nasPath;
+    quint32 maxFrame = DefaultMaxFrame;
+    bool hasTraceMask = false;
+    quint32 traceMask = 0;
+
+    // Reads arguments (the program name first, as in QCoreApplication).
+    static ServerOptions parse(const QStringList &arguments);
+
+    // The per-user default storage root.
+    static QString defaultBasePath();
+};
+
+// "HOST:PORT", "[v6]:PORT" or ":PORT"; false for anything else.
+bool parseListenAddress(const QString &text, QHostAddress *host, quint16 *port);
+
+} // namespace Kelda

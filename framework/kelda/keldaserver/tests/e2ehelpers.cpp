@@ -1,0 +1,61 @@
+#include "e2ehelpers.h"
+
+#include <QDeadlineTimer>
+#include <QFile>
+#include <QTest>
+
+namespace E2e {
+
+std::unique_ptr<Kelda::KeldaClient> connectClient(quint16 port, const QString &user, const QString &application,
+                                                  const QString &team)
+{
+    auto client = std::make_unique<Kelda::KeldaClient>(QStringLiteral("127.0.0.1"), port, application, user, team);
+    QSignalSpy connected(client.get(), &Kelda::KeldaClient::connected);
+    if (!client->IsConnected())
+        connected.wait(Wait);
+    return client;
+}
+
+bool writeFile(const QString &path, const QByteArray &content)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QString createGroupWithFile(Kelda::KeldaClient &client, const QString &name, Kelda::FileType type,
+                            const QByteArray &content, unsigned int *fileId, const QString &comment,
+                            const QDateTime &lifeCycle)
+{
+    QString directory;
+    const QString guid = client.CreateFileGroup(QStringLiteral("1.0"), lifeCycle, QStringLiteral("detail"), comment,
+                                                type, 0, name, directory);
+    if (guid.isEmpty() || !writeFile(directory + QStringLiteral("data.bin"), content))
+        return QString();
+    *fileId = client.AddFile(directory + QStringLiteral("data.bin"), guid);
+    return *fileId == 0 ? QString() : guid;
+}
+
+QVariantList waitForRequest(QSignalSpy &spy, const QString &requestId)
+{
+    QDeadlineTimer deadline(Wait);
+    int seen = 0;
+    for (;;) {
+        for (; seen < spy.size(); ++seen) {
+            if (spy.at(seen).value(0).toString() == requestId)
+                return spy.at(seen);
+        }
+        if (deadline.hasExpired() || !spy.wait(int(qMax<qint64>(1, deadline.remainingTime())))) {
+            // An empty answer reads as zeros, which look like success.
+            QTest::qFail(qPrintable(QStringLiteral("No answer to %1").arg(requestId)), __FILE__, __LINE__);
+            return {};
+        }
+    }
+}
+
+} // namespace E2e

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QTcpSocket>
+
+// A bare protocol peer for tests: frames documents with the 4-byte
+// little-endian length by its own code and reads framed answers with
+// bounded waits. It can also send what no real client would.
+class RawClient
+{
+public:
+    bool connectTo(quint16 port, int timeoutMs = 10000);
+    void sendFrame(const QByteArray &payload);
+    void sendBytes(const QByteArray &bytes);
+    // The next framed document; empty when none came within timeoutMs.
+    QByteArray receive(int timeoutMs = 10000);
+    // Whether the server closed the connection within timeoutMs.
+    bool waitForClose(int timeoutMs = 10000);
+
+    // A request document as the client writes it.
+    static QByteArray request(const QString &command, const QString &requestId, const QString &children);
+
+private:
+    QTcpSocket m_socket;
+    QByteArray m_input;
+};

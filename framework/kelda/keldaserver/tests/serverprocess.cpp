@@ -1,0 +1,97 @@
+#include "serverprocess.h"
+
+#include <QDeadlineTimer>
+#include <QRegularExpression>
+
+ServerProcess::ServerProcess(const QString &basePath)
+    : m_basePath(basePath)
+{
+    if (m_basePath.isEmpty()) {
+        m_temporaryDir = std::make_unique<QTemporaryDir>();
+        m_basePath = m_temporaryDir->path();
+    }
+    // Traces go where the test's own go.
+    m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+}
+
+ServerProcess::~ServerProcess()
+{
+    stop();
+}
+
+QString ServerProcess::programPath()
+{
+    return QStringLiteral(KELDASERVER_PROGRAM);
+}
+
+bool ServerProcess::start(int timeoutMs)
+{
+    if (isRunning()) {
+        m_error = QStringLiteral("The server runs already");
+        return false;
+    }
+    m_port = 0;
+    m_error.clear();
+    QStringList arguments{QStringLiteral("--listen"), QStringLiteral("127.0.0.1:0"), QStringLiteral("--base-path"),
+                          m_basePath};
+    arguments += m_extraArguments;
+    m_process.start(programPath(), arguments);
+    if (!m_process.waitForStarted(timeoutMs)) {
+        m_error = QStringLiteral("Cannot start %1: %2").arg(programPath(), m_process.errorString());
+        return false;
+    }
+    static const QRegularExpression readyLine(QStringLiteral("^keldaserver listening on (.+):(\\d+)$"));
+    QDeadlineTimer deadline(timeoutMs);
+    while (!deadline.hasExpired()) {
+        while (m_process.canReadLine()) {
+            const QString line = QString::fromLocal8Bit(m_process.readLine()).trimmed();
+            const QRegularExpressionMatch match = readyLine.match(line);
+            if (match.hasMatch()) {
+                m_port = quint16(match.captured(2).toUInt());
+                return true;
+            }
+        }
+        if (m_process.state() != QProcess::Running) {
+            m_error = QStringLiteral("The server ended before it was ready (exit code %1)").arg(m_process.exitCode());
+            return false;
+        }
+        m_process.waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime())));
+    }
+    m_error = QStringLiteral("No ready line within %1 ms").arg(timeoutMs);
+    kill();
+    return false;
+}
+
+void ServerProcess::stop(int timeoutMs)
+{
+    if (m_process.state() == QProcess::NotRunning)
+        return;
+    m_process.terminate();
+    if (!m_process.waitForFinished(timeoutMs)) {
+        m_error = QStringLiteral("The server did not stop within %1 ms; killed").arg(timeoutMs);
+        kill();
+    }
+}
+
+void ServerProcess::kill()
+{
+    if (m_process.state() == QProcess::NotRunning)
+        return;
+    m_process.kill();
+    m_process.waitForFinished(15000);
+}
+
+bool ServerProcess::isRunning() const
+{
+    return m_process.state() == QProcess::Running;
+}
+
+int ServerProcess::exitCode() const
+{
+    return m_process.exitCode();
+}
+
+QProcess::ExitStatus ServerProcess::exitStatus() const
+{
+    return m_process.exitStatus();
+}

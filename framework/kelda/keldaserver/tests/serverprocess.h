@@ -1,0 +1,52 @@
+#pragma once
+
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <memory>
+
+// Runs the real keldaserver program as a separate process for tests, the
+// way users run it: on 127.0.0.1 with a free port, below a fresh temporary
+// base path unless one is given (give the same one again to restart on the
+// same data). Every wait is bounded.
+class ServerProcess
+{
+public:
+    // An empty basePath means a fresh temporary folder, removed with this
+    // object.
+    explicit ServerProcess(const QString &basePath = QString());
+    ~ServerProcess();
+    ServerProcess(const ServerProcess &) = delete;
+    ServerProcess &operator=(const ServerProcess &) = delete;
+
+    // Further command-line options, e.g. {"--max-frame", "1024"}.
+    void setExtraArguments(const QStringList &arguments) { m_extraArguments = arguments; }
+
+    // Starts the program and waits for its ready line; false with
+    // errorString() when it did not come within timeoutMs.
+    bool start(int timeoutMs = 15000);
+    // SIGTERM, then waits for the exit; SIGKILL when it takes longer.
+    void stop(int timeoutMs = 15000);
+    // SIGKILL at once, as a crash would end it.
+    void kill();
+
+    bool isRunning() const;
+    quint16 port() const { return m_port; }
+    QString basePath() const { return m_basePath; }
+    QString errorString() const { return m_error; }
+    // Exit code of the last run; valid after stop() returned.
+    int exitCode() const;
+    QProcess::ExitStatus exitStatus() const;
+
+    static QString programPath();
+
+private:
+    std::unique_ptr<QTemporaryDir> m_temporaryDir;
+    QString m_basePath;
+    QStringList m_extraArguments;
+    QProcess m_process;
+    quint16 m_port = 0;
+    QString m_error;
+};

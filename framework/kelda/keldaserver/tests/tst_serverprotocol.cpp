@@ -1,0 +1,306 @@
+#include "databaseworker.h"
+#include "filequery.h"
+#include "keldaxml.h"
+#include "replyparser.h"
+#include "replywriter.h"
+#include "request.h"
+#include "requestmessages.h"
+#include "serveroptions.h"
+
+#include <QFile>
+#include <QMutex>
+#include <QTemporaryDir>
+#include <QtTest>
+
+using namespace Kelda;
+
+Q_DECLARE_METATYPE(ServerOptions::Action)
+
+// The server's request reader against the client's request writers, the
+// server's replies against the client's reply readers, and the database
+// thread's transactions, all without sockets.
+class TestServerProtocol : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void readsWhatTheClientWrites_data();
+    void readsWhatTheClientWrites();
+    void refusesMalformedRequests_data();
+    void refusesMalformedRequests();
+    void statusReplyReadByTheClient();
+    void listAndNoticeReadByTheClient();
+    void failedRequestRollsBackOnlyItself();
+    void options_data();
+    void options();
+};
+
+void TestServerProtocol::readsWhatTheClientWrites_data()
+{
+    QTest::addColumn<QByteArray>("document");
+    QTest::addColumn<QString>("requestId");
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<QStringList>("values");
+
+    AddFileMessage addFile;
+    addFile.SetGuid(QStringLiteral("g"));
+    addFile.SetFileName(QStringLiteral("a&b<c>.bin"));
+    addFile.SetFileId(-1);
+    QTest::newRow("escaped file name") << addFile.ToXml() << addFile.GetRequestId() << QStringLiteral("AddFile")
+                                       << QStringLiteral("FileName") << QStringList{QStringLiteral("a&b<c>.bin")};
+    QTest::newRow("negative id") << addFile.ToXml() << addFile.GetRequestId() << QStringLiteral("AddFile")
+                                 << QStringLiteral("FileId") << QStringList{QStringLiteral("-1")};
+
+    CloseFileMessage close;
+    close.SetGuid(QStringLiteral("g"));
+    close.SetUserName(QStringLiteral("10.0.0.1|app|user"));
+    QTest::newRow("lock identity") << close.ToXml() << close.GetRequestId() << QStringLiteral("CloseFile")
+                                   << QStringLiteral("UserName") << QStringList{QStringLiteral("10.0.0.1|app|user")};
+
+    RegisterConverterMessage converter;
+    converter.SetConverterId(QStringLiteral("c"));
+    converter.SetFileTypes({FT_AudioRecording, FT_IfRecording, FT_Image});
+    QTest::newRow("repeated children") << converter.ToXml() << converter.GetRequestId()
+                                       << QStringLiteral("RegisterConverter") << QStringLiteral("FileType")
+                                       << QStringList{QStringLiteral("10"), QStringLiteral("9"), QStringLiteral("11")};
+
+    ExportArchiveMessage exportArchive;
+    exportArchive.SetPath(QStringLiteral("/x"));
+    exportArchive.SetGuids({QStringLiteral("g1"), QStringLiteral("g2")});
+    QTest::newRow("repeated GUIDs") << exportArchive.ToXml() << exportArchive.GetRequestId()
+                                    << QStringLiteral("ExportArchive") << QStringLiteral("Guid")
+                                    << QStringList{QStringLiteral("g1"), QStringLiteral("g2")};
+
+    FileQuery query;
+    query.SetCreationTimeMin(QDateTime(QDate(2024, 1, 2), QTime(3, 4, 5, 678), Qt::UTC));
+    query.AddFileType(FT_ScanRecording);
+    query.AddFileType(FT_Image);
+    QueryFileGroupsMessage queryMessage;
+    queryMessage.SetQuery(query);
+    const QByteArray queryDocument = queryMessage.ToXml();
+    QTest::newRow("time bound") << queryDocument << queryMessage.GetRequestId() << QStringLiteral("QueryFileGroups")
+                                << QStringLiteral("CreationTime/Min")
+                                << QStringList{QStringLiteral("2024-01-02 03:04:05.678")};
+    QTest::newRow("open time bound") << queryDocument << queryMessage.GetRequestId()
+                                     << QStringLiteral("QueryFileGroups") << QStringLiteral("CreationTime/Max")
+                                     << QStringList{QString()};
+    QTest::newRow("type list") << queryDocument << queryMessage.GetRequestId() << QStringLiteral("QueryFileGroups")
+                               << QStringLiteral("FileTypeList/FileType")
+                               << QStringList{QStringLiteral("8"), QStringLiteral("11")};
+    QTest::newRow("empty application") << queryDocument << queryMessage.GetRequestId()
+                                       << QStringLiteral("QueryFileGroups") << QStringLiteral("Application")
+                                       << QStringList{QString()};
+
+    GetUserListMessage users;
+    QTest::newRow("no children") << users.ToXml() << users.GetRequestId() << QStringLiteral("GetUserList")
+                                 << QStringLiteral("User") << QStringList{};
+}
+
+void TestServerProtocol::readsWhatTheClientWrites()
+{
+    QFETCH(QByteArray, document);
+    QFETCH(QString, requestId);
+    QFETCH(QString, command);
+    QFETCH(QString, key);
+    QFETCH(QStringList, values);
+    const RequestReader::Result read = RequestReader::read(document);
+    QVERIFY2(read.ok, qPrintable(read.error));
+    QCOMPARE(read.request.requestId, requestId);
+    QCOMPARE(read.request.command, command);
+    QCOMPARE(read.request.texts(key), values);
+}
+
+void TestServerProtocol::refusesMalformedRequests_data()
+{
+    QTest::addColumn<QByteArray>("document");
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QString>("requestId");
+    const QByteArray head = "<s:Envelope xmlns:s=\"http://www.w3.org/2003/05/soap-envelope\"><s:Header>"
+                            "<s:RequestId>r1</s:RequestId></s:Header><s:Body>";
+    const QByteArray command = "<m:AddFile xmlns:m=\"" + QByteArray(Ns::Message.data()) + "\">";
+    const QByteArray tail = "</s:Body></s:Envelope>";
+
+    QTest::newRow("not XML") << QByteArray("hello") << QString() << QString();
+    QTest::newRow("empty") << QByteArray() << QString() << QString();
+    QTest::newRow("envelope in another namespace") << QByteArray("<s:Envelope xmlns:s=\"urn:x\"/>") << QString()
+                                                   << QString();
+    QTest::newRow("body without command") << head + tail << QString() << QStringLiteral("r1");
+    QTest::newRow("command in another namespace")
+        << head + "<m:AddFile xmlns:m=\"urn:x\"/>" + tail << QString() << QStringLiteral("r1");
+    QTest::newRow("child in another namespace")
+        << head + command + "<x:Guid xmlns:x=\"urn:x\">g</x:Guid></m:AddFile>" + tail << QStringLiteral("AddFile")
+        << QStringLiteral("r1");
+    QTest::newRow("nested too deep") << head + command + "<m:a><m:b><m:c/></m:b></m:a></m:AddFile>" + tail
+                                     << QStringLiteral("AddFile") << QStringLiteral("r1");
+    QTest::newRow("cut off") << head + command + "<m:Guid>g" << QStringLiteral("AddFile") << QStringLiteral("r1");
+    QTest::newRow("second command") << head + command + "</m:AddFile>" + command + "</m:AddFile>" + tail
+                                    << QStringLiteral("AddFile") << QStringLiteral("r1");
+    QTest::newRow("content after the envelope") << head + command + "</m:AddFile>" + tail + "<x/>"
+                                                << QStringLiteral("AddFile") << QStringLiteral("r1");
+}
+
+void TestServerProtocol::refusesMalformedRequests()
+{
+    QFETCH(QByteArray, document);
+    QFETCH(QString, command);
+    QFETCH(QString, requestId);
+    const RequestReader::Result read = RequestReader::read(document);
+    QVERIFY(!read.ok);
+    QVERIFY(!read.error.isEmpty());
+    QCOMPARE(read.request.command, command);
+    QCOMPARE(read.request.requestId, requestId);
+}
+
+void TestServerProtocol::statusReplyReadByTheClient()
+{
+    const ParsedReply parsed = ParseReplyMessage(
+        ReplyWriter::status(QStringLiteral("AddReference"), QStringLiteral("r9"), KE_FileGroupWriteLocked,
+                            QStringLiteral("held by a<b")));
+    QVERIFY2(parsed.IsValid(), qPrintable(parsed.error));
+    QCOMPARE(parsed.Kind(), ReplyKind::AddReference);
+    const auto *status = std::get_if<StatusResult>(&parsed.result);
+    QVERIFY(status);
+    QCOMPARE(status->requestId, QStringLiteral("r9"));
+    QCOMPARE(status->error, int(KE_FileGroupWriteLocked));
+    QCOMPARE(status->errorString, QStringLiteral("held by a<b(File group is write locked)"));
+}
+
+void TestServerProtocol::listAndNoticeReadByTheClient()
+{
+    ReplyWriter files(ReplyWriter::replyElement(Tag::GetFileList), QStringLiteral("r1"));
+    files.writeStartElement(Tag::Files);
+    for (const auto &file : {std::pair<int, QString>{1, QStringLiteral("a")}, {7, QStringLiteral("b & c")}}) {
+        files.writeStartElement(Tag::File);
+        files.writeNumber(Tag::FileId, file.first);
+        files.writeText(Tag::FileName, file.second);
+        files.writeEndElement();
+    }
+    files.writeEndElement();
+    files.writeStatus(KE_NoError, QString());
+    const ParsedReply list = ParseReplyMessage(files.finish());
+    QVERIFY2(list.IsValid(), qPrintable(list.error));
+    QCOMPARE(std::get<ListResult>(list.result).list,
+             (QStringList{QStringLiteral("1"), QStringLiteral("a"), QStringLiteral("7"), QStringLiteral("b & c")}));
+
+    ReplyWriter notice(Tag::ConvertFileGroup, QStringLiteral("n1"));
+    notice.writeText(Tag::Guid, QStringLiteral("g"));
+    notice.writeNumber(Tag::FileType, FT_AudioRecording);
+    notice.writeText(Tag::Path, QStringLiteral("/base/g/"));
+    const ParsedReply convert = ParseReplyMessage(notice.finish());
+    QVERIFY2(convert.IsValid(), qPrintable(convert.error));
+    const auto &request = std::get<ConvertRequestResult>(convert.result);
+    QCOMPARE(request.guid, QStringLiteral("g"));
+    QCOMPARE(request.fileType, FT_AudioRecording);
+    QCOMPARE(request.path, QStringLiteral("/base/g/"));
+}
+
+void TestServerProtocol::failedRequestRollsBackOnlyItself()
+{
+    QTemporaryDir base;
+    const QString guid = QStringLiteral("0f8fad5b-d9cb-469f-a165-70867728950e");
+    const QString directory = base.filePath(QStringLiteral("groups/") + guid);
+    QVERIFY(QDir().mkpath(directory));
+    QFile file(directory + QStringLiteral("/f.bin"));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.close();
+
+    QMutex mutex;
+    std::vector<DatabaseAnswer> answers;
+    const QString database = base.filePath(QStringLiteral("db.sqlite"));
+    const StorageLayout layout(base.path(), base.filePath(QStringLiteral("nas")));
+    DatabaseWorker worker(DatabaseWorker::Role::Writer, database, layout, [&](std::shared_ptr<std::vector<DatabaseAnswer>> batch) {
+        QMutexLocker lock(&mutex);
+        answers.insert(answers.end(), batch->begin(), batch->end());
+    });
+    QVERIFY2(worker.open(), qPrintable(worker.errorString()));
+    const auto post = [&worker](const QString &command, QHash<QString, QStringList> fields) {
+        DatabaseJob job;
+        job.request.command = command;
+        job.request.requestId = command;
+        job.request.fields = std::move(fields);
+        worker.post(std::move(job));
+    };
+    const QHash<QString, QStringList> create{{QStringLiteral("Guid"), {guid}},
+                                             {QStringLiteral("FileType"), {QStringLiteral("1")}},
+                                             {QStringLiteral("Path"), {directory}}};
+    post(QStringLiteral("CreateFileGroup"), create);
+    post(QStringLiteral("CreateFileGroup"), create);
+    post(QStringLiteral("AddFile"), {{QStringLiteral("Guid"), {guid}}, {QStringLiteral("FileName"), {QStringLiteral("f.bin")}}});
+    post(QStringLiteral("AddFile"), {{QStringLiteral("Guid"), {guid}}, {QStringLiteral("FileName"), {QStringLiteral("f.bin")}}});
+    worker.finish();
+    QVERIFY(worker.wait(15000));
+
+    QCOMPARE(int(answers.size()), 4);
+    QVERIFY(answers[0].reply.contains("<m:Error>0</m:Error>"));
+    QVERIFY(answers[1].reply.contains("<m:Error>36</m:Error>"));
+    QVERIFY(answers[2].reply.contains("<m:FileId>1</m:FileId>"));
+    QVERIFY(answers[3].reply.contains("<m:Error>26</m:Error>"));
+    QCOMPARE(int(answers[0].newGroups.size()), 1);
+    QCOMPARE(int(answers[1].newGroups.size()), 0);
+
+    ArchiveStore store;
+    QVERIFY(store.open(database));
+    QVERIFY(store.group(guid).has_value());
+    QCOMPARE(store.files(guid), (FileGroupData::FileList{{QStringLiteral("f.bin"), 1}}));
+}
+
+void TestServerProtocol::options_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<ServerOptions::Action>("action");
+    QTest::addColumn<QString>("listen");
+    QTest::addColumn<quint32>("maxFrame");
+    QTest::addColumn<quint32>("traceMask");
+    const auto run = ServerOptions::Action::Run;
+    const auto fail = ServerOptions::Action::Fail;
+    const quint32 frame = ServerOptions::DefaultMaxFrame;
+    QTest::newRow("defaults") << QStringList{} << run << QStringLiteral("127.0.0.1:5223") << frame << 0u;
+    QTest::newRow("any free port") << QStringList{QStringLiteral("--listen"), QStringLiteral("127.0.0.1:0")} << run
+                                   << QStringLiteral("127.0.0.1:0") << frame << 0u;
+    QTest::newRow("v6") << QStringList{QStringLiteral("--listen"), QStringLiteral("[::1]:99")} << run
+                        << QStringLiteral("::1:99") << frame << 0u;
+    QTest::newRow("hex mask and frame") << QStringList{QStringLiteral("--trace-mask"), QStringLiteral("0x60"),
+                                                       QStringLiteral("--max-frame"), QStringLiteral("4096")}
+                                        << run << QStringLiteral("127.0.0.1:5223") << 4096u << 0x60u;
+    QTest::newRow("port too big") << QStringList{QStringLiteral("--listen"), QStringLiteral("127.0.0.1:65536")}
+                                  << fail << QString() << frame << 0u;
+    QTest::newRow("host name") << QStringList{QStringLiteral("--listen"), QStringLiteral("example.org:1")} << fail
+                               << QString() << frame << 0u;
+    QTest::newRow("zero frame") << QStringList{QStringLiteral("--max-frame"), QStringLiteral("0")} << fail
+                                << QString() << frame << 0u;
+    QTest::newRow("bad mask") << QStringList{QStringLiteral("--trace-mask"), QStringLiteral("lots")} << fail
+                              << QString() << frame << 0u;
+    QTest::newRow("unknown option") << QStringList{QStringLiteral("--fast")} << fail << QString() << frame << 0u;
+    QTest::newRow("stray argument") << QStringList{QStringLiteral("now")} << fail << QString() << frame << 0u;
+    QTest::newRow("help wins") << QStringList{QStringLiteral("--help"), QStringLiteral("--max-frame"),
+                                              QStringLiteral("0")}
+                               << ServerOptions::Action::ShowHelp << QString() << frame << 0u;
+    QTest::newRow("help") << QStringList{QStringLiteral("-h")} << ServerOptions::Action::ShowHelp << QString()
+                          << frame << 0u;
+}
+
+void TestServerProtocol::options()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(ServerOptions::Action, action);
+    QFETCH(QString, listen);
+    QFETCH(quint32, maxFrame);
+    QFETCH(quint32, traceMask);
+    arguments.prepend(QStringLiteral("keldaserver"));
+    const ServerOptions options = ServerOptions::parse(arguments);
+    QCOMPARE(options.action, action);
+    if (action == ServerOptions::Action::Fail) {
+        QVERIFY(!options.error.isEmpty());
+        return;
+    }
+    if (action != ServerOptions::Action::Run)
+        return;
+    QCOMPARE(QStringLiteral("%1:%2").arg(options.host.toString()).arg(options.port), listen);
+    QCOMPARE(options.maxFrame, maxFrame);
+    QCOMPARE(options.traceMask, traceMask);
+    QVERIFY(options.databaseFile.startsWith(options.basePath));
+}
+
+QTEST_GUILESS_MAIN(TestServerProtocol)
+#include "tst_serverprotocol.moc"
