@@ -1,0 +1,171 @@
+#include "clisession.h"
+
+#include "keldaclient.h"
+
+#include "cfgcenter.h"
+#include "icfg.h"
+
+#include <QTimer>
+
+#include <cstdio>
+
+#include <pwd.h>
+#include <unistd.h>
+
+using namespace Kelda;
+
+namespace KeldaCli {
+
+namespace {
+
+// The client's configuration group and keys, read here only for the
+// defaults shown by --help.
+const QString kGroup = QStringLiteral("KELDA");
+const QString kServerHostKey = QStringLiteral("ServerHost");
+const QString kXmlPortKey = QStringLiteral("XmlPort");
+const QString kDefaultHost = QStringLiteral("localhost");
+constexpr int kDefaultPort = 5223;
+
+QString loginName()
+{
+    QString user = qEnvironmentVariable("USER");
+    if (user.isEmpty())
+        user = qEnvironmentVariable("USERNAME");
+    if (user.isEmpty()) {
+        if (const passwd *entry = getpwuid(getuid()))
+            user = QString::fromLocal8Bit(entry->pw_name);
+    }
+    return user;
+}
+
+} // namespace
+
+ConnectionSettings defaultConnectionSettings()
+{
+    ConnectionSettings settings;
+    settings.host = kDefaultHost;
+    settings.port = kDefaultPort;
+    const std::unique_ptr<ICfg> cfg(CfgCenter::CreateCfg(kGroup, CfgCenter::ViewUser, QString()));
+    if (cfg) {
+        settings.host = cfg->GetString(kServerHostKey, kDefaultHost);
+        const int port = cfg->GetInt(kXmlPortKey, kDefaultPort);
+        if (port > 0 && port <= 65535)
+            settings.port = quint16(port);
+    }
+    settings.application = CfgCenter::GetAppName();
+    settings.user = loginName();
+    return settings;
+}
+
+Session::Session(const QString &command, const ConnectionSettings &settings)
+    : m_command(command)
+    , m_settings(settings)
+    , m_out(stdout)
+{
+}
+
+Session::~Session()
+{
+    m_out.flush();
+}
+
+ExitCode Session::connect()
+{
+    m_client = std::make_unique<KeldaClient>(m_settings.host, m_settings.port, m_settings.application,
+                                             m_settings.user, m_settings.team);
+    if (m_client->IsConnected())
+        return ExitOk;
+    QEventLoop loop;
+    QTimer timer;
+    timer.setSingleShot(true);
+    QObject::connect(m_client.get(), &KeldaClient::connected, &loop, &QEventLoop::quit);
+    QObject::connect(&timer, &QTimer::timeout, &loop, &QEventLoop::quit);
+    timer.start(m_settings.connectTimeoutMs);
+    loop.exec();
+    if (m_client->IsConnected())
+        return ExitOk;
+    return fail(ExitUnreachable, QStringLiteral("cannot reach the archive server at %1:%2 within %3 ms "
+                                                "(is it running? see --host, --port, --connect-timeout)")
+                                     .arg(m_settings.host)
+                                     .arg(m_settings.port)
+                                     .arg(m_settings.connectTimeoutMs));
+}
+
+void Session::writeOut(const QByteArray &bytes)
+{
+    m_out.flush();
+    std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stdout);
+    std::fflush(stdout);
+}
+
+ExitCode Session::fail(ExitCode code, const QString &message)
+{
+    m_out.flush();
+    std::fprintf(stderr, "kelda: %s: %s\n", qPrintable(m_command), qPrintable(message));
+    return code;
+}
+
+ExitCode Session::serverError(int error, const QString &serverText)
+{
+    const QString text = KeldaErrorString::Get(KeldaError(error)).trimmed();
+    QString message = text;
+    // The client's own reply texts often repeat the code's text already.
+    if (!serverText.trimmed().isEmpty() && !serverText.contains(text))
+        message += QStringLiteral(": ") + serverText.trimmed();
+    return fail(ExitServerError, message + QStringLiteral(" (error %1)").arg(error));
+}
+
+ExitCode Session::blockingFailure()
+{
+    if (m_client->GetError() != KE_NoError)
+        return serverError(m_client->GetError());
+    if (!m_client->IsConnected())
+        return fail(ExitUnreachable, KeldaErrorString::Get(KE_NotConnected));
+    return fail(ExitTimeout, KeldaErrorString::Get(KE_ReplyTimeout));
+}
+
+ExitCode Session::waitResult(ExitCode code)
+{
+    if (code == ExitUnreachable)
+        return fail(code, KeldaErrorString::Get(KE_NotConnected));
+    if (code == ExitTimeout)
+        return fail(code, KeldaErrorString::Get(KE_ReplyTimeout));
+    return code;
+}
+
+ReplyWait::ReplyWait(KeldaClient &client)
+{
+    connect(&client, &KeldaClient::disconnected, this, [this] {
+        m_lost = true;
+        m_loop.quit();
+    });
+}
+
+void ReplyWait::finish()
+{
+    m_done = true;
+    m_loop.quit();
+}
+
+ExitCode ReplyWait::exec(int timeoutMs)
+{
+    if (!m_done && !m_lost) {
+        QTimer timer;
+        timer.setSingleShot(true);
+        connect(&timer, &QTimer::timeout, &m_loop, &QEventLoop::quit);
+        timer.start(timeoutMs);
+        m_loop.exec();
+    }
+    if (m_done)
+        return ExitOk;
+    return m_lost ? ExitUnreachable : ExitTimeout;
+}
+
+void pause(int ms)
+{
+    QEventLoop loop;
+    QTimer::singleShot(ms, &loop, &QEventLoop::quit);
+    loop.exec();
+}
+
+} // namespace KeldaCli
