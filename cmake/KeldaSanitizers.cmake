@@ -23,10 +23,14 @@ if(_kelda_sanitize_flags)
     add_compile_options(${_kelda_sanitize_flags} -fno-omit-frame-pointer)
     add_link_options(${_kelda_sanitize_flags})
 endif()
+# What a program linking our instrumented libraries needs on its link line
+# (the installed package's consumer test uses it).
+set(KELDA_SANITIZER_LINK_FLAGS "${_kelda_sanitize_flags}")
 
 if(KELDA_FUZZ)
     if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
         message(FATAL_ERROR "KELDA_FUZZ needs clang (libFuzzer); configure with CMAKE_CXX_COMPILER=clang++")
     endif()
     add_compile_options(-fsanitize=fuzzer-no-link)
+    list(APPEND KELDA_SANITIZER_LINK_FLAGS -fsanitize=fuzzer-no-link)
 endif()
