@@ -1,3 +1,5 @@
+#include "asynchandler.h"
+#include "commandsender.h"
 #include "e2ehelpers.h"
 #include "faultproxy.h"
 #include "keldaclient.h"
@@ -64,6 +66,7 @@ private slots:
     void connectionEndsDuringCall();
     void corruptCompressedReply_data();
     void corruptCompressedReply();
+    void silentServerEndsByTimeLimit();
     void serverRestarted();
     void tenThousandCalls();
 
@@ -225,6 +228,36 @@ void TestFaults::corruptCompressedReply()
     if (readable)
         QCOMPARE(answers.at(0).value(1).toStringList(), expectedFiles());
     QCOMPARE(m_proxy->connectionCount(), 2);
+}
+
+// The client's own calls wait 60 s; the same wait with a shorter limit
+// shows that a server that never answers ends the call at its limit.
+void TestFaults::silentServerEndsByTimeLimit()
+{
+    constexpr unsigned int LimitMs = 1500;
+    QThread thread;
+    auto *sender = new CommandSender(QStringLiteral("127.0.0.1"), m_proxy->port(), QStringLiteral("tests"),
+                                     QStringLiteral("silent"), QStringLiteral("team"));
+    sender->moveToThread(&thread);
+    thread.start();
+    QMetaObject::invokeMethod(sender, &CommandSender::start);
+    QTRY_VERIFY_WITH_TIMEOUT(sender->IsConnected(), Wait);
+
+    m_proxy->setFault(FaultProxy::Fault::HoldSilent);
+    bool answered = true;
+    QElapsedTimer timer;
+    {
+        AsyncHandler handler(sender, LimitMs);
+        timer.start();
+        answered = handler.Wait(sender->GetFileList(m_guid));
+    }
+    const qint64 elapsed = timer.elapsed();
+    thread.quit();
+    thread.wait();
+    delete sender;
+
+    QVERIFY(!answered);
+    QVERIFY2(elapsed >= LimitMs && elapsed < AtOnceMs, qPrintable(QStringLiteral("%1 ms").arg(elapsed)));
 }
 
 void TestFaults::serverRestarted()
