@@ -252,7 +252,7 @@ run_bench() {
     build_dir=${build_dir:-$here/build-release}
     build_type=${BUILD_TYPE:-Release}
     configure
-    local programs=(bench_protocol bench_replyparse bench_framing bench_roundtrip bench_client)
+    local programs=(bench_protocol bench_replyparse bench_framing bench_roundtrip)
     if [ -d "$here/framework/kelda/keldaserver" ]; then
         programs+=(bench_server)
     fi
