@@ -21,6 +21,10 @@
 #                    against a temporary server, check the copy, stop it
 #   ./run.sh serve   start a server that stays up (PORT, default 5223;
 #                    SERVE_DIR, default a temporary directory) for kelda
+#   ./run.sh browse [--screenshot DIR]
+#                    start a local server with sample groups and open
+#                    keldabrowser on it; with --screenshot, render each
+#                    dialog and the browser window into DIR as PNGs and exit
 #
 # Environment: BUILD_DIR (default ./build, or the folder named above),
 # BUILD_TYPE (default RelWithDebInfo), JOBS (default: number of cores),
@@ -235,6 +239,81 @@ EOT
     wait "$server_pid"
 }
 
+# ---- browse: the dialogs against a server with sample groups
+
+build_browser() {
+    build_programs
+    cmake --build "$build_dir" -j "$jobs" --target keldabrowser
+    browser_bin="$build_dir/framework/kelda/keldabrowser/keldabrowser"
+}
+
+# seed_samples DIR: stores a few file groups of several types; all but the
+# last move to central storage, since the quick mode lists central groups.
+seed_samples() {
+    local dir=$1 guid
+    local kelda=("$kelda_bin" --host 127.0.0.1 --port "$server_port" --user sampler --team blue)
+    mkdir -p "$dir"
+    printf 'Scan of band 3, 2026-11-23\n' >"$dir/scan-notes.txt"
+    head -c 65536 /dev/urandom >"$dir/scan.bin"
+    head -c 32768 /dev/urandom >"$dir/voice.wav"
+    printf 'P3\n1 1\n255\n0 128 255\n' >"$dir/site.ppm"
+    printf '<decoded><line>CQ CQ DE TEST</line></decoded>\n' >"$dir/decoded.xml"
+    printf 'Draft findings\n' >"$dir/draft.txt"
+
+    local -a samples=(
+        "Scan Recording|band-3 sweep|1.0|first pass|band 3|scan-notes.txt scan.bin"
+        "Audio Recording|voice log|2.1|operator call|channel 7|voice.wav"
+        "Image|site photo|1.0|north mast||site.ppm"
+        "Decoded Text (XML)|decoded burst|1.0|decoder run 12|burst 4|decoded.xml"
+        "Report Fragment|draft report|0.1|not yet central||draft.txt"
+    )
+    local count=${#samples[@]} i=0 sample type name version comment detail files
+    for sample in "${samples[@]}"; do
+        IFS='|' read -r type name version comment detail files <<<"$sample"
+        local paths=()
+        for f in $files; do paths+=("$dir/$f"); done
+        guid=$("${kelda[@]}" put --type "$type" --name "$name" --version "$version" \
+            --comment "$comment" --detail "$detail" "${paths[@]}" | head -n1 | cut -d/ -f4)
+        i=$((i + 1))
+        if [ "$i" -lt "$count" ]; then
+            "${kelda[@]}" move "$guid" >/dev/null
+        fi
+        echo "stored \"$name\" ($type) as $guid$([ "$i" -lt "$count" ] && echo ', central')"
+    done
+}
+
+run_browse() {
+    local screenshot=""
+    while [ $# -gt 0 ]; do
+        case "$1" in
+            --screenshot)
+                [ $# -ge 2 ] || { echo "error: --screenshot needs a folder" >&2; exit 64; }
+                screenshot=$2
+                shift 2
+                ;;
+            *)
+                echo "error: browse takes only --screenshot DIR, not '$1'" >&2
+                exit 64
+                ;;
+        esac
+    done
+    browse_dir=$(mktemp -d "${TMPDIR:-/tmp}/kelda-browse.XXXXXX")
+    trap 'stop_server; rm -rf "$browse_dir"' EXIT
+    trap 'exit 130' INT TERM
+    export KELDA_CONFIG_FILE="$browse_dir/kelda.ini"
+    start_server "$browse_dir/server" 127.0.0.1:0
+    echo "== keldaserver listening on 127.0.0.1:$server_port"
+    seed_samples "$browse_dir/samples"
+    local browser=("$browser_bin" --host 127.0.0.1 --port "$server_port")
+    if [ -n "$screenshot" ]; then
+        "${browser[@]}" --screenshot "$screenshot"
+        echo "== pictures in $screenshot"
+    else
+        echo "== keldabrowser (close its window to stop the server)"
+        "${browser[@]}"
+    fi
+}
+
 
 # ---- bench and fuzz
 
@@ -346,6 +425,11 @@ case "$command" in
         install_missing
         build_programs
         run_serve
+        ;;
+    browse)
+        install_missing
+        build_browser
+        run_browse "$@"
         ;;
     -h|--help|help)
         usage

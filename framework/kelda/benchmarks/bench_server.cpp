@@ -289,9 +289,12 @@ int main(int argc, char *argv[])
     const QCommandLineOption groupsOption(QStringLiteral("groups"),
                                           QStringLiteral("Groups in the archive for the query timing (default 100000)."),
                                           QStringLiteral("N"), QStringLiteral("100000"));
+    const QCommandLineOption traceOption(QStringLiteral("server-trace-mask"),
+                                         QStringLiteral("Trace mask of the server, e.g. 0x40 for its timings."),
+                                         QStringLiteral("MASK"));
     const QCommandLineOption quickOption(QStringLiteral("quick"),
                                          QStringLiteral("A short run: 20 sequences, 2000 groups."));
-    parser.addOptions({sequencesOption, groupsOption, quickOption});
+    parser.addOptions({sequencesOption, groupsOption, traceOption, quickOption});
     parser.process(app);
     const bool quick = parser.isSet(quickOption);
     bool sequencesOk = quick;
@@ -304,6 +307,8 @@ int main(int argc, char *argv[])
     }
 
     ServerProcess server;
+    if (parser.isSet(traceOption))
+        server.setExtraArguments({QStringLiteral("--trace-mask"), parser.value(traceOption)});
     if (!server.start()) {
         QTextStream(stderr) << "bench_server: " << server.errorString() << '\n';
         return 69;

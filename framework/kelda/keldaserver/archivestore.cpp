@@ -29,8 +29,10 @@ const QStringList kSchema{
                    " reference_counter INTEGER NOT NULL,"
                    " path TEXT NOT NULL,"
                    " tovin_id TEXT, record_id TEXT,"
-                   " copy_progress DOUBLE PRECISION NOT NULL)"),
-    QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_creation ON file_groups (creation_time)"),
+                   " copy_progress DOUBLE PRECISION NOT NULL,"
+                   " fixed_result_xml BYTEA NOT NULL)"),
+    // Also the order of every search result, so results need no sorting.
+    QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_creation ON file_groups (creation_time, guid)"),
     QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_modification ON file_groups (modification_time)"),
     QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_life_cycle ON file_groups (life_cycle)"),
     QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_backup ON file_groups (backup_time)"),
@@ -50,16 +52,15 @@ const QStringList kSchema{
     QStringLiteral("CREATE TABLE IF NOT EXISTS known_applications (name TEXT PRIMARY KEY)"),
 };
 
+// In GroupRow::Column order.
 const QString kGroupColumns = QStringLiteral(
     "g.guid, g.name, g.file_type, g.location_state, g.backup_time, g.creation_time, g.modification_time,"
     " g.life_cycle, g.comment, g.creator, g.detail, g.team, g.version, g.reserved_storage, g.reference_counter,"
     " g.path, g.tovin_id, g.record_id, g.copy_progress");
-
-enum GroupColumn {
-    ColGuid, ColName, ColFileType, ColLocation, ColBackup, ColCreation, ColModification, ColLifeCycle,
-    ColComment, ColCreator, ColDetail, ColTeam, ColVersion, ColReserved, ColReferences, ColPath,
-    ColTovinId, ColRecordId, ColProgress
-};
+// In SearchRow::Column order.
+const QString kSearchColumns = QStringLiteral(
+    "g.fixed_result_xml, g.location_state, g.backup_time, g.creation_time, g.modification_time, g.life_cycle,"
+    " g.reference_counter");
 
 QVariant timeValue(const QDateTime &time)
 {
@@ -70,11 +71,6 @@ QVariant timeValue(const QDateTime &time)
 QString text(const QString &value)
 {
     return value.isNull() ? QStringLiteral("") : value;
-}
-
-QDateTime localTime(const QVariant &value)
-{
-    return value.isNull() ? QDateTime() : QDateTime::fromMSecsSinceEpoch(value.toLongLong());
 }
 
 // LIKE pattern for a case-insensitive substring, with '!' as escape.
@@ -198,30 +194,33 @@ void ArchiveStore::rollbackToSavepoint()
     prepared(QStringLiteral("RELEASE SAVEPOINT request")).exec();
 }
 
-StoredGroup ArchiveStore::groupFromRow(const QSqlQuery &query) const
+StoredGroup ArchiveStore::groupFromRow(const GroupRow &row) const
 {
+    const auto time = [&row](GroupRow::Column column) {
+        return row.isNull(column) ? QDateTime() : QDateTime::fromMSecsSinceEpoch(row.number(column));
+    };
     StoredGroup group;
     FileGroupData &data = group.data;
-    data.setGuid(query.value(ColGuid).toString());
-    data.setFileGroupName(query.value(ColName).toString());
-    data.setFileType(static_cast<FileType>(query.value(ColFileType).toInt()));
-    data.setLocationState(static_cast<LocationState>(query.value(ColLocation).toInt()));
-    data.setBackupTime(localTime(query.value(ColBackup)));
-    data.setCreationTime(localTime(query.value(ColCreation)));
-    data.setModificationTime(localTime(query.value(ColModification)));
-    data.setLifeCycle(localTime(query.value(ColLifeCycle)));
-    data.setComment(query.value(ColComment).toString());
-    data.setCreator(query.value(ColCreator).toString());
-    data.setDetail(query.value(ColDetail).toString());
-    data.setTeamMembership(query.value(ColTeam).toString());
-    data.setVersion(query.value(ColVersion).toString());
-    data.setReservedStorage(qint32(qBound<qint64>(0, query.value(ColReserved).toLongLong(), INT_MAX)));
-    data.setReferenceCounter(query.value(ColReferences).toInt());
-    group.path = query.value(ColPath).toString();
+    data.setGuid(row.text(GroupRow::Guid));
+    data.setFileGroupName(row.text(GroupRow::Name));
+    data.setFileType(static_cast<FileType>(row.number(GroupRow::FileType)));
+    data.setLocationState(static_cast<LocationState>(row.number(GroupRow::Location)));
+    data.setBackupTime(time(GroupRow::Backup));
+    data.setCreationTime(time(GroupRow::Creation));
+    data.setModificationTime(time(GroupRow::Modification));
+    data.setLifeCycle(time(GroupRow::LifeCycle));
+    data.setComment(row.text(GroupRow::Comment));
+    data.setCreator(row.text(GroupRow::Creator));
+    data.setDetail(row.text(GroupRow::Detail));
+    data.setTeamMembership(row.text(GroupRow::Team));
+    data.setVersion(row.text(GroupRow::Version));
+    data.setReservedStorage(qint32(qBound<qint64>(0, row.number(GroupRow::Reserved), INT_MAX)));
+    data.setReferenceCounter(int(row.number(GroupRow::References)));
+    group.path = row.text(GroupRow::Path);
     data.setPath(group.path);
-    group.tovinId = query.value(ColTovinId).toString();
-    group.recordId = query.value(ColRecordId).toString();
-    group.copyProgress = query.value(ColProgress).toDouble();
+    group.tovinId = row.text(GroupRow::TovinId);
+    group.recordId = row.text(GroupRow::RecordId);
+    group.copyProgress = row.text(GroupRow::Progress).toDouble();
     return group;
 }
 
@@ -232,7 +231,7 @@ std::optional<StoredGroup> ArchiveStore::group(const QString &guid)
     exec(query, KE_ReadFileGroupFromDbFailed);
     std::optional<StoredGroup> result;
     if (query.next())
-        result = groupFromRow(query);
+        result = groupFromRow(GroupRow(query));
     query.finish();
     return result;
 }
@@ -244,7 +243,8 @@ void ArchiveStore::insertGroup(const StoredGroup &group)
         "INSERT INTO file_groups (guid, name, name_key, file_type, location_state, backup_time, creation_time,"
         " modification_time, life_cycle, comment, comment_key, creator, creator_key, detail, detail_key, team,"
         " team_key, version, version_key, reserved_storage, reference_counter, path, tovin_id, record_id,"
-        " copy_progress) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"));
+        " copy_progress, fixed_result_xml)"
+        " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"));
     int i = 0;
     query.bindValue(i++, text(data.getGuid()));
     query.bindValue(i++, text(data.getFileGroupName()));
@@ -266,6 +266,7 @@ void ArchiveStore::insertGroup(const StoredGroup &group)
     query.bindValue(i++, group.tovinId.isEmpty() ? QVariant(QVariant::String) : QVariant(group.tovinId));
     query.bindValue(i++, group.recordId.isEmpty() ? QVariant(QVariant::String) : QVariant(group.recordId));
     query.bindValue(i++, group.copyProgress);
+    query.bindValue(i++, group.fixedResultXml);
     exec(query, KE_InsertFileGroupInDbFailed);
 }
 
@@ -515,9 +516,9 @@ QStringList ArchiveStore::applications()
     return result;
 }
 
-void ArchiveStore::search(const GroupSearch &criteria, const std::function<void(const StoredGroup &)> &visit)
+void ArchiveStore::search(const GroupSearch &criteria, const std::function<void(const SearchRow &)> &visit)
 {
-    QString sql = QStringLiteral("SELECT ") + kGroupColumns + QStringLiteral(" FROM file_groups g WHERE 1 = 1");
+    QString sql = QStringLiteral("SELECT ") + kSearchColumns + QStringLiteral(" FROM file_groups g WHERE 1 = 1");
     QVariantList values;
     const auto contains = [&](const char *column, const QString &text) {
         if (text.isEmpty())
@@ -583,8 +584,9 @@ void ArchiveStore::search(const GroupSearch &criteria, const std::function<void(
     for (int i = 0; i < values.size(); ++i)
         query.bindValue(i, values.at(i));
     exec(query, KE_QueryFilesFailed);
+    const SearchRow row(query);
     while (query.next())
-        visit(groupFromRow(query));
+        visit(row);
 }
 
 } // namespace Kelda

@@ -27,12 +27,53 @@ struct StoredGroup
     QString tovinId;
     QString recordId;
     double copyProgress = 0; // percent of a running move to network storage
+    // The children of the group's query result element that never change,
+    // ready to send: a large result is copied together from these.
+    QByteArray fixedResultXml;
 };
 
 struct LockHolder
 {
     QString holder; // the lock identity "address|application|user"
     bool write = false;
+};
+
+// One row of a group, read column by column.
+class GroupRow
+{
+public:
+    enum Column {
+        Guid, Name, FileType, Location, Backup, Creation, Modification, LifeCycle, Comment, Creator, Detail, Team,
+        Version, Reserved, References, Path, TovinId, RecordId, Progress
+    };
+    explicit GroupRow(const QSqlQuery &query)
+        : m_query(query)
+    {
+    }
+    QString text(Column column) const { return m_query.value(column).toString(); }
+    qint64 number(Column column) const { return m_query.value(column).toLongLong(); }
+    bool isNull(Column column) const { return m_query.isNull(column); }
+
+private:
+    const QSqlQuery &m_query;
+};
+
+// One row of a search: the fixed part of the result element and the
+// columns that change over a group's life.
+class SearchRow
+{
+public:
+    enum Column { FixedXml, Location, Backup, Creation, Modification, LifeCycle, References };
+    explicit SearchRow(const QSqlQuery &query)
+        : m_query(query)
+    {
+    }
+    QByteArray bytes(Column column) const { return m_query.value(column).toByteArray(); }
+    qint64 number(Column column) const { return m_query.value(column).toLongLong(); }
+    bool isNull(Column column) const { return m_query.isNull(column); }
+
+private:
+    const QSqlQuery &m_query;
 };
 
 // Criteria of a group search, already parsed. Empty texts and zero states
@@ -106,7 +147,7 @@ public:
     QStringList applications();
 
     // Calls visit for every match, ordered by creation time and GUID.
-    void search(const GroupSearch &criteria, const std::function<void(const StoredGroup &)> &visit);
+    void search(const GroupSearch &criteria, const std::function<void(const SearchRow &)> &visit);
 
     // Lower-cased form kept beside every searchable text.
     static QString searchKey(const QString &text);
@@ -115,7 +156,7 @@ private:
     QSqlQuery &prepared(const QString &sql);
     void exec(QSqlQuery &query, KeldaError code);
     void execDirect(const QString &sql, KeldaError code);
-    StoredGroup groupFromRow(const QSqlQuery &query) const;
+    StoredGroup groupFromRow(const GroupRow &row) const;
     void refreshCounters(const QString &guid);
 
     QString m_connectionName;

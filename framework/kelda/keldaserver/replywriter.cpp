@@ -57,6 +57,52 @@ void ReplyWriter::writeStatus(int error, const QString &errorString)
         writeText(Tag::ErrorString, errorString);
 }
 
+void ReplyWriter::writeRaw(const QByteArray &bytes)
+{
+    // Empty text closes a pending start tag, so the bytes land inside it.
+    m_writer.writeCharacters(QString());
+    m_writer.device()->write(bytes);
+}
+
+void ReplyWriter::appendTextElement(QByteArray &out, const QByteArray &qualifiedName, const QString &value)
+{
+    out += '<';
+    out += qualifiedName;
+    out += '>';
+    const QByteArray utf8 = value.toUtf8();
+    const char *run = utf8.constData();
+    const char *const end = run + utf8.size();
+    for (const char *c = run; c != end; ++c) {
+        const char *entity = nullptr;
+        switch (*c) {
+        case '&': entity = "&amp;"; break;
+        case '<': entity = "&lt;"; break;
+        case '>': entity = "&gt;"; break;
+        case '"': entity = "&quot;"; break;
+        case '\r': entity = "&#13;"; break;
+        default: continue;
+        }
+        out.append(run, int(c - run));
+        out.append(entity);
+        run = c + 1;
+    }
+    out.append(run, int(end - run));
+    out += "</";
+    out += qualifiedName;
+    out += '>';
+}
+
+void ReplyWriter::appendPlainElement(QByteArray &out, const QByteArray &qualifiedName, const QByteArray &value)
+{
+    out += '<';
+    out += qualifiedName;
+    out += '>';
+    out += value;
+    out += "</";
+    out += qualifiedName;
+    out += '>';
+}
+
 QByteArray ReplyWriter::finish()
 {
     m_writer.writeEndDocument();

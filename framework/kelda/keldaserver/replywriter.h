@@ -32,6 +32,15 @@ public:
 
     QXmlStreamWriter &xml() { return m_writer; }
 
+    // Bytes of finished child elements, made by appendTextElement and the
+    // like, written as they are. For results too large for the writer's
+    // per-element cost.
+    void writeRaw(const QByteArray &bytes);
+    // Appends <qualifiedName>escaped value</qualifiedName> in UTF-8.
+    static void appendTextElement(QByteArray &out, const QByteArray &qualifiedName, const QString &value);
+    // The same for a value that needs no escaping: digits, times.
+    static void appendPlainElement(QByteArray &out, const QByteArray &qualifiedName, const QByteArray &value);
+
     // Closes the document and hands out its bytes.
     QByteArray finish();
 

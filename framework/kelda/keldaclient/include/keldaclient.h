@@ -14,6 +14,8 @@
 
 #include <atomic>
 
+class QWidget;
+
 namespace Kelda {
 
 class FileQuery;
@@ -128,6 +130,12 @@ public:
     QString CheckFileGroupExists(const QString &guid);
 
     bool IsValidURL(const KeldaUrl &url);
+
+    // Lets the user pick an archived file in the quick file select dialog.
+    // fileId is the dialog's stored id, the listed id plus 1.
+    bool GetSelectedFile(QWidget *parent, const QString &title, QString &guid, unsigned int &fileId);
+    // Sets url also after a cancel, then to an empty GUID and file id 0.
+    bool GetSelectedFile(QWidget *parent, const QString &title, KeldaUrl &url);
 
 signals:
     void connected();

@@ -70,7 +70,10 @@ void TestServerLifecycle::blockingLifecycle()
     const QString path = client.RequestFile(2, guid, LOCK_Write);
     QCOMPARE(readFile(path), QByteArray("second"));
     QVERIFY(writeFile(path, "rewritten"));
+    // CloseFile only sends: the write lock is gone once its reply is in.
+    QSignalSpy aliceClosed(&client, &KeldaClient::CloseFileSg);
     client.CloseFile(2, guid);
+    QVERIFY(aliceClosed.wait(Wait));
     QCOMPARE(readFile(m_bob->RequestFile(2, guid, LOCK_Read)), QByteArray("rewritten"));
     QSignalSpy closed(m_bob.get(), &KeldaClient::CloseFileSg);
     m_bob->CloseFile(2, guid);

@@ -1,6 +1,7 @@
 #include "databaseworker.h"
 #include "filequery.h"
 #include "keldaxml.h"
+#include "localtimetext.h"
 #include "replyparser.h"
 #include "replywriter.h"
 #include "request.h"
@@ -11,6 +12,8 @@
 #include <QMutex>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <ctime>
 
 using namespace Kelda;
 
@@ -31,6 +34,8 @@ private slots:
     void statusReplyReadByTheClient();
     void listAndNoticeReadByTheClient();
     void failedRequestRollsBackOnlyItself();
+    void localTimeTextMatchesQDateTime_data();
+    void localTimeTextMatchesQDateTime();
     void options_data();
     void options();
 };
@@ -243,6 +248,36 @@ void TestServerProtocol::failedRequestRollsBackOnlyItself()
     QVERIFY(store.open(database));
     QVERIFY(store.group(guid).has_value());
     QCOMPARE(store.files(guid), (FileGroupData::FileList{{QStringLiteral("f.bin"), 1}}));
+}
+
+void TestServerProtocol::localTimeTextMatchesQDateTime_data()
+{
+    QTest::addColumn<QByteArray>("zone");
+    QTest::addColumn<QDateTime>("utc");
+    const auto utc = [](int y, int mo, int d, int h, int mi, int s, int ms) {
+        return QDateTime(QDate(y, mo, d), QTime(h, mi, s, ms), Qt::UTC);
+    };
+    QTest::newRow("UTC") << QByteArray("UTC") << utc(2024, 2, 29, 23, 59, 59, 999);
+    QTest::newRow("Berlin, before spring forward") << QByteArray("Europe/Berlin") << utc(2024, 3, 31, 0, 59, 59, 0);
+    QTest::newRow("Berlin, after spring forward") << QByteArray("Europe/Berlin") << utc(2024, 3, 31, 1, 0, 0, 0);
+    QTest::newRow("Berlin, second pass of the hour") << QByteArray("Europe/Berlin") << utc(2024, 10, 27, 1, 30, 0, 0);
+    QTest::newRow("half-hour zone") << QByteArray("Australia/Lord_Howe") << utc(2024, 4, 6, 14, 45, 0, 0);
+    QTest::newRow("before 1970") << QByteArray("America/New_York") << utc(1969, 7, 20, 20, 17, 40, 500);
+}
+
+void TestServerProtocol::localTimeTextMatchesQDateTime()
+{
+    QFETCH(QByteArray, zone);
+    QFETCH(QDateTime, utc);
+    const QByteArray previous = qgetenv("TZ");
+    qputenv("TZ", zone);
+    tzset();
+    const QString expected = QDateTime::fromMSecsSinceEpoch(utc.toMSecsSinceEpoch())
+                                 .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"));
+    const QString actual = QString::fromLatin1(localTimeText(utc.toMSecsSinceEpoch()));
+    qputenv("TZ", previous);
+    tzset();
+    QCOMPARE(actual, expected);
 }
 
 void TestServerProtocol::options_data()

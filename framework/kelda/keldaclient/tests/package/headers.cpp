@@ -7,3 +7,8 @@
 #include <filetype.h>
 #include <keldaxml.h>
 #include <keldaclientglobal.h>
+#include <clienttreemodel.h>
+#include <fileselectdialog.h>
+#include <querydialog.h>
+#include <keldasaveasdlg.h>
+#include <keldafile.h>
