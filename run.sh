@@ -122,6 +122,7 @@ export_sanitizer_options() {
     export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
     export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_stack_use_after_return=1:strict_init_order=1}
     export TSAN_OPTIONS=${TSAN_OPTIONS:-suppressions=$here/tsan.supp:second_deadlock_stack=1}
+    export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$here/lsan.supp:print_suppressions=0}
 }
 
 run_tests() {
