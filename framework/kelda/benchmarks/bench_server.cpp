@@ -21,6 +21,8 @@
 #include <algorithm>
 #include <atomic>
 #include <thread>
+
+#include <unistd.h>
 #include <vector>
 
 using namespace Kelda;
@@ -99,7 +101,24 @@ struct Run
     std::atomic<int> requests{0};
     QString basePath;
     quint16 port = 0;
+    qint64 serverPid = 0;
 };
+
+// Processor time the server process has used so far, in seconds: a figure
+// that other load on the machine changes far less than the rates.
+double serverCpuSeconds(qint64 pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return 0;
+    const QByteArray text = stat.readAll();
+    // The fields after the parenthesised program name; utime and stime are
+    // the 14th and 15th of the line.
+    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
+    if (fields.size() < 13)
+        return 0;
+    return (fields.at(11).toLongLong() + fields.at(12).toLongLong()) / double(sysconf(_SC_CLK_TCK));
+}
 
 bool succeeded(const QByteArray &reply)
 {
@@ -135,13 +154,16 @@ QList<QByteArray> requests(const Run &run, const Sequence &s, bool withQuery)
                 QStringLiteral("<m:Guid>%1</m:Guid><m:FileGroupName>%2</m:FileGroupName><m:FileType>1</m:FileType>"
                                "<m:UserName>bench</m:UserName><m:Path>%3/bench/%1</m:Path>")
                     .arg(s.guid, s.name, run.basePath)),
-        request(Tag::AddFile, QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>data.bin</m:FileName><m:FileId>1</m:FileId>")
-                                  .arg(s.guid)),
-        request(Tag::RequestFile, QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>1</m:FileId><m:WriteLock>true</m:WriteLock>"
-                                                 "<m:UserName>%2</m:UserName>")
-                                      .arg(s.guid, s.identity)),
-        request(Tag::CloseFile, QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>-1</m:FileId><m:UserName>%2</m:UserName>")
-                                    .arg(s.guid, s.identity))};
+        request(
+            Tag::AddFile,
+            QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>data.bin</m:FileName><m:FileId>1</m:FileId>").arg(s.guid)),
+        request(Tag::RequestFile,
+                QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>1</m:FileId><m:WriteLock>true</m:WriteLock>"
+                               "<m:UserName>%2</m:UserName>")
+                    .arg(s.guid, s.identity)),
+        request(Tag::CloseFile,
+                QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>-1</m:FileId><m:UserName>%2</m:UserName>")
+                    .arg(s.guid, s.identity))};
     if (withQuery)
         list.append(request(Tag::QueryFileGroups,
                             QStringLiteral("<m:FileGroupNameSearchText>%1</m:FileGroupNameSearchText>").arg(s.name)));
@@ -186,6 +208,7 @@ void measure(Run &run, int clients, int sequences, int window, bool withQuery)
 {
     run.failures = 0;
     run.requests = 0;
+    const double cpuBefore = serverCpuSeconds(run.serverPid);
     QElapsedTimer timer;
     timer.start();
     std::vector<std::thread> threads;
@@ -194,13 +217,15 @@ void measure(Run &run, int clients, int sequences, int window, bool withQuery)
     for (std::thread &thread : threads)
         thread.join();
     const double seconds = timer.nsecsElapsed() / 1e9;
+    const double cpu = serverCpuSeconds(run.serverPid) - cpuBefore;
     const int total = clients * sequences;
-    out() << QStringLiteral("  %1 clients, %2: %3 sequences/s, %4 requests/s, %5 failed\n")
+    out() << QStringLiteral("  %1 clients, %2: %3 sequences/s, %4 requests/s, server CPU %5 us/request, %6 failed\n")
                  .arg(clients, 2)
                  .arg(window == 0 ? QStringLiteral("one request at a time")
                                   : QStringLiteral("%1 sequences ahead").arg(window))
-                 .arg(total / seconds, 8, 'f', 0)
-                 .arg(run.requests / seconds, 8, 'f', 0)
+                 .arg(total / seconds, 6, 'f', 0)
+                 .arg(run.requests / seconds, 6, 'f', 0)
+                 .arg(run.requests ? cpu * 1e6 / run.requests : 0.0, 4, 'f', 0)
                  .arg(run.failures.load());
     out().flush();
 }
@@ -286,9 +311,9 @@ int main(int argc, char *argv[])
     const QCommandLineOption sequencesOption(QStringLiteral("sequences"),
                                              QStringLiteral("Sequences per client and run (default 200)."),
                                              QStringLiteral("N"), QStringLiteral("200"));
-    const QCommandLineOption groupsOption(QStringLiteral("groups"),
-                                          QStringLiteral("Groups in the archive for the query timing (default 100000)."),
-                                          QStringLiteral("N"), QStringLiteral("100000"));
+    const QCommandLineOption groupsOption(
+        QStringLiteral("groups"), QStringLiteral("Groups in the archive for the query timing (default 100000)."),
+        QStringLiteral("N"), QStringLiteral("100000"));
     const QCommandLineOption traceOption(QStringLiteral("server-trace-mask"),
                                          QStringLiteral("Trace mask of the server, e.g. 0x40 for its timings."),
                                          QStringLiteral("MASK"));
@@ -316,6 +341,7 @@ int main(int argc, char *argv[])
     Run run;
     run.port = server.port();
     run.basePath = server.basePath();
+    run.serverPid = server.processId();
 
     out() << "Create, add, request and close (4 requests), every change committed before its answer:\n";
     for (int clients : {1, 8, 32})

@@ -21,8 +21,6 @@ namespace {
 
 const char kSource[] = "framework/kelda/keldaserver/archiveengine";
 
-const QString kRequestTimeFormat = QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz");
-const QString kRequestTimeFormatShort = QStringLiteral("yyyy-MM-dd hh:mm:ss");
 const QLatin1String kDescriptionSuffix(".fgdesc");
 
 [[noreturn]] void refuse(KeldaError code, const QString &text)
@@ -30,20 +28,25 @@ const QLatin1String kDescriptionSuffix(".fgdesc");
     throw RequestFailure{code, text};
 }
 
-// Request times travel as UTC without a zone suffix.
+// Request times travel as UTC "yyyy-MM-dd hh:mm:ss.zzz" (milliseconds
+// optional). Date and clock are read apart: read as one they would be taken
+// for a local time first, and an hour that the local zone skips would not
+// read at all.
 std::optional<QDateTime> requestTime(const QString &text)
 {
     const QString trimmed = text.trimmed();
     if (trimmed.isEmpty())
         return QDateTime();
-    for (const QString &format : {kRequestTimeFormat, kRequestTimeFormatShort}) {
-        QDateTime time = QDateTime::fromString(trimmed, format);
-        if (time.isValid()) {
-            time.setTimeSpec(Qt::UTC);
-            return time;
-        }
-    }
-    return std::nullopt;
+    if (trimmed.size() < 19 || trimmed.at(10) != QLatin1Char(' '))
+        return std::nullopt;
+    const QDate date = QDate::fromString(trimmed.left(10), QStringLiteral("yyyy-MM-dd"));
+    const QString clock = trimmed.mid(11);
+    QTime time = QTime::fromString(clock, QStringLiteral("hh:mm:ss.zzz"));
+    if (!time.isValid())
+        time = QTime::fromString(clock, QStringLiteral("hh:mm:ss"));
+    if (!date.isValid() || !time.isValid())
+        return std::nullopt;
+    return QDateTime(date, time, Qt::UTC);
 }
 
 QString lockedText(const QString &guid, const LockHolder &holder)
@@ -130,7 +133,8 @@ void appendGroupRow(QByteArray &out, const SearchRow &row)
         if (!row.isNull(time.first))
             ReplyWriter::appendPlainElement(out, time.second, localTimeText(row.number(time.first)));
     }
-    ReplyWriter::appendPlainElement(out, references, QByteArray::number(qMax<qint64>(0, row.number(SearchRow::References))));
+    ReplyWriter::appendPlainElement(out, references,
+                                    QByteArray::number(qMax<qint64>(0, row.number(SearchRow::References))));
     out += close;
 }
 
@@ -262,10 +266,11 @@ QString ArchiveEngine::createGroup(StoredGroup group, const QString &requestedPa
     QString directory = m_layout.defaultGroupDirectory(guid, created);
     if (!requestedPath.trimmed().isEmpty()) {
         directory = QDir::cleanPath(QDir::fromNativeSeparators(requestedPath.trimmed()));
-        if (!StorageLayout::isBelow(m_layout.basePath(), directory) || StorageLayout::isBelow(m_layout.nasPath(), directory)
-            || directory == m_layout.nasPath())
+        if (!StorageLayout::isBelow(m_layout.basePath(), directory)
+            || StorageLayout::isBelow(m_layout.nasPath(), directory) || directory == m_layout.nasPath())
             refuse(KE_CreatePathFailed,
-                   QStringLiteral("The path %1 does not lie below the base path %2").arg(requestedPath, m_layout.basePath()));
+                   QStringLiteral("The path %1 does not lie below the base path %2")
+                       .arg(requestedPath, m_layout.basePath()));
     }
     if (!QDir().mkpath(directory))
         refuse(KE_CreatePathFailed, QStringLiteral("Cannot create the directory %1").arg(directory));
@@ -290,7 +295,8 @@ void ArchiveEngine::createFileGroup(const Request &request, const RequestOrigin 
 {
     const std::optional<QDateTime> lifeCycle = requestTime(request.text(Tag::LifeCycle));
     if (!lifeCycle)
-        refuse(KE_AddFileGroupFailed, QStringLiteral("Cannot read the life cycle \"%1\"").arg(request.text(Tag::LifeCycle)));
+        refuse(KE_AddFileGroupFailed,
+               QStringLiteral("Cannot read the life cycle \"%1\"").arg(request.text(Tag::LifeCycle)));
     StoredGroup group;
     FileGroupData &data = group.data;
     data.setGuid(request.text(Tag::Guid).trimmed());

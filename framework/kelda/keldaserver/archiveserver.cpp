@@ -60,7 +60,8 @@ bool ArchiveServer::openDatabase()
 
 bool ArchiveServer::start()
 {
-    for (const QString &folder : {m_options.basePath, m_options.nasPath, QFileInfo(m_options.databaseFile).absolutePath()}) {
+    for (const QString &folder :
+         {m_options.basePath, m_options.nasPath, QFileInfo(m_options.databaseFile).absolutePath()}) {
         if (!QDir().mkpath(folder)) {
             m_error = QStringLiteral("Cannot create the folder %1").arg(folder);
             m_exitCode = ServerOptions::ExitStorage;
@@ -177,6 +178,8 @@ void ArchiveServer::onMessage(ClientConnection *connection, const QByteArray &me
     job.origin.localAddress = connection->localAddress();
     job.readOnly = ArchiveEngine::isReadOnly(read.request.command);
     job.request = std::move(read.request);
+    if (peer->nextSequence - peer->nextToSend >= MaxUnderWay)
+        connection->setHoldingRequests(true);
     // A read may overtake nothing of its own connection: while a change of
     // it is under way, the writer hands the read on after its commit.
     if (job.readOnly && peer->changesUnderWay == 0) {
@@ -232,6 +235,8 @@ void ArchiveServer::answer(Peer &peer, quint64 sequence, const QByteArray &reply
         peer.connection->send(it.value());
         ++peer.nextToSend;
     }
+    if (peer.nextSequence - peer.nextToSend < MaxUnderWay / 2)
+        peer.connection->setHoldingRequests(false);
 }
 
 void ArchiveServer::notifyConverters(const NewGroupNotice &notice)

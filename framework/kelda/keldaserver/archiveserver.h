@@ -60,6 +60,10 @@ private:
     void onClosed(ClientConnection *connection);
     void deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &answers, bool fromWriter);
     void answer(Peer &peer, quint64 sequence, const QByteArray &reply);
+
+    // Requests one connection may have under way before it is read no
+    // further: a flood of requests waits in its own socket, not in memory.
+    static constexpr quint64 MaxUnderWay = 4096;
     void notifyConverters(const NewGroupNotice &notice);
 
     ServerOptions m_options;

@@ -49,19 +49,37 @@ void ClientConnection::send(const QByteArray &document)
     if (m_closed || m_socket->state() != QAbstractSocket::ConnectedState)
         return;
     m_framer->sendXml(document);
-    if (!m_paused && m_socket->bytesToWrite() > MaxBacklog) {
-        m_paused = true;
-        m_framer->pause();
+    if (!m_backlogged && m_socket->bytesToWrite() > MaxBacklog) {
+        m_backlogged = true;
         Q_TRACE_DETAIL(kSource, QStringLiteral("Client %1 reads too slowly; pausing its requests").arg(m_peer));
+        updateReading();
     }
+}
+
+void ClientConnection::setHoldingRequests(bool hold)
+{
+    m_holding = hold;
+    updateReading();
 }
 
 void ClientConnection::onBytesWritten()
 {
-    if (m_paused && m_socket->bytesToWrite() < MaxBacklog / 2) {
-        m_paused = false;
-        m_framer->resume();
+    if (m_backlogged && m_socket->bytesToWrite() < MaxBacklog / 2) {
+        m_backlogged = false;
+        updateReading();
     }
+}
+
+void ClientConnection::updateReading()
+{
+    const bool read = !m_backlogged && !m_holding;
+    if (read == m_reading || m_closed)
+        return;
+    m_reading = read;
+    if (read)
+        m_framer->resume();
+    else
+        m_framer->pause();
 }
 
 void ClientConnection::onFrameTooLarge(quint64 announced)

@@ -26,6 +26,9 @@ public:
     QString localAddress() const;
 
     void send(const QByteArray &document);
+    // Stops taking requests from the client while it has too many under
+    // way; the socket keeps them until reading resumes.
+    void setHoldingRequests(bool hold);
     // Writes what the socket can take now, without waiting.
     void flush();
     void close();
@@ -39,13 +42,16 @@ Q_SIGNALS:
 
 private:
     void onBytesWritten();
+    void updateReading();
     void onFrameTooLarge(quint64 announced);
 
     const quint64 m_id;
     QTcpSocket *m_socket;
     XmlSeparator *m_framer;
     QString m_peer;
-    bool m_paused = false;
+    bool m_backlogged = false;
+    bool m_holding = false;
+    bool m_reading = true;
     bool m_closed = false;
 };
 

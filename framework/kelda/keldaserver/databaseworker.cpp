@@ -6,7 +6,9 @@
 
 #include <trace.h>
 
+#include <QDeadlineTimer>
 #include <QMutexLocker>
+#include <QSet>
 
 namespace Kelda {
 
@@ -59,6 +61,14 @@ std::deque<DatabaseJob> DatabaseWorker::takeBatch()
     QMutexLocker lock(&m_mutex);
     while (m_queue.empty() && !m_finishing)
         m_wake.wait(&m_mutex);
+    // When several connections were changing things a moment ago, their
+    // next changes are on their way: waiting a little for them lets one
+    // flush serve them all instead of one flush each.
+    if (m_role == Role::Writer && m_recentWriters > 1) {
+        const QDeadlineTimer deadline{std::chrono::microseconds(GatherMicroseconds)};
+        while (int(m_queue.size()) < m_recentWriters && !m_finishing && m_wake.wait(&m_mutex, deadline)) {
+        }
+    }
     std::deque<DatabaseJob> batch;
     if (int(m_queue.size()) <= MaxBatch) {
         batch.swap(m_queue);
@@ -125,6 +135,15 @@ std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::read(std::deque<Dat
 
 std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::carryOut(std::deque<DatabaseJob> &batch)
 {
+    QSet<quint64> writers;
+    for (const DatabaseJob &job : batch) {
+        if (job.kind == DatabaseJob::Kind::Request && !job.readOnly)
+            writers.insert(job.origin.connectionId);
+    }
+    {
+        QMutexLocker lock(&m_mutex);
+        m_recentWriters = writers.size();
+    }
     std::vector<DatabaseJob> deferred;
     for (auto it = batch.begin(); it != batch.end();) {
         if (it->readOnly) {

@@ -84,6 +84,8 @@ public:
     // Upper bound on the requests of one transaction, so a flood of
     // requests still gets answers in steady steps.
     static constexpr int MaxBatch = 1024;
+    // Longest wait for the next changes of recently active connections.
+    static constexpr int GatherMicroseconds = 1000;
 
 protected:
     void run() override;
@@ -106,6 +108,7 @@ private:
     std::deque<DatabaseJob> m_queue;
     bool m_finishing = false;
     int m_openState = 0; // 0 pending, 1 open, -1 failed
+    int m_recentWriters = 0; // connections with changes in the last batch
 
     QString m_error;
     std::vector<MoveOrder> m_unfinishedMoves;

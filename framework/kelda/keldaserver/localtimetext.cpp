@@ -25,7 +25,9 @@ QByteArray localTimeText(qint64 utcMilliseconds)
     const time_t clock = time_t(utcMilliseconds / 1000);
     struct tm local = {};
     if (utcMilliseconds < 0 || !localtime_r(&clock, &local) || local.tm_year + 1900 > 9999)
-        return QDateTime::fromMSecsSinceEpoch(utcMilliseconds).toString(QStringLiteral("yyyy-MM-dd hh:mm:ss")).toLatin1();
+        return QDateTime::fromMSecsSinceEpoch(utcMilliseconds)
+            .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"))
+            .toLatin1();
     QByteArray text(19, Qt::Uninitialized);
     char *c = text.data();
     putDigits(c, local.tm_year + 1900, 4);

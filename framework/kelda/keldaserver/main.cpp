@@ -59,6 +59,7 @@ int main(int argc, char *argv[])
         server.shutdown();
         QCoreApplication::exit(ServerOptions::ExitOk);
     });
-    printLine(stdout, QStringLiteral("keldaserver listening on %1:%2").arg(server.address().toString()).arg(server.port()));
+    printLine(stdout,
+              QStringLiteral("keldaserver listening on %1:%2").arg(server.address().toString()).arg(server.port()));
     return app.exec();
 }

@@ -76,7 +76,8 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
                                         QStringLiteral("Show this help and exit."));
     const QCommandLineOption versionOption(QStringLiteral("version"), QStringLiteral("Show the version and exit."));
     const QCommandLineOption listenOption(
-        QStringLiteral("listen"), QStringLiteral("Address to listen on; port 0 picks a free port (default 127.0.0.1:5223)."),
+        QStringLiteral("listen"),
+        QStringLiteral("Address to listen on; port 0 picks a free port (default 127.0.0.1:5223)."),
         QStringLiteral("HOST:PORT"));
     const QCommandLineOption baseOption(
         QStringLiteral("base-path"),

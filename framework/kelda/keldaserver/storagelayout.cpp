@@ -52,13 +52,9 @@ QString StorageLayout::fileInside(const QString &directory, const QString &name)
     if (!isSafeFileName(name))
         return QString();
     const QString path = QDir::cleanPath(directory + QLatin1Char('/') + name);
-    const QFileInfo info(path);
-    if (info.exists()) {
-        // A link may point anywhere; what counts is where it leads.
-        const QString realDirectory = QFileInfo(directory).canonicalFilePath();
-        if (realDirectory.isEmpty() || !isBelow(realDirectory, info.canonicalFilePath()))
-            return QString();
-    }
+    // A link may point anywhere; archived files are files of their own.
+    if (QFileInfo(path).isSymLink())
+        return QString();
     return path;
 }
 

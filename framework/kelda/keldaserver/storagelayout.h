@@ -27,8 +27,8 @@ public:
     static bool isSafeFileName(const QString &name);
     // A lower-case GUID in its 36-character text form.
     static bool isGuid(const QString &text);
-    // path joined to name, cleaned, or empty when the result would leave path
-    // (also through a symbolic link).
+    // directory joined to name, or empty when name is no bare file name or
+    // names a symbolic link, which could lead anywhere.
     static QString fileInside(const QString &directory, const QString &name);
     // Native separators with a trailing separator, the form replies carry.
     static QString directoryForReply(const QString &directory);

@@ -64,20 +64,22 @@ void TestServerLifecycle::blockingLifecycle()
     QCOMPARE(int(client.GetError()), int(KE_AddFileFailed));
     QCOMPARE(client.AddFile(directory + QStringLiteral("missing.wav"), guid), 0u);
     QCOMPARE(int(client.GetError()), int(KE_OpenFileFailed));
-    QCOMPARE(client.GetFileList(guid),
-             (QStringList{QStringLiteral("1"), QStringLiteral("one.wav"), QStringLiteral("2"), QStringLiteral("two.wav")}));
+    QCOMPARE(
+        client.GetFileList(guid),
+        (QStringList{QStringLiteral("1"), QStringLiteral("one.wav"), QStringLiteral("2"), QStringLiteral("two.wav")}));
 
     const QString path = client.RequestFile(2, guid, LOCK_Write);
     QCOMPARE(readFile(path), QByteArray("second"));
     QVERIFY(writeFile(path, "rewritten"));
-    // CloseFile only sends: the write lock is gone once its reply is in.
-    QSignalSpy aliceClosed(&client, &KeldaClient::CloseFileSg);
+    // Closing is not awaited by the library; the other client must not
+    // overtake it.
+    QSignalSpy closed(&client, &KeldaClient::CloseFileSg);
     client.CloseFile(2, guid);
-    QVERIFY(aliceClosed.wait(Wait));
-    QCOMPARE(readFile(m_bob->RequestFile(2, guid, LOCK_Read)), QByteArray("rewritten"));
-    QSignalSpy closed(m_bob.get(), &KeldaClient::CloseFileSg);
-    m_bob->CloseFile(2, guid);
     QVERIFY(closed.wait(Wait));
+    QCOMPARE(readFile(m_bob->RequestFile(2, guid, LOCK_Read)), QByteArray("rewritten"));
+    QSignalSpy bobClosed(m_bob.get(), &KeldaClient::CloseFileSg);
+    m_bob->CloseFile(2, guid);
+    QVERIFY(bobClosed.wait(Wait));
 
     QSignalSpy deleted(&client, &KeldaClient::DeleteFileNameSg);
     QCOMPARE(waitForRequest(deleted, client.DeleteFileName(1, guid)).value(1).toInt(), int(KE_NoError));
@@ -105,7 +107,8 @@ void TestServerLifecycle::asynchronousLifecycle()
     QVERIFY(writeFile(directory + QStringLiteral("a.png"), "png"));
 
     QSignalSpy added(&client, &KeldaClient::AddFileSg);
-    QCOMPARE(waitForRequest(added, client.AddFileAsync(directory + QStringLiteral("a.png"), guid, 7)).value(1).toUInt(), 7u);
+    QCOMPARE(waitForRequest(added, client.AddFileAsync(directory + QStringLiteral("a.png"), guid, 7)).value(1).toUInt(),
+             7u);
 
     QSignalSpy requested(&client, &KeldaClient::RequestFileSg);
     const QVariantList file = waitForRequest(requested, client.RequestFileAsync(7, guid, LOCK_Read));
@@ -235,10 +238,12 @@ void TestServerLifecycle::references()
         return waitForRequest(meta, viewer->QueryMetaDataAsync(guid, QString())).value(1).value<FileGroupData>()
             .getReferenceCounter();
     };
+    QSignalSpy aliceAdded(m_alice.get(), &KeldaClient::AddReferenceSg);
     viewer->AddReference(guid);
     viewer->AddReference(guid);
     m_alice->AddReference(guid);
     QTRY_COMPARE_WITH_TIMEOUT(added.size(), 2, Wait);
+    QTRY_COMPARE_WITH_TIMEOUT(aliceAdded.size(), 1, Wait);
     QCOMPARE(counter(), 3);
     QVERIFY(m_alice->GetApplicationList().contains(QStringLiteral("viewer")));
     viewer->RemoveReference(guid);
@@ -265,10 +270,16 @@ void TestServerLifecycle::tovinGroups()
     QCOMPARE(created.first().value(1).toString(), guid);
     QCOMPARE(created.first().value(2).toInt(), int(KE_NoError));
     QSignalSpy found(&client, &KeldaClient::getTovinFilegroupGuidSg);
-    QCOMPARE(waitForRequest(found, client.GetTovinFilegroupGuidAsync(QStringLiteral("tovin-7"), QStringLiteral("rec-42")))
-                 .value(1).toString(), guid);
-    QCOMPARE(waitForRequest(found, client.GetTovinFilegroupGuidAsync(QStringLiteral("tovin-7"), QStringLiteral("rec-1")))
-                 .value(2).toInt(), int(KE_GuidNotFound));
+    QCOMPARE(
+        waitForRequest(found, client.GetTovinFilegroupGuidAsync(QStringLiteral("tovin-7"), QStringLiteral("rec-42")))
+            .value(1)
+            .toString(),
+        guid);
+    QCOMPARE(
+        waitForRequest(found, client.GetTovinFilegroupGuidAsync(QStringLiteral("tovin-7"), QStringLiteral("rec-1")))
+            .value(2)
+            .toInt(),
+        int(KE_GuidNotFound));
 }
 
 void TestServerLifecycle::moveToNetworkStorage()
@@ -282,7 +293,8 @@ void TestServerLifecycle::moveToNetworkStorage()
     QTRY_COMPARE_WITH_TIMEOUT(waitForRequest(progress, m_alice->QueryLocationStateProgress(guid)).value(1).toInt(),
                               int(LS_Central), Wait);
     const QString path = m_alice->RequestFile(fileId, guid, LOCK_Read);
-    QVERIFY2(path.startsWith(QDir::toNativeSeparators(m_server.basePath() + QStringLiteral("/nas/"))), qPrintable(path));
+    QVERIFY2(path.startsWith(QDir::toNativeSeparators(m_server.basePath() + QStringLiteral("/nas/"))),
+             qPrintable(path));
     QCOMPARE(readFile(path), QByteArray("payload"));
     m_alice->CloseFile(fileId, guid);
     QSignalSpy moved(m_alice.get(), &KeldaClient::MoveToNasSg);

@@ -214,10 +214,11 @@ void TestServerProtocol::failedRequestRollsBackOnlyItself()
     std::vector<DatabaseAnswer> answers;
     const QString database = base.filePath(QStringLiteral("db.sqlite"));
     const StorageLayout layout(base.path(), base.filePath(QStringLiteral("nas")));
-    DatabaseWorker worker(DatabaseWorker::Role::Writer, database, layout, [&](std::shared_ptr<std::vector<DatabaseAnswer>> batch) {
-        QMutexLocker lock(&mutex);
-        answers.insert(answers.end(), batch->begin(), batch->end());
-    });
+    DatabaseWorker worker(DatabaseWorker::Role::Writer, database, layout,
+                          [&](std::shared_ptr<std::vector<DatabaseAnswer>> batch) {
+                              QMutexLocker lock(&mutex);
+                              answers.insert(answers.end(), batch->begin(), batch->end());
+                          });
     QVERIFY2(worker.open(), qPrintable(worker.errorString()));
     const auto post = [&worker](const QString &command, QHash<QString, QStringList> fields) {
         DatabaseJob job;
@@ -231,8 +232,10 @@ void TestServerProtocol::failedRequestRollsBackOnlyItself()
                                              {QStringLiteral("Path"), {directory}}};
     post(QStringLiteral("CreateFileGroup"), create);
     post(QStringLiteral("CreateFileGroup"), create);
-    post(QStringLiteral("AddFile"), {{QStringLiteral("Guid"), {guid}}, {QStringLiteral("FileName"), {QStringLiteral("f.bin")}}});
-    post(QStringLiteral("AddFile"), {{QStringLiteral("Guid"), {guid}}, {QStringLiteral("FileName"), {QStringLiteral("f.bin")}}});
+    post(QStringLiteral("AddFile"),
+         {{QStringLiteral("Guid"), {guid}}, {QStringLiteral("FileName"), {QStringLiteral("f.bin")}}});
+    post(QStringLiteral("AddFile"),
+         {{QStringLiteral("Guid"), {guid}}, {QStringLiteral("FileName"), {QStringLiteral("f.bin")}}});
     worker.finish();
     QVERIFY(worker.wait(15000));
 

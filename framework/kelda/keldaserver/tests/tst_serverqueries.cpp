@@ -123,6 +123,10 @@ void TestServerQueries::criterion_data()
     QTest::newRow("referencing application") << int(Application) << QVariant(QStringLiteral("VIEW"))
                                              << QStringList{beta};
     QTest::newRow("life cycle from") << int(LifeCycleMin) << QVariant(now.addYears(1)) << QStringList{beta};
+    // 02:30 UTC on that day is an hour the zone of this test skips.
+    QTest::newRow("life cycle from a skipped local hour")
+        << int(LifeCycleMin) << QVariant(QDateTime(QDate(2024, 3, 31), QTime(2, 30), Qt::UTC))
+        << QStringList{alpha, beta};
     QTest::newRow("life cycle until, unset excluded") << int(LifeCycleMax) << QVariant(now.addDays(2))
                                                       << QStringList{alpha};
     QTest::newRow("created since start") << int(CreationMin) << QVariant(m_start) << QStringList{alpha, beta, gamma};

@@ -67,7 +67,8 @@ void TestServerRobustness::badMessage_data()
         qToLittleEndian<quint32>(length, bytes.data());
         return bytes + QByteArray("<?xml");
     };
-    const QByteArray addFile = RawClient::request(Tag::AddFile, QStringLiteral("r1"), QStringLiteral("<m:Guid>g</m:Guid>"));
+    const QByteArray addFile
+        = RawClient::request(Tag::AddFile, QStringLiteral("r1"), QStringLiteral("<m:Guid>g</m:Guid>"));
 
     QTest::newRow("not XML") << frame("hello, server") << QByteArray() << int(Usable);
     QTest::newRow("empty frame") << frame(QByteArray()) << QByteArray() << int(Usable);
@@ -77,10 +78,11 @@ void TestServerRobustness::badMessage_data()
         << frame(RawClient::request(QStringLiteral("Explode"), QStringLiteral("r2"), QString()))
         << QByteArray("<m:ExplodeReply") << int(Usable);
     QTest::newRow("command in a foreign namespace")
-        << frame(QByteArray(addFile).replace("xmlns:m=\"http", "xmlns:m=\"urn:other:http")) << QByteArray() << int(Usable);
-    QTest::newRow("nested too deep")
-        << frame(RawClient::request(Tag::AddFile, QStringLiteral("r3"), QStringLiteral("<m:a><m:b><m:c>x</m:c></m:b></m:a>")))
-        << QByteArray("<m:AddFileReply") << int(Usable);
+        << frame(QByteArray(addFile).replace("xmlns:m=\"http", "xmlns:m=\"urn:other:http")) << QByteArray()
+        << int(Usable);
+    QTest::newRow("nested too deep") << frame(
+        RawClient::request(Tag::AddFile, QStringLiteral("r3"), QStringLiteral("<m:a><m:b><m:c>x</m:c></m:b></m:a>")))
+                                     << QByteArray("<m:AddFileReply") << int(Usable);
     QTest::newRow("text inside the command")
         << frame(RawClient::request(Tag::GetUserList, QStringLiteral("r4"), QStringLiteral("stray")))
         << QByteArray("<m:GetUserListReply") << int(Usable);
@@ -130,7 +132,8 @@ void TestServerRobustness::refusedPath_data()
     QTest::addColumn<QString>("groupPath"); // relative to the base path; empty: the server picks
     QTest::addColumn<QString>("fileName");
     QTest::addColumn<int>("error");
-    QTest::newRow("group outside the base path") << QStringLiteral("/../outside") << QString() << int(KE_CreatePathFailed);
+    QTest::newRow("group outside the base path")
+        << QStringLiteral("/../outside") << QString() << int(KE_CreatePathFailed);
     QTest::newRow("group at the base path itself") << QStringLiteral("/") << QString() << int(KE_CreatePathFailed);
     QTest::newRow("group in network storage") << QStringLiteral("/nas/x") << QString() << int(KE_CreatePathFailed);
     QTest::newRow("file up and out") << QString() << QStringLiteral("../escape.bin") << int(KE_AddFileFailed);
@@ -158,9 +161,10 @@ void TestServerRobustness::refusedPath()
     const QString directory = QDir(m_server.basePath()).filePath(
         QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyy/MM/dd/hh/")) + guid);
     QVERIFY(QFile::link(QStringLiteral("/etc/hostname"), directory + QStringLiteral("/link")));
-    raw.sendFrame(RawClient::request(Tag::AddFile, QStringLiteral("add"),
-                                     QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>%2</m:FileName><m:FileId>0</m:FileId>")
-                                         .arg(guid, fileName.toHtmlEscaped())));
+    raw.sendFrame(
+        RawClient::request(Tag::AddFile, QStringLiteral("add"),
+                           QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>%2</m:FileName><m:FileId>0</m:FileId>")
+                               .arg(guid, fileName.toHtmlEscaped())));
     const QByteArray reply = raw.receive();
     QVERIFY2(reply.contains(QStringLiteral("<m:Error>%1</m:Error>").arg(error).toUtf8()), reply.constData());
 }
