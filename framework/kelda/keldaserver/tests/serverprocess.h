@@ -33,8 +33,6 @@ public:
     void kill();
 
     bool isRunning() const;
-    // The operating system's id of the running program; 0 when none runs.
-    qint64 processId() const { return m_process.processId(); }
     quint16 port() const { return m_port; }
     qint64 processId() const { return m_process.processId(); }
     QString basePath() const { return m_basePath; }
