@@ -2,8 +2,21 @@
 # Entry point for developers and CI.
 #
 #   ./run.sh test    install what is missing, build, run every test
-#   ./run.sh build   install what is missing and build
+#   ./run.sh test --sanitize=address
+#                    the same with AddressSanitizer and UndefinedBehaviorSanitizer
+#                    (clang, build dir build-asan)
+#   ./run.sh test --sanitize=thread
+#                    the same with ThreadSanitizer (clang, build-tsan; reports
+#                    inside Qt are suppressed by tsan.supp)
+#   ./run.sh build [--sanitize=...]   install what is missing and build
 #   ./run.sh deps    only install the missing Debian packages
+#   ./run.sh bench [--quick]
+#                    release build (build-release), run every benchmark program,
+#                    end with one table: figure, limit, ratio, target
+#   ./run.sh fuzz SECONDS
+#                    run each fuzz target that long from its seed corpus (clang,
+#                    build-asan); a finding is saved below
+#                    framework/kelda/fuzz/regressions/<target>/
 #   ./run.sh demo    build kelda and keldaserver, store, list and fetch files
 #                    against a temporary server, check the copy, stop it
 #   ./run.sh serve   start a server that stays up (PORT, default 5223;
@@ -13,12 +26,13 @@
 #                    keldabrowser on it; with --screenshot, render each
 #                    dialog and the browser window into DIR as PNGs and exit
 #
-# Environment: BUILD_DIR (default ./build), BUILD_TYPE (default RelWithDebInfo),
-# JOBS (default: number of cores), KELDA_WERROR (default ON).
+# Environment: BUILD_DIR (default ./build, or the folder named above),
+# BUILD_TYPE (default RelWithDebInfo), JOBS (default: number of cores),
+# KELDA_WERROR (default ON). ccache is used when installed.
 set -euo pipefail
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-build_dir=${BUILD_DIR:-$here/build}
+build_dir=${BUILD_DIR:-}
 build_type=${BUILD_TYPE:-RelWithDebInfo}
 jobs=${JOBS:-$(nproc)}
 werror=${KELDA_WERROR:-ON}
@@ -28,6 +42,13 @@ packages=(
     qtbase5-dev qtbase5-dev-tools libqt5sql5-sqlite
     libboost-dev
 )
+# Only for sanitizer and fuzz builds: clang with its sanitizer and libFuzzer
+# runtimes, and llvm for the symbolizer that puts names into reports.
+clang_packages=(clang libclang-rt-dev llvm)
+
+sanitize=""
+quick=""
+cmake_extra=()
 
 usage() {
     sed -n '2,/^set -euo/p' "$0" | sed '$d' | sed 's/^# \{0,1\}//'
@@ -53,21 +74,68 @@ install_missing() {
     apt-get install -y -qq --no-install-recommends "${missing[@]}"
 }
 
-configure_and_build() {
+# use_clang_sanitizer address|thread: clang with that sanitizer, in its own
+# build folder. The address build also holds the fuzz targets.
+use_clang_sanitizer() {
+    case "$1" in
+        address) build_dir=${build_dir:-$here/build-asan}
+                 cmake_extra+=(-DKELDA_SANITIZE=address -DKELDA_FUZZ=ON) ;;
+        thread)  build_dir=${build_dir:-$here/build-tsan}
+                 cmake_extra+=(-DKELDA_SANITIZE=thread) ;;
+        *) echo "error: --sanitize wants address or thread, not '$1'" >&2; exit 64 ;;
+    esac
+    packages+=("${clang_packages[@]}")
+    cmake_extra+=(-DCMAKE_CXX_COMPILER=clang++)
+    sanitize=$1
+}
+
+# parse_options ARG...: the options after the command.
+parse_options() {
+    for arg in "$@"; do
+        case "$arg" in
+            --sanitize=*) use_clang_sanitizer "${arg#--sanitize=}" ;;
+            --quick) quick=1 ;;
+            *) echo "error: unknown option '$arg'; see ./run.sh --help" >&2; exit 64 ;;
+        esac
+    done
+}
+
+configure() {
+    build_dir=${build_dir:-$here/build}
+    local launcher=()
+    if command -v ccache >/dev/null; then
+        launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+        export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$here} CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR:-1}
+    fi
     cmake -S "$here" -B "$build_dir" -G Ninja \
-        -DCMAKE_BUILD_TYPE="$build_type" -DKELDA_WERROR="$werror" -DBUILD_TESTING=ON
+        -DCMAKE_BUILD_TYPE="$build_type" -DKELDA_WERROR="$werror" -DBUILD_TESTING=ON \
+        "${launcher[@]}" ${cmake_extra[@]+"${cmake_extra[@]}"}
+}
+
+configure_and_build() {
+    configure
     cmake --build "$build_dir" -j "$jobs"
 }
 
+# Sanitizer reports fail the test that triggers them.
+export_sanitizer_options() {
+    export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+    export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_stack_use_after_return=1:strict_init_order=1}
+    export TSAN_OPTIONS=${TSAN_OPTIONS:-suppressions=$here/tsan.supp:second_deadlock_stack=1}
+    export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$here/lsan.supp:print_suppressions=0}
+}
+
 run_tests() {
+    if [ -n "$sanitize" ]; then
+        export_sanitizer_options
+    fi
     QT_QPA_PLATFORM=offscreen ctest --test-dir "$build_dir" --output-on-failure -j "$jobs"
 }
 
 # ---- demo and serve: the command-line tool against a real server
 
 build_programs() {
-    cmake -S "$here" -B "$build_dir" -G Ninja \
-        -DCMAKE_BUILD_TYPE="$build_type" -DKELDA_WERROR="$werror" -DBUILD_TESTING=ON
+    configure
     cmake --build "$build_dir" -j "$jobs" --target kelda keldaserver
     kelda_bin="$build_dir/framework/kelda/keldacli/kelda"
     server_bin="$build_dir/framework/kelda/keldaserver/keldaserver"
@@ -247,18 +315,107 @@ run_browse() {
     fi
 }
 
-case "${1:-}" in
+
+# ---- bench and fuzz
+
+# print_table FILE: the "table" lines the benchmark programs printed, as one
+# table. Each line: table<TAB>figure<TAB>measured<TAB>limit<TAB>ratio<TAB>target.
+print_table() {
+    echo
+    echo "== summary ($(nproc) cores, $(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -1))"
+    awk -F '\t' '
+        BEGIN { printf "%-46s %-22s %-28s %-8s %s\n", "figure", "measured", "limit (same run)", "ratio", "target" }
+        $1 == "table" { printf "%-46s %-22s %-28s %-8s %s\n", $2, $3, $4, $5, $6 }' "$1"
+}
+
+run_bench() {
+    build_dir=${build_dir:-$here/build-release}
+    build_type=${BUILD_TYPE:-Release}
+    configure
+    local programs=(bench_protocol bench_replyparse bench_framing bench_roundtrip)
+    if [ -d "$here/framework/kelda/keldaserver" ]; then
+        programs+=(bench_server)
+    fi
+    cmake --build "$build_dir" -j "$jobs" --target "${programs[@]}"
+    local rows status=0
+    rows=$(mktemp "${TMPDIR:-/tmp}/kelda-bench.XXXXXX")
+    for p in "${programs[@]}"; do
+        echo "== $p${quick:+ --quick}"
+        if ! "$build_dir/framework/kelda/benchmarks/$p" ${quick:+--quick} | tee -a "$rows"; then
+            echo "error: $p failed" >&2
+            status=1
+        fi
+    done
+    print_table "$rows"
+    rm -f "$rows"
+    return $status
+}
+
+fuzz_targets=(fuzz_framer fuzz_replydispatch fuzz_filegroupdata fuzz_requestreader)
+
+run_fuzz() {
+    local seconds=${1:-}
+    if ! [[ "$seconds" =~ ^[1-9][0-9]*$ ]]; then
+        echo "error: ./run.sh fuzz wants the seconds per target, e.g. ./run.sh fuzz 60" >&2
+        exit 64
+    fi
+    use_clang_sanitizer address
+    install_missing
+    configure
+    cmake --build "$build_dir" -j "$jobs" --target fuzzers
+    export_sanitizer_options
+    local fuzz_dir=$here/framework/kelda/fuzz summary="" status=0
+    for target in "${fuzz_targets[@]}"; do
+        local program=$build_dir/framework/kelda/fuzz/$target
+        [ -x "$program" ] || continue
+        local found=$build_dir/fuzz-corpus/$target regressions=$fuzz_dir/regressions/$target
+        local log=$build_dir/fuzz-corpus/$target.log
+        mkdir -p "$found" "$regressions"
+        echo "== $target: $seconds s"
+        local result=ok
+        # New inputs go to the build folder; the tree keeps the seeds and
+        # the regression inputs, and a finding lands with the latter.
+        if ! KELDA_TRACE_MASK=0 "$program" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+                -print_final_stats=1 -artifact_prefix="$regressions/" \
+                "$found" "$fuzz_dir/corpus/$target" "$regressions" >"$log" 2>&1; then
+            result="FINDING, see $log and $regressions/"
+            status=1
+            tail -40 "$log" >&2
+        fi
+        rmdir "$regressions" 2>/dev/null || true
+        local runs
+        runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
+        summary+=$(printf '%-22s %12s executions  %s' "$target" "${runs:-?}" "$result")$'\n'
+    done
+    echo
+    printf '%s' "$summary"
+    return $status
+}
+
+command=${1:-}
+shift || true
+case "$command" in
     test)
+        parse_options "$@"
         install_missing
         configure_and_build
         run_tests
         ;;
     build)
+        parse_options "$@"
         install_missing
         configure_and_build
         ;;
     deps)
         install_missing
+        ;;
+    bench)
+        parse_options "$@"
+        install_missing
+        run_bench
+        ;;
+    fuzz)
+        run_fuzz "$@"
         ;;
     demo)
         install_missing
@@ -271,7 +428,6 @@ case "${1:-}" in
         run_serve
         ;;
     browse)
-        shift
         install_missing
         build_browser
         run_browse "$@"

@@ -1,6 +1,8 @@
-// Measures the reading of a large QueryFileGroups reply (envelope, parser and
-// result table) against a bare QXmlStreamReader pass over the same bytes.
+// Measures the reading of QueryFileGroups replies from 10 to 100,000 groups
+// (envelope, parser and result table) against a bare QXmlStreamReader pass
+// over the same bytes.
 
+#include "benchtable.h"
 #include "filegroupdata.h"
 #include "keldaxml.h"
 #include "replyparser.h"
@@ -107,59 +109,43 @@ std::vector<FileGroupData> MakeRecords(const TableResult &table)
     return FileGroupData::fromStringList(table.table.mid(table.columnCount));
 }
 
-} // namespace
-
-int main(int argc, char *argv[])
+// One reply size: the bare pass, the full read and the table rows alone.
+struct SizeFigures
 {
-    QCoreApplication app(argc, argv);
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral(
-        "Times the reading of a QueryFileGroups reply (envelope, parser and result table) against a bare "
-        "QXmlStreamReader pass over the same bytes, and prints both and their ratio."));
-    parser.addHelpOption();
-    const QCommandLineOption groupsOption(QStringLiteral("groups"),
-                                          QStringLiteral("Number of file groups in the reply (default 100000)."),
-                                          QStringLiteral("N"), QStringLiteral("100000"));
-    const QCommandLineOption runsOption(QStringLiteral("runs"),
-                                        QStringLiteral("Runs per measurement; the best counts (default 5)."),
-                                        QStringLiteral("N"), QStringLiteral("5"));
-    const QCommandLineOption distinctOption(QStringLiteral("distinct-times"),
-                                            QStringLiteral("Give every group its own backup and life cycle time "
-                                                           "too (by default groups of one day share them)."));
-    parser.addOption(groupsOption);
-    parser.addOption(runsOption);
-    parser.addOption(distinctOption);
-    parser.process(app);
+    int groups = 0;
+    qint64 bytes = 0;
+    Timing bare;
+    Timing full;
+    Timing rows;
+    Timing reservedRows;
+    qint64 tokens = 0;
+};
 
-    bool ok = false;
-    const int groups = parser.value(groupsOption).toInt(&ok);
-    const int runs = ok ? parser.value(runsOption).toInt(&ok) : 0;
-    if (!ok || groups < 0 || runs < 1) {
-        QTextStream(stderr) << "bench_replyparse: --groups needs a number >= 0, --runs a number >= 1\n";
-        return 2;
-    }
-
-    const QByteArray reply = MakeReply(groups, parser.isSet(distinctOption));
+std::optional<SizeFigures> Measure(int groups, int runs, bool distinct)
+{
+    SizeFigures figures;
+    figures.groups = groups;
+    const QByteArray reply = MakeReply(groups, distinct);
+    figures.bytes = reply.size();
 
     const ParsedReply parsed = ParseReplyMessage(reply);
     if (!parsed.IsValid() || parsed.Kind() != ReplyKind::QueryFileGroups) {
         QTextStream(stderr) << "bench_replyparse: the generated reply did not parse: " << parsed.error << '\n';
-        return 1;
+        return std::nullopt;
     }
     const TableResult &table = std::get<TableResult>(parsed.result);
     if (table.table.size() != table.columnCount * (groups + 1)) {
         QTextStream(stderr) << "bench_replyparse: unexpected table size " << table.table.size() << '\n';
-        return 1;
+        return std::nullopt;
     }
     const std::vector<FileGroupData> records = MakeRecords(table);
 
-    qint64 tokens = 0;
-    const auto barePass = [&reply, &tokens] {
+    const auto barePass = [&reply, &figures] {
         QXmlStreamReader reader(reply);
-        tokens = 0;
+        figures.tokens = 0;
         while (!reader.atEnd()) {
             reader.readNext();
-            ++tokens;
+            ++figures.tokens;
         }
     };
     // The result outlives the timing: its destruction is not part of reading.
@@ -181,35 +167,115 @@ int main(int argc, char *argv[])
             record.ToStringList(list);
     };
 
-    // Interleaved, so that load from elsewhere falls on all three alike.
-    Timing bare;
-    Timing full;
-    Timing rows;
-    Timing reservedRowsTime;
+    // Interleaved, so that load from elsewhere falls on all alike. Small
+    // replies are repeated so that each timing covers enough work.
+    const int repeat = std::max(1, 20000 / std::max(groups, 1));
+    const auto repeated = [repeat](const std::function<void()> &work) {
+        return [repeat, work] {
+            for (int i = 0; i < repeat; ++i)
+                work();
+        };
+    };
     for (int i = 0; i < runs; ++i) {
-        bare.Run(barePass);
+        figures.bare.Run(repeated(barePass));
         kept.reset();
-        full.Run(parse);
-        rows.Run(tableRows);
-        reservedRowsTime.Run(reservedRows);
+        figures.full.Run(repeated(parse));
+        figures.rows.Run(repeated(tableRows));
+        figures.reservedRows.Run(repeated(reservedRows));
     }
+    for (Timing *timing : {&figures.bare, &figures.full, &figures.rows, &figures.reservedRows}) {
+        timing->wall /= repeat;
+        timing->cpu /= repeat;
+    }
+    return figures;
+}
+
+// Resident size added by holding the result of a reply of this many groups.
+qint64 ParsedResidentBytes(int groups)
+{
+    const QByteArray reply = MakeReply(groups, false);
+    const qint64 before = BenchTable::ResidentBytes();
+    const ParsedReply parsed = ParseReplyMessage(reply);
+    const qint64 after = BenchTable::ResidentBytes();
+    return parsed.IsValid() ? after - before : -1;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral(
+        "Times the reading of QueryFileGroups replies of 10, 1,000, 10,000 and 100,000 groups (envelope, parser\n"
+        "and result table) against a bare QXmlStreamReader pass over the same bytes, and prints both, their\n"
+        "ratio, the growth from 10,000 to 100,000 groups, and the resident size of 100,000 parsed groups."));
+    parser.addHelpOption();
+    const QCommandLineOption groupsOption(QStringLiteral("groups"),
+                                          QStringLiteral("Only this number of file groups in the reply."),
+                                          QStringLiteral("N"));
+    const QCommandLineOption runsOption(QStringLiteral("runs"),
+                                        QStringLiteral("Runs per measurement; the best counts (default 5)."),
+                                        QStringLiteral("N"), QStringLiteral("5"));
+    const QCommandLineOption distinctOption(QStringLiteral("distinct-times"),
+                                            QStringLiteral("Give every group its own backup and life cycle time "
+                                                           "too (by default groups of one day share them)."));
+    const QCommandLineOption quickOption(QStringLiteral("quick"), QStringLiteral("A short run: one run per size."));
+    parser.addOption(groupsOption);
+    parser.addOption(runsOption);
+    parser.addOption(distinctOption);
+    parser.addOption(quickOption);
+    parser.process(app);
+
+    bool ok = true;
+    QList<int> sizes{10, 1000, 10000, 100000};
+    if (parser.isSet(groupsOption))
+        sizes = {parser.value(groupsOption).toInt(&ok)};
+    const int runs = parser.isSet(quickOption) ? 1 : (ok ? parser.value(runsOption).toInt(&ok) : 0);
+    if (!ok || sizes.first() < 0 || runs < 1) {
+        QTextStream(stderr) << "bench_replyparse: --groups needs a number >= 0, --runs a number >= 1\n";
+        return 2;
+    }
+
+    // Measured first, while the heap is still small.
+    const qint64 resident = sizes.contains(100000) ? ParsedResidentBytes(100000) : 0;
 
     QTextStream out(stdout);
     out.setRealNumberNotation(QTextStream::FixedNotation);
     out.setRealNumberPrecision(1);
-    out << "groups: " << groups << ", " << reply.size() / (1024.0 * 1024.0) << " MiB, " << tokens
-        << " tokens, best of " << runs << " runs\n";
-    out << "                              wall ms    cpu ms\n";
-    out << "bare QXmlStreamReader pass   " << qSetFieldWidth(8) << bare.wall << qSetFieldWidth(10) << bare.cpu
-        << qSetFieldWidth(0) << '\n';
-    out << "ParseReplyMessage + table    " << qSetFieldWidth(8) << full.wall << qSetFieldWidth(10) << full.cpu
-        << qSetFieldWidth(0) << '\n';
-    out << "  ToStringList rows alone    " << qSetFieldWidth(8) << rows.wall << qSetFieldWidth(10) << rows.cpu
-        << qSetFieldWidth(0) << '\n';
-    out << "  the same, table reserved   " << qSetFieldWidth(8) << reservedRowsTime.wall << qSetFieldWidth(10)
-        << reservedRowsTime.cpu << qSetFieldWidth(0) << '\n';
-    out.setRealNumberPrecision(3);
-    out << "speed ratio (bare / parse): wall " << bare.wall / full.wall << ", cpu " << bare.cpu / full.cpu
-        << " (required >= 0.5)\n";
+    out << "best of " << runs << " runs; wall ms per reply\n";
+    out << "  groups      MiB    bare ms   parse ms    MB/s   groups/s   ratio  rows ms  rows reserved ms\n";
+    std::vector<SizeFigures> all;
+    for (int groups : sizes) {
+        const std::optional<SizeFigures> f = Measure(groups, runs, parser.isSet(distinctOption));
+        if (!f)
+            return 1;
+        all.push_back(*f);
+        const double ratio = f->bare.wall / f->full.wall;
+        const double mbPerS = f->bytes / 1e6 / (f->full.wall / 1e3);
+        const double groupsPerS = groups / (f->full.wall / 1e3);
+        out << qSetFieldWidth(8) << groups << qSetFieldWidth(9) << f->bytes / (1024.0 * 1024.0)
+            << qSetFieldWidth(11) << f->bare.wall << qSetFieldWidth(11) << f->full.wall << qSetFieldWidth(8)
+            << mbPerS << qSetFieldWidth(11) << groupsPerS << qSetFieldWidth(8) << ratio << qSetFieldWidth(9)
+            << f->rows.wall << qSetFieldWidth(18) << f->reservedRows.wall << qSetFieldWidth(0) << '\n';
+        BenchTable::Row(QStringLiteral("reply parse %1 groups, MB/s").arg(groups), BenchTable::Number(mbPerS, 0),
+                        BenchTable::Number(f->bytes / 1e6 / (f->bare.wall / 1e3), 0) + QStringLiteral(" bare reader"),
+                        BenchTable::Number(ratio, 2), QStringLiteral("ratio >= 0.5"));
+    }
+    if (all.size() == 4) {
+        const double growth = all[3].full.wall / all[2].full.wall;
+        const double bareGrowth = all[3].bare.wall / all[2].bare.wall;
+        out << "growth 10,000 -> 100,000 groups: parse " << growth << "x, bare " << bareGrowth << "x, relative "
+            << growth / bareGrowth << " (required <= 1.3)\n";
+        BenchTable::Row(QStringLiteral("reply parse growth 10k -> 100k groups"), BenchTable::Number(growth, 2) + QLatin1Char('x'),
+                        BenchTable::Number(bareGrowth, 2) + QStringLiteral("x bare reader"),
+                        BenchTable::Number(growth / bareGrowth, 2), QStringLiteral("ratio <= 1.3"));
+    }
+    if (resident > 0) {
+        out << "resident size of 100,000 parsed groups: " << BenchTable::MiB(resident) << '\n';
+        BenchTable::Row(QStringLiteral("memory, 100,000 parsed groups"), BenchTable::MiB(resident),
+                        BenchTable::MiB(all.back().bytes) + QStringLiteral(" reply bytes"),
+                        BenchTable::Number(double(resident) / double(all.back().bytes), 2), QStringLiteral("figure only"));
+    }
     return 0;
 }

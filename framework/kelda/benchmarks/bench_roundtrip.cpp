@@ -4,6 +4,7 @@
 // two plain loopback sockets: the floor that the library's threads, queues
 // and parsing add to.
 
+#include "benchtable.h"
 #include "keldaclient.h"
 #include "keldaxml.h"
 
@@ -18,6 +19,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <numeric>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -80,6 +82,12 @@ struct Figures
         return nanoseconds[at];
     }
     void Sort() { std::sort(nanoseconds.begin(), nanoseconds.end()); }
+    double MeanNanoseconds() const
+    {
+        return nanoseconds.empty() ? 0
+                                   : double(std::accumulate(nanoseconds.begin(), nanoseconds.end(), qint64(0)))
+                / double(nanoseconds.size());
+    }
 };
 
 bool WaitForConnection(KeldaClient &client, int timeoutMs)
@@ -106,6 +114,43 @@ Figures BlockingRoundTrips(KeldaClient &client, int calls)
     }
     figures.Sort();
     return figures;
+}
+
+// Asynchronous RequestFile with one request in flight: the next leaves when
+// the previous one's signal has arrived. Returns requests per second.
+double AsyncRequestsPerSecond(KeldaClient &client, int calls, int &failures)
+{
+    QEventLoop loop;
+    int answered = 0;
+    QString pending;
+    const auto sendNext = [&] {
+        pending = client.RequestFileAsync(1, kGuid, LOCK_Read);
+        if (pending.isEmpty()) {
+            failures += calls - answered;
+            loop.quit();
+        }
+    };
+    const QMetaObject::Connection connection = QObject::connect(
+        &client, &KeldaClient::RequestFileSg, &loop,
+        [&](const QString &requestId, const QString &path, int error, const QString &) {
+            if (requestId != pending)
+                return;
+            if (path.isEmpty() || error != 0)
+                ++failures;
+            if (++answered == calls)
+                loop.quit();
+            else
+                sendNext();
+        });
+    const Clock::time_point start = Clock::now();
+    QTimer::singleShot(0, &loop, sendNext);
+    // A lost reply must not hang the benchmark.
+    QTimer::singleShot(120000, &loop, &QEventLoop::quit);
+    loop.exec();
+    QObject::disconnect(connection);
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    failures += calls - answered;
+    return answered / seconds;
 }
 
 bool WriteAll(int fd, const QByteArray &bytes)
@@ -296,15 +341,21 @@ int main(int argc, char *argv[])
     parser.setApplicationDescription(QStringLiteral(
         "Blocking round trips (RequestFile) of the client library against an in-process peer that answers at once,\n"
         "beside a raw ping-pong of the same bytes over two plain loopback sockets. Prints p50, p99 and max\n"
-        "of both, their ratios and the number of failed calls. Exit code 1 when a call failed."));
+        "of both, their ratios and the number of failed calls; asynchronous requests per second with one in\n"
+        "flight; the resident size of one connected client and its growth over 10,000 blocking calls.\n"
+        "Exit code 1 when a call failed."));
     parser.addHelpOption();
     const QCommandLineOption callsOption(QStringList{QStringLiteral("n"), QStringLiteral("calls")},
                                          QStringLiteral("Number of calls of each kind (default 20000)."),
                                          QStringLiteral("count"), QStringLiteral("20000"));
+    const QCommandLineOption quickOption(QStringLiteral("quick"),
+                                         QStringLiteral("A short run: 2000 calls of each kind."));
     parser.addOption(callsOption);
+    parser.addOption(quickOption);
     parser.process(app);
     bool ok = false;
-    const int calls = parser.value(callsOption).toInt(&ok);
+    const int calls = parser.isSet(quickOption) ? 2000 : parser.value(callsOption).toInt(&ok);
+    ok = ok || parser.isSet(quickOption);
     QTextStream out(stdout);
     QTextStream err(stderr);
     if (!ok || calls < 1) {
@@ -320,15 +371,28 @@ int main(int argc, char *argv[])
     }
 
     Figures blocking;
+    double asyncPerSecond = 0;
+    int asyncFailures = 0;
+    qint64 clientResident = 0;
+    qint64 callsGrowth = 0;
+    constexpr int GrowthCalls = 10000;
     {
+        const qint64 beforeClient = BenchTable::ResidentBytes();
         KeldaClient client(QStringLiteral("127.0.0.1"), port, QStringLiteral("bench"), QStringLiteral("bench"),
                            QStringLiteral("bench"));
         if (!WaitForConnection(client, 10000)) {
             err << "bench_roundtrip: the client did not connect to the in-process peer\n";
             return 1;
         }
+        clientResident = BenchTable::ResidentBytes() - beforeClient;
         BlockingRoundTrips(client, std::min(calls, 1000)); // warm-up
         blocking = BlockingRoundTrips(client, calls);
+        asyncPerSecond = AsyncRequestsPerSecond(client, calls, asyncFailures);
+        // Growth is judged after the warm-up and the first runs have
+        // settled the allocator's pools.
+        const qint64 beforeCalls = BenchTable::ResidentBytes();
+        blocking.failures += BlockingRoundTrips(client, GrowthCalls).failures;
+        callsGrowth = BenchTable::ResidentBytes() - beforeCalls;
     }
     peer.Stop();
     const QByteArray request = peer.SampleRequest();
@@ -357,5 +421,29 @@ int main(int argc, char *argv[])
                           raw.nanoseconds.empty() ? 0 : raw.nanoseconds.back()),
                     10);
     out << "targets: p50 ratio <= 3, p99 ratio <= 6, 0 failed\n";
-    return blocking.failures == 0 && raw.failures == 0 ? 0 : 1;
+
+    const double rawPerSecond = raw.MeanNanoseconds() > 0 ? 1e9 / raw.MeanNanoseconds() : 0;
+    out << "asynchronous RequestFile, one in flight: " << QString::number(asyncPerSecond, 'f', 0)
+        << " requests/s (raw ping-pong " << QString::number(rawPerSecond, 'f', 0) << "/s), " << asyncFailures
+        << " failed\n";
+    out << "resident size added by one connected client: " << BenchTable::MiB(clientResident) << '\n';
+    out << "resident size growth over " << GrowthCalls << " blocking calls: " << BenchTable::MiB(callsGrowth) << '\n';
+
+    BenchTable::Row(QStringLiteral("blocking RequestFile p50, us"), Micro(blocking.Percentile(0.50)),
+                    Micro(raw.Percentile(0.50)) + QStringLiteral(" raw ping-pong"),
+                    Ratio(blocking.Percentile(0.50), raw.Percentile(0.50)), QStringLiteral("ratio <= 3"));
+    BenchTable::Row(QStringLiteral("blocking RequestFile p99, us"), Micro(blocking.Percentile(0.99)),
+                    Micro(raw.Percentile(0.99)) + QStringLiteral(" raw ping-pong"),
+                    Ratio(blocking.Percentile(0.99), raw.Percentile(0.99)), QStringLiteral("ratio <= 6"));
+    BenchTable::Row(QStringLiteral("async RequestFile, one in flight, req/s"), BenchTable::Number(asyncPerSecond, 0),
+                    BenchTable::Number(rawPerSecond, 0) + QStringLiteral(" raw ping-pong"),
+                    BenchTable::Number(rawPerSecond > 0 ? asyncPerSecond / rawPerSecond : 0, 2),
+                    QStringLiteral("figure only"));
+    BenchTable::Row(QStringLiteral("failed calls (blocking + async)"), QString::number(blocking.failures + asyncFailures),
+                    QStringLiteral("-"), QStringLiteral("-"), QStringLiteral("0"));
+    BenchTable::Row(QStringLiteral("memory, one connected client"), BenchTable::MiB(clientResident), QStringLiteral("-"),
+                    QStringLiteral("-"), QStringLiteral("figure only"));
+    BenchTable::Row(QStringLiteral("memory growth over 10,000 blocking calls"), BenchTable::MiB(callsGrowth),
+                    QStringLiteral("-"), QStringLiteral("-"), QStringLiteral("no growth"));
+    return blocking.failures == 0 && raw.failures == 0 && asyncFailures == 0 ? 0 : 1;
 }

@@ -317,12 +317,15 @@ int main(int argc, char *argv[])
     const QCommandLineOption traceOption(QStringLiteral("server-trace-mask"),
                                          QStringLiteral("Trace mask of the server, e.g. 0x40 for its timings."),
                                          QStringLiteral("MASK"));
-    parser.addOptions({sequencesOption, groupsOption, traceOption});
+    const QCommandLineOption quickOption(QStringLiteral("quick"),
+                                         QStringLiteral("A short run: 20 sequences, 2000 groups."));
+    parser.addOptions({sequencesOption, groupsOption, traceOption, quickOption});
     parser.process(app);
-    bool sequencesOk = false;
-    bool groupsOk = false;
-    const int sequences = parser.value(sequencesOption).toInt(&sequencesOk);
-    const int groups = parser.value(groupsOption).toInt(&groupsOk);
+    const bool quick = parser.isSet(quickOption);
+    bool sequencesOk = quick;
+    bool groupsOk = quick;
+    const int sequences = quick ? 20 : parser.value(sequencesOption).toInt(&sequencesOk);
+    const int groups = quick ? 2000 : parser.value(groupsOption).toInt(&groupsOk);
     if (!sequencesOk || sequences <= 0 || !groupsOk || groups < 0) {
         QTextStream(stderr) << "bench_server: --sequences and --groups want positive numbers\n";
         return 64;

@@ -3,166 +3,177 @@
 #include <QLatin1String>
 #include <QString>
 
+#include <cstddef>
+
 // The protocol's XML vocabulary, shared by the request writers, the reply
 // readers and the file group record. Element names are written as literal
 // qualified names ("s:Body", "m:FileId"); readers compare local names and
 // namespace URIs.
 namespace Kelda {
 
+// QLatin1String's pointer constructor measures its text with strlen, which
+// only some compilers evaluate at compile time; taking the literal's array
+// size makes the constants constant expressions everywhere.
+template <std::size_t N>
+constexpr QLatin1String Latin1Literal(const char (&text)[N])
+{
+    return QLatin1String(text, static_cast<int>(N - 1));
+}
+
 namespace Ns {
 // Replies are checked against this URI character by character: client and
 // server must use the identical string.
-constexpr QLatin1String Message("http://kelda.archive/8SP/KELDA");
-constexpr QLatin1String Envelope("http://www.w3.org/2003/05/soap-envelope");
-constexpr QLatin1String SoapVersion("1.0");
-constexpr QLatin1String PrefixS("s");
-constexpr QLatin1String PrefixM("m");
+constexpr QLatin1String Message = Latin1Literal("http://kelda.archive/8SP/KELDA");
+constexpr QLatin1String Envelope = Latin1Literal("http://www.w3.org/2003/05/soap-envelope");
+constexpr QLatin1String SoapVersion = Latin1Literal("1.0");
+constexpr QLatin1String PrefixS = Latin1Literal("s");
+constexpr QLatin1String PrefixM = Latin1Literal("m");
 } // namespace Ns
 
 namespace Tag {
 
 // Envelope (prefix s:).
-constexpr QLatin1String Envelope("Envelope");
-constexpr QLatin1String Header("Header");
-constexpr QLatin1String Version("Version");
-constexpr QLatin1String RequestId("RequestId");
-constexpr QLatin1String Body("Body");
+constexpr QLatin1String Envelope = Latin1Literal("Envelope");
+constexpr QLatin1String Header = Latin1Literal("Header");
+constexpr QLatin1String Version = Latin1Literal("Version");
+constexpr QLatin1String RequestId = Latin1Literal("RequestId");
+constexpr QLatin1String Body = Latin1Literal("Body");
 
 // Request command elements.
-constexpr QLatin1String AddFile("AddFile");
-constexpr QLatin1String AddReference("AddReference");
-constexpr QLatin1String CheckFileGroupExists("CheckFileGroupExists");
-constexpr QLatin1String CloseFile("CloseFile");
-constexpr QLatin1String CreateTovinFileGroup("CreateTovinFileGroup");
-constexpr QLatin1String CreateFileGroup("CreateFileGroup");
-constexpr QLatin1String DeleteFileGroup("DeleteFileGroup");
-constexpr QLatin1String DeleteFile("DeleteFile");
-constexpr QLatin1String ExportArchive("ExportArchive");
-constexpr QLatin1String GetTovinFilegroupGuid("GetTovinFilegroupGuid");
-constexpr QLatin1String GetApplicationList("GetApplicationList");
-constexpr QLatin1String GetBasePath("GetBasePath");
-constexpr QLatin1String GetFileList("GetFileList");
-constexpr QLatin1String GetRemoteStorageLocation("GetRemoteStorageLocation");
-constexpr QLatin1String GetUserList("GetUserList");
-constexpr QLatin1String ImportArchive("ImportArchive");
-constexpr QLatin1String MoveToNas("MoveToNas");
-constexpr QLatin1String QueryFileGroups("QueryFileGroups");
-constexpr QLatin1String QueryLocationStateProgress("QueryLocationStateProgress");
-constexpr QLatin1String QueryMetaData("QueryMetaData");
-constexpr QLatin1String RegisterConverter("RegisterConverter");
-constexpr QLatin1String RemoveAllReferences("RemoveAllReferences");
-constexpr QLatin1String RemoveReference("RemoveReference");
-constexpr QLatin1String RequestFile("RequestFile");
-constexpr QLatin1String ConvertFileGroupReply("ConvertFileGroupReply");
+constexpr QLatin1String AddFile = Latin1Literal("AddFile");
+constexpr QLatin1String AddReference = Latin1Literal("AddReference");
+constexpr QLatin1String CheckFileGroupExists = Latin1Literal("CheckFileGroupExists");
+constexpr QLatin1String CloseFile = Latin1Literal("CloseFile");
+constexpr QLatin1String CreateTovinFileGroup = Latin1Literal("CreateTovinFileGroup");
+constexpr QLatin1String CreateFileGroup = Latin1Literal("CreateFileGroup");
+constexpr QLatin1String DeleteFileGroup = Latin1Literal("DeleteFileGroup");
+constexpr QLatin1String DeleteFile = Latin1Literal("DeleteFile");
+constexpr QLatin1String ExportArchive = Latin1Literal("ExportArchive");
+constexpr QLatin1String GetTovinFilegroupGuid = Latin1Literal("GetTovinFilegroupGuid");
+constexpr QLatin1String GetApplicationList = Latin1Literal("GetApplicationList");
+constexpr QLatin1String GetBasePath = Latin1Literal("GetBasePath");
+constexpr QLatin1String GetFileList = Latin1Literal("GetFileList");
+constexpr QLatin1String GetRemoteStorageLocation = Latin1Literal("GetRemoteStorageLocation");
+constexpr QLatin1String GetUserList = Latin1Literal("GetUserList");
+constexpr QLatin1String ImportArchive = Latin1Literal("ImportArchive");
+constexpr QLatin1String MoveToNas = Latin1Literal("MoveToNas");
+constexpr QLatin1String QueryFileGroups = Latin1Literal("QueryFileGroups");
+constexpr QLatin1String QueryLocationStateProgress = Latin1Literal("QueryLocationStateProgress");
+constexpr QLatin1String QueryMetaData = Latin1Literal("QueryMetaData");
+constexpr QLatin1String RegisterConverter = Latin1Literal("RegisterConverter");
+constexpr QLatin1String RemoveAllReferences = Latin1Literal("RemoveAllReferences");
+constexpr QLatin1String RemoveReference = Latin1Literal("RemoveReference");
+constexpr QLatin1String RequestFile = Latin1Literal("RequestFile");
+constexpr QLatin1String ConvertFileGroupReply = Latin1Literal("ConvertFileGroupReply");
 
 // Reply elements.
-constexpr QLatin1String CreateFileGroupReply("CreateFileGroupReply");
-constexpr QLatin1String AddFileReply("AddFileReply");
-constexpr QLatin1String DeleteFileReply("DeleteFileReply");
-constexpr QLatin1String RequestFileReply("RequestFileReply");
-constexpr QLatin1String CloseFileReply("CloseFileReply");
-constexpr QLatin1String MoveToNasReply("MoveToNasReply");
-constexpr QLatin1String AddReferenceReply("AddReferenceReply");
-constexpr QLatin1String RemoveReferenceReply("RemoveReferenceReply");
-constexpr QLatin1String RemoveAllReferencesReply("RemoveAllReferencesReply");
-constexpr QLatin1String QueryMetaDataReply("QueryMetaDataReply");
-constexpr QLatin1String GetApplicationListReply("GetApplicationListReply");
-constexpr QLatin1String GetFileListReply("GetFileListReply");
-constexpr QLatin1String GetUserListReply("GetUserListReply");
-constexpr QLatin1String QueryFileGroupsReply("QueryFileGroupsReply");
-constexpr QLatin1String GetBasePathReply("GetBasePathReply");
-constexpr QLatin1String ExportArchiveReply("ExportArchiveReply");
-constexpr QLatin1String ImportArchiveReply("ImportArchiveReply");
-constexpr QLatin1String CreateTovinFileGroupReply("CreateTovinFileGroupReply");
-constexpr QLatin1String RegisterConverterReply("RegisterConverterReply");
-constexpr QLatin1String DeleteFileGroupReply("DeleteFileGroupReply");
-constexpr QLatin1String QueryLocationStateProgressReply("QueryLocationStateProgressReply");
-constexpr QLatin1String CheckFileGroupExistsReply("CheckFileGroupExistsReply");
-constexpr QLatin1String GetRemoteStorageLocationReply("GetRemoteStorageLocationReply");
-constexpr QLatin1String GetTovinFilegroupGuidReply("GetTovinFilegroupGuidReply");
-constexpr QLatin1String QueryDiskSpaceReply("QueryDiskSpaceReply");
+constexpr QLatin1String CreateFileGroupReply = Latin1Literal("CreateFileGroupReply");
+constexpr QLatin1String AddFileReply = Latin1Literal("AddFileReply");
+constexpr QLatin1String DeleteFileReply = Latin1Literal("DeleteFileReply");
+constexpr QLatin1String RequestFileReply = Latin1Literal("RequestFileReply");
+constexpr QLatin1String CloseFileReply = Latin1Literal("CloseFileReply");
+constexpr QLatin1String MoveToNasReply = Latin1Literal("MoveToNasReply");
+constexpr QLatin1String AddReferenceReply = Latin1Literal("AddReferenceReply");
+constexpr QLatin1String RemoveReferenceReply = Latin1Literal("RemoveReferenceReply");
+constexpr QLatin1String RemoveAllReferencesReply = Latin1Literal("RemoveAllReferencesReply");
+constexpr QLatin1String QueryMetaDataReply = Latin1Literal("QueryMetaDataReply");
+constexpr QLatin1String GetApplicationListReply = Latin1Literal("GetApplicationListReply");
+constexpr QLatin1String GetFileListReply = Latin1Literal("GetFileListReply");
+constexpr QLatin1String GetUserListReply = Latin1Literal("GetUserListReply");
+constexpr QLatin1String QueryFileGroupsReply = Latin1Literal("QueryFileGroupsReply");
+constexpr QLatin1String GetBasePathReply = Latin1Literal("GetBasePathReply");
+constexpr QLatin1String ExportArchiveReply = Latin1Literal("ExportArchiveReply");
+constexpr QLatin1String ImportArchiveReply = Latin1Literal("ImportArchiveReply");
+constexpr QLatin1String CreateTovinFileGroupReply = Latin1Literal("CreateTovinFileGroupReply");
+constexpr QLatin1String RegisterConverterReply = Latin1Literal("RegisterConverterReply");
+constexpr QLatin1String DeleteFileGroupReply = Latin1Literal("DeleteFileGroupReply");
+constexpr QLatin1String QueryLocationStateProgressReply = Latin1Literal("QueryLocationStateProgressReply");
+constexpr QLatin1String CheckFileGroupExistsReply = Latin1Literal("CheckFileGroupExistsReply");
+constexpr QLatin1String GetRemoteStorageLocationReply = Latin1Literal("GetRemoteStorageLocationReply");
+constexpr QLatin1String GetTovinFilegroupGuidReply = Latin1Literal("GetTovinFilegroupGuidReply");
+constexpr QLatin1String QueryDiskSpaceReply = Latin1Literal("QueryDiskSpaceReply");
 
 // Server-side commands and notifications.
-constexpr QLatin1String ConvertFileGroup("ConvertFileGroup");
-constexpr QLatin1String CopyForeignFileGroupProgress("CopyForeignFileGroupProgress");
-constexpr QLatin1String QueryForForeignFileGroup("QueryForForeignFileGroup");
-constexpr QLatin1String ConnectInfoForKelda("ConnectInfoForKelda");
-constexpr QLatin1String DownloadFinished("DownloadFinished");
-constexpr QLatin1String RequestTorrent("RequestTorrent");
-constexpr QLatin1String QueryDiskSpace("QueryDiskSpace");
-constexpr QLatin1String ThrowExceptionForTest("ThrowExceptionForTest");
-constexpr QLatin1String MoveIQRecFromTovin("MoveIQRecFromTovin");
+constexpr QLatin1String ConvertFileGroup = Latin1Literal("ConvertFileGroup");
+constexpr QLatin1String CopyForeignFileGroupProgress = Latin1Literal("CopyForeignFileGroupProgress");
+constexpr QLatin1String QueryForForeignFileGroup = Latin1Literal("QueryForForeignFileGroup");
+constexpr QLatin1String ConnectInfoForKelda = Latin1Literal("ConnectInfoForKelda");
+constexpr QLatin1String DownloadFinished = Latin1Literal("DownloadFinished");
+constexpr QLatin1String RequestTorrent = Latin1Literal("RequestTorrent");
+constexpr QLatin1String QueryDiskSpace = Latin1Literal("QueryDiskSpace");
+constexpr QLatin1String ThrowExceptionForTest = Latin1Literal("ThrowExceptionForTest");
+constexpr QLatin1String MoveIQRecFromTovin = Latin1Literal("MoveIQRecFromTovin");
 
 // Fields.
-constexpr QLatin1String Application("Application");
-constexpr QLatin1String AttachmentUrl("AttachmentUrl");
-constexpr QLatin1String TovinId("TovinId");
-constexpr QLatin1String BackupTime("BackupTime");
-constexpr QLatin1String CleanupPeriodDays("CleanupPeriodDays");
-constexpr QLatin1String CleanupTime("CleanupTime");
-constexpr QLatin1String Comment("Comment");
-constexpr QLatin1String CommentSearchText("CommentSearchText");
-constexpr QLatin1String ConverterId("ConverterId");
-constexpr QLatin1String CopyDestination("CopyDestination");
-constexpr QLatin1String CopyOnDemand("CopyOnDemand");
-constexpr QLatin1String CopyProgress("CopyProgress");
-constexpr QLatin1String CreationTime("CreationTime");
-constexpr QLatin1String Creator("Creator");
-constexpr QLatin1String DbId("DbId");
-constexpr QLatin1String DeleteArchive("DeleteArchive");
-constexpr QLatin1String Detail("Detail");
-constexpr QLatin1String DetailSearchText("DetailSearchText");
-constexpr QLatin1String Error("Error");
-constexpr QLatin1String ErrorString("ErrorString");
-constexpr QLatin1String Exists("Exists");
-constexpr QLatin1String File("File");
-constexpr QLatin1String FileGroup("FileGroup");
-constexpr QLatin1String FileGroupName("FileGroupName");
-constexpr QLatin1String FileGroupNameSearchText("FileGroupNameSearchText");
-constexpr QLatin1String FileGroupVersion("FileGroupVersion");
-constexpr QLatin1String FileId("FileId");
-constexpr QLatin1String FileName("FileName");
-constexpr QLatin1String Files("Files");
-constexpr QLatin1String FileType("FileType");
-constexpr QLatin1String FileTypeList("FileTypeList");
-constexpr QLatin1String Guid("Guid");
-constexpr QLatin1String Hostname("Hostname");
-constexpr QLatin1String Id("Id");
-constexpr QLatin1String LifeCycle("LifeCycle");
-constexpr QLatin1String ListOfAskedServers("ListOfAskedServers");
-constexpr QLatin1String LocationState("LocationState");
-constexpr QLatin1String LockState("LockState");
-constexpr QLatin1String LockUser("LockUser");
-constexpr QLatin1String Max("Max");
-constexpr QLatin1String Min("Min");
-constexpr QLatin1String ModificationTime("ModificationTime");
-constexpr QLatin1String Path("Path");
-constexpr QLatin1String Port("Port");
-constexpr QLatin1String RecordId("RecordId");
-constexpr QLatin1String ReferenceCounter("ReferenceCounter");
-constexpr QLatin1String ReferencingApplication("ReferencingApplication");
-constexpr QLatin1String RemoteIp("RemoteIp");
-constexpr QLatin1String Requestor("Requestor");
-constexpr QLatin1String ReservedPercent("ReservedPercent");
-constexpr QLatin1String ReservedStorage("ReservedStorage");
-constexpr QLatin1String ShallowDelete("ShallowDelete");
-constexpr QLatin1String SkipExistingFileGroups("SkipExistingFileGroups");
-constexpr QLatin1String State("State");
-constexpr QLatin1String SubSystemName("SubSystemName");
-constexpr QLatin1String TeamMembership("TeamMembership");
-constexpr QLatin1String TeamSearchText("TeamSearchText");
-constexpr QLatin1String Torrent("Torrent");
-constexpr QLatin1String TotalBytes("TotalBytes");
-constexpr QLatin1String TypeOfException("TypeOfException");
-constexpr QLatin1String UsedPercent("UsedPercent");
-constexpr QLatin1String User("User");
-constexpr QLatin1String UserName("UserName");
-constexpr QLatin1String VersionSearchText("VersionSearchText");
-constexpr QLatin1String WriteLock("WriteLock");
+constexpr QLatin1String Application = Latin1Literal("Application");
+constexpr QLatin1String AttachmentUrl = Latin1Literal("AttachmentUrl");
+constexpr QLatin1String TovinId = Latin1Literal("TovinId");
+constexpr QLatin1String BackupTime = Latin1Literal("BackupTime");
+constexpr QLatin1String CleanupPeriodDays = Latin1Literal("CleanupPeriodDays");
+constexpr QLatin1String CleanupTime = Latin1Literal("CleanupTime");
+constexpr QLatin1String Comment = Latin1Literal("Comment");
+constexpr QLatin1String CommentSearchText = Latin1Literal("CommentSearchText");
+constexpr QLatin1String ConverterId = Latin1Literal("ConverterId");
+constexpr QLatin1String CopyDestination = Latin1Literal("CopyDestination");
+constexpr QLatin1String CopyOnDemand = Latin1Literal("CopyOnDemand");
+constexpr QLatin1String CopyProgress = Latin1Literal("CopyProgress");
+constexpr QLatin1String CreationTime = Latin1Literal("CreationTime");
+constexpr QLatin1String Creator = Latin1Literal("Creator");
+constexpr QLatin1String DbId = Latin1Literal("DbId");
+constexpr QLatin1String DeleteArchive = Latin1Literal("DeleteArchive");
+constexpr QLatin1String Detail = Latin1Literal("Detail");
+constexpr QLatin1String DetailSearchText = Latin1Literal("DetailSearchText");
+constexpr QLatin1String Error = Latin1Literal("Error");
+constexpr QLatin1String ErrorString = Latin1Literal("ErrorString");
+constexpr QLatin1String Exists = Latin1Literal("Exists");
+constexpr QLatin1String File = Latin1Literal("File");
+constexpr QLatin1String FileGroup = Latin1Literal("FileGroup");
+constexpr QLatin1String FileGroupName = Latin1Literal("FileGroupName");
+constexpr QLatin1String FileGroupNameSearchText = Latin1Literal("FileGroupNameSearchText");
+constexpr QLatin1String FileGroupVersion = Latin1Literal("FileGroupVersion");
+constexpr QLatin1String FileId = Latin1Literal("FileId");
+constexpr QLatin1String FileName = Latin1Literal("FileName");
+constexpr QLatin1String Files = Latin1Literal("Files");
+constexpr QLatin1String FileType = Latin1Literal("FileType");
+constexpr QLatin1String FileTypeList = Latin1Literal("FileTypeList");
+constexpr QLatin1String Guid = Latin1Literal("Guid");
+constexpr QLatin1String Hostname = Latin1Literal("Hostname");
+constexpr QLatin1String Id = Latin1Literal("Id");
+constexpr QLatin1String LifeCycle = Latin1Literal("LifeCycle");
+constexpr QLatin1String ListOfAskedServers = Latin1Literal("ListOfAskedServers");
+constexpr QLatin1String LocationState = Latin1Literal("LocationState");
+constexpr QLatin1String LockState = Latin1Literal("LockState");
+constexpr QLatin1String LockUser = Latin1Literal("LockUser");
+constexpr QLatin1String Max = Latin1Literal("Max");
+constexpr QLatin1String Min = Latin1Literal("Min");
+constexpr QLatin1String ModificationTime = Latin1Literal("ModificationTime");
+constexpr QLatin1String Path = Latin1Literal("Path");
+constexpr QLatin1String Port = Latin1Literal("Port");
+constexpr QLatin1String RecordId = Latin1Literal("RecordId");
+constexpr QLatin1String ReferenceCounter = Latin1Literal("ReferenceCounter");
+constexpr QLatin1String ReferencingApplication = Latin1Literal("ReferencingApplication");
+constexpr QLatin1String RemoteIp = Latin1Literal("RemoteIp");
+constexpr QLatin1String Requestor = Latin1Literal("Requestor");
+constexpr QLatin1String ReservedPercent = Latin1Literal("ReservedPercent");
+constexpr QLatin1String ReservedStorage = Latin1Literal("ReservedStorage");
+constexpr QLatin1String ShallowDelete = Latin1Literal("ShallowDelete");
+constexpr QLatin1String SkipExistingFileGroups = Latin1Literal("SkipExistingFileGroups");
+constexpr QLatin1String State = Latin1Literal("State");
+constexpr QLatin1String SubSystemName = Latin1Literal("SubSystemName");
+constexpr QLatin1String TeamMembership = Latin1Literal("TeamMembership");
+constexpr QLatin1String TeamSearchText = Latin1Literal("TeamSearchText");
+constexpr QLatin1String Torrent = Latin1Literal("Torrent");
+constexpr QLatin1String TotalBytes = Latin1Literal("TotalBytes");
+constexpr QLatin1String TypeOfException = Latin1Literal("TypeOfException");
+constexpr QLatin1String UsedPercent = Latin1Literal("UsedPercent");
+constexpr QLatin1String User = Latin1Literal("User");
+constexpr QLatin1String UserName = Latin1Literal("UserName");
+constexpr QLatin1String VersionSearchText = Latin1Literal("VersionSearchText");
+constexpr QLatin1String WriteLock = Latin1Literal("WriteLock");
 
 // List wrappers of the list replies.
-constexpr QLatin1String Applications("Applications");
-constexpr QLatin1String Users("Users");
+constexpr QLatin1String Applications = Latin1Literal("Applications");
+constexpr QLatin1String Users = Latin1Literal("Users");
 
 // "m:" + name, the qualified form used by every writer.
 inline QString m(QLatin1String name)

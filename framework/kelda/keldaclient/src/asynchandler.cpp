@@ -2,21 +2,17 @@
 
 #include "commandsender.h"
 
-#include <QDeadlineTimer>
-#include <QMutexLocker>
+#include <chrono>
 
 namespace Kelda {
 
 bool AsyncHandlerCommandSenderSocket::Wait(const QString &requestId, unsigned int timeoutMs)
 {
-    QMutexLocker lock(&m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     if (SetAwaitedRequestId(requestId))
         return m_handled;
-    const QDeadlineTimer deadline(timeoutMs);
-    while (!m_finished) {
-        if (!m_waitCondition.wait(&m_mutex, deadline))
-            break;
-    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    m_waitCondition.wait_until(lock, deadline, [this] { return m_finished; });
     return m_handled;
 }
 
@@ -44,7 +40,7 @@ void AsyncHandlerCommandSenderSocket::sl_requestHandled(const QString &requestId
     if (requestId.isEmpty())
         return;
     {
-        QMutexLocker lock(&m_mutex);
+        const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_finished)
             return;
         if (!m_awaiting) {
@@ -58,13 +54,13 @@ void AsyncHandlerCommandSenderSocket::sl_requestHandled(const QString &requestId
     // Woken after the mutex is released, so that the caller does not wake
     // only to block on it. The outcome was set under the mutex and the
     // caller checks it before every sleep, so the wake-up cannot be lost.
-    m_waitCondition.wakeAll();
+    m_waitCondition.notify_all();
 }
 
 void AsyncHandlerCommandSenderSocket::sl_disconnect()
 {
     {
-        QMutexLocker lock(&m_mutex);
+        const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_finished)
             return;
         if (!m_awaiting) {
@@ -73,24 +69,24 @@ void AsyncHandlerCommandSenderSocket::sl_disconnect()
         }
         Finish(false);
     }
-    m_waitCondition.wakeAll();
+    m_waitCondition.notify_all();
 }
 
 void RequestWaiters::Add(const Listener &listener)
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     m_listeners.append(listener);
 }
 
 void RequestWaiters::Remove(const Listener &listener)
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     m_listeners.removeOne(listener);
 }
 
 QVector<RequestWaiters::Listener> RequestWaiters::Listeners() const
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     return m_listeners;
 }
 

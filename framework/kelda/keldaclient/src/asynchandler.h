@@ -1,13 +1,13 @@
 #pragma once
 
-#include <QMutex>
 #include <QObject>
 #include <QSet>
 #include <QString>
 #include <QVector>
-#include <QWaitCondition>
 
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 
 namespace Kelda {
 
@@ -26,6 +26,10 @@ class CommandSender;
 // its handler and a sender that is reporting to it: the sender wakes the
 // caller without holding any lock the caller needs next, and a handler that
 // is gone by then leaves a listener that nobody waits on.
+//
+// The standard library's mutex and condition variable are used rather than
+// Qt's so that thread checkers, which cannot see inside a Qt built without
+// them, see this synchronisation.
 class AsyncHandlerCommandSenderSocket : public QObject
 {
     Q_OBJECT
@@ -48,8 +52,8 @@ private:
     bool SetAwaitedRequestId(const QString &requestId);
     void Finish(bool handled);
 
-    QMutex m_mutex;
-    QWaitCondition m_waitCondition;
+    std::mutex m_mutex;
+    std::condition_variable m_waitCondition;
     // Guarded by m_mutex.
     bool m_handled = false;
     bool m_finished = false;
@@ -76,7 +80,7 @@ public:
 private:
     QVector<Listener> Listeners() const;
 
-    mutable QMutex m_mutex;
+    mutable std::mutex m_mutex;
     QVector<Listener> m_listeners;
 };
 

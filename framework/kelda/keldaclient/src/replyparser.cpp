@@ -71,29 +71,29 @@ QString MetaDataErrorText(int error)
 // Trace texts of the failed replies. Three name another operation; they are
 // diagnostics and are kept as they have always read.
 namespace TraceText {
-constexpr QLatin1String AddFile("Error while adding file: %1 (%2)");
-constexpr QLatin1String AddReference("Error while adding reference: %1 (%2)");
-constexpr QLatin1String CheckFileGroupExists("Error while getting QueryLocationStateProgress reply: %1 (%2)");
-constexpr QLatin1String CloseFile("Error while closing file: %1 (%2)");
-constexpr QLatin1String CreateFileGroup("Error while creating file group: %1 (%2)");
-constexpr QLatin1String DeleteFileGroup("Error while getting delete filegroup reply: %1 (%2)");
-constexpr QLatin1String DeleteFile("Error while deleting file group: %1 (%2)");
-constexpr QLatin1String ExportArchive("Error while exporting archive: %1 (%2)");
-constexpr QLatin1String ImportArchive("Error while importing archive: %1 (%2)");
-constexpr QLatin1String GetTovinFilegroupGuid("Error while getting GetTovinFilegroupGuid reply: %1 (%2)");
-constexpr QLatin1String GetApplicationList("Error while getting application list: %1 (%2)");
-constexpr QLatin1String GetUserList("Error while getting user list: %1 (%2)");
-constexpr QLatin1String GetFileList("Error while getting file list: %1 (%2)");
-constexpr QLatin1String GetBasePath("Error while getting base path: %1 (%2)");
-constexpr QLatin1String GetRemoteStorageLocation("Error while getting RemoteStorageLocation reply: %1 (%2)");
-constexpr QLatin1String MoveToNas("Error while moving to NAS: %1 (%2)");
-constexpr QLatin1String QueryFileGroups("Error while getting user list: %1 (%2)");
-constexpr QLatin1String QueryLocationStateProgress("Error while getting QueryLocationStateProgress reply: %1 (%2)");
-constexpr QLatin1String RegisterConverter("Error while getting register converter reply: %1 (%2)");
-constexpr QLatin1String RemoveAllReferences("Error while removing all references: %1 (%2)");
-constexpr QLatin1String RemoveReference("Error while removing reference: %1 (%2)");
-constexpr QLatin1String RequestFile("Error while requesting file: %1 (%2)");
-constexpr QLatin1String CopyProgress("Error while getting progress: %1 (%2)");
+constexpr QLatin1String AddFile = Latin1Literal("Error while adding file: %1 (%2)");
+constexpr QLatin1String AddReference = Latin1Literal("Error while adding reference: %1 (%2)");
+constexpr QLatin1String CheckFileGroupExists = Latin1Literal("Error while getting QueryLocationStateProgress reply: %1 (%2)");
+constexpr QLatin1String CloseFile = Latin1Literal("Error while closing file: %1 (%2)");
+constexpr QLatin1String CreateFileGroup = Latin1Literal("Error while creating file group: %1 (%2)");
+constexpr QLatin1String DeleteFileGroup = Latin1Literal("Error while getting delete filegroup reply: %1 (%2)");
+constexpr QLatin1String DeleteFile = Latin1Literal("Error while deleting file group: %1 (%2)");
+constexpr QLatin1String ExportArchive = Latin1Literal("Error while exporting archive: %1 (%2)");
+constexpr QLatin1String ImportArchive = Latin1Literal("Error while importing archive: %1 (%2)");
+constexpr QLatin1String GetTovinFilegroupGuid = Latin1Literal("Error while getting GetTovinFilegroupGuid reply: %1 (%2)");
+constexpr QLatin1String GetApplicationList = Latin1Literal("Error while getting application list: %1 (%2)");
+constexpr QLatin1String GetUserList = Latin1Literal("Error while getting user list: %1 (%2)");
+constexpr QLatin1String GetFileList = Latin1Literal("Error while getting file list: %1 (%2)");
+constexpr QLatin1String GetBasePath = Latin1Literal("Error while getting base path: %1 (%2)");
+constexpr QLatin1String GetRemoteStorageLocation = Latin1Literal("Error while getting RemoteStorageLocation reply: %1 (%2)");
+constexpr QLatin1String MoveToNas = Latin1Literal("Error while moving to NAS: %1 (%2)");
+constexpr QLatin1String QueryFileGroups = Latin1Literal("Error while getting user list: %1 (%2)");
+constexpr QLatin1String QueryLocationStateProgress = Latin1Literal("Error while getting QueryLocationStateProgress reply: %1 (%2)");
+constexpr QLatin1String RegisterConverter = Latin1Literal("Error while getting register converter reply: %1 (%2)");
+constexpr QLatin1String RemoveAllReferences = Latin1Literal("Error while removing all references: %1 (%2)");
+constexpr QLatin1String RemoveReference = Latin1Literal("Error while removing reference: %1 (%2)");
+constexpr QLatin1String RequestFile = Latin1Literal("Error while requesting file: %1 (%2)");
+constexpr QLatin1String CopyProgress = Latin1Literal("Error while getting progress: %1 (%2)");
 } // namespace TraceText
 
 // Envelope steps, in the envelope namespace.
