@@ -3,17 +3,58 @@
 #include "commandsender.h"
 
 #include <chrono>
+#include <thread>
 
 namespace Kelda {
 
+namespace {
+
+// How long a blocking call looks for its outcome before it goes to sleep.
+constexpr std::chrono::microseconds kWatchTime(150);
+
+// Tells the processor that this is a busy wait, so that it spends less power
+// and lets a sibling hardware thread run.
+inline void RelaxProcessor()
+{
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__) || defined(__arm__)
+    asm volatile("yield");
+#endif
+}
+
+} // namespace
+
 bool AsyncHandlerCommandSenderSocket::Wait(const QString &requestId, unsigned int timeoutMs)
 {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     std::unique_lock<std::mutex> lock(m_mutex);
     if (SetAwaitedRequestId(requestId))
         return m_handled;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    m_waitCondition.wait_until(lock, deadline, [this] { return m_finished; });
+    lock.unlock();
+    WatchBriefly();
+    lock.lock();
+    m_waitCondition.wait_until(lock, deadline, [this] { return m_finished.load(); });
     return m_handled;
+}
+
+void AsyncHandlerCommandSenderSocket::WatchBriefly() const
+{
+    // A server on this machine answers within tens of microseconds, and
+    // waking a sleeping thread costs about as much again: looking for the
+    // outcome for a moment first spares the caller that wake-up. With one
+    // processor the threads that produce the reply need it, so there is no
+    // point.
+    static const bool worthIt = std::thread::hardware_concurrency() > 1;
+    if (!worthIt)
+        return;
+    const auto until = std::chrono::steady_clock::now() + kWatchTime;
+    while (!m_finished.load(std::memory_order_acquire)) {
+        for (int i = 0; i < 64; ++i)
+            RelaxProcessor();
+        if (std::chrono::steady_clock::now() > until)
+            return;
+    }
 }
 
 bool AsyncHandlerCommandSenderSocket::SetAwaitedRequestId(const QString &requestId)

@@ -5,6 +5,7 @@
 #include <QString>
 #include <QVector>
 
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -51,12 +52,14 @@ private:
     // caller got here.
     bool SetAwaitedRequestId(const QString &requestId);
     void Finish(bool handled);
+    void WatchBriefly() const;
 
     std::mutex m_mutex;
     std::condition_variable m_waitCondition;
     // Guarded by m_mutex.
     bool m_handled = false;
-    bool m_finished = false;
+    // Also read without the mutex, while watching for the outcome.
+    std::atomic<bool> m_finished{false};
     bool m_awaiting = false;
     bool m_disconnectedBeforeWait = false;
     QString m_awaitedRequestId;
