@@ -4,6 +4,8 @@
 #include "trace.h"
 
 #include <QDir>
+#include <QMutex>
+#include <QMutexLocker>
 #include <QElapsedTimer>
 #include <QSemaphore>
 #include <QSignalSpy>
@@ -84,16 +86,26 @@ private:
     QTemporaryDir m_basePath;
     ScriptedPeer *m_peer = nullptr;
     KeldaClient *m_client = nullptr;
+    // The traces so far; the hook appends from the client's threads.
+    QStringList traces() const;
+
+    mutable QMutex m_tracesMutex;
     QStringList m_traces;
 };
 
 void KeldaClientTest::init()
 {
     QVERIFY(m_basePath.isValid());
-    m_traces.clear();
+    {
+        QMutexLocker lock(&m_tracesMutex);
+        m_traces.clear();
+    }
     ErrorHandler::Instance()->SetLevel(ErrorHandler::Failure);
     ErrorHandler::Instance()->SetTraceHook(
-        [this](const QString &text, const char *, int) { m_traces.append(text); });
+        [this](const QString &text, const char *, int) {
+            QMutexLocker lock(&m_tracesMutex);
+            m_traces.append(text);
+        });
     m_peer = new ScriptedPeer;
     m_peer->setBasePath(m_basePath.path());
     m_client = new KeldaClient(QStringLiteral("127.0.0.1"), m_peer->port(), QStringLiteral("app"),
@@ -111,6 +123,12 @@ void KeldaClientTest::cleanup()
     ErrorHandler::Instance()->SetTraceHook({});
 }
 
+QStringList KeldaClientTest::traces() const
+{
+    QMutexLocker lock(&m_tracesMutex);
+    return m_traces;
+}
+
 void KeldaClientTest::handshake()
 {
     QVERIFY(m_client->IsConnected());
@@ -118,7 +136,7 @@ void KeldaClientTest::handshake()
     QCOMPARE(m_client->GetHost(), QStringLiteral("127.0.0.1"));
     QCOMPARE(m_client->GetPort(), m_peer->port());
     QCOMPARE(m_peer->requests(QStringLiteral("GetBasePath")).size(), 1);
-    QVERIFY(!m_traces.contains(QStringLiteral("Directory does not exist: ") + m_basePath.path()));
+    QVERIFY(!traces().contains(QStringLiteral("Directory does not exist: ") + m_basePath.path()));
 }
 
 void KeldaClientTest::blockingOperations_data()
@@ -499,7 +517,8 @@ void KeldaClientTest::malformedReplyLosesOnlyItself()
     QCOMPARE(spy.at(0).at(1).toStringList(), QStringList{QStringLiteral("ann")});
     QVERIFY(broken != good);
     const QString prefix = QStringLiteral("CommandSender::HandleXmlError: XML parse error from 127.0.0.1 :");
-    QCOMPARE(std::count_if(m_traces.cbegin(), m_traces.cend(),
+    const QStringList seen = traces();
+    QCOMPARE(std::count_if(seen.cbegin(), seen.cend(),
                            [&](const QString &t) { return t.startsWith(prefix); }),
              1);
     // The connection survives the broken reply.
@@ -520,7 +539,8 @@ void KeldaClientTest::oversizedFrameClosesTheConnection()
     QCOMPARE(m_client->GetUserList(), QStringList());
     QVERIFY2(clock.elapsed() < 30000, "the blocking call ran into its time limit");
     QVERIFY(!m_client->IsConnected());
-    QVERIFY(std::any_of(m_traces.cbegin(), m_traces.cend(), [](const QString &t) {
+    const QStringList seen = traces();
+    QVERIFY(std::any_of(seen.cbegin(), seen.cend(), [](const QString &t) {
         return t.startsWith(QLatin1String("CommandSenderSocket: message of 2147483632 bytes"));
     }));
 
@@ -547,7 +567,7 @@ void KeldaClientTest::serverInitiatedMessages()
     QCOMPARE(progress.at(0).at(0).toString(), QStringLiteral("r-1"));
     QCOMPARE(progress.at(0).at(1).toFloat(), 0.25f);
     QCOMPARE(m_client->GetUserList(), QStringList());
-    QVERIFY(m_traces.contains(QStringLiteral("CommandSender::SlotHandleXmlReply: Unknown command: 26")));
+    QVERIFY(traces().contains(QStringLiteral("CommandSender::SlotHandleXmlReply: Unknown command: 26")));
 }
 
 void KeldaClientTest::destructionDoesNotWaitForAHungSender()
