@@ -508,22 +508,29 @@ void ArchiveEngine::getFileList(const Request &request, const RequestOrigin &, R
     writer.writeStatus(KE_NoError, QString());
 }
 
-void ArchiveEngine::getUserList(const Request &, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
+namespace {
+
+// The user and application lists: one wrapper, one element a name, then the
+// status.
+void writeNameList(ReplyWriter &writer, QLatin1String listTag, QLatin1String itemTag, const QStringList &names)
 {
-    writer.writeStartElement(Tag::Users);
-    for (const QString &user : m_store.users())
-        writer.writeText(Tag::User, user);
+    writer.writeStartElement(listTag);
+    for (const QString &name : names)
+        writer.writeText(itemTag, name);
     writer.writeEndElement();
     writer.writeStatus(KE_NoError, QString());
 }
 
+} // namespace
+
+void ArchiveEngine::getUserList(const Request &, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
+{
+    writeNameList(writer, Tag::Users, Tag::User, m_store.users());
+}
+
 void ArchiveEngine::getApplicationList(const Request &, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
 {
-    writer.writeStartElement(Tag::Applications);
-    for (const QString &application : m_store.applications())
-        writer.writeText(Tag::Application, application);
-    writer.writeEndElement();
-    writer.writeStatus(KE_NoError, QString());
+    writeNameList(writer, Tag::Applications, Tag::Application, m_store.applications());
 }
 
 void ArchiveEngine::queryFileGroups(const Request &request, const RequestOrigin &, ReplyWriter &writer,
