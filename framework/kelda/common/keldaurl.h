@@ -86,8 +86,8 @@ public:
 
 /*!
     \relates KeldaUrl
-    Returns the local directory of a new file group:
-    <basePath>/yyyy/MM/dd/hh/<guid>/<name>/, the date and hour taken from \a time
+    Returns the local directory of a new file group,
+    "<basePath>/yyyy/MM/dd/hh/<guid>/<name>/", the date and hour taken from \a time
     in its own time spec, cleaned, made absolute (relative to the current
     directory) and given a trailing separator, all in native separators.
 

@@ -146,14 +146,13 @@ public:
     */
     static QString CreateGuid();
 
-    /*!
-        \internal
-        The configuration that every reader in the process shares: set by
-        the first reader, replaced by the first client, whose constructor may
-        override host and port. Applications use IsKeldaAvailable(),
-        IsUseUtc() and GetCompressionRate().
-    */
+    //! \cond internal
+    // The configuration that every reader in the process shares: set by the
+    // first reader, replaced by the first client, whose constructor may
+    // override host and port. Applications use IsKeldaAvailable(),
+    // IsUseUtc() and GetCompressionRate().
     static std::atomic<ClientConfig *> s_config;
+    //! \endcond
 
     /*!
         Returns true when a server is configured, the connection is up and
@@ -230,7 +229,10 @@ public:
     QString CreateTovinFileGroupAsync(const QString &subsystem, const QString &tovinId, const QString &recordId,
                                       const QString &version, const QString &detail, const QString &comment,
                                       FileType fileType, QString &localPath, QString guid = QString());
-    //! \overload Uses the subsystem "IpAddress".
+    /*!
+        \overload
+        Uses the subsystem "IpAddress".
+    */
     QString CreateTovinFileGroupAsync(const QString &tovinId, const QString &recordId, const QString &version,
                                       const QString &detail, const QString &comment, FileType fileType,
                                       QString &localPath, QString guid = QString());
@@ -273,14 +275,20 @@ public:
         with RequestFileSg().
     */
     QString RequestFileAsync(unsigned int fileId, const QString &guid, LockState lock);
-    //! \overload Takes group and file from \a url as RequestFile(const KeldaUrl &, LockState) does.
+    /*!
+        \overload
+        Takes group and file from \a url as RequestFile(const KeldaUrl &, LockState) does.
+    */
     QString RequestFileAsync(const KeldaUrl &url, LockState lock);
     /*!
         Releases this client's lock on file \a fileId of group \a guid,
         without waiting; the outcome arrives with CloseFileSg().
     */
     void CloseFile(unsigned int fileId, const QString &guid);
-    //! \overload Does nothing for a URL that is not an archive URL.
+    /*!
+        \overload
+        Does nothing for a URL that is not an archive URL.
+    */
     void CloseFile(const KeldaUrl &url);
     /*!
         Deletes file \a fileId from group \a guid, without waiting. Returns
@@ -288,7 +296,10 @@ public:
         arrives with DeleteFileNameSg().
     */
     QString DeleteFileName(unsigned int fileId, const QString &guid);
-    //! \overload Returns an empty string for a URL that is not an archive URL.
+    /*!
+        \overload
+        Returns an empty string for a URL that is not an archive URL.
+    */
     QString DeleteFileName(const KeldaUrl &url);
 
     /*!
@@ -297,7 +308,10 @@ public:
         sent; the outcome arrives with MoveToNasSg().
     */
     QString MoveToNas(const QString &guid);
-    //! \overload Returns an empty string for a URL that is not an archive URL.
+    /*!
+        \overload
+        Returns an empty string for a URL that is not an archive URL.
+    */
     QString MoveToNas(const KeldaUrl &url);
     /*!
         Moves group \a guid to network storage as MoveToNas() does and waits
@@ -307,15 +321,24 @@ public:
 
     //! Adds a reference of this application to group \a guid, without waiting; see AddReferenceSg().
     void AddReference(const QString &guid);
-    //! \overload Does nothing for a URL that is not an archive URL.
+    /*!
+        \overload
+        Does nothing for a URL that is not an archive URL.
+    */
     void AddReference(const KeldaUrl &url);
     //! Removes a reference of this application from group \a guid, without waiting; see RemoveReferenceSg().
     void RemoveReference(const QString &guid);
-    //! \overload Does nothing for a URL that is not an archive URL.
+    /*!
+        \overload
+        Does nothing for a URL that is not an archive URL.
+    */
     void RemoveReference(const KeldaUrl &url);
     //! Removes every reference from group \a guid, without waiting; see RemoveAllReferenceSg().
     void RemoveAllReferences(const QString &guid);
-    //! \overload Does nothing for a URL that is not an archive URL.
+    /*!
+        \overload
+        Does nothing for a URL that is not an archive URL.
+    */
     void RemoveAllReferences(const KeldaUrl &url);
 
     /*!
@@ -338,7 +361,10 @@ public:
         list on failure; GetError() tells a failure from an empty group.
     */
     QStringList GetFileList(const QString &guid);
-    //! \overload Returns an empty list for a URL that is not an archive URL.
+    /*!
+        \overload
+        Returns an empty list for a URL that is not an archive URL.
+    */
     QStringList GetFileList(const KeldaUrl &url);
     //! Asks for the files of group \a guid without waiting; returns the request id. See GetFileListSg().
     QString GetFileListAsync(const QString &guid);
