@@ -22,6 +22,7 @@ install(FILES
 # find their prefix from their own place, so the tree can be installed or
 # moved anywhere.
 file(RELATIVE_PATH KELDA_PC_TO_PREFIX "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
+string(REGEX REPLACE "/$" "" KELDA_PC_TO_PREFIX "${KELDA_PC_TO_PREFIX}")
 foreach(pc keldacommon keldaclient)
     configure_file(${CMAKE_CURRENT_LIST_DIR}/${pc}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${pc}.pc @ONLY)
     install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

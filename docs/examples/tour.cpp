@@ -147,11 +147,22 @@ void useDialogs(QWidget *parent)
 }
 //! [dialogs]
 
+// Widgets need a display; only --dialogs shows any, so the rest of the tour
+// also runs where there is none.
+std::unique_ptr<QCoreApplication> makeApplication(int &argc, char **argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        if (qstrcmp(argv[i], "--dialogs") == 0)
+            return std::make_unique<QApplication>(argc, argv);
+    }
+    return std::make_unique<QCoreApplication>(argc, argv);
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
 {
-    QApplication app(argc, argv);
+    const std::unique_ptr<QCoreApplication> app = makeApplication(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("kelda_tour"));
 
     QCommandLineParser parser;
@@ -160,7 +171,7 @@ int main(int argc, char *argv[])
     parser.addHelpOption();
     const QCommandLineOption host(QStringLiteral("host"), QStringLiteral("Server host (default: configured)."),
                                   QStringLiteral("host"));
-    const QCommandLineOption port(QStringLiteral("port"), QStringLiteral("Server port."), QStringLiteral("port"),
+    const QCommandLineOption port(QStringLiteral("port"), QStringLiteral("Server port (default 5223)."), QStringLiteral("port"),
                                   QStringLiteral("5223"));
     const QCommandLineOption wait(QStringLiteral("connect-timeout"),
                                   QStringLiteral("Milliseconds to wait for the connection (default 10000)."),
@@ -168,7 +179,7 @@ int main(int argc, char *argv[])
     const QCommandLineOption dialogs(QStringLiteral("dialogs"), QStringLiteral("Also show the dialogs."));
     parser.addOptions({host, port, wait, dialogs});
     parser.addPositionalArgument(QStringLiteral("FILE"), QStringLiteral("A local file to store."));
-    parser.process(app);
+    parser.process(*app);
 
     bool portOk = false;
     const uint portNumber = parser.value(port).toUInt(&portOk);

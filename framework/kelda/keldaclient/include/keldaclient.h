@@ -481,7 +481,8 @@ signals:
     void CreateTovinFileGroupSg(QString a_sGuid, QString a_sPath, int a_iError, QString a_sErrorString);
     /*!
         Reports the reply to AddFile() or AddFileAsync() with the request id
-        \a a_sRequestId: \a a_fileId the new file's id, 0 on failure.
+        \a a_sRequestId: \a a_fileId the new file's id, 0 when the server sent
+        none. Carries no error code: GetError() has the reply's.
     */
     void AddFileSg(QString a_sRequestId, unsigned int a_fileId);
     /*!
