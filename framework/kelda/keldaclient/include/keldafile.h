@@ -82,8 +82,10 @@ public:
     KeldaFile(KeldaClient *client, const QString &nameOrGuid, unsigned int fileId);
     /*!
         Destroys the file. If this object created its group, asks the server
-        to move it to network storage, without waiting. Does not release a
-        lock: call close() first.
+        to move it to network storage, without waiting; while the move runs
+        the group cannot be requested (KeldaClient::QueryLocationStateProgress()
+        tells when it is LS_Central again). Does not release a lock: call
+        close() first.
     */
     ~KeldaFile() override;
 
