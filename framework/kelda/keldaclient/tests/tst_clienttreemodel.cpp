@@ -7,6 +7,8 @@
 #include <QSignalSpy>
 #include <QtTest>
 
+#include <memory>
+
 using namespace Kelda;
 
 using Files = QVector<QPair<int, QString>>;
@@ -21,6 +23,32 @@ QStringList column0(const QAbstractItemModel &model, const QModelIndex &parent, 
     for (int row = 0; row < model.rowCount(parent); ++row)
         texts.append(model.index(row, column, parent).data().toString());
     return texts;
+}
+
+// The tree below item as text: "name(child,child(grandchild))", with a "!"
+// after every child whose Parent() is not the item that holds it.
+QString shape(const FileGroupTreeItem &item)
+{
+    QString text = item.Data(0).toString();
+    if (item.ChildCount() == 0)
+        return text;
+    QStringList children;
+    for (int row = 0; row < item.ChildCount(); ++row) {
+        const FileGroupTreeItem *child = item.Child(row);
+        children.append(shape(*child) + (child->Parent() == &item ? QString() : QStringLiteral("!")));
+    }
+    return text + QLatin1Char('(') + children.join(QLatin1Char(',')) + QLatin1Char(')');
+}
+
+// A group "g" with the files "a" and "b", "b" holding "c".
+void buildGroup(FileGroupTreeItem &group)
+{
+    group.SetData(0, QStringLiteral("g"));
+    group.InsertChildren(0, 2, 1);
+    group.Child(0)->SetData(0, QStringLiteral("a"));
+    group.Child(1)->SetData(0, QStringLiteral("b"));
+    group.Child(1)->InsertChildren(0, 1, 1);
+    group.Child(1)->Child(0)->SetData(0, QStringLiteral("c"));
 }
 
 } // namespace
@@ -42,6 +70,8 @@ private slots:
     void failedFetchCanBeRetried();
     void sorting_data();
     void sorting();
+    void itemCopies_data();
+    void itemCopies();
 
 private:
     ScriptedPeer *m_peer = nullptr;
@@ -213,6 +243,48 @@ void ClientTreeModelTest::sorting()
     const int column = headers.indexOf(header);
     sortModel.sort(column, Qt::AscendingOrder);
     QCOMPARE(column0(sortModel, QModelIndex(), column), sorted);
+}
+
+void ClientTreeModelTest::itemCopies_data()
+{
+    QTest::addColumn<QString>("how");
+    QTest::addColumn<QString>("copied");
+    QTest::newRow("copy construction") << QStringLiteral("construct") << QStringLiteral("g(a,b(c))");
+    QTest::newRow("assignment over a tree") << QStringLiteral("assign") << QStringLiteral("g(a,b(c))");
+    QTest::newRow("assignment from its own child") << QStringLiteral("own child") << QStringLiteral("b(c)");
+    QTest::newRow("assignment to itself") << QStringLiteral("self") << QStringLiteral("g(a,b(c))");
+}
+
+// A copy owns copies of the children, which name the copy as their parent;
+// changing it leaves the original alone.
+void ClientTreeModelTest::itemCopies()
+{
+    QFETCH(QString, how);
+    QFETCH(QString, copied);
+    FileGroupTreeItem original(QVector<QVariant>(1));
+    buildGroup(original);
+
+    FileGroupTreeItem target(QVector<QVariant>{QStringLiteral("old")});
+    target.InsertChildren(0, 3, 1);
+    FileGroupTreeItem *result = &target;
+    std::unique_ptr<FileGroupTreeItem> constructed;
+    if (how == QLatin1String("construct")) {
+        constructed = std::make_unique<FileGroupTreeItem>(original);
+        result = constructed.get();
+    } else if (how == QLatin1String("assign")) {
+        target = original;
+    } else if (how == QLatin1String("own child")) {
+        buildGroup(target = FileGroupTreeItem(QVector<QVariant>(1)));
+        target = *target.Child(1);
+    } else {
+        target = original;
+        const FileGroupTreeItem &self = target;
+        target = self;
+    }
+
+    QCOMPARE(shape(*result), copied);
+    result->Child(0)->SetData(0, QStringLiteral("changed"));
+    QCOMPARE(shape(original), QStringLiteral("g(a,b(c))"));
 }
 
 QTEST_MAIN(ClientTreeModelTest)
