@@ -437,7 +437,8 @@ public:
         Returns true when \a url names a group, or a file of a group, that the
         server knows. Fetches the group's file list and waits for it (at most
         60 s). False for a URL that is not an archive URL, on a server error,
-        or when the group does not list the file id.
+        or when the group does not list the file id. A group URL without file
+        id also counts as valid when no reply came in time.
     */
     bool IsValidURL(const KeldaUrl &url);
 
