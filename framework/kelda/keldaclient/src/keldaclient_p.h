@@ -3,10 +3,10 @@
 #include "keldaclient.h"
 
 #include "commandsender.h"
+#include "workerthread.h"
 
 #include <QString>
 #include <QStringList>
-#include <QThread>
 
 #include <atomic>
 
@@ -16,7 +16,6 @@ class KeldaClientPrivate
 {
 public:
     explicit KeldaClientPrivate(KeldaClient *owner);
-    ~KeldaClientPrivate();
 
     void StartSender(QString application, const QString &user, const QString &teamMembership);
 
@@ -44,7 +43,8 @@ public:
     KeldaClient *m_owner;
     QString m_basePath;
     std::atomic<bool> m_connected{false};
-    QThread *m_thread;
+    // Runs the sender and deletes it. Last, so that it stops first.
+    WorkerThread m_thread{QStringLiteral("commandSenderThread")};
 };
 
 } // namespace Kelda

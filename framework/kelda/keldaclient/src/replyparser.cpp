@@ -1,5 +1,6 @@
 #include "replyparser.h"
 
+#include "filegroupcolumns.h"
 #include "keldaerror.h"
 #include "keldaxml.h"
 #include "trace.h"
@@ -458,10 +459,10 @@ bool LocalFields(time_t instant, tm *fields)
 #endif
 }
 
-// The columns of a result row that hold a group's times (FileGroupData's row
-// layout).
-enum TimeColumn { BackupTimeColumn = 3, CreationTimeColumn, ModificationTimeColumn, LifeCycleColumn };
-constexpr int TimeColumnCount = 4;
+// The columns of a result row that hold a group's times, side by side.
+using TimeColumn = FileGroupColumn::Column;
+constexpr TimeColumn FirstTimeColumn = FileGroupColumn::BackupTime;
+constexpr int TimeColumnCount = FileGroupColumn::LifeCycle - FirstTimeColumn + 1;
 
 // The times of one reply as its result rows show them.
 //
@@ -486,7 +487,7 @@ public:
     // as sent is kept for FillRow() instead and left invalid.
     QDateTime Read(QStringView text, TimeColumn column)
     {
-        QString &shown = m_shown[column - BackupTimeColumn];
+        QString &shown = m_shown[column - FirstTimeColumn];
         shown.clear();
         QDate date;
         QTime time;
@@ -504,7 +505,7 @@ public:
     {
         for (int i = 0; i < TimeColumnCount; ++i) {
             if (!m_shown[i].isNull())
-                table[row + BackupTimeColumn + i] = std::exchange(m_shown[i], QString());
+                table[row + FirstTimeColumn + i] = std::exchange(m_shown[i], QString());
         }
     }
 
@@ -580,10 +581,10 @@ FileGroupData ReadFileGroup(QXmlStreamReader &reader, ElementText &value, ReplyT
         case 2: group.setFileGroupName(reader.readElementText()); break;
         case 3: group.setFileType(static_cast<FileType>(value.ReadInt(reader))); break;
         case 4: group.setLocationState(static_cast<LocationState>(value.ReadInt(reader))); break;
-        case 5: group.setBackupTime(times.Read(value.Read(reader), BackupTimeColumn)); break;
-        case 6: group.setCreationTime(times.Read(value.Read(reader), CreationTimeColumn)); break;
-        case 7: group.setModificationTime(times.Read(value.Read(reader), ModificationTimeColumn)); break;
-        case 8: group.setLifeCycle(times.Read(value.Read(reader), LifeCycleColumn)); break;
+        case 5: group.setBackupTime(times.Read(value.Read(reader), FileGroupColumn::BackupTime)); break;
+        case 6: group.setCreationTime(times.Read(value.Read(reader), FileGroupColumn::CreationTime)); break;
+        case 7: group.setModificationTime(times.Read(value.Read(reader), FileGroupColumn::ModificationTime)); break;
+        case 8: group.setLifeCycle(times.Read(value.Read(reader), FileGroupColumn::LifeCycle)); break;
         case 9: group.setComment(reader.readElementText()); break;
         case 10: group.setCreator(reader.readElementText()); break;
         case 11: group.setDetail(reader.readElementText()); break;
