@@ -46,11 +46,4 @@ void TransportTimings::SetReplyTimeLimitMs(unsigned int ms)
     s_replyTimeLimitMs.store(ms);
 }
 
-void TransportTimings::Reset()
-{
-    SetReconnectIntervalMs(kReconnectIntervalMs);
-    SetThreadStopWaitMs(kThreadStopWaitMs);
-    SetReplyTimeLimitMs(kReplyTimeLimitMs);
-}
-
 } // namespace Kelda

@@ -26,9 +26,6 @@ public:
     // The longest wait of a blocking call for its reply: 60000 ms.
     static unsigned int ReplyTimeLimitMs();
     static void SetReplyTimeLimitMs(unsigned int ms);
-
-    // Back to the production values.
-    static void Reset();
 };
 
 } // namespace Kelda
