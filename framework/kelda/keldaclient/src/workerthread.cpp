@@ -4,6 +4,8 @@
 
 #include <QThread>
 
+#include <utility>
+
 namespace Kelda {
 
 WorkerThread::WorkerThread(const QString &name)
@@ -14,16 +16,25 @@ WorkerThread::WorkerThread(const QString &name)
 
 WorkerThread::~WorkerThread()
 {
-    m_thread->quit();
-    if (m_thread->wait(TransportTimings::ThreadStopWaitMs())) {
-        delete m_thread;
+    Stop();
+}
+
+void WorkerThread::Stop()
+{
+    QThread *thread = std::exchange(m_thread, nullptr);
+    m_worker = nullptr;
+    if (!thread)
+        return;
+    thread->quit();
+    if (thread->wait(TransportTimings::ThreadStopWaitMs())) {
+        delete thread;
         return;
     }
-    QObject::connect(m_thread, &QThread::finished, m_thread, &QObject::deleteLater);
+    QObject::connect(thread, &QThread::finished, thread, &QObject::deleteLater);
     // It may have ended between the wait and the connection.
-    if (m_thread->isFinished()) {
-        m_thread->wait();
-        delete m_thread;
+    if (thread->isFinished()) {
+        thread->wait();
+        delete thread;
     }
 }
 
