@@ -1,5 +1,6 @@
 #include "filegroupdata.h"
 
+#include "filegroupcolumns.h"
 #include "keldaxml.h"
 
 #include <trace.h>
@@ -42,26 +43,7 @@ const char *const kHeaders[] = {
     QT_TRANSLATE_NOOP("QObject", "Guid"),
 };
 
-enum Column {
-    ColName,
-    ColFileType,
-    ColLocationState,
-    ColBackupTime,
-    ColCreationTime,
-    ColModificationTime,
-    ColLifeCycle,
-    ColComment,
-    ColCreator,
-    ColDetail,
-    ColTeam,
-    ColVersion,
-    ColReservedStorage,
-    ColReferenceCounter,
-    ColLockCount,
-    ColGuid,
-    ColumnCount
-};
-static_assert(std::size(kHeaders) == ColumnCount, "one header per column");
+static_assert(std::size(kHeaders) == FileGroupColumn::Count, "one header per column");
 
 // The table row of a 100,000-group query result formats four times per
 // group: QDateTime::toString parses its format every time, so the common
@@ -382,7 +364,7 @@ void FileGroupDataPrivate::readFiles(QXmlStreamReader &reader)
 
 void FileGroupData::GetHeaders(QStringList &headers)
 {
-    headers.reserve(headers.size() + ColumnCount);
+    headers.reserve(headers.size() + FileGroupColumn::Count);
     for (const char *header : kHeaders)
         headers.append(QObject::tr(header));
 }
@@ -391,22 +373,25 @@ void FileGroupData::GetHeaders(QStringList &headers)
 // exactly one row more would copy the whole table for every row.
 void FileGroupData::ToStringList(QStringList &list) const
 {
-    list.append(d->fileGroupName);
-    list.append(FileTypeManager::GetText(d->fileType));
-    list.append(LocationStateString::GetText(d->locationState));
-    list.append(formatTime(d->backupTime.toLocalTime()));
-    list.append(formatTime(d->creationTime.toLocalTime()));
-    list.append(formatTime(d->modificationTime.toLocalTime()));
-    list.append(formatTime(d->lifeCycle.toLocalTime()));
-    list.append(d->comment);
-    list.append(d->creator);
-    list.append(d->detail);
-    list.append(d->teamMembership);
-    list.append(d->version);
-    list.append(QString::number(d->reservedStorage));
-    list.append(QString::number(d->referenceCounter));
-    list.append(QString::number(d->lockCount));
-    list.append(d->guid);
+    QString row[FileGroupColumn::Count];
+    row[FileGroupColumn::Name] = d->fileGroupName;
+    row[FileGroupColumn::FileType] = FileTypeManager::GetText(d->fileType);
+    row[FileGroupColumn::LocationState] = LocationStateString::GetText(d->locationState);
+    row[FileGroupColumn::BackupTime] = formatTime(d->backupTime.toLocalTime());
+    row[FileGroupColumn::CreationTime] = formatTime(d->creationTime.toLocalTime());
+    row[FileGroupColumn::ModificationTime] = formatTime(d->modificationTime.toLocalTime());
+    row[FileGroupColumn::LifeCycle] = formatTime(d->lifeCycle.toLocalTime());
+    row[FileGroupColumn::Comment] = d->comment;
+    row[FileGroupColumn::Creator] = d->creator;
+    row[FileGroupColumn::Detail] = d->detail;
+    row[FileGroupColumn::Team] = d->teamMembership;
+    row[FileGroupColumn::Version] = d->version;
+    row[FileGroupColumn::ReservedStorage] = QString::number(d->reservedStorage);
+    row[FileGroupColumn::ReferenceCounter] = QString::number(d->referenceCounter);
+    row[FileGroupColumn::LockCount] = QString::number(d->lockCount);
+    row[FileGroupColumn::Guid] = d->guid;
+    for (QString &value : row)
+        list.append(std::move(value));
 }
 
 QStringList FileGroupData::ToDebugStringList() const
@@ -416,8 +401,8 @@ QStringList FileGroupData::ToDebugStringList() const
     QStringList values;
     ToStringList(values);
     QStringList lines;
-    lines.reserve(ColumnCount);
-    for (int i = 0; i < ColumnCount; ++i)
+    lines.reserve(FileGroupColumn::Count);
+    for (int i = 0; i < FileGroupColumn::Count; ++i)
         lines.append(QStringLiteral("%1: %2").arg(headers.at(i), values.at(i)));
     return lines;
 }
@@ -448,24 +433,24 @@ bool enumFromColumn(const QString &text, int count, int numericLimit, TextOf tex
 std::vector<FileGroupData> FileGroupData::fromStringList(const QStringList &list)
 {
     std::vector<FileGroupData> records;
-    const int completeValues = list.size() - list.size() % ColumnCount;
-    records.reserve(completeValues / ColumnCount);
+    const int completeValues = list.size() - list.size() % FileGroupColumn::Count;
+    records.reserve(completeValues / FileGroupColumn::Count);
     FileGroupData record;
     for (int i = 0; i < completeValues; ++i) {
         const QString &text = list.at(i);
-        switch (i % ColumnCount) {
-        case ColName:
+        switch (i % FileGroupColumn::Count) {
+        case FileGroupColumn::Name:
             record = FileGroupData();
             record.d->fileGroupName = text;
             break;
-        case ColFileType:
+        case FileGroupColumn::FileType:
             if (!enumFromColumn(text, FT_Last + 1, FT_Last, &FileTypeManager::GetText,
                                 record.d->fileType))
                 Q_TRACE_FAILURE(kSource, QStringLiteral("FileGroupData::fromStringList: "
                                                         "Unkown file type \"%1\" read")
                                              .arg(text));
             break;
-        case ColLocationState:
+        case FileGroupColumn::LocationState:
             // The numeric bound is the file types' one; existing tables rely on it.
             if (!enumFromColumn(text, LS_Last + 1, FT_Last, &LocationStateString::GetText,
                                 record.d->locationState))
@@ -473,43 +458,43 @@ std::vector<FileGroupData> FileGroupData::fromStringList(const QStringList &list
                                                         "Unkown location state \"%1\" read")
                                              .arg(text));
             break;
-        case ColBackupTime:
+        case FileGroupColumn::BackupTime:
             record.d->backupTime = parseTime(text);
             break;
-        case ColCreationTime:
+        case FileGroupColumn::CreationTime:
             record.d->creationTime = parseTime(text);
             break;
-        case ColModificationTime:
+        case FileGroupColumn::ModificationTime:
             record.d->modificationTime = parseTime(text);
             break;
-        case ColLifeCycle:
+        case FileGroupColumn::LifeCycle:
             record.d->lifeCycle = parseTime(text);
             break;
-        case ColComment:
+        case FileGroupColumn::Comment:
             record.d->comment = text;
             break;
-        case ColCreator:
+        case FileGroupColumn::Creator:
             record.d->creator = text;
             break;
-        case ColDetail:
+        case FileGroupColumn::Detail:
             record.d->detail = text;
             break;
-        case ColTeam:
+        case FileGroupColumn::Team:
             record.d->teamMembership = text;
             break;
-        case ColVersion:
+        case FileGroupColumn::Version:
             record.d->version = text;
             break;
-        case ColReservedStorage:
+        case FileGroupColumn::ReservedStorage:
             record.d->reservedStorage = text.toInt();
             break;
-        case ColReferenceCounter:
+        case FileGroupColumn::ReferenceCounter:
             record.d->referenceCounter = text.toInt();
             break;
-        case ColLockCount:
+        case FileGroupColumn::LockCount:
             record.d->lockCount = text.toInt();
             break;
-        case ColGuid:
+        case FileGroupColumn::Guid:
             record.d->guid = text;
             records.push_back(record);
             break;

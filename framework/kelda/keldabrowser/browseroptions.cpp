@@ -1,21 +1,15 @@
 #include "browseroptions.h"
 
-#include "cfgcenter.h"
-#include "icfg.h"
+#include "configuredserver.h"
 
 #include <QCommandLineParser>
 
-#include <memory>
+using Kelda::ConfiguredServer;
 
 namespace KeldaBrowser {
 
 namespace {
 
-const QString kGroup = QStringLiteral("KELDA");
-const QString kServerHostKey = QStringLiteral("ServerHost");
-const QString kXmlPortKey = QStringLiteral("XmlPort");
-const QString kDefaultHost = QStringLiteral("localhost");
-constexpr int kDefaultPort = 5223;
 constexpr int kDefaultConnectTimeoutS = 5;
 constexpr int kMaxConnectTimeoutS = 3600;
 
@@ -57,16 +51,10 @@ bool readNumber(const QString &text, int min, int max, int &value)
 BrowserOptions defaultOptions()
 {
     BrowserOptions options;
-    options.host = kDefaultHost;
-    options.port = kDefaultPort;
+    const ConfiguredServer server = ConfiguredServer::Read();
+    options.host = server.host;
+    options.port = server.port;
     options.connectTimeoutMs = kDefaultConnectTimeoutS * 1000;
-    const std::unique_ptr<ICfg> cfg(CfgCenter::CreateCfg(kGroup, CfgCenter::ViewUser, QString()));
-    if (!cfg)
-        return options;
-    options.host = cfg->GetString(kServerHostKey, kDefaultHost);
-    const int port = cfg->GetInt(kXmlPortKey, kDefaultPort);
-    if (port > 0 && port <= 65535)
-        options.port = quint16(port);
     return options;
 }
 

@@ -1,5 +1,6 @@
 #include "cliformat.h"
 
+#include "filegroupcolumns.h"
 #include "filetype.h"
 #include "keldaurl.h"
 
@@ -15,19 +16,10 @@ namespace {
 
 const QString kTimeFormat = QStringLiteral("yyyy-MM-ddThh:mm:ss");
 
-// Positions in the record's string form, whose order is fixed.
-enum Column {
-    ColName = 0,
-    ColType = 1,
-    ColLocation = 2,
-    ColCreation = 4,
-    ColCreator = 8,
-    ColVersion = 11,
-    ColLocks = 14,
-    ColGuid = 15
-};
-const QVector<int> kNarrowColumns = {ColGuid, ColName, ColType, ColLocation, ColCreation, ColVersion, ColCreator,
-                                     ColLocks};
+const QVector<int> kNarrowColumns = {FileGroupColumn::Guid,         FileGroupColumn::Name,
+                                     FileGroupColumn::FileType,     FileGroupColumn::LocationState,
+                                     FileGroupColumn::CreationTime, FileGroupColumn::Version,
+                                     FileGroupColumn::Creator,      FileGroupColumn::LockCount};
 
 QJsonValue timeValue(const QDateTime &time)
 {

@@ -1,9 +1,9 @@
 #include "clisession.h"
 
+#include "configuredserver.h"
 #include "keldaclient.h"
 
 #include "cfgcenter.h"
-#include "icfg.h"
 
 #include <QTimer>
 
@@ -17,14 +17,6 @@ using namespace Kelda;
 namespace KeldaCli {
 
 namespace {
-
-// The client's configuration group and keys, read here only for the
-// defaults shown by --help.
-const QString kGroup = QStringLiteral("KELDA");
-const QString kServerHostKey = QStringLiteral("ServerHost");
-const QString kXmlPortKey = QStringLiteral("XmlPort");
-const QString kDefaultHost = QStringLiteral("localhost");
-constexpr int kDefaultPort = 5223;
 
 QString loginName()
 {
@@ -43,15 +35,9 @@ QString loginName()
 ConnectionSettings defaultConnectionSettings()
 {
     ConnectionSettings settings;
-    settings.host = kDefaultHost;
-    settings.port = kDefaultPort;
-    const std::unique_ptr<ICfg> cfg(CfgCenter::CreateCfg(kGroup, CfgCenter::ViewUser, QString()));
-    if (cfg) {
-        settings.host = cfg->GetString(kServerHostKey, kDefaultHost);
-        const int port = cfg->GetInt(kXmlPortKey, kDefaultPort);
-        if (port > 0 && port <= 65535)
-            settings.port = quint16(port);
-    }
+    const ConfiguredServer server = ConfiguredServer::Read();
+    settings.host = server.host;
+    settings.port = server.port;
     settings.application = CfgCenter::GetAppName();
     settings.user = loginName();
     return settings;

@@ -1,3 +1,4 @@
+#include "filegroupcolumns.h"
 #include "filegroupdata.h"
 #include "keldaxml.h"
 
@@ -227,10 +228,11 @@ void TestFileGroupData::stringForm()
     second.ToStringList(values);
     values << QStringLiteral("an incomplete row");
     // Numbers are read as well as texts; the location state's bound is the file types' 22.
-    values[17] = QStringLiteral("-3");
-    values[18] = QStringLiteral("20");
-    values[33] = QStringLiteral("23");
-    values[34] = QStringLiteral("23");
+    const auto at = [](int row, FileGroupColumn::Column column) { return row * FileGroupColumn::Count + column; };
+    values[at(1, FileGroupColumn::FileType)] = QStringLiteral("-3");
+    values[at(1, FileGroupColumn::LocationState)] = QStringLiteral("20");
+    values[at(2, FileGroupColumn::FileType)] = QStringLiteral("23");
+    values[at(2, FileGroupColumn::LocationState)] = QStringLiteral("23");
     const std::vector<FileGroupData> records = FileGroupData::fromStringList(values);
     QCOMPARE(records.size(), size_t(3));
     QCOMPARE(records[0], first);

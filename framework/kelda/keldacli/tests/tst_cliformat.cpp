@@ -1,4 +1,5 @@
 #include "cliformat.h"
+#include "filegroupcolumns.h"
 #include "queryoptions.h"
 
 #include <QCommandLineParser>
@@ -52,7 +53,7 @@ void CliFormatTest::queryTable_data()
     QTest::addColumn<int>("columns");
     QTest::addColumn<QString>("header");
     QTest::newRow("narrow") << false << 8 << QStringLiteral("Guid                                  File group name");
-    QTest::newRow("wide") << true << 16 << QStringLiteral("File group name  File type");
+    QTest::newRow("wide") << true << int(FileGroupColumn::Count) << QStringLiteral("File group name  File type");
 }
 
 void CliFormatTest::queryTable()
@@ -64,7 +65,8 @@ void CliFormatTest::queryTable()
     // An incomplete row at the end is no group.
     const QStringList reply = queryReply({group(kGuid, QStringLiteral("scan a")), group(other, QStringLiteral("b"))})
                               << QStringLiteral("cut off");
-    const QStringList lines = formatQueryTable(reply, 16, wide).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    const QStringList lines =
+        formatQueryTable(reply, FileGroupColumn::Count, wide).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     QCOMPARE(lines.size(), 3);
     QVERIFY2(lines[0].startsWith(header), qPrintable(lines[0]));
     QCOMPARE(lines[0].split(QStringLiteral("  "), Qt::SkipEmptyParts).size(), columns);

@@ -141,8 +141,10 @@ void KeldaToolTest::failures_data()
         QStringLiteral("kelda: export: --to DIR is required"));
     row("missing file", {QStringLiteral("put"), QStringLiteral("/nonexistent/a")}, 5,
         QStringLiteral("kelda: put: cannot read '/nonexistent/a'"));
-    row("server down", {QStringLiteral("--port"), down, QStringLiteral("get"), url}, 3,
-        QStringLiteral("kelda: get: cannot reach the archive server at 127.0.0.1:%1 within 2000 ms").arg(down));
+    row("server down",
+        {QStringLiteral("--connect-timeout"), QStringLiteral("0.2"), QStringLiteral("--port"), down,
+         QStringLiteral("get"), url},
+        3, QStringLiteral("kelda: get: cannot reach the archive server at 127.0.0.1:%1 within 200 ms").arg(down));
     row("unknown group: info", {QStringLiteral("info"), kGuid}, 4,
         QStringLiteral("kelda: info: Guid not found (error 2)\n"));
     row("unknown group: get", {QStringLiteral("get"), url}, 4, QStringLiteral("kelda: get: Guid not found (error 2)\n"));

@@ -1,13 +1,12 @@
 #include "clientconfig.h"
 
-#include "cfgcenter.h"
+#include "configuredserver.h"
 #include "icfg.h"
 #include "trace.h"
 #include "xmlseparator.h"
 
 #include <QMutexLocker>
 
-#include <limits>
 #include <memory>
 
 namespace Kelda {
@@ -16,26 +15,10 @@ namespace {
 
 const char kTraceSource[] = "framework/kelda/keldaclient/src/clientconfig";
 
-const QLatin1String kGroup("KELDA");
-const QLatin1String kServerHostKey("ServerHost");
-const QLatin1String kXmlPortKey("XmlPort");
 const QLatin1String kUseUtcKey("UseUtc");
 const QLatin1String kCompressionRateKey("CompressionRate");
 const QLatin1String kMaxFrameSizeKey("MaxFrameSize");
-
-const QLatin1String kDefaultHost("localhost");
-constexpr quint16 kDefaultXmlPort = 5223;
 constexpr int kDefaultCompressionRate = -1;
-
-quint16 portFromConfiguration(int value)
-{
-    if (value > 0 && value <= std::numeric_limits<quint16>::max())
-        return quint16(value);
-    Q_TRACE_FAILURE(kTraceSource, QStringLiteral("ClientConfig::ClientConfig: XmlPort %1 is not a TCP port, using %2")
-                                      .arg(value)
-                                      .arg(kDefaultXmlPort));
-    return kDefaultXmlPort;
-}
 
 quint32 frameSizeFromConfiguration(int value)
 {
@@ -144,17 +127,17 @@ quint32 KeldaClient::ClientConfig::GetMaxFrameSize() const
 
 void KeldaClient::ClientConfig::ReadConfiguration()
 {
-    const std::unique_ptr<ICfg> cfg(CfgCenter::CreateCfg(kGroup, CfgCenter::ViewUser, QString()));
+    const std::unique_ptr<ICfg> cfg = ConfiguredServer::OpenGroup();
     if (!cfg)
         return;
 
     // Only a configured host makes a server available; "localhost" is merely
     // where a client given no host would look.
-    m_bAvailable.store(cfg->HasKey(kServerHostKey, 0));
+    m_bAvailable.store(ConfiguredServer::IsNamed(*cfg));
     if (GetServerHost().isEmpty())
-        SetServerHost(cfg->GetString(kServerHostKey, kDefaultHost));
+        SetServerHost(ConfiguredServer::ReadHost(*cfg));
     if (m_uXmlPort.load() == 0)
-        m_uXmlPort.store(portFromConfiguration(cfg->GetInt(kXmlPortKey, kDefaultXmlPort)));
+        m_uXmlPort.store(ConfiguredServer::ReadPort(*cfg));
     m_bUseUtc.store(cfg->GetBool(kUseUtcKey, false));
     if (cfg->HasKey(kMaxFrameSizeKey, 0))
         m_uMaxFrameSize.store(frameSizeFromConfiguration(cfg->GetInt(kMaxFrameSizeKey, 0)));

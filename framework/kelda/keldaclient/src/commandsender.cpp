@@ -4,7 +4,6 @@
 #include "keldaerror.h"
 #include "replyparser.h"
 #include "requestmessages.h"
-#include "threadstopper.h"
 #include "trace.h"
 
 #include <QMutexLocker>
@@ -16,7 +15,6 @@ namespace {
 
 const char kSource[] = "framework/kelda/keldaclient/src/commandsender";
 constexpr int kConnectionCheckMs = 180000;
-constexpr unsigned long kThreadStopMs = 1000;
 // Values of replies that no blocking call took (asynchronous calls, late
 // replies after a timeout) are dropped oldest first beyond this many.
 constexpr int kMaxKeptReplies = 256;
@@ -35,45 +33,28 @@ CommandSender::CommandSender(const QString &host, quint16 port, const QString &a
     , m_teamMembership(teamMembership)
     , m_host(host)
     , m_port(port)
-    , m_socketThread(new QThread)
 {
-    m_socketThread->setObjectName(QStringLiteral("commandSocketThread"));
 }
 
 CommandSender::~CommandSender()
 {
     if (m_connectionCheckTimer)
         m_connectionCheckTimer->stop();
-    // The socket goes with its thread's finished(). A thread that does not
-    // end in time takes the socket with it whenever it does end: deleting an
-    // object its thread may still be using is no way out.
-    if (StopThread(m_socketThread, kThreadStopMs))
-        delete m_socketThread;
+    // Nothing reaches the socket from here on; it goes with its thread.
     m_socket.storeRelease(nullptr);
 }
 
 void CommandSender::start()
 {
-    // A second start replaces the socket: the old one is deleted here, so its
-    // thread's finished() must not delete it as well.
-    CommandSenderSocket *old = m_socket.fetchAndStoreOrdered(nullptr);
-    if (old)
-        disconnect(m_socketThread, nullptr, old, nullptr);
-    m_socketThread->quit();
-    m_socketThread->wait();
-    delete old;
-
+    // A second start replaces the socket; the thread deletes the old one.
+    m_socket.storeRelease(nullptr);
     auto *socket = new CommandSenderSocket(m_host, m_port);
     socket->SetMaxFrameLength(m_maxFrameLength.load());
-    socket->moveToThread(m_socketThread);
     connect(socket, &CommandSenderSocket::si_newMessage, this, &CommandSender::SlotHandleXmlReply);
     connect(socket, &CommandSenderSocket::si_connected, this, &CommandSender::SlotConnected);
     connect(socket, &CommandSenderSocket::si_disconnected, this, &CommandSender::SlotDisconnected);
-    connect(m_socketThread, &QThread::finished, socket, &QObject::deleteLater);
+    m_socketThread.Start(socket);
     m_socket.storeRelease(socket);
-
-    m_socketThread->setObjectName(QStringLiteral("commandSocketThread"));
-    m_socketThread->start(QThread::InheritPriority);
 
     if (!m_connectionCheckTimer) {
         m_connectionCheckTimer = new QTimer(this);
@@ -355,12 +336,6 @@ bool CommandSender::CheckIsConnected()
     return false;
 }
 
-QString CommandSender::GetBasePathValue() const
-{
-    QMutexLocker lock(&m_replyMutex);
-    return m_basePath;
-}
-
 CommandSender::ReplyValues CommandSender::TakeReplyValues(const QString &requestId)
 {
     QMutexLocker lock(&m_replyMutex);
@@ -458,10 +433,6 @@ void CommandSender::SlotHandleXmlError(QString a_error, bool a_bRecoverable)
 
 void CommandSender::HandleBasePath(const QString &path)
 {
-    {
-        QMutexLocker lock(&m_replyMutex);
-        m_basePath = path;
-    }
     // Only the first base path reply of a connection announces it, even one
     // that reports an error: the server answered.
     if (!m_connected.exchange(true))

@@ -3,6 +3,7 @@
 #include "asynchandler.h"
 #include "filegroupdata.h"
 #include "filetype.h"
+#include "workerthread.h"
 #include "xmlseparator.h"
 
 #include <QAtomicPointer>
@@ -14,7 +15,6 @@
 #include <QQueue>
 #include <QString>
 #include <QStringList>
-#include <QThread>
 #include <QVector>
 
 #include <atomic>
@@ -83,7 +83,6 @@ public:
 
     QString GetHost() const { return m_host; }
     quint16 GetPort() const { return m_port; }
-    QString GetBasePathValue() const;
     int GetLastError() const { return m_lastError.load(); }
 
     // The value a blocking call reads once its wait has returned: the text
@@ -173,13 +172,13 @@ private:
     mutable QMutex m_replyMutex;
     QHash<QString, ReplyValues> m_replyValues;
     QQueue<QString> m_replyOrder;
-    QString m_basePath;
 
     std::atomic<bool> m_connected{false};
     std::atomic<quint32> m_maxFrameLength{XmlSeparator::DefaultMaxFrameLength};
     QTimer *m_connectionCheckTimer = nullptr;
     QAtomicPointer<CommandSenderSocket> m_socket;
-    QThread *m_socketThread;
+    // Runs the socket and deletes it. Last, so that it stops first.
+    WorkerThread m_socketThread{QStringLiteral("commandSocketThread")};
 };
 
 } // namespace Kelda

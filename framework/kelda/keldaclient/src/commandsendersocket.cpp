@@ -1,5 +1,6 @@
 #include "commandsendersocket.h"
 
+#include "transporttimings.h"
 #include "xmlseparator.h"
 
 #include "cfgcenter.h"
@@ -23,8 +24,6 @@ namespace Kelda {
 namespace {
 
 const char kTraceSource[] = "framework/kelda/keldaclient/src/commandsendersocket";
-
-constexpr int kReconnectIntervalMs = 5000;
 
 const QLatin1String kDataFolderKey("SulvaDataDir");
 const QLatin1String kLoggingFolder("Logging");
@@ -178,7 +177,7 @@ void CommandSenderSocket::sl_connect()
 {
     if (!m_pReconnectTimer) {
         m_pReconnectTimer = new QTimer(this);
-        m_pReconnectTimer->setInterval(kReconnectIntervalMs);
+        m_pReconnectTimer->setInterval(TransportTimings::ReconnectIntervalMs());
         connect(m_pReconnectTimer, &QTimer::timeout, this, &CommandSenderSocket::sl_connect);
     }
     m_pReconnectTimer->stop();

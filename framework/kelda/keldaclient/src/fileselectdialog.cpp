@@ -1,6 +1,7 @@
 #include "fileselectdialog.h"
 
 #include "clienttreemodel.h"
+#include "filegroupcolumns.h"
 #include "filequery.h"
 #include "keldaclient.h"
 #include "keldaerror.h"
@@ -38,10 +39,19 @@ constexpr int kViewMinimumWidth = 800;
 constexpr int kViewMinimumHeight = 400;
 constexpr int kQuickWindowDays = 1;
 constexpr int kConnectWaitMs = 5000;
-// What a user rarely needs: location state, creation time, life cycle,
-// comment, version, reserved storage, reference and lock count, GUID. The
-// last index is one past the model's columns and names nothing.
-constexpr int kHiddenColumns[] = {1, 3, 5, 6, 10, 11, 12, 13, 14, 15};
+// The model shows a row without its name column.
+constexpr int modelColumn(FileGroupColumn::Column column)
+{
+    return column - 1;
+}
+// What a user rarely needs. The last index is one past the model's columns
+// and names nothing.
+constexpr int kHiddenColumns[] = {
+    modelColumn(FileGroupColumn::LocationState), modelColumn(FileGroupColumn::CreationTime),
+    modelColumn(FileGroupColumn::LifeCycle),     modelColumn(FileGroupColumn::Comment),
+    modelColumn(FileGroupColumn::Version),       modelColumn(FileGroupColumn::ReservedStorage),
+    modelColumn(FileGroupColumn::ReferenceCounter), modelColumn(FileGroupColumn::LockCount),
+    modelColumn(FileGroupColumn::Guid),          modelColumn(FileGroupColumn::Count)};
 
 // The wait cursor for as long as a query blocks the GUI thread.
 class WaitCursor

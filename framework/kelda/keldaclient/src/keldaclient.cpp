@@ -5,8 +5,8 @@
 #include "clientconfig.h"
 #include "filequery.h"
 #include "keldaclient_p.h"
-#include "threadstopper.h"
 #include "trace.h"
+#include "transporttimings.h"
 #include "translationcenter.h"
 
 #include <QCoreApplication>
@@ -18,8 +18,6 @@ namespace {
 
 const char kSource[] = "framework/kelda/keldaclient/src/keldaclient";
 const QString kCatalogue = QStringLiteral("KeldaClient");
-constexpr unsigned int kReplyTimeoutMs = 60000;
-constexpr unsigned long kThreadStopMs = 1000;
 
 // The catalogue lives as long as the library: registered when it is loaded
 // (again once an application object exists, if it did not yet), unregistered
@@ -69,9 +67,7 @@ namespace Kelda {
 
 KeldaClientPrivate::KeldaClientPrivate(KeldaClient *owner)
     : m_owner(owner)
-    , m_thread(new QThread)
 {
-    m_thread->setObjectName(QStringLiteral("commandSenderThread"));
     // Every client shares this copy, so that the host and port a constructor
     // sets reach every later reader.
     static KeldaClient::ClientConfig config;
@@ -85,21 +81,9 @@ KeldaClientPrivate::KeldaClientPrivate(KeldaClient *owner)
     Q_UNUSED(registered)
 }
 
-KeldaClientPrivate::~KeldaClientPrivate()
-{
-    StopSender();
-}
-
 void KeldaClientPrivate::StopSender()
 {
-    if (!m_thread)
-        return;
-    // The sender goes with its thread's finished(). A thread that hangs is
-    // abandoned after a second, and takes the sender with it whenever it
-    // ends: the sender cannot be deleted while its thread may still use it.
-    if (StopThread(m_thread, kThreadStopMs))
-        delete m_thread;
-    m_thread = nullptr;
+    m_thread.Stop();
     m_sender = nullptr;
 }
 
@@ -110,17 +94,9 @@ void KeldaClientPrivate::StartSender(QString application, const QString &user, c
     if (application.isEmpty())
         application = CfgCenter::GetAppName();
 
-    if (m_sender)
-        QObject::disconnect(m_thread, nullptr, m_sender, nullptr);
-    m_thread->quit();
-    m_thread->wait();
-    delete m_sender;
-    m_sender = nullptr;
-
     KeldaClient::ClientConfig *config = KeldaClient::s_config.load();
     m_sender = new CommandSender(config->GetServerHost(), config->GetXmlPort(), application, user, teamMembership);
     m_sender->SetMaxFrameLength(config->GetMaxFrameSize());
-    m_sender->moveToThread(m_thread);
 
     KeldaClient *q = m_owner;
     QObject::connect(m_sender, &CommandSender::connected, q, [this](QString path) { SlotConnected(path); });
@@ -153,9 +129,8 @@ void KeldaClientPrivate::StartSender(QString application, const QString &user, c
     QObject::connect(m_sender, &CommandSender::queryLocationStateProgressReply, q,
                      &KeldaClient::queryLocationStateProgressSg);
     QObject::connect(m_sender, &CommandSender::checkFileGroupExistsReply, q, &KeldaClient::checkFileGroupExistsSg);
-    QObject::connect(m_thread, &QThread::finished, m_sender, &QObject::deleteLater);
 
-    m_thread->start(QThread::InheritPriority);
+    m_thread.Start(m_sender);
     QMetaObject::invokeMethod(m_sender, "start");
 }
 
@@ -192,7 +167,7 @@ bool KeldaClientPrivate::Blocking(const QString &operation, const QString &start
     Q_TRACE_DETAIL(kSource, operation + QStringLiteral(": Start (%1)").arg(startArguments));
     // The waiter listens before the request leaves, so that a reply faster
     // than this thread is still recognised.
-    AsyncHandler waiter(m_sender, kReplyTimeoutMs);
+    AsyncHandler waiter(m_sender, TransportTimings::ReplyTimeLimitMs());
     const QString requestId = send();
     const bool handled = waiter.Wait(requestId);
     if (handled)
@@ -382,7 +357,7 @@ QString KeldaClientPrivate::CreateFileGroupHelper(bool wait, const QString &vers
     if (!wait) {
         send();
     } else {
-        AsyncHandler waiter(m_sender, kReplyTimeoutMs);
+        AsyncHandler waiter(m_sender, TransportTimings::ReplyTimeLimitMs());
         const QString requestId = send();
         if (!waiter.Wait(requestId)) {
             Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CreateFileGroupHelper: AsyncHandler failed"));
@@ -451,7 +426,7 @@ void KeldaClient::MoveToNasSync(const QString &guid)
 {
     if (!d->CheckPreconditions(qualified("MoveToNasSync")))
         return;
-    AsyncHandler waiter(d->m_sender, kReplyTimeoutMs);
+    AsyncHandler waiter(d->m_sender, TransportTimings::ReplyTimeLimitMs());
     const QString requestId = MoveToNas(guid);
     // The connection dropped between the two checks: nothing was sent, and
     // the wait could only run into its time limit.
@@ -473,7 +448,7 @@ unsigned int KeldaClient::AddFile(const QString &filePath, const QString &guid)
         return 0;
     Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::AddFileHelper: Start (%1, %2)").arg(filePath, guid));
     QString fileId;
-    AsyncHandler waiter(d->m_sender, kReplyTimeoutMs);
+    AsyncHandler waiter(d->m_sender, TransportTimings::ReplyTimeLimitMs());
     const QString requestId = d->m_sender->AddFile(guid, fileName, 0);
     if (!waiter.Wait(requestId)) {
         Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::AddFileHelper: AsyncHandler failed"));

@@ -3,11 +3,11 @@
 #include "keldaclient.h"
 
 #include "commandsender.h"
+#include "workerthread.h"
 
 #include <QDateTime>
 #include <QString>
 #include <QStringList>
-#include <QThread>
 
 #include <atomic>
 
@@ -17,7 +17,6 @@ class KeldaClientPrivate
 {
 public:
     explicit KeldaClientPrivate(KeldaClient *owner);
-    ~KeldaClientPrivate();
 
     // Stops the sender's thread; the destructor of the client calls it
     // between its traces. Does nothing the second time.
@@ -60,7 +59,8 @@ public:
     KeldaClient *m_owner;
     QString m_basePath;
     std::atomic<bool> m_connected{false};
-    QThread *m_thread;
+    // Runs the sender and deletes it. Last, so that it stops first.
+    WorkerThread m_thread{QStringLiteral("commandSenderThread")};
 };
 
 } // namespace Kelda

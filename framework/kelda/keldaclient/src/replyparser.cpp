@@ -1,5 +1,6 @@
 #include "replyparser.h"
 
+#include "filegroupcolumns.h"
 #include "keldaerror.h"
 #include "keldaxml.h"
 #include "trace.h"
@@ -11,6 +12,7 @@
 #include <QVarLengthArray>
 
 #include <ctime>
+#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -102,17 +104,6 @@ const ExpectedElements HeaderOrBodyList{Tag::Header, Tag::Body};
 const ExpectedElements VersionList{Tag::Version};
 const ExpectedElements RequestIdList{Tag::RequestId};
 const ExpectedElements BodyList{Tag::Body};
-
-// The body elements, in ReplyKind order.
-const ExpectedElements DispatchList{
-    Tag::CreateFileGroupReply, Tag::AddFileReply, Tag::DeleteFileReply, Tag::RequestFileReply,
-    Tag::CloseFileReply, Tag::MoveToNasReply, Tag::AddReferenceReply, Tag::RemoveReferenceReply,
-    Tag::RemoveAllReferencesReply, Tag::QueryMetaDataReply, Tag::GetApplicationListReply,
-    Tag::GetFileListReply, Tag::GetUserListReply, Tag::QueryFileGroupsReply, Tag::GetBasePathReply,
-    Tag::CopyForeignFileGroupProgress, Tag::ExportArchiveReply, Tag::ImportArchiveReply,
-    Tag::CreateTovinFileGroupReply, Tag::RegisterConverterReply, Tag::ConvertFileGroup,
-    Tag::DeleteFileGroupReply, Tag::QueryLocationStateProgressReply, Tag::CheckFileGroupExistsReply,
-    Tag::GetRemoteStorageLocationReply, Tag::GetTovinFilegroupGuidReply, Tag::QueryDiskSpaceReply};
 
 // Reply bodies. Where a reply has them, Error and ErrorString are the last
 // two entries.
@@ -458,10 +449,10 @@ bool LocalFields(time_t instant, tm *fields)
 #endif
 }
 
-// The columns of a result row that hold a group's times (FileGroupData's row
-// layout).
-enum TimeColumn { BackupTimeColumn = 3, CreationTimeColumn, ModificationTimeColumn, LifeCycleColumn };
-constexpr int TimeColumnCount = 4;
+// The columns of a result row that hold a group's times, side by side.
+using TimeColumn = FileGroupColumn::Column;
+constexpr TimeColumn FirstTimeColumn = FileGroupColumn::BackupTime;
+constexpr int TimeColumnCount = FileGroupColumn::LifeCycle - FirstTimeColumn + 1;
 
 // The times of one reply as its result rows show them.
 //
@@ -486,7 +477,7 @@ public:
     // as sent is kept for FillRow() instead and left invalid.
     QDateTime Read(QStringView text, TimeColumn column)
     {
-        QString &shown = m_shown[column - BackupTimeColumn];
+        QString &shown = m_shown[column - FirstTimeColumn];
         shown.clear();
         QDate date;
         QTime time;
@@ -504,7 +495,7 @@ public:
     {
         for (int i = 0; i < TimeColumnCount; ++i) {
             if (!m_shown[i].isNull())
-                table[row + BackupTimeColumn + i] = std::exchange(m_shown[i], QString());
+                table[row + FirstTimeColumn + i] = std::exchange(m_shown[i], QString());
         }
     }
 
@@ -580,10 +571,10 @@ FileGroupData ReadFileGroup(QXmlStreamReader &reader, ElementText &value, ReplyT
         case 2: group.setFileGroupName(reader.readElementText()); break;
         case 3: group.setFileType(static_cast<FileType>(value.ReadInt(reader))); break;
         case 4: group.setLocationState(static_cast<LocationState>(value.ReadInt(reader))); break;
-        case 5: group.setBackupTime(times.Read(value.Read(reader), BackupTimeColumn)); break;
-        case 6: group.setCreationTime(times.Read(value.Read(reader), CreationTimeColumn)); break;
-        case 7: group.setModificationTime(times.Read(value.Read(reader), ModificationTimeColumn)); break;
-        case 8: group.setLifeCycle(times.Read(value.Read(reader), LifeCycleColumn)); break;
+        case 5: group.setBackupTime(times.Read(value.Read(reader), FileGroupColumn::BackupTime)); break;
+        case 6: group.setCreationTime(times.Read(value.Read(reader), FileGroupColumn::CreationTime)); break;
+        case 7: group.setModificationTime(times.Read(value.Read(reader), FileGroupColumn::ModificationTime)); break;
+        case 8: group.setLifeCycle(times.Read(value.Read(reader), FileGroupColumn::LifeCycle)); break;
         case 9: group.setComment(reader.readElementText()); break;
         case 10: group.setCreator(reader.readElementText()); break;
         case 11: group.setDetail(reader.readElementText()); break;
@@ -626,58 +617,85 @@ void ParseQueryFileGroups(QXmlStreamReader &reader, ParsedReply &out)
     out.result = std::move(result);
 }
 
-// Throws ReplyProtocolError; out keeps what was read before.
+// The parsers that differ only in their list of children and trace text.
+template<const ExpectedElements &List, const QLatin1String &Trace>
+void StatusReply(QXmlStreamReader &reader, ParsedReply &out)
+{
+    ParseStatusReply(reader, List, Trace, out);
+}
+
+template<const ExpectedElements &List, const QLatin1String &Trace>
+void SingleTextReply(QXmlStreamReader &reader, ParsedReply &out)
+{
+    ParseSingleTextReply(reader, List, Trace, out);
+}
+
+template<const ExpectedElements &List, int First, int Last, const QLatin1String &Trace>
+void ListReply(QXmlStreamReader &reader, ParsedReply &out)
+{
+    ParseListReply(reader, List, First, Last, Trace, out);
+}
+
+using BodyParser = void (*)(QXmlStreamReader &, ParsedReply &);
+
+struct ReplyEntry
+{
+    QLatin1String body;
+    // Throws ReplyProtocolError; out keeps what was read before. Null for a
+    // reply that is recognised but not read.
+    BodyParser parse;
+};
+
+// Every message the client recognises, by its body element, in ReplyKind
+// order.
+const ReplyEntry Replies[] = {
+    {Tag::CreateFileGroupReply, ParseCreateFileGroup},
+    {Tag::AddFileReply, ParseAddFile},
+    {Tag::DeleteFileReply, StatusReply<DeleteFileList, TraceText::DeleteFile>},
+    {Tag::RequestFileReply, SingleTextReply<RequestFileList, TraceText::RequestFile>},
+    {Tag::CloseFileReply, StatusReply<CloseFileList, TraceText::CloseFile>},
+    {Tag::MoveToNasReply, StatusReply<MoveToNasList, TraceText::MoveToNas>},
+    {Tag::AddReferenceReply, StatusReply<AddReferenceList, TraceText::AddReference>},
+    {Tag::RemoveReferenceReply, StatusReply<RemoveReferenceList, TraceText::RemoveReference>},
+    {Tag::RemoveAllReferencesReply, StatusReply<RemoveAllReferencesList, TraceText::RemoveAllReferences>},
+    {Tag::QueryMetaDataReply, ParseQueryMetaData},
+    {Tag::GetApplicationListReply, ListReply<GetApplicationListList, 2, 2, TraceText::GetApplicationList>},
+    {Tag::GetFileListReply, ListReply<GetFileListList, 3, 4, TraceText::GetFileList>},
+    {Tag::GetUserListReply, ListReply<GetUserListList, 2, 2, TraceText::GetUserList>},
+    {Tag::QueryFileGroupsReply, ParseQueryFileGroups},
+    {Tag::GetBasePathReply, ParseGetBasePath},
+    {Tag::CopyForeignFileGroupProgress, ParseCopyForeignFileGroupProgress},
+    {Tag::ExportArchiveReply, StatusReply<ExportArchiveList, TraceText::ExportArchive>},
+    {Tag::ImportArchiveReply, StatusReply<ImportArchiveList, TraceText::ImportArchive>},
+    {Tag::CreateTovinFileGroupReply, ParseCreateTovinFileGroup},
+    {Tag::RegisterConverterReply, StatusReply<RegisterConverterList, TraceText::RegisterConverter>},
+    {Tag::ConvertFileGroup, ParseConvertFileGroup},
+    {Tag::DeleteFileGroupReply, StatusReply<DeleteFileGroupList, TraceText::DeleteFileGroup>},
+    {Tag::QueryLocationStateProgressReply, ParseQueryLocationStateProgress},
+    {Tag::CheckFileGroupExistsReply, ParseCheckFileGroupExists},
+    {Tag::GetRemoteStorageLocationReply, ParseGetRemoteStorageLocation},
+    {Tag::GetTovinFilegroupGuidReply, SingleTextReply<GetTovinFilegroupGuidList, TraceText::GetTovinFilegroupGuid>},
+    {Tag::QueryDiskSpaceReply, nullptr},
+};
+static_assert(std::size(Replies) == size_t(ReplyKind::Count), "one entry per reply kind");
+
+ExpectedElements BodyElements()
+{
+    QVector<ExpectedElements::Entry> bodies;
+    for (const ReplyEntry &reply : Replies)
+        bodies.append(reply.body);
+    return ExpectedElements(bodies);
+}
+
+const ExpectedElements DispatchList = BodyElements();
+
 void ParseBody(ReplyKind kind, QXmlStreamReader &reader, ParsedReply &out)
 {
-    switch (kind) {
-    case ReplyKind::CreateFileGroup: ParseCreateFileGroup(reader, out); break;
-    case ReplyKind::AddFile: ParseAddFile(reader, out); break;
-    case ReplyKind::DeleteFile: ParseStatusReply(reader, DeleteFileList, TraceText::DeleteFile, out); break;
-    case ReplyKind::RequestFile: ParseSingleTextReply(reader, RequestFileList, TraceText::RequestFile, out); break;
-    case ReplyKind::CloseFile: ParseStatusReply(reader, CloseFileList, TraceText::CloseFile, out); break;
-    case ReplyKind::MoveToNas: ParseStatusReply(reader, MoveToNasList, TraceText::MoveToNas, out); break;
-    case ReplyKind::AddReference:
-        ParseStatusReply(reader, AddReferenceList, TraceText::AddReference, out);
-        break;
-    case ReplyKind::RemoveReference:
-        ParseStatusReply(reader, RemoveReferenceList, TraceText::RemoveReference, out);
-        break;
-    case ReplyKind::RemoveAllReferences:
-        ParseStatusReply(reader, RemoveAllReferencesList, TraceText::RemoveAllReferences, out);
-        break;
-    case ReplyKind::QueryMetaData: ParseQueryMetaData(reader, out); break;
-    case ReplyKind::GetApplicationList:
-        ParseListReply(reader, GetApplicationListList, 2, 2, TraceText::GetApplicationList, out);
-        break;
-    case ReplyKind::GetFileList: ParseListReply(reader, GetFileListList, 3, 4, TraceText::GetFileList, out); break;
-    case ReplyKind::GetUserList: ParseListReply(reader, GetUserListList, 2, 2, TraceText::GetUserList, out); break;
-    case ReplyKind::QueryFileGroups: ParseQueryFileGroups(reader, out); break;
-    case ReplyKind::GetBasePath: ParseGetBasePath(reader, out); break;
-    case ReplyKind::CopyForeignFileGroupProgress: ParseCopyForeignFileGroupProgress(reader, out); break;
-    case ReplyKind::ExportArchive:
-        ParseStatusReply(reader, ExportArchiveList, TraceText::ExportArchive, out);
-        break;
-    case ReplyKind::ImportArchive:
-        ParseStatusReply(reader, ImportArchiveList, TraceText::ImportArchive, out);
-        break;
-    case ReplyKind::CreateTovinFileGroup: ParseCreateTovinFileGroup(reader, out); break;
-    case ReplyKind::RegisterConverter:
-        ParseStatusReply(reader, RegisterConverterList, TraceText::RegisterConverter, out);
-        break;
-    case ReplyKind::ConvertFileGroup: ParseConvertFileGroup(reader, out); break;
-    case ReplyKind::DeleteFileGroup:
-        ParseStatusReply(reader, DeleteFileGroupList, TraceText::DeleteFileGroup, out);
-        break;
-    case ReplyKind::QueryLocationStateProgress: ParseQueryLocationStateProgress(reader, out); break;
-    case ReplyKind::CheckFileGroupExists: ParseCheckFileGroupExists(reader, out); break;
-    case ReplyKind::GetRemoteStorageLocation: ParseGetRemoteStorageLocation(reader, out); break;
-    case ReplyKind::GetTovinFilegroupGuid:
-        ParseSingleTextReply(reader, GetTovinFilegroupGuidList, TraceText::GetTovinFilegroupGuid, out);
-        break;
-    case ReplyKind::QueryDiskSpace:
-    case ReplyKind::Count:
-        break;
-    }
+    const int index = static_cast<int>(kind);
+    if (index < 0 || index >= int(ReplyKind::Count))
+        return;
+    if (const BodyParser parse = Replies[index].parse)
+        parse(reader, out);
 }
 
 void ReadEnvelope(QXmlStreamReader &reader, ParsedReply &out)
@@ -702,6 +720,11 @@ void FailWith(const ReplyProtocolError &error, const QXmlStreamReader &reader, P
 } // namespace
 
 ExpectedElements::ExpectedElements(std::initializer_list<Entry> entries)
+    : ExpectedElements(QVector<Entry>(entries))
+{
+}
+
+ExpectedElements::ExpectedElements(const QVector<Entry> &entries)
     : m_entries(entries)
 {
     for (const Entry &entry : entries) {

@@ -64,6 +64,7 @@ public:
     };
 
     ExpectedElements(std::initializer_list<Entry> entries);
+    explicit ExpectedElements(const QVector<Entry> &entries);
 
     int Size() const { return m_entries.size(); }
     const Entry &At(int index) const { return m_entries.at(index); }

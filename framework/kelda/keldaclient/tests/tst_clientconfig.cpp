@@ -1,4 +1,5 @@
 #include "clientconfig.h"
+#include "configuredserver.h"
 
 #include <QFile>
 #include <QSettings>
@@ -86,6 +87,10 @@ void TestClientConfig::readsStore()
                  .arg(config.IsAvailable()).arg(config.IsUseUtc())
                  .arg(config.GetCompressionRate()).arg(stored.toString()).arg(config.GetMaxFrameSize()),
              expected);
+    // The programs offer the server that a client would use.
+    const Kelda::ConfiguredServer server = Kelda::ConfiguredServer::Read();
+    QCOMPARE(server.host, config.GetServerHost());
+    QCOMPARE(server.port, config.GetXmlPort());
 }
 
 QTEST_GUILESS_MAIN(TestClientConfig)

@@ -1,4 +1,5 @@
 #include "clienttreemodel.h"
+#include "filegroupcolumns.h"
 #include "grouptable.h"
 #include "keldaclient.h"
 #include "scriptedpeer.h"
@@ -114,10 +115,11 @@ void ClientTreeModelTest::setup_data()
                                                {QStringLiteral("b"), QStringLiteral("g-b")}});
     QTest::newRow("no columns") << two << 0 << 0 << 0
                                 << QStringLiteral("ClientTreeModel::SetupModelData: Invalid number of columns (%!)");
-    QTest::newRow("shorter than a row") << QStringList(two.mid(0, 10)) << 16 << 0 << 0
+    const int columns = FileGroupColumn::Count;
+    QTest::newRow("shorter than a row") << QStringList(two.mid(0, 10)) << columns << 0 << 0
                                         << QStringLiteral("ClientTreeModel::SetupModelData: Invalid number of rows (%!)");
-    QTest::newRow("headers only") << QStringList(two.mid(0, 16)) << 16 << 0 << 15 << QString();
-    QTest::newRow("two groups") << two << 16 << 2 << 15 << QString();
+    QTest::newRow("headers only") << QStringList(two.mid(0, columns)) << columns << 0 << columns - 1 << QString();
+    QTest::newRow("two groups") << two << columns << 2 << columns - 1 << QString();
 }
 
 void ClientTreeModelTest::setup()
@@ -136,11 +138,13 @@ void ClientTreeModelTest::setup()
         return;
     // The name column is never shown; the GUID is the last column and the guid.
     QCOMPARE(model.headerData(0, Qt::Horizontal).toString(), data.at(1));
-    QCOMPARE(model.headerData(14, Qt::Horizontal).toString(), QStringLiteral("Guid"));
+    const int guidColumn = FileGroupColumn::Guid - 1;
+    QCOMPARE(model.headerData(guidColumn, Qt::Horizontal).toString(), QStringLiteral("Guid"));
     for (int row = 0; row < rows; ++row) {
         const QModelIndex group = model.index(row, 0);
-        QCOMPARE(model.GetItem(group)->GetGuid(), data.at(16 * (row + 1) + 15));
-        QCOMPARE(model.index(row, 14).data().toString(), data.at(16 * (row + 1) + 15));
+        const QString guid = data.at(FileGroupColumn::Count * (row + 1) + FileGroupColumn::Guid);
+        QCOMPARE(model.GetItem(group)->GetGuid(), guid);
+        QCOMPARE(model.index(row, guidColumn).data().toString(), guid);
         QVERIFY(model.hasChildren(group) && model.canFetchMore(group));
     }
     QVERIFY(!model.canFetchMore(QModelIndex()));

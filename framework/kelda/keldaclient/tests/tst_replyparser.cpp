@@ -1,6 +1,7 @@
 #include "replyparser.h"
 
 #include "errorhandler.h"
+#include "filegroupcolumns.h"
 #include "keldaerror.h"
 
 #include <QtTest>
@@ -193,7 +194,7 @@ void TestReplyParser::replies_data()
               "<m:FileGroupName>full</m:FileGroupName><m:Guid>g1</m:Guid></m:FileGroup>\n<m:Error>5</m:Error>\n"
               "<m:FileGroup><m:Guid>g2</m:Guid><m:CreationTime>2020-02-30 03:04:05</m:CreationTime>"
               "<m:BackupTime>2020-01-02T03:04:05</m:BackupTime><m:FileType>1,000</m:FileType></m:FileGroup>"),
-        {rid, table, 16, 5}, 5);
+        {rid, table, FileGroupColumn::Count, 5}, 5);
 
     QStringList names;
     for (const auto &reply : Replies)
