@@ -1,6 +1,7 @@
 // Each public header on its own, first in its group, so that a header that
 // forgets an include of its own fails to compile here.
 #include <keldaurl.h>
+#include <filegroupcolumns.h>
 #include <filegroupdata.h>
 #include <filequery.h>
 #include <keldaerror.h>
