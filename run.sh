@@ -6,8 +6,9 @@
 #                    the same with AddressSanitizer and UndefinedBehaviorSanitizer
 #                    (clang, build dir build-asan)
 #   ./run.sh test --sanitize=thread
-#                    the same with ThreadSanitizer (clang, build-tsan; reports
-#                    inside Qt are suppressed by tsan.supp)
+#                    the same with ThreadSanitizer (clang, build-tsan); any
+#                    report fails its test; orderings made inside Qt, which
+#                    the checker cannot see, are suppressed by tsan.supp
 #   ./run.sh build [--sanitize=...]   install what is missing and build
 #   ./run.sh deps    only install the missing Debian packages
 #   ./run.sh bench [--quick]
