@@ -6,8 +6,9 @@
 #                    the same with AddressSanitizer and UndefinedBehaviorSanitizer
 #                    (clang, build dir build-asan)
 #   ./run.sh test --sanitize=thread
-#                    the same with ThreadSanitizer (clang, build-tsan; reports
-#                    inside Qt are suppressed by tsan.supp)
+#                    the same with ThreadSanitizer (clang, build-tsan); any
+#                    report fails its test; orderings made inside Qt, which
+#                    the checker cannot see, are suppressed by tsan.supp
 #   ./run.sh build [--sanitize=...]   install what is missing and build
 #   ./run.sh deps    only install the missing Debian packages
 #   ./run.sh docs    install doxygen when missing and generate the API
@@ -123,11 +124,12 @@ configure_and_build() {
     cmake --build "$build_dir" -j "$jobs"
 }
 
-# Sanitizer reports fail the test that triggers them.
+# Sanitizer reports fail the test that triggers them: ThreadSanitizer stops
+# the program at its first report with exit code 66.
 export_sanitizer_options() {
     export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
     export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_stack_use_after_return=1:strict_init_order=1}
-    export TSAN_OPTIONS=${TSAN_OPTIONS:-suppressions=$here/tsan.supp:second_deadlock_stack=1}
+    export TSAN_OPTIONS=${TSAN_OPTIONS:-suppressions=$here/tsan.supp:second_deadlock_stack=1:halt_on_error=1:exitcode=66}
     export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$here/lsan.supp:print_suppressions=0}
 }
 

@@ -1,3 +1,5 @@
+#include "asynchandler.h"
+#include "commandsender.h"
 #include "e2ehelpers.h"
 #include "faultproxy.h"
 #include "keldaclient.h"
@@ -67,6 +69,7 @@ private slots:
     void connectionEndsDuringCall();
     void corruptCompressedReply_data();
     void corruptCompressedReply();
+    void silentServerEndsByTimeLimit_data();
     void silentServerEndsByTimeLimit();
     void serverRestarted();
     void tenThousandCalls();
@@ -143,8 +146,8 @@ void TestFaults::connectionEndsDuringCall_data()
                                      << LengthPrefix(4096) + ReplyStart << false;
     // Within the size limit: the client waits for bytes that never come,
     // holding only those it received.
-    QTest::newRow("length far beyond the data") << FaultProxy::Fault::None << 0
-                                                << LengthPrefix(0x3FFFFFFFu) + ReplyStart << false;
+    QTest::newRow("length far beyond the data")
+        << FaultProxy::Fault::None << 0 << LengthPrefix(0x3FFFFFFFu) + ReplyStart + QByteArray(65536, ' ') << false;
     QTest::newRow("server killed") << FaultProxy::Fault::None << 0 << none << true;
 }
 
@@ -236,17 +239,50 @@ void TestFaults::corruptCompressedReply()
     QCOMPARE(m_proxy->connectionCount(), 2);
 }
 
-// A server that never answers: the call ends at its time limit (60 s, here
-// shortened), with the connection still up.
+void TestFaults::silentServerEndsByTimeLimit_data()
+{
+    QTest::addColumn<QByteArray>("answer"); // then silence; none: silence at once
+    QTest::newRow("silent") << QByteArray();
+    // With the size limit at its highest, about 2 GB are announced and
+    // 1 MiB follows.
+    QTest::newRow("length far beyond the data")
+        << LengthPrefix(XmlSeparator::LargestMaxFrameLength) + ReplyStart + QByteArray(1 << 20, ' ');
+}
+
+// A server that never answers: the call ends at its time limit (60 s in the
+// client, shortened here), with the connection still up.
 void TestFaults::silentServerEndsByTimeLimit()
 {
-    const unsigned int productionLimitMs = TransportTimings::ReplyTimeLimitMs();
-    TransportTimings::SetReplyTimeLimitMs(300);
-    const auto restore = qScopeGuard([productionLimitMs] { TransportTimings::SetReplyTimeLimitMs(productionLimitMs); });
-    m_proxy->setFault(FaultProxy::Fault::HoldSilent);
-    QVERIFY(m_client->GetFileList(m_guid).isEmpty());
-    QVERIFY(m_client->IsConnected());
-    QCOMPARE(m_proxy->connectionCount(), 1);
+    QFETCH(QByteArray, answer);
+    constexpr unsigned int LimitMs = 300;
+    QThread thread;
+    auto *sender = new CommandSender(QStringLiteral("127.0.0.1"), m_proxy->port(), QStringLiteral("tests"),
+                                     QStringLiteral("silent"), QStringLiteral("team"));
+    sender->SetMaxFrameLength(XmlSeparator::LargestMaxFrameLength);
+    sender->moveToThread(&thread);
+    thread.start();
+    // By name: a queued call then carries nothing this thread wrote.
+    QMetaObject::invokeMethod(sender, "start");
+    QTRY_VERIFY_WITH_TIMEOUT(sender->IsConnected(), Wait);
+    const int connections = m_proxy->connectionCount();
+
+    if (answer.isEmpty())
+        m_proxy->setFault(FaultProxy::Fault::HoldSilent);
+    else
+        m_proxy->answerNextRequestWith(answer, false);
+    bool answered = true;
+    {
+        AsyncHandler handler(sender, LimitMs);
+        answered = handler.Wait(sender->GetFileList(m_guid));
+    }
+    const bool stillConnected = sender->IsConnected();
+    thread.quit();
+    thread.wait();
+    delete sender;
+
+    QVERIFY(!answered);
+    QVERIFY(stillConnected);
+    QCOMPARE(m_proxy->connectionCount(), connections);
 }
 
 void TestFaults::serverRestarted()

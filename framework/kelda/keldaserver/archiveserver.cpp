@@ -8,7 +8,6 @@
 
 #include <trace.h>
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QTcpSocket>
 
@@ -23,6 +22,7 @@ ArchiveServer::ArchiveServer(const ServerOptions &options, QObject *parent)
     , m_options(options)
 {
     connect(&m_listener, &QTcpServer::newConnection, this, &ArchiveServer::acceptConnections);
+    connect(this, &ArchiveServer::answersReady, this, &ArchiveServer::deliverPosted, Qt::QueuedConnection);
 }
 
 ArchiveServer::~ArchiveServer()
@@ -34,10 +34,7 @@ bool ArchiveServer::openDatabase()
 {
     const StorageLayout layout(m_options.basePath, m_options.nasPath);
     const auto delivery = [this](bool fromWriter) {
-        return [this, fromWriter](std::shared_ptr<std::vector<DatabaseAnswer>> answers) {
-            QMetaObject::invokeMethod(this, [this, answers, fromWriter] { deliver(answers, fromWriter); },
-                                      Qt::QueuedConnection);
-        };
+        return [this, fromWriter](Answers answers) { postAnswers(std::move(answers), fromWriter); };
     };
     // The writer creates the tables; the reader opens them after it.
     m_writer = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Writer, m_options.databaseFile, layout,
@@ -109,20 +106,17 @@ void ArchiveServer::shutdown()
     if (m_listener.isListening())
         m_listener.close();
     if (m_mover) {
-        m_mover->stop();
-        m_mover->wait();
+        m_mover->stopAndWait();
         m_mover.reset();
     }
     // The writer hands its last reads to the reader: stop it first.
     for (auto *worker : {&m_writer, &m_reader}) {
-        if (*worker) {
-            (*worker)->finish();
-            (*worker)->wait();
-        }
+        if (*worker)
+            (*worker)->finishAndWait();
     }
-    // Their last answers are queued to this thread; send them before the
+    // Their last answers wait in the outbox; send them before the
     // connections close.
-    QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+    deliverPosted();
     m_writer.reset();
     m_reader.reset();
     const auto peers = m_peers;
@@ -200,7 +194,32 @@ void ArchiveServer::onClosed(ClientConnection *connection)
     connection->deleteLater();
 }
 
-void ArchiveServer::deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &answers, bool fromWriter)
+void ArchiveServer::postAnswers(Answers answers, bool fromWriter)
+{
+    bool first = false;
+    {
+        const std::lock_guard<std::mutex> lock(m_outboxMutex);
+        first = m_outbox.empty();
+        m_outbox.emplace_back(std::move(answers), fromWriter);
+    }
+    // One wake-up per batch of deliveries: the first to arrive in an empty
+    // outbox asks for it, the rest ride along.
+    if (first)
+        emit answersReady();
+}
+
+void ArchiveServer::deliverPosted()
+{
+    std::vector<std::pair<Answers, bool>> posted;
+    {
+        const std::lock_guard<std::mutex> lock(m_outboxMutex);
+        posted.swap(m_outbox);
+    }
+    for (const auto &delivery : posted)
+        deliver(delivery.first, delivery.second);
+}
+
+void ArchiveServer::deliver(const Answers &answers, bool fromWriter)
 {
     for (const DatabaseAnswer &done : *answers) {
         for (const NewGroupNotice &notice : done.newGroups)

@@ -4,13 +4,13 @@
 #include "request.h"
 #include "storagelayout.h"
 
-#include <QMutex>
 #include <QThread>
-#include <QWaitCondition>
 
+#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 namespace Kelda {
@@ -57,6 +57,9 @@ struct DatabaseAnswer
 //
 // A reader carries out read-only requests on a snapshot of committed data,
 // so that long queries and exports never hold up changes.
+//
+// Every hand-over with the thread goes through the standard library's mutex
+// and condition variable, which thread checkers see; Qt's are opaque to them.
 class DatabaseWorker : public QThread
 {
 public:
@@ -77,6 +80,8 @@ public:
     void post(DatabaseJob job);
     // Carries out what is queued, commits, and ends the thread.
     void finish();
+    // finish(), then returns once the thread has ended.
+    void finishAndWait();
 
     // Moves found under way at start; valid after open().
     std::vector<MoveOrder> unfinishedMoves() const { return m_unfinishedMoves; }
@@ -91,6 +96,7 @@ protected:
     void run() override;
 
 private:
+    void serve();
     std::deque<DatabaseJob> takeBatch();
     std::shared_ptr<std::vector<DatabaseAnswer>> carryOut(std::deque<DatabaseJob> &batch);
     std::shared_ptr<std::vector<DatabaseAnswer>> read(std::deque<DatabaseJob> &batch);
@@ -102,12 +108,13 @@ private:
     const Delivery m_delivery;
     const HandOff m_handOff;
 
-    QMutex m_mutex;
-    QWaitCondition m_wake;
-    QWaitCondition m_opened;
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    std::condition_variable m_stateChanged;
     std::deque<DatabaseJob> m_queue;
     bool m_finishing = false;
-    int m_openState = 0; // 0 pending, 1 open, -1 failed
+    enum class State { NotStarted, Opening, Open, Failed, Ended };
+    State m_state = State::NotStarted;
     int m_recentWriters = 0; // connections with changes in the last batch
 
     QString m_error;

@@ -4,9 +4,10 @@
 #include "keldaerror.h"
 #include "replyparser.h"
 #include "requestmessages.h"
+#include "threadhandover.h"
 #include "trace.h"
 
-#include <QMutexLocker>
+#include <QMetaMethod>
 #include <QTimer>
 
 namespace Kelda {
@@ -38,6 +39,9 @@ CommandSender::CommandSender(const QString &host, quint16 port, const QString &a
 
 CommandSender::~CommandSender()
 {
+    // Deleted on its own thread after its owner stopped it (see
+    // WorkerThread): what the owner did before comes first.
+    ThreadHandOver::acquire(this);
     if (m_connectionCheckTimer)
         m_connectionCheckTimer->stop();
     // Nothing reaches the socket from here on; it goes with its thread.
@@ -66,11 +70,15 @@ void CommandSender::start()
 
 QString CommandSender::Send(const KeldaClientSOAPMessage &message)
 {
+    // Through the meta-object rather than a lambda: Qt copies the bytes into
+    // the queued call itself, so the hand-over to the socket thread is wholly
+    // Qt's, where thread checkers can be told to trust it, instead of
+    // lambda captures written here and read there by our own code.
+    static const QMetaMethod sendMessage = CommandSenderSocket::staticMetaObject.method(
+        CommandSenderSocket::staticMetaObject.indexOfSlot("sl_sendMessage(QByteArray)"));
     const QByteArray bytes = message.ToXml();
-    if (CommandSenderSocket *socket = m_socket.loadAcquire()) {
-        QMetaObject::invokeMethod(
-            socket, [socket, bytes] { socket->sl_sendMessage(bytes); }, Qt::QueuedConnection);
-    }
+    if (CommandSenderSocket *socket = m_socket.loadAcquire())
+        sendMessage.invoke(socket, Qt::QueuedConnection, Q_ARG(QByteArray, bytes));
     return message.GetRequestId();
 }
 
@@ -338,7 +346,7 @@ bool CommandSender::CheckIsConnected()
 
 CommandSender::ReplyValues CommandSender::TakeReplyValues(const QString &requestId)
 {
-    QMutexLocker lock(&m_replyMutex);
+    const std::lock_guard<std::mutex> lock(m_replyMutex);
     m_replyOrder.removeOne(requestId);
     return m_replyValues.take(requestId);
 }
@@ -347,7 +355,7 @@ void CommandSender::StoreReplyValues(const QString &requestId, ReplyValues value
 {
     if (requestId.isEmpty())
         return;
-    QMutexLocker lock(&m_replyMutex);
+    const std::lock_guard<std::mutex> lock(m_replyMutex);
     if (!m_replyValues.contains(requestId))
         m_replyOrder.enqueue(requestId);
     m_replyValues.insert(requestId, std::move(values));

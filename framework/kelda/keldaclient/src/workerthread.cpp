@@ -1,5 +1,6 @@
 #include "workerthread.h"
 
+#include "threadhandover.h"
 #include "transporttimings.h"
 
 #include <QThread>
@@ -22,9 +23,12 @@ WorkerThread::~WorkerThread()
 void WorkerThread::Stop()
 {
     QThread *thread = std::exchange(m_thread, nullptr);
-    m_worker = nullptr;
     if (!thread)
         return;
+    // The worker's destructor runs on its thread once quit() has ended the
+    // loop, an order made inside Qt that thread checkers cannot see.
+    if (QObject *worker = std::exchange(m_worker, nullptr))
+        ThreadHandOver::release(worker);
     thread->quit();
     if (thread->wait(TransportTimings::ThreadStopWaitMs())) {
         delete thread;
@@ -42,8 +46,10 @@ void WorkerThread::Start(QObject *worker)
 {
     // The old worker is deleted here, so its thread's finished() must not
     // delete it as well.
-    if (m_worker)
+    if (m_worker) {
         QObject::disconnect(m_thread, nullptr, m_worker, nullptr);
+        ThreadHandOver::release(m_worker);
+    }
     m_thread->quit();
     m_thread->wait();
     delete m_worker;

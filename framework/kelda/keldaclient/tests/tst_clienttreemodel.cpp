@@ -9,6 +9,7 @@
 #include <QtTest>
 
 #include <memory>
+#include <mutex>
 
 using namespace Kelda;
 
@@ -77,13 +78,20 @@ private slots:
 private:
     ScriptedPeer *m_peer = nullptr;
     KeldaClient *m_client = nullptr;
+    QStringList traces() const;
+
+    // Filled on the client's threads.
+    mutable std::mutex m_tracesMutex;
     QStringList m_traces;
 };
 
 void ClientTreeModelTest::initTestCase()
 {
     ErrorHandler::Instance()->SetLevel(ErrorHandler::Failure);
-    ErrorHandler::Instance()->SetTraceHook([this](const QString &text, const char *, int) { m_traces.append(text); });
+    ErrorHandler::Instance()->SetTraceHook([this](const QString &text, const char *, int) {
+        const std::lock_guard<std::mutex> lock(m_tracesMutex);
+        m_traces.append(text);
+    });
     m_peer = new ScriptedPeer;
     m_client = new KeldaClient(QStringLiteral("127.0.0.1"), m_peer->port(), QStringLiteral("app"),
                                QStringLiteral("user"), QStringLiteral("team"));
@@ -100,7 +108,14 @@ void ClientTreeModelTest::cleanupTestCase()
 
 void ClientTreeModelTest::init()
 {
+    const std::lock_guard<std::mutex> lock(m_tracesMutex);
     m_traces.clear();
+}
+
+QStringList ClientTreeModelTest::traces() const
+{
+    const std::lock_guard<std::mutex> lock(m_tracesMutex);
+    return m_traces;
 }
 
 void ClientTreeModelTest::setup_data()
@@ -133,7 +148,7 @@ void ClientTreeModelTest::setup()
     ClientTreeModel model(data, columns, nullptr, QString());
     QCOMPARE(model.rowCount(), rows);
     QCOMPARE(model.columnCount(), shownColumns);
-    QCOMPARE(m_traces, trace.isEmpty() ? QStringList() : QStringList{trace});
+    QCOMPARE(traces(), trace.isEmpty() ? QStringList() : QStringList{trace});
     if (shownColumns == 0)
         return;
     // The name column is never shown; the GUID is the last column and the guid.
@@ -180,7 +195,7 @@ void ClientTreeModelTest::fetchMore()
 
     m_peer->setReplyChildren(QStringLiteral("GetFileList"), GroupTable::fileListReply(files));
     const int sentBefore = m_peer->requests(QStringLiteral("GetFileList")).size();
-    ClientTreeModel model(GroupTable::table({{QStringLiteral("n"), kGuid}}), 16, m_client, filter);
+    ClientTreeModel model(GroupTable::table({{QStringLiteral("n"), kGuid}}), FileGroupColumn::Count, m_client, filter);
     const QModelIndex group = model.index(0, 0);
     model.fetchMore(group);
     model.fetchMore(group);
@@ -203,13 +218,13 @@ void ClientTreeModelTest::fetchMore()
 void ClientTreeModelTest::failedFetchCanBeRetried()
 {
     m_peer->setReplyChildren(QStringLiteral("GetFileList"), GroupTable::fileListReply({}, 2));
-    ClientTreeModel model(GroupTable::table({{QStringLiteral("n"), kGuid}}), 16, m_client, QString());
+    ClientTreeModel model(GroupTable::table({{QStringLiteral("n"), kGuid}}), FileGroupColumn::Count, m_client, QString());
     const QModelIndex group = model.index(0, 0);
     model.fetchMore(group);
     QCOMPARE(model.rowCount(group), 0);
     QVERIFY(model.hasChildren(group));
     QVERIFY(model.canFetchMore(group));
-    QVERIFY(m_traces.contains(QStringLiteral("ClientTreeModel::fetchMore: KeldaError caught: 2")));
+    QVERIFY(traces().contains(QStringLiteral("ClientTreeModel::fetchMore: KeldaError caught: 2")));
 
     m_peer->setReplyChildren(QStringLiteral("GetFileList"), GroupTable::fileListReply({{1, QStringLiteral("x")}}));
     model.fetchMore(group);
@@ -238,7 +253,7 @@ void ClientTreeModelTest::sorting()
                                              {QStringLiteral("c"), QStringLiteral("g-1")},
                                              {QStringLiteral("a"), QStringLiteral("g-2")}},
                                             counts),
-                          16, nullptr, QString());
+                          FileGroupColumn::Count, nullptr, QString());
     FileGroupSortModel sortModel;
     sortModel.setSourceModel(&model);
     QStringList headers;

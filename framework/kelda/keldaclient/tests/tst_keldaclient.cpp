@@ -6,8 +6,6 @@
 
 #include <QDir>
 #include <QElapsedTimer>
-#include <QMutex>
-#include <QMutexLocker>
 #include <QSemaphore>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -19,6 +17,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 
 using namespace Kelda;
 
@@ -94,7 +93,7 @@ private:
     // The traces so far; the hook appends from the client's threads.
     QStringList traces() const;
 
-    mutable QMutex m_tracesMutex;
+    mutable std::mutex m_tracesMutex;
     QStringList m_traces;
 };
 
@@ -108,13 +107,13 @@ void KeldaClientTest::init()
 {
     QVERIFY(m_basePath.isValid());
     {
-        QMutexLocker lock(&m_tracesMutex);
+        const std::lock_guard<std::mutex> lock(m_tracesMutex);
         m_traces.clear();
     }
     ErrorHandler::Instance()->SetLevel(ErrorHandler::Failure);
     ErrorHandler::Instance()->SetTraceHook(
         [this](const QString &text, const char *, int) {
-            QMutexLocker lock(&m_tracesMutex);
+            const std::lock_guard<std::mutex> lock(m_tracesMutex);
             m_traces.append(text);
         });
     m_peer = new ScriptedPeer;
@@ -136,7 +135,7 @@ void KeldaClientTest::cleanup()
 
 QStringList KeldaClientTest::traces() const
 {
-    QMutexLocker lock(&m_tracesMutex);
+    const std::lock_guard<std::mutex> lock(m_tracesMutex);
     return m_traces;
 }
 

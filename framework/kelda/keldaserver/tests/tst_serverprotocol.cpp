@@ -9,11 +9,11 @@
 #include "serveroptions.h"
 
 #include <QFile>
-#include <QMutex>
 #include <QTemporaryDir>
 #include <QtTest>
 
 #include <ctime>
+#include <mutex>
 
 using namespace Kelda;
 
@@ -210,13 +210,13 @@ void TestServerProtocol::failedRequestRollsBackOnlyItself()
     QVERIFY(file.open(QIODevice::WriteOnly));
     file.close();
 
-    QMutex mutex;
+    std::mutex mutex;
     std::vector<DatabaseAnswer> answers;
     const QString database = base.filePath(QStringLiteral("db.sqlite"));
     const StorageLayout layout(base.path(), base.filePath(QStringLiteral("nas")));
     DatabaseWorker worker(DatabaseWorker::Role::Writer, database, layout,
                           [&](std::shared_ptr<std::vector<DatabaseAnswer>> batch) {
-                              QMutexLocker lock(&mutex);
+                              const std::lock_guard<std::mutex> lock(mutex);
                               answers.insert(answers.end(), batch->begin(), batch->end());
                           });
     QVERIFY2(worker.open(), qPrintable(worker.errorString()));
@@ -238,6 +238,7 @@ void TestServerProtocol::failedRequestRollsBackOnlyItself()
          {{QStringLiteral("Guid"), {guid}}, {QStringLiteral("FileName"), {QStringLiteral("f.bin")}}});
     worker.finish();
     QVERIFY(worker.wait(15000));
+    const std::lock_guard<std::mutex> lock(mutex); // QThread::wait's ordering is invisible to thread checkers
 
     QCOMPARE(int(answers.size()), 4);
     QVERIFY(answers[0].reply.contains("<m:Error>0</m:Error>"));
