@@ -576,13 +576,14 @@ signals:
     */
     void getTovinFilegroupGuidSg(QString a_sRequestId, QString a_guid, int a_iError, QString a_sErrorString);
 
+private Q_SLOTS:
+    void SlotConnected(QString a_basePath);
+    void SlotDisconnected();
+    void EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath);
+    void EmitAddFileSg(QString a_sRequestId, unsigned int a_fileId);
+
 private:
     Q_DECLARE_PRIVATE_D(d, KeldaClient)
-    Q_PRIVATE_SLOT(d_func(), void SlotConnected(QString a_basePath))
-    Q_PRIVATE_SLOT(d_func(), void SlotDisconnected())
-    Q_PRIVATE_SLOT(d_func(), void EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath))
-    Q_PRIVATE_SLOT(d_func(), void EmitAddFileSg(QString a_sRequestId, unsigned int a_fileId))
-
     const QScopedPointer<KeldaClientPrivate> d;
 };
 

@@ -134,6 +134,9 @@ signals:
     void fileSuccessfullyAdded(unsigned int fileId);
 
 private:
+    // A GUID contains none of ".", "/" and "\\"; a local file name does.
+    bool IsFileName(const QString &s) const;
+
     Q_DECLARE_PRIVATE_D(d, KeldaFile)
     const QScopedPointer<KeldaFilePrivate> d;
 };

@@ -99,13 +99,11 @@ void KeldaClientPrivate::StartSender(QString application, const QString &user, c
     m_sender->SetMaxFrameLength(config->GetMaxFrameSize());
 
     KeldaClient *q = m_owner;
-    QObject::connect(m_sender, &CommandSender::connected, q, [this](QString path) { SlotConnected(path); });
-    QObject::connect(m_sender, &CommandSender::disconnected, q, [this] { SlotDisconnected(); });
-    QObject::connect(m_sender, &CommandSender::createFileGroupReply, q,
-                     [this](QString guid, QString path) { EmitCreateFileGroupSg(guid, path); });
+    QObject::connect(m_sender, &CommandSender::connected, q, &KeldaClient::SlotConnected);
+    QObject::connect(m_sender, &CommandSender::disconnected, q, &KeldaClient::SlotDisconnected);
+    QObject::connect(m_sender, &CommandSender::createFileGroupReply, q, &KeldaClient::EmitCreateFileGroupSg);
     QObject::connect(m_sender, &CommandSender::createTovinFileGroupReply, q, &KeldaClient::CreateTovinFileGroupSg);
-    QObject::connect(m_sender, &CommandSender::addFileReply, q,
-                     [this](QString requestId, unsigned int fileId) { EmitAddFileSg(requestId, fileId); });
+    QObject::connect(m_sender, &CommandSender::addFileReply, q, &KeldaClient::EmitAddFileSg);
     QObject::connect(m_sender, &CommandSender::deleteFileReply, q, &KeldaClient::DeleteFileNameSg);
     QObject::connect(m_sender, &CommandSender::requestFileReply, q, &KeldaClient::RequestFileSg);
     QObject::connect(m_sender, &CommandSender::closeFileReply, q, &KeldaClient::CloseFileSg);
@@ -287,29 +285,29 @@ void KeldaClient::Reconnect()
 {
 }
 
-void KeldaClientPrivate::SlotConnected(QString a_basePath)
+void KeldaClient::SlotConnected(QString a_basePath)
 {
-    m_connected.store(true);
-    m_basePath = a_basePath;
+    d->m_connected.store(true);
+    d->m_basePath = a_basePath;
     if (a_basePath.isEmpty() || !QDir(a_basePath).exists())
         Q_TRACE_FAILURE(kSource, QStringLiteral("Directory does not exist: ") + a_basePath);
-    emit m_owner->connected();
+    emit connected();
 }
 
-void KeldaClientPrivate::SlotDisconnected()
+void KeldaClient::SlotDisconnected()
 {
-    m_connected.store(false);
-    emit m_owner->disconnected();
+    d->m_connected.store(false);
+    emit disconnected();
 }
 
-void KeldaClientPrivate::EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath)
+void KeldaClient::EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath)
 {
-    emit m_owner->CreateFileGroupSg(a_sGuid, a_sPath);
+    emit CreateFileGroupSg(a_sGuid, a_sPath);
 }
 
-void KeldaClientPrivate::EmitAddFileSg(QString a_sRequestId, unsigned int a_fileId)
+void KeldaClient::EmitAddFileSg(QString a_sRequestId, unsigned int a_fileId)
 {
-    emit m_owner->AddFileSg(a_sRequestId, a_fileId);
+    emit AddFileSg(a_sRequestId, a_fileId);
 }
 
 // ---------------------------------------------------------------- file groups
@@ -690,7 +688,3 @@ QString KeldaClient::CheckFileGroupExists(const QString &guid)
 }
 
 } // namespace Kelda
-
-// The private slots call into KeldaClientPrivate, so the meta-object code
-// needs its full declaration.
-#include "moc_keldaclient.cpp"

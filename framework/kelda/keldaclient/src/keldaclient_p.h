@@ -22,12 +22,6 @@ public:
     // between its traces. Does nothing the second time.
     void StopSender();
 
-    // Private slots of KeldaClient.
-    void SlotConnected(QString a_basePath);
-    void SlotDisconnected();
-    void EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath);
-    void EmitAddFileSg(QString a_sRequestId, unsigned int a_fileId);
-
     QString CreateFileGroupHelper(bool wait, const QString &version, const QDateTime &lifecycle,
                                   const QString &detail, const QString &comment, FileType fileType,
                                   quint64 reservedStorage, const QString &fileGroupName, QString &localPath,

@@ -46,7 +46,6 @@ public:
     void CreateInArchive(const QString &name, unsigned int lifeCycleDays, const QString &version,
                          const QString &detail, const QString &comment, FileType fileType, quint64 reservedStorage);
     bool CopyIntoGroup(const QString &groupPath, const QString &fileName);
-    bool IsFileName(const QString &s) const;
 
     bool IsServerReachable() const
     {
@@ -144,7 +143,7 @@ void KeldaFilePrivate::CreateInArchive(const QString &name, unsigned int lifeCyc
                                        const QString &detail, const QString &comment, FileType fileType,
                                        quint64 reservedStorage)
 {
-    if (!IsFileName(name)) {
+    if (!q_ptr->IsFileName(name)) {
         m_sGuid = name;
         return;
     }
@@ -275,7 +274,7 @@ void KeldaFile::handleAddFileSignal(const QString &requestId, unsigned int fileI
     emit fileSuccessfullyAdded(fileId);
 }
 
-bool KeldaFilePrivate::IsFileName(const QString &s) const
+bool KeldaFile::IsFileName(const QString &s) const
 {
     return s.contains(QLatin1Char('.')) || s.contains(QLatin1Char('/')) || s.contains(QLatin1Char('\\'));
 }
