@@ -5,8 +5,9 @@
 // (Qt's posted events, QThread::quit() and the deleteLater() that follows).
 //
 // What one thread did before release(key) is taken to happen before what
-// another does after a later acquire(key) with the same key. In builds
-// without ThreadSanitizer both do nothing and cost nothing.
+// another does after a later acquire(key) with the same key. A null key
+// stands for nothing. In builds without ThreadSanitizer both do nothing and
+// cost nothing.
 //
 // Internal: not installed with the library's headers.
 
@@ -29,7 +30,8 @@ namespace ThreadHandOver {
 inline void release(const void *key)
 {
 #ifdef KELDA_THREAD_SANITIZER
-    __tsan_release(const_cast<void *>(key));
+    if (key)
+        __tsan_release(const_cast<void *>(key));
 #else
     (void)key;
 #endif
@@ -38,7 +40,8 @@ inline void release(const void *key)
 inline void acquire(const void *key)
 {
 #ifdef KELDA_THREAD_SANITIZER
-    __tsan_acquire(const_cast<void *>(key));
+    if (key)
+        __tsan_acquire(const_cast<void *>(key));
 #else
     (void)key;
 #endif

@@ -5,7 +5,6 @@
 #include "trace.h"
 #include "xmlseparator.h"
 
-
 #include <memory>
 
 namespace Kelda {
