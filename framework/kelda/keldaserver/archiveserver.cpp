@@ -11,6 +11,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QTcpSocket>
+#include <QUuid>
 
 namespace Kelda {
 
@@ -21,6 +22,7 @@ const char kSource[] = "framework/kelda/keldaserver/archiveserver";
 ArchiveServer::ArchiveServer(const ServerOptions &options, QObject *parent)
     : QObject(parent)
     , m_options(options)
+    , m_instanceId(QUuid::createUuid().toString(QUuid::WithoutBraces))
 {
     connect(&m_listener, &QTcpServer::newConnection, this, &ArchiveServer::acceptConnections);
 }
@@ -40,7 +42,7 @@ bool ArchiveServer::openDatabase()
         };
     };
     // The writer creates the tables; the reader opens them after it.
-    m_writer = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Writer, m_options.databaseFile, layout,
+    m_writer = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Writer, m_options.database, m_instanceId, layout,
                                                 delivery(true), [this](DatabaseJob job) {
                                                     if (m_reader)
                                                         m_reader->post(std::move(job));
@@ -49,8 +51,8 @@ bool ArchiveServer::openDatabase()
         m_error = m_writer->errorString();
         return false;
     }
-    m_reader = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Reader, m_options.databaseFile, layout,
-                                                delivery(false));
+    m_reader = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Reader, m_options.database, m_instanceId,
+                                                layout, delivery(false));
     if (!m_reader->open()) {
         m_error = m_reader->errorString();
         return false;
@@ -60,8 +62,10 @@ bool ArchiveServer::openDatabase()
 
 bool ArchiveServer::start()
 {
-    for (const QString &folder :
-         {m_options.basePath, m_options.nasPath, QFileInfo(m_options.databaseFile).absolutePath()}) {
+    QStringList folders{m_options.basePath, m_options.nasPath};
+    if (!m_options.database.isPostgres())
+        folders.append(QFileInfo(m_options.database.file).absolutePath());
+    for (const QString &folder : qAsConst(folders)) {
         if (!QDir().mkpath(folder)) {
             m_error = QStringLiteral("Cannot create the folder %1").arg(folder);
             m_exitCode = ServerOptions::ExitStorage;
@@ -92,6 +96,14 @@ bool ArchiveServer::start()
     m_mover->start();
     for (const MoveOrder &order : m_writer->unfinishedMoves())
         m_mover->post(order);
+    if (m_options.database.isPostgres()) {
+        m_listenerThread = std::make_unique<GroupListener>(
+            m_options.database, m_instanceId, [this](const GroupAnnouncement &announcement) {
+                const NewGroupNotice notice{announcement.guid, announcement.fileType, announcement.path};
+                QMetaObject::invokeMethod(this, [this, notice] { notifyConverters(notice); }, Qt::QueuedConnection);
+            });
+        m_listenerThread->start();
+    }
 
     if (!m_listener.listen(m_options.host, m_options.port)) {
         m_error = QStringLiteral("Cannot listen on %1:%2: %3")
@@ -108,6 +120,11 @@ void ArchiveServer::shutdown()
 {
     if (m_listener.isListening())
         m_listener.close();
+    if (m_listenerThread) {
+        m_listenerThread->stop();
+        m_listenerThread->wait();
+        m_listenerThread.reset();
+    }
     if (m_mover) {
         m_mover->stop();
         m_mover->wait();

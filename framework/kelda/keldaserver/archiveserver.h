@@ -1,6 +1,7 @@
 #pragma once
 
 #include "databaseworker.h"
+#include "grouplistener.h"
 #include "groupmover.h"
 #include "serveroptions.h"
 
@@ -71,6 +72,9 @@ private:
     std::unique_ptr<DatabaseWorker> m_writer;
     std::unique_ptr<DatabaseWorker> m_reader;
     std::unique_ptr<GroupMover> m_mover;
+    std::unique_ptr<GroupListener> m_listenerThread;
+    // Names this process among the servers sharing a database.
+    QString m_instanceId;
     QHash<quint64, Peer> m_peers;
     quint64 m_nextConnectionId = 1;
     QString m_error;
