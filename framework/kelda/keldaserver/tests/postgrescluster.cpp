@@ -134,11 +134,9 @@ bool PostgresCluster::start(QString *error)
             return false;
         m_port = freePort();
     }
-    // fsync off: the cluster lives as long as the test, and the machine is
-    // shared.
-    const QString options = QStringLiteral("-c listen_addresses=127.0.0.1 -p %1 -k %2 -c fsync=off")
+    const QString options = QStringLiteral("-c listen_addresses=127.0.0.1 -p %1 -k %2 -c fsync=%3")
                                 .arg(m_port)
-                                .arg(m_socketDirectory);
+                                .arg(m_socketDirectory, m_durable ? QStringLiteral("on") : QStringLiteral("off"));
     if (!run(QDir(bin).filePath(QStringLiteral("pg_ctl")),
              {QStringLiteral("start"), QStringLiteral("-D"), m_dataDirectory, QStringLiteral("-w"), QStringLiteral("-t"),
               QString::number(Wait / 1000), QStringLiteral("-l"), QDir(m_folder->path()).filePath(QStringLiteral("log")),

@@ -32,6 +32,10 @@ public:
     // with *error set when it cannot be.
     static PostgresCluster *shared(QString *error);
 
+    // Commits reach the disk before they return, as in production; off by
+    // default, since a test cluster lives only as long as its test.
+    void setDurable(bool durable) { m_durable = durable; }
+
     bool start(QString *error);
     // pg_ctl stop -m fast: connections are cut as in a database crash.
     bool stop(QString *error = nullptr);
@@ -54,5 +58,6 @@ private:
     QString m_socketDirectory;
     quint16 m_port = 0;
     bool m_running = false;
+    bool m_durable = false;
     QSet<QString> m_databases;
 };
