@@ -185,3 +185,8 @@ QString PostgresCluster::url(const QString &database) const
 {
     return QStringLiteral("postgresql://%1:%2@127.0.0.1:%3/%4").arg(kRole, kPassword).arg(m_port).arg(database);
 }
+
+QString PostgresCluster::socketUrl(const QString &database) const
+{
+    return QStringLiteral("postgresql://%1@localhost:%2/%3?host=%4").arg(kRole).arg(m_port).arg(database, m_socketDirectory);
+}

@@ -45,6 +45,8 @@ public:
     bool createDatabase(const QString &name, QString *error);
     // The --db argument for a server on that database.
     QString url(const QString &database) const;
+    // The same through the socket folder instead of TCP.
+    QString socketUrl(const QString &database) const;
     quint16 port() const { return m_port; }
 
     static constexpr int Wait = 120000;

@@ -370,6 +370,9 @@ void TestServerProtocol::databaseLocation_data()
     QTest::newRow("socket folder") << QStringLiteral("postgresql://kelda@localhost/archive?host=/run/postgresql")
                                    << true << true << QStringLiteral("kelda") << QString()
                                    << QStringLiteral("/run/postgresql") << 5432 << QStringLiteral("archive");
+    QTest::newRow("socket folder, no host") << QStringLiteral("postgresql://kelda@/archive?host=/tmp/pg") << true << true
+                                            << QStringLiteral("kelda") << QString() << QStringLiteral("/tmp/pg")
+                                            << 5432 << QStringLiteral("archive");
     for (const char *bad : {"postgresql://127.0.0.1/archive", "postgresql://kelda@127.0.0.1/",
                             "postgresql://kelda@127.0.0.1:99999/archive", "postgresql://kelda@127.0.0.1/a?sslmode=x",
                             "postgresql://kelda@127.0.0.1/a/b"})
