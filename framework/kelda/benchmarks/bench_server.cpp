@@ -454,7 +454,8 @@ int main(int argc, char *argv[])
         }
         out() << QStringLiteral("== PostgreSQL %1 (throw-away cluster on 127.0.0.1), %2\n")
                      .arg(QFileInfo(PostgresCluster::binDirectory()).dir().dirName(),
-                          count == 1 ? QStringLiteral("one server") : QStringLiteral("two servers, clients split between them"));
+                         count == 1 ? QStringLiteral("one server")
+                                    : QStringLiteral("two servers, clients split between them"));
         if (!benchmarkServers(cluster.url(name), count, traceMask, sequences, groups))
             return 69;
     }

@@ -183,7 +183,8 @@ bool ArchiveStore::connect()
             // "relation exists, skipping" on every start is no news.
             execDirect(QStringLiteral("SET client_min_messages = warning"), KE_DatabaseNotAvailable);
         } catch (const RequestFailure &failure) {
-            m_error = QStringLiteral("Cannot set up the connection to %1: %2").arg(m_location.displayName(), failure.text);
+            m_error
+                = QStringLiteral("Cannot set up the connection to %1: %2").arg(m_location.displayName(), failure.text);
             return false;
         }
     }
@@ -210,7 +211,8 @@ void ArchiveStore::createSchema()
         // Servers starting together on an empty database would each try
         // to create the same tables.
         if (isPostgres())
-            execDirect(QStringLiteral("SELECT pg_advisory_xact_lock(%1, 0)").arg(kAdvisoryClass), KE_DatabaseNotAvailable);
+            execDirect(
+                QStringLiteral("SELECT pg_advisory_xact_lock(%1, 0)").arg(kAdvisoryClass), KE_DatabaseNotAvailable);
         execDirect(QStringLiteral("CREATE TABLE IF NOT EXISTS schema_version (version INTEGER NOT NULL)"),
                    KE_DatabaseNotAvailable);
         QSqlQuery query(m_db);
@@ -416,8 +418,9 @@ StoredGroup ArchiveStore::groupFromRow(const GroupRow &row) const
 
 std::optional<StoredGroup> ArchiveStore::group(const QString &guid)
 {
-    QSqlQuery &query = prepared(QStringLiteral("SELECT ") + kGroupColumns + QStringLiteral(" FROM file_groups g WHERE g.guid = ?")
-                                + (m_locksGroups ? QStringLiteral(" FOR UPDATE") : QString()));
+    QSqlQuery &query
+        = prepared(QStringLiteral("SELECT ") + kGroupColumns + QStringLiteral(" FROM file_groups g WHERE g.guid = ?")
+            + (m_locksGroups ? QStringLiteral(" FOR UPDATE") : QString()));
     query.bindValue(0, guid);
     exec(query, KE_ReadFileGroupFromDbFailed);
     std::optional<StoredGroup> result;
@@ -534,7 +537,8 @@ bool ArchiveStore::claimMove(const QString &guid)
                                 + (m_locksGroups ? QStringLiteral(" FOR UPDATE") : QString()));
     query.bindValue(0, guid);
     exec(query, KE_ReadFileGroupFromDbFailed);
-    const std::optional<QString> owner = query.next() ? std::optional<QString>(query.value(0).toString()) : std::nullopt;
+    const std::optional<QString> owner
+        = query.next() ? std::optional<QString>(query.value(0).toString()) : std::nullopt;
     query.finish();
     if (owner && ownerAlive(*owner))
         return *owner == m_instanceId;

@@ -36,7 +36,8 @@ bool DatabaseLocation::parse(const QString &text, DatabaseLocation *location, QS
     }
     const QUrl url(text, QUrl::StrictMode);
     const auto fail = [&](const QString &what) {
-        *error = QStringLiteral("--db: %1 in \"%2\"; the form is %3").arg(what, url.toDisplayString(QUrl::RemovePassword), kUrlForm);
+        *error = QStringLiteral("--db: %1 in \"%2\"; the form is %3")
+                     .arg(what, url.toDisplayString(QUrl::RemovePassword), kUrlForm);
         return false;
     };
     if (!url.isValid())

@@ -62,7 +62,8 @@ void DatabaseWorker::finish()
 std::deque<DatabaseJob> DatabaseWorker::takeBatch(int idleTimeoutMs, bool *finishing)
 {
     QMutexLocker lock(&m_mutex);
-    const QDeadlineTimer idle = idleTimeoutMs < 0 ? QDeadlineTimer(QDeadlineTimer::Forever) : QDeadlineTimer(idleTimeoutMs);
+    const QDeadlineTimer idle
+        = idleTimeoutMs < 0 ? QDeadlineTimer(QDeadlineTimer::Forever) : QDeadlineTimer(idleTimeoutMs);
     while (m_queue.empty() && !m_finishing) {
         if (!m_wake.wait(&m_mutex, idle))
             break;
@@ -109,7 +110,6 @@ void DatabaseWorker::run()
             }
         } else if (!opened) {
             m_error = store.errorString();
-            m_schemaTooNew = store.schemaTooNew();
         }
         m_openState = opened ? 1 : -1;
         m_opened.wakeAll();

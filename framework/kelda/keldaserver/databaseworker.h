@@ -80,7 +80,6 @@ public:
     // errorString() when it cannot be.
     bool open();
     QString errorString() const { return m_error; }
-    bool schemaTooNew() const { return m_schemaTooNew; }
 
     // Thread-safe.
     void post(DatabaseJob job);
@@ -137,7 +136,6 @@ private:
     int m_recentWriters = 0; // connections with changes in the last batch
 
     QString m_error;
-    bool m_schemaTooNew = false;
     std::vector<MoveOrder> m_unfinishedMoves;
     // Connection state; only the worker's own thread touches these.
     QElapsedTimer m_sinceReconnect;

@@ -370,9 +370,9 @@ void TestServerProtocol::databaseLocation_data()
     QTest::newRow("socket folder") << QStringLiteral("postgresql://kelda@localhost/archive?host=/run/postgresql")
                                    << true << true << QStringLiteral("kelda") << QString()
                                    << QStringLiteral("/run/postgresql") << 5432 << QStringLiteral("archive");
-    QTest::newRow("socket folder, no host") << QStringLiteral("postgresql://kelda@/archive?host=/tmp/pg") << true << true
-                                            << QStringLiteral("kelda") << QString() << QStringLiteral("/tmp/pg")
-                                            << 5432 << QStringLiteral("archive");
+    QTest::newRow("socket folder, no host")
+        << QStringLiteral("postgresql://kelda@/archive?host=/tmp/pg") << true << true << QStringLiteral("kelda")
+        << QString() << QStringLiteral("/tmp/pg") << 5432 << QStringLiteral("archive");
     for (const char *bad : {"postgresql://127.0.0.1/archive", "postgresql://kelda@127.0.0.1/",
                             "postgresql://kelda@127.0.0.1:99999/archive", "postgresql://kelda@127.0.0.1/a?sslmode=x",
                             "postgresql://kelda@127.0.0.1/a/b"})
@@ -410,7 +410,8 @@ void TestServerProtocol::groupAnnouncement_data()
     QTest::addColumn<bool>("ok");
     QTest::addColumn<QString>("path");
     QTest::newRow("plain") << QStringLiteral("srv\tguid\t10\t/base/g/") << true << QStringLiteral("/base/g/");
-    QTest::newRow("tab in path") << QStringLiteral("srv\tguid\t10\t/base/a\tb/") << true << QStringLiteral("/base/a\tb/");
+    QTest::newRow("tab in path") << QStringLiteral("srv\tguid\t10\t/base/a\tb/") << true
+                                 << QStringLiteral("/base/a\tb/");
     QTest::newRow("type not a number") << QStringLiteral("srv\tguid\tx\t/p") << false << QString();
     QTest::newRow("too few fields") << QStringLiteral("srv\tguid\t10") << false << QString();
     QTest::newRow("no sender") << QStringLiteral("\tguid\t10\t/p") << false << QString();
