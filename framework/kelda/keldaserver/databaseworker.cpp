@@ -119,6 +119,11 @@ void DatabaseWorker::run()
     m_store = &store;
     m_engine = &engine;
     for (;;) {
+        if (!m_heldMoves.empty() && !store.connectionLost()) {
+            for (DatabaseJob &job : m_heldMoves)
+                post(std::move(job));
+            m_heldMoves.clear();
+        }
         bool finishing = false;
         // A lost database is sought again also while nobody asks.
         std::deque<DatabaseJob> batch = takeBatch(store.connectionLost() ? m_reconnectPauseMs : -1, &finishing);
@@ -231,8 +236,11 @@ std::vector<DatabaseJob *> DatabaseWorker::transact(const std::vector<DatabaseJo
                                                     std::vector<DatabaseAnswer> &answers)
 {
     const auto failAll = [&](const QString &text) {
-        for (const DatabaseJob *job : jobs)
+        for (const DatabaseJob *job : jobs) {
+            if (job->kind == DatabaseJob::Kind::MoveFinished && m_store->connectionLost())
+                m_heldMoves.push_back(*job);
             answers.push_back(failedAnswer(*job, text));
+        }
         return std::vector<DatabaseJob *>();
     };
     if (!ensureConnected())

@@ -141,6 +141,9 @@ private:
     QElapsedTimer m_sinceReconnect;
     int m_reconnectPauseMs = FirstReconnectMs;
     qint64 m_commitToken = 0;
+    // Ends of moves that could not be recorded while the database was
+    // away; carried out once it is back (they are safe to do late).
+    std::vector<DatabaseJob> m_heldMoves;
     ArchiveStore *m_store = nullptr;
     ArchiveEngine *m_engine = nullptr;
 };
