@@ -1,3 +1,4 @@
+#include "archivestore.h"
 #include "e2ehelpers.h"
 #include "filequery.h"
 #include "keldaclient.h"
@@ -29,6 +30,7 @@ private slots:
     void simultaneousAddsGetConsecutiveIds();
     void groupOfOneServerHandledThroughTheOther();
     void converterHearsGroupsOfTheOtherServer();
+    void moveClaimsFollowLiveServers();
     void databaseRestartLosesNoAnsweredChange();
 
 private:
@@ -186,6 +188,35 @@ void TestServerShared::converterHearsGroupsOfTheOtherServer()
     const QByteArray notice = converter.receive(Wait);
     QVERIFY2(notice.contains("<m:ConvertFileGroup"), notice.constData());
     QVERIFY2(notice.contains(QStringLiteral("<m:Guid>%1</m:Guid>").arg(guid).toUtf8()), notice.constData());
+}
+
+void TestServerShared::moveClaimsFollowLiveServers()
+{
+    // A move is resumed by another server only once its claimer is gone.
+    QString error;
+    QTemporaryDir elsewhere;
+    DatabaseLocation database;
+    QVERIFY(DatabaseLocation::parse(ServerProcess::postgresUrl(elsewhere.path(), &error), &database, &error));
+    const QString guid = QStringLiteral("6f1c3b0e-4d5a-4c2b-9a7e-1d2c3b4a5f60");
+    auto first = std::make_unique<ArchiveStore>();
+    first->setInstanceId(QStringLiteral("first"));
+    first->setLocksGroups(true);
+    QVERIFY2(first->open(database), qPrintable(first->errorString()));
+    first->recordMoveClaim(guid);
+    ArchiveStore second;
+    second.setInstanceId(QStringLiteral("second"));
+    second.setLocksGroups(true);
+    QVERIFY2(second.open(database), qPrintable(second.errorString()));
+    QVERIFY(!second.claimMove(guid));
+    QVERIFY(first->claimMove(guid));
+    first.reset();
+    // The database ends the closed session on its own time.
+    QTRY_VERIFY_WITH_TIMEOUT(second.claimMove(guid), Wait);
+    ArchiveStore third;
+    third.setInstanceId(QStringLiteral("third"));
+    third.setLocksGroups(true);
+    QVERIFY2(third.open(database), qPrintable(third.errorString()));
+    QVERIFY(!third.claimMove(guid));
 }
 
 void TestServerShared::databaseRestartLosesNoAnsweredChange()
