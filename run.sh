@@ -125,11 +125,12 @@ configure_and_build() {
     cmake --build "$build_dir" -j "$jobs"
 }
 
-# Sanitizer reports fail the test that triggers them.
+# Sanitizer reports fail the test that triggers them: ThreadSanitizer stops
+# the program at its first report with exit code 66.
 export_sanitizer_options() {
     export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
     export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_stack_use_after_return=1:strict_init_order=1}
-    export TSAN_OPTIONS=${TSAN_OPTIONS:-suppressions=$here/tsan.supp:second_deadlock_stack=1}
+    export TSAN_OPTIONS=${TSAN_OPTIONS:-suppressions=$here/tsan.supp:second_deadlock_stack=1:halt_on_error=1:exitcode=66}
     export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$here/lsan.supp:print_suppressions=0}
 }
 

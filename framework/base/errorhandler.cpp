@@ -2,19 +2,19 @@
 
 #include <QDateTime>
 #include <QFile>
-#include <QMutex>
-#include <QMutexLocker>
 #include <QThread>
 
 #include <cstdio>
+#include <mutex>
 
 namespace {
 constexpr quint32 kDefaultLevel = ErrorHandler::Failure;
 }
 
+// The standard mutex rather than QMutex: thread checkers see it.
 struct ErrorHandler::Sink
 {
-    QMutex mutex;
+    std::mutex mutex;
     TraceHook hook;
     QFile file;
 };
@@ -49,14 +49,14 @@ quint32 ErrorHandler::LevelFromText(const QString &text, quint32 fallback)
 
 ErrorHandler::TraceHook ErrorHandler::SetTraceHook(TraceHook hook)
 {
-    QMutexLocker lock(&m_sink->mutex);
+    const std::lock_guard<std::mutex> lock(m_sink->mutex);
     std::swap(m_sink->hook, hook);
     return hook;
 }
 
 void ErrorHandler::Write(const QString &text, const char *sourceFile, int line)
 {
-    QMutexLocker lock(&m_sink->mutex);
+    const std::lock_guard<std::mutex> lock(m_sink->mutex);
     if (m_sink->hook) {
         m_sink->hook(text, sourceFile, line);
         return;

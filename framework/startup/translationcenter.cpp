@@ -3,7 +3,6 @@
 #include <QCoreApplication>
 #include <QLibraryInfo>
 #include <QLocale>
-#include <QMutexLocker>
 #include <QStringList>
 #include <QTranslator>
 
@@ -45,7 +44,7 @@ void TranslationCenter::Install(Catalogue &catalogue)
 
 bool TranslationCenter::Register(const QString &name)
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     auto existing = m_catalogues.find(name);
     if (existing != m_catalogues.end()) {
         Install(*existing);
@@ -66,7 +65,7 @@ bool TranslationCenter::Register(const QString &name)
 
 void TranslationCenter::Unregister(const QString &name)
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     const Catalogue catalogue = m_catalogues.take(name);
     if (!catalogue.translator)
         return;
@@ -77,6 +76,6 @@ void TranslationCenter::Unregister(const QString &name)
 
 bool TranslationCenter::IsRegistered(const QString &name) const
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     return m_catalogues.contains(name);
 }

@@ -3,8 +3,9 @@
 #include "startupglobal.h"
 
 #include <QMap>
-#include <QMutex>
 #include <QString>
+
+#include <mutex>
 
 class QTranslator;
 
@@ -37,6 +38,6 @@ private:
     };
     static void Install(Catalogue &catalogue);
 
-    mutable QMutex m_mutex;
+    mutable std::mutex m_mutex;
     QMap<QString, Catalogue> m_catalogues;
 };

@@ -1,5 +1,7 @@
 #include "faultproxy.h"
 
+#include "threadrunner.h"
+
 #include <QHostAddress>
 #include <QPointer>
 #include <QTcpServer>
@@ -10,7 +12,7 @@
 #include <sys/socket.h>
 
 // Everything here runs on the proxy's thread; the FaultProxy methods reach
-// it by blocking queued calls.
+// it through the proxy's ThreadRunner and wait until it is done.
 class FaultProxyWorker : public QObject
 {
 public:
@@ -198,41 +200,33 @@ private:
     QList<Pair *> m_pairs;
 };
 
-namespace {
-
-template<typename Work>
-void RunOn(QObject *worker, Work work)
-{
-    QMetaObject::invokeMethod(worker, work, Qt::BlockingQueuedConnection);
-}
-
-} // namespace
-
 FaultProxy::FaultProxy(quint16 upstreamPort)
 {
     m_thread.setObjectName(QStringLiteral("faultProxyThread"));
     m_worker = new FaultProxyWorker(upstreamPort, m_connections);
     m_worker->moveToThread(&m_thread);
     QObject::connect(&m_thread, &QThread::finished, m_worker, &QObject::deleteLater);
+    m_runner = std::make_unique<ThreadRunner>();
+    m_runner->moveToThread(&m_thread);
     m_thread.start();
-    RunOn(m_worker, [this] { m_port = m_worker->listen(); });
+    m_runner->run([this] { m_port = m_worker->listen(); });
 }
 
 FaultProxy::~FaultProxy()
 {
-    RunOn(m_worker, [this] { m_worker->shutDown(); });
+    m_runner->run([this] { m_worker->shutDown(); });
     m_thread.quit();
     m_thread.wait();
 }
 
 void FaultProxy::setUpstreamPort(quint16 port)
 {
-    RunOn(m_worker, [this, port] { m_worker->m_upstreamPort = port; });
+    m_runner->run([this, port] { m_worker->m_upstreamPort = port; });
 }
 
 void FaultProxy::setFault(Fault fault, int amount)
 {
-    RunOn(m_worker, [this, fault, amount] {
+    m_runner->run([this, fault, amount] {
         m_worker->m_armedFault = fault;
         m_worker->m_armedAmount = amount;
         m_worker->m_faultArmed = true;
@@ -241,7 +235,7 @@ void FaultProxy::setFault(Fault fault, int amount)
 
 void FaultProxy::answerNextRequestWith(const QByteArray &bytes, bool closeAfter)
 {
-    RunOn(m_worker, [this, bytes, closeAfter] {
+    m_runner->run([this, bytes, closeAfter] {
         m_worker->m_answer = bytes;
         m_worker->m_closeAfterAnswer = closeAfter;
         m_worker->m_answerArmed = true;
@@ -250,10 +244,10 @@ void FaultProxy::answerNextRequestWith(const QByteArray &bytes, bool closeAfter)
 
 void FaultProxy::rewriteAnswers(Rewrite rewrite)
 {
-    RunOn(m_worker, [this, &rewrite] { m_worker->m_rewrite = std::move(rewrite); });
+    m_runner->run([this, &rewrite] { m_worker->m_rewrite = std::move(rewrite); });
 }
 
 void FaultProxy::onNextRequest(std::function<void()> hook)
 {
-    RunOn(m_worker, [this, &hook] { m_worker->m_requestHook = std::move(hook); });
+    m_runner->run([this, &hook] { m_worker->m_requestHook = std::move(hook); });
 }

@@ -6,8 +6,10 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 
 class FaultProxyWorker;
+class ThreadRunner;
 
 // A loopback proxy for tests that sits between a client and a server and
 // misbehaves on request. It runs on its own thread, so that it keeps
@@ -66,6 +68,8 @@ public:
 private:
     QThread m_thread;
     FaultProxyWorker *m_worker = nullptr;
+    // Lives on m_thread; deleted here once that has ended.
+    std::unique_ptr<ThreadRunner> m_runner;
     quint16 m_port = 0;
     std::atomic<int> m_connections{0};
 };

@@ -66,6 +66,7 @@ private slots:
     void connectionEndsDuringCall();
     void corruptCompressedReply_data();
     void corruptCompressedReply();
+    void silentServerEndsByTimeLimit_data();
     void silentServerEndsByTimeLimit();
     void serverRestarted();
     void tenThousandCalls();
@@ -137,8 +138,8 @@ void TestFaults::connectionEndsDuringCall_data()
                                      << LengthPrefix(4096) + ReplyStart << false;
     // Within the size limit: the client waits for bytes that never come,
     // holding only those it received.
-    QTest::newRow("length far beyond the data") << FaultProxy::Fault::None << 0
-                                                << LengthPrefix(0x3FFFFFFFu) + ReplyStart << false;
+    QTest::newRow("length far beyond the data")
+        << FaultProxy::Fault::None << 0 << LengthPrefix(0x3FFFFFFFu) + ReplyStart + QByteArray(65536, ' ') << false;
     QTest::newRow("server killed") << FaultProxy::Fault::None << 0 << none << true;
 }
 
@@ -230,20 +231,36 @@ void TestFaults::corruptCompressedReply()
     QCOMPARE(m_proxy->connectionCount(), 2);
 }
 
+void TestFaults::silentServerEndsByTimeLimit_data()
+{
+    QTest::addColumn<QByteArray>("answer"); // then silence; none: silence at once
+    QTest::newRow("silent") << QByteArray();
+    // With the size limit at its highest, about 2 GB are announced and
+    // 1 MiB follows.
+    QTest::newRow("length far beyond the data")
+        << LengthPrefix(XmlSeparator::LargestMaxFrameLength) + ReplyStart + QByteArray(1 << 20, ' ');
+}
+
 // The client's own calls wait 60 s; the same wait with a shorter limit
 // shows that a server that never answers ends the call at its limit.
 void TestFaults::silentServerEndsByTimeLimit()
 {
+    QFETCH(QByteArray, answer);
     constexpr unsigned int LimitMs = 1500;
     QThread thread;
     auto *sender = new CommandSender(QStringLiteral("127.0.0.1"), m_proxy->port(), QStringLiteral("tests"),
                                      QStringLiteral("silent"), QStringLiteral("team"));
+    sender->SetMaxFrameLength(XmlSeparator::LargestMaxFrameLength);
     sender->moveToThread(&thread);
     thread.start();
-    QMetaObject::invokeMethod(sender, &CommandSender::start);
+    // By name: a queued call then carries nothing this thread wrote.
+    QMetaObject::invokeMethod(sender, "start");
     QTRY_VERIFY_WITH_TIMEOUT(sender->IsConnected(), Wait);
 
-    m_proxy->setFault(FaultProxy::Fault::HoldSilent);
+    if (answer.isEmpty())
+        m_proxy->setFault(FaultProxy::Fault::HoldSilent);
+    else
+        m_proxy->answerNextRequestWith(answer, false);
     bool answered = true;
     QElapsedTimer timer;
     {

@@ -8,7 +8,6 @@
 
 #include <trace.h>
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QTcpSocket>
 #include <QUuid>
@@ -25,6 +24,7 @@ ArchiveServer::ArchiveServer(const ServerOptions &options, QObject *parent)
     , m_instanceId(QUuid::createUuid().toString(QUuid::WithoutBraces))
 {
     connect(&m_listener, &QTcpServer::newConnection, this, &ArchiveServer::acceptConnections);
+    connect(this, &ArchiveServer::answersReady, this, &ArchiveServer::deliverPosted, Qt::QueuedConnection);
 }
 
 ArchiveServer::~ArchiveServer()
@@ -36,10 +36,7 @@ bool ArchiveServer::openDatabase()
 {
     const StorageLayout layout(m_options.basePath, m_options.nasPath);
     const auto delivery = [this](bool fromWriter) {
-        return [this, fromWriter](std::shared_ptr<std::vector<DatabaseAnswer>> answers) {
-            QMetaObject::invokeMethod(this, [this, answers, fromWriter] { deliver(answers, fromWriter); },
-                                      Qt::QueuedConnection);
-        };
+        return [this, fromWriter](Answers answers) { postAnswers(std::move(answers), fromWriter); };
     };
     // The writer creates the tables; the reader opens them after it.
     m_writer = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Writer, m_options.database, m_instanceId, layout,
@@ -99,8 +96,11 @@ bool ArchiveServer::start()
     if (m_options.database.isPostgres()) {
         m_listenerThread = std::make_unique<GroupListener>(
             m_options.database, m_instanceId, [this](const GroupAnnouncement &announcement) {
-                const NewGroupNotice notice{announcement.guid, announcement.fileType, announcement.path};
-                QMetaObject::invokeMethod(this, [this, notice] { notifyConverters(notice); }, Qt::QueuedConnection);
+                // Travels like an answer for no connection: only its notice
+                // is delivered.
+                auto heard = std::make_shared<std::vector<DatabaseAnswer>>(1);
+                heard->front().newGroups.push_back({announcement.guid, announcement.fileType, announcement.path});
+                postAnswers(std::move(heard), false);
             });
         m_listenerThread->start();
     }
@@ -126,20 +126,17 @@ void ArchiveServer::shutdown()
         m_listenerThread.reset();
     }
     if (m_mover) {
-        m_mover->stop();
-        m_mover->wait();
+        m_mover->stopAndWait();
         m_mover.reset();
     }
     // The writer hands its last reads to the reader: stop it first.
     for (auto *worker : {&m_writer, &m_reader}) {
-        if (*worker) {
-            (*worker)->finish();
-            (*worker)->wait();
-        }
+        if (*worker)
+            (*worker)->finishAndWait();
     }
-    // Their last answers are queued to this thread; send them before the
+    // Their last answers wait in the outbox; send them before the
     // connections close.
-    QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+    deliverPosted();
     m_writer.reset();
     m_reader.reset();
     const auto peers = m_peers;
@@ -217,7 +214,32 @@ void ArchiveServer::onClosed(ClientConnection *connection)
     connection->deleteLater();
 }
 
-void ArchiveServer::deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &answers, bool fromWriter)
+void ArchiveServer::postAnswers(Answers answers, bool fromWriter)
+{
+    bool first = false;
+    {
+        const std::lock_guard<std::mutex> lock(m_outboxMutex);
+        first = m_outbox.empty();
+        m_outbox.emplace_back(std::move(answers), fromWriter);
+    }
+    // One wake-up per batch of deliveries: the first to arrive in an empty
+    // outbox asks for it, the rest ride along.
+    if (first)
+        emit answersReady();
+}
+
+void ArchiveServer::deliverPosted()
+{
+    std::vector<std::pair<Answers, bool>> posted;
+    {
+        const std::lock_guard<std::mutex> lock(m_outboxMutex);
+        posted.swap(m_outbox);
+    }
+    for (const auto &delivery : posted)
+        deliver(delivery.first, delivery.second);
+}
+
+void ArchiveServer::deliver(const Answers &answers, bool fromWriter)
 {
     for (const DatabaseAnswer &done : *answers) {
         for (const NewGroupNotice &notice : done.newGroups)

@@ -11,6 +11,9 @@
 #include <QTcpServer>
 
 #include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
 
 namespace Kelda {
 
@@ -41,6 +44,10 @@ public:
     // the answers, then closes every connection.
     void shutdown();
 
+Q_SIGNALS:
+    // From a database thread: answers wait in the outbox.
+    void answersReady();
+
 private:
     // Answers may come back from two threads out of order; each waits here
     // until those of the connection's earlier requests have been sent.
@@ -59,7 +66,11 @@ private:
     void acceptConnections();
     void onMessage(ClientConnection *connection, const QByteArray &message);
     void onClosed(ClientConnection *connection);
-    void deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &answers, bool fromWriter);
+    using Answers = std::shared_ptr<std::vector<DatabaseAnswer>>;
+    // On a database thread.
+    void postAnswers(Answers answers, bool fromWriter);
+    void deliverPosted();
+    void deliver(const Answers &answers, bool fromWriter);
     void answer(Peer &peer, quint64 sequence, const QByteArray &reply);
 
     // Requests one connection may have under way before it is read no
@@ -75,6 +86,11 @@ private:
     std::unique_ptr<GroupListener> m_listenerThread;
     // Names this process among the servers sharing a database.
     QString m_instanceId;
+    // Answers on their way from the database threads to this one. Handed
+    // over under a standard mutex, which thread checkers see, rather than
+    // inside a queued call, which they cannot.
+    std::mutex m_outboxMutex;
+    std::vector<std::pair<Answers, bool>> m_outbox;
     QHash<quint64, Peer> m_peers;
     quint64 m_nextConnectionId = 1;
     QString m_error;

@@ -6,9 +6,9 @@
 
 #include <trace.h>
 
-#include <QDeadlineTimer>
-#include <QMutexLocker>
 #include <QSet>
+
+#include <chrono>
 
 namespace Kelda {
 
@@ -32,50 +32,65 @@ DatabaseWorker::DatabaseWorker(Role role, const DatabaseLocation &database, cons
 
 DatabaseWorker::~DatabaseWorker()
 {
-    finish();
-    wait();
+    finishAndWait();
 }
 
 bool DatabaseWorker::open()
 {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_state = State::Opening;
+    }
     start();
-    QMutexLocker lock(&m_mutex);
-    while (m_openState == 0)
-        m_opened.wait(&m_mutex);
-    return m_openState > 0;
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_stateChanged.wait(lock, [this] { return m_state != State::Opening; });
+    return m_state == State::Open;
 }
 
 void DatabaseWorker::post(DatabaseJob job)
 {
-    QMutexLocker lock(&m_mutex);
-    m_queue.push_back(std::move(job));
-    m_wake.wakeOne();
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_queue.push_back(std::move(job));
+    }
+    m_wake.notify_one();
 }
 
 void DatabaseWorker::finish()
 {
-    QMutexLocker lock(&m_mutex);
-    m_finishing = true;
-    m_wake.wakeOne();
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_finishing = true;
+    }
+    m_wake.notify_one();
+}
+
+void DatabaseWorker::finishAndWait()
+{
+    finish();
+    wait();
+    // run() ends by recording that under the mutex: taking it here as well
+    // orders the thread's last writes before what follows for thread
+    // checkers, which cannot see inside QThread::wait().
+    const std::lock_guard<std::mutex> lock(m_mutex);
 }
 
 std::deque<DatabaseJob> DatabaseWorker::takeBatch(int idleTimeoutMs, bool *finishing)
 {
-    QMutexLocker lock(&m_mutex);
-    const QDeadlineTimer idle
-        = idleTimeoutMs < 0 ? QDeadlineTimer(QDeadlineTimer::Forever) : QDeadlineTimer(idleTimeoutMs);
-    while (m_queue.empty() && !m_finishing) {
-        if (!m_wake.wait(&m_mutex, idle))
-            break;
-    }
+    std::unique_lock<std::mutex> lock(m_mutex);
+    const auto ready = [this] { return !m_queue.empty() || m_finishing; };
+    if (idleTimeoutMs < 0)
+        m_wake.wait(lock, ready);
+    else
+        m_wake.wait_for(lock, std::chrono::milliseconds(idleTimeoutMs), ready);
     *finishing = m_finishing;
     // When several connections were changing things a moment ago, their
     // next changes are on their way: waiting a little for them lets one
     // flush serve them all instead of one flush each.
     if (m_role == Role::Writer && m_recentWriters > 1) {
-        const QDeadlineTimer deadline{std::chrono::microseconds(GatherMicroseconds)};
-        while (int(m_queue.size()) < m_recentWriters && !m_finishing && m_wake.wait(&m_mutex, deadline)) {
-        }
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::microseconds(GatherMicroseconds);
+        m_wake.wait_until(lock, deadline,
+                          [this] { return int(m_queue.size()) >= m_recentWriters || m_finishing; });
     }
     std::deque<DatabaseJob> batch;
     if (int(m_queue.size()) <= MaxBatch) {
@@ -91,13 +106,20 @@ std::deque<DatabaseJob> DatabaseWorker::takeBatch(int idleTimeoutMs, bool *finis
 
 void DatabaseWorker::run()
 {
+    serve();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_state = State::Ended;
+}
+
+void DatabaseWorker::serve()
+{
     ArchiveStore store;
     store.setInstanceId(m_instanceId);
     store.setLocksGroups(m_role == Role::Writer && m_database.isPostgres());
     ArchiveEngine engine(store, m_layout);
     const bool opened = store.open(m_database);
     {
-        QMutexLocker lock(&m_mutex);
+        const std::lock_guard<std::mutex> lock(m_mutex);
         if (opened && m_role == Role::Writer) {
             try {
                 store.begin();
@@ -111,9 +133,9 @@ void DatabaseWorker::run()
         } else if (!opened) {
             m_error = store.errorString();
         }
-        m_openState = opened ? 1 : -1;
-        m_opened.wakeAll();
+        m_state = opened ? State::Open : State::Failed;
     }
+    m_stateChanged.notify_all();
     if (!opened)
         return;
     m_store = &store;
@@ -205,7 +227,7 @@ std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::carryOut(std::deque
             writers.insert(job.origin.connectionId);
     }
     {
-        QMutexLocker lock(&m_mutex);
+        const std::lock_guard<std::mutex> lock(m_mutex);
         m_recentWriters = writers.size();
     }
     std::vector<DatabaseJob> deferred;

@@ -5,13 +5,13 @@
 #include "storagelayout.h"
 
 #include <QElapsedTimer>
-#include <QMutex>
 #include <QThread>
-#include <QWaitCondition>
 
+#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 namespace Kelda {
@@ -65,6 +65,9 @@ struct DatabaseAnswer
 // reconnects with a bounded back-off. A COMMIT that got no answer is not
 // assumed lost: the transaction carries a commit mark, and after
 // reconnecting the writer looks for it before answering.
+//
+// Every hand-over with the thread goes through the standard library's mutex
+// and condition variable, which thread checkers see; Qt's are opaque to them.
 class DatabaseWorker : public QThread
 {
 public:
@@ -85,6 +88,8 @@ public:
     void post(DatabaseJob job);
     // Carries out what is queued, commits, and ends the thread.
     void finish();
+    // finish(), then returns once the thread has ended.
+    void finishAndWait();
 
     // Moves found under way at start; valid after open().
     std::vector<MoveOrder> unfinishedMoves() const { return m_unfinishedMoves; }
@@ -107,6 +112,7 @@ protected:
     void run() override;
 
 private:
+    void serve();
     // Waits for jobs; with a timeout (ms, not negative) it may return none
     // while the worker keeps running.
     std::deque<DatabaseJob> takeBatch(int idleTimeoutMs, bool *finishing);
@@ -127,12 +133,13 @@ private:
     const Delivery m_delivery;
     const HandOff m_handOff;
 
-    QMutex m_mutex;
-    QWaitCondition m_wake;
-    QWaitCondition m_opened;
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    std::condition_variable m_stateChanged;
     std::deque<DatabaseJob> m_queue;
     bool m_finishing = false;
-    int m_openState = 0; // 0 pending, 1 open, -1 failed
+    enum class State { NotStarted, Opening, Open, Failed, Ended };
+    State m_state = State::NotStarted;
     int m_recentWriters = 0; // connections with changes in the last batch
 
     QString m_error;

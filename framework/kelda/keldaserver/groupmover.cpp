@@ -6,7 +6,6 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
-#include <QMutexLocker>
 
 namespace Kelda {
 
@@ -23,32 +22,50 @@ GroupMover::GroupMover(Progress progress, Finished finished)
 
 GroupMover::~GroupMover()
 {
-    stop();
-    wait();
+    stopAndWait();
 }
 
 void GroupMover::post(const MoveOrder &order)
 {
-    QMutexLocker lock(&m_mutex);
-    m_queue.push_back(order);
-    m_wake.wakeOne();
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_queue.push_back(order);
+    }
+    m_wake.notify_one();
 }
 
 void GroupMover::stop()
 {
-    QMutexLocker lock(&m_mutex);
-    m_stopping = true;
-    m_wake.wakeOne();
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_stopping = true;
+    }
+    m_wake.notify_one();
+}
+
+void GroupMover::stopAndWait()
+{
+    stop();
+    wait();
+    // run() ends holding the mutex for a moment: taking it here as well
+    // orders the thread's last writes before what follows for thread
+    // checkers, which cannot see inside QThread::wait().
+    const std::lock_guard<std::mutex> lock(m_mutex);
 }
 
 void GroupMover::run()
 {
+    serve();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+}
+
+void GroupMover::serve()
+{
     for (;;) {
         MoveOrder order;
         {
-            QMutexLocker lock(&m_mutex);
-            while (m_queue.empty() && !m_stopping)
-                m_wake.wait(&m_mutex);
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_wake.wait(lock, [this] { return !m_queue.empty() || m_stopping; });
             if (m_stopping)
                 return;
             order = m_queue.front();

@@ -2,13 +2,13 @@
 
 #include "archiveengine.h"
 
-#include <QMutex>
 #include <QThread>
-#include <QWaitCondition>
 
 #include <atomic>
+#include <condition_variable>
 #include <deque>
 #include <functional>
+#include <mutex>
 
 namespace Kelda {
 
@@ -16,6 +16,8 @@ namespace Kelda {
 // that copying large groups never stalls the database thread. Files are
 // copied first and the source removed only after every copy succeeded; a
 // move cut short by a stop is simply done again at the next start.
+// Hand-overs use the standard mutex and condition variable, which thread
+// checkers see.
 class GroupMover : public QThread
 {
 public:
@@ -28,6 +30,8 @@ public:
     void post(const MoveOrder &order);
     // Ends after the file being copied; unfinished moves stay recorded.
     void stop();
+    // stop(), then returns once the thread has ended.
+    void stopAndWait();
 
     // One move, on the calling thread; for the thread and for tests.
     static bool moveDirectory(const MoveOrder &order, const Progress &progress, const std::atomic<bool> *stop);
@@ -36,10 +40,12 @@ protected:
     void run() override;
 
 private:
+    void serve();
+
     Progress m_progress;
     Finished m_finished;
-    QMutex m_mutex;
-    QWaitCondition m_wake;
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
     std::deque<MoveOrder> m_queue;
     std::atomic<bool> m_stopping{false};
 };

@@ -5,7 +5,6 @@
 #include "trace.h"
 #include "xmlseparator.h"
 
-#include <QMutexLocker>
 
 #include <limits>
 #include <memory>
@@ -97,13 +96,13 @@ KeldaClient::ClientConfig::~ClientConfig()
 
 QString KeldaClient::ClientConfig::GetServerHost() const
 {
-    QMutexLocker lock(&m_hostMutex);
+    const std::lock_guard<std::mutex> lock(m_hostMutex);
     return m_sServerHost;
 }
 
 void KeldaClient::ClientConfig::SetServerHost(const QString &host)
 {
-    QMutexLocker lock(&m_hostMutex);
+    const std::lock_guard<std::mutex> lock(m_hostMutex);
     m_sServerHost = host;
 }
 

@@ -3,10 +3,10 @@
 #include "keldaclient.h"
 #include "xmlseparator.h"
 
-#include <QMutex>
 #include <QString>
 
 #include <atomic>
+#include <mutex>
 
 namespace Kelda {
 
@@ -38,7 +38,7 @@ public:
 private:
     void ReadConfiguration();
 
-    mutable QMutex m_hostMutex;
+    mutable std::mutex m_hostMutex;
     QString m_sServerHost;
     std::atomic<quint16> m_uXmlPort{0};
     std::atomic<bool> m_bAvailable{false};

@@ -4,10 +4,11 @@
 #include "keldaerror.h"
 #include "replyparser.h"
 #include "requestmessages.h"
+#include "threadhandover.h"
 #include "threadstopper.h"
 #include "trace.h"
 
-#include <QMutexLocker>
+#include <QMetaMethod>
 #include <QTimer>
 
 namespace Kelda {
@@ -42,11 +43,15 @@ CommandSender::CommandSender(const QString &host, quint16 port, const QString &a
 
 CommandSender::~CommandSender()
 {
+    // Deleted on its own thread after its owner stopped it (see
+    // KeldaClientPrivate): what the owner did before comes first.
+    ThreadHandOver::acquire(this);
     if (m_connectionCheckTimer)
         m_connectionCheckTimer->stop();
     // The socket goes with its thread's finished(). A thread that does not
     // end in time takes the socket with it whenever it does end: deleting an
     // object its thread may still be using is no way out.
+    ThreadHandOver::release(m_socket.loadAcquire());
     if (StopThread(m_socketThread, kThreadStopMs))
         delete m_socketThread;
     m_socket.storeRelease(nullptr);
@@ -85,11 +90,15 @@ void CommandSender::start()
 
 QString CommandSender::Send(const KeldaClientSOAPMessage &message)
 {
+    // Through the meta-object rather than a lambda: Qt copies the bytes into
+    // the queued call itself, so the hand-over to the socket thread is wholly
+    // Qt's, where thread checkers can be told to trust it, instead of
+    // lambda captures written here and read there by our own code.
+    static const QMetaMethod sendMessage = CommandSenderSocket::staticMetaObject.method(
+        CommandSenderSocket::staticMetaObject.indexOfSlot("sl_sendMessage(QByteArray)"));
     const QByteArray bytes = message.ToXml();
-    if (CommandSenderSocket *socket = m_socket.loadAcquire()) {
-        QMetaObject::invokeMethod(
-            socket, [socket, bytes] { socket->sl_sendMessage(bytes); }, Qt::QueuedConnection);
-    }
+    if (CommandSenderSocket *socket = m_socket.loadAcquire())
+        sendMessage.invoke(socket, Qt::QueuedConnection, Q_ARG(QByteArray, bytes));
     return message.GetRequestId();
 }
 
@@ -357,13 +366,13 @@ bool CommandSender::CheckIsConnected()
 
 QString CommandSender::GetBasePathValue() const
 {
-    QMutexLocker lock(&m_replyMutex);
+    const std::lock_guard<std::mutex> lock(m_replyMutex);
     return m_basePath;
 }
 
 CommandSender::ReplyValues CommandSender::TakeReplyValues(const QString &requestId)
 {
-    QMutexLocker lock(&m_replyMutex);
+    const std::lock_guard<std::mutex> lock(m_replyMutex);
     m_replyOrder.removeOne(requestId);
     return m_replyValues.take(requestId);
 }
@@ -372,7 +381,7 @@ void CommandSender::StoreReplyValues(const QString &requestId, ReplyValues value
 {
     if (requestId.isEmpty())
         return;
-    QMutexLocker lock(&m_replyMutex);
+    const std::lock_guard<std::mutex> lock(m_replyMutex);
     if (!m_replyValues.contains(requestId))
         m_replyOrder.enqueue(requestId);
     m_replyValues.insert(requestId, std::move(values));
@@ -459,7 +468,7 @@ void CommandSender::SlotHandleXmlError(QString a_error, bool a_bRecoverable)
 void CommandSender::HandleBasePath(const QString &path)
 {
     {
-        QMutexLocker lock(&m_replyMutex);
+        const std::lock_guard<std::mutex> lock(m_replyMutex);
         m_basePath = path;
     }
     // Only the first base path reply of a connection announces it, even one

@@ -9,7 +9,6 @@
 #include <QByteArray>
 #include <QDateTime>
 #include <QHash>
-#include <QMutex>
 #include <QObject>
 #include <QQueue>
 #include <QString>
@@ -18,6 +17,7 @@
 #include <QVector>
 
 #include <atomic>
+#include <mutex>
 
 class QTimer;
 
@@ -170,7 +170,7 @@ private:
     std::atomic<int> m_lastError{0};
 
     RequestWaiters m_waiters;
-    mutable QMutex m_replyMutex;
+    mutable std::mutex m_replyMutex;
     QHash<QString, ReplyValues> m_replyValues;
     QQueue<QString> m_replyOrder;
     QString m_basePath;

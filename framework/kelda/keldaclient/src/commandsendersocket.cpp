@@ -4,13 +4,13 @@
 
 #include "cfgcenter.h"
 #include "icfg.h"
+#include "threadhandover.h"
 #include "trace.h"
 
 #include <QDate>
 #include <QDateTime>
 #include <QDir>
 #include <QHostAddress>
-#include <QMutexLocker>
 #include <QTcpSocket>
 #include <QThread>
 #include <QTimer>
@@ -65,6 +65,9 @@ CommandSenderSocket::CommandSenderSocket(const QString &host, quint16 port)
 
 CommandSenderSocket::~CommandSenderSocket()
 {
+    // Deleted on its thread after the sender stopped it: what the sender did
+    // before comes first.
+    ThreadHandOver::acquire(this);
     if (m_messageLog.isOpen())
         m_messageLog.close();
     if (m_pReconnectTimer)
@@ -83,13 +86,13 @@ quint16 CommandSenderSocket::GetPort() const
 
 QString CommandSenderSocket::GetLocalAddress() const
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     return m_sLocalAddress;
 }
 
 QString CommandSenderSocket::GetPeerAddress() const
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     return m_sPeerAddress;
 }
 
@@ -331,7 +334,7 @@ void CommandSenderSocket::updateAddresses()
     const bool known = m_pSocket && m_pSocket->isValid();
     const QString local = known ? addressText(m_pSocket->localAddress()) : QString();
     const QString peer = known ? addressText(m_pSocket->peerAddress()) : QString();
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     m_sLocalAddress = local;
     m_sPeerAddress = peer;
 }

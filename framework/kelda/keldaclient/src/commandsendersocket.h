@@ -3,7 +3,6 @@
 #include <QAbstractSocket>
 #include <QByteArray>
 #include <QFile>
-#include <QMutex>
 #include <QObject>
 #include <QString>
 
@@ -11,6 +10,7 @@
 
 #include <atomic>
 #include <deque>
+#include <mutex>
 
 class QTcpSocket;
 class QTimer;
@@ -95,7 +95,7 @@ private:
     bool m_bMessageLogOn = false;
     QFile m_messageLog;
     // Guards the address texts, which other threads read.
-    mutable QMutex m_mutex;
+    mutable std::mutex m_mutex;
     const QString m_sHost;
     const quint16 m_uPort;
     QString m_sLocalAddress;

@@ -5,6 +5,7 @@
 #include "clientconfig.h"
 #include "filequery.h"
 #include "keldaclient_p.h"
+#include "threadhandover.h"
 #include "threadstopper.h"
 #include "trace.h"
 #include "translationcenter.h"
@@ -90,6 +91,9 @@ KeldaClientPrivate::~KeldaClientPrivate()
     // The sender goes with its thread's finished(). A thread that hangs is
     // abandoned after a second, and takes the sender with it whenever it
     // ends: the sender cannot be deleted while its thread may still use it.
+    // The sender's destructor runs on its thread once quit() has ended the
+    // loop, an order made inside Qt.
+    ThreadHandOver::release(m_sender);
     if (StopThread(m_thread, kThreadStopMs))
         delete m_thread;
     m_sender = nullptr;

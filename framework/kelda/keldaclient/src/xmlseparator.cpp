@@ -103,6 +103,11 @@ bool XmlSeparator::isPlausiblyCompressed(const QByteArray &payload)
     return expandedSize <= streamSize * kMaxDeflateRatio + kExpansionSlack;
 }
 
+qint64 XmlSeparator::bufferedCapacity() const
+{
+    return qint64(m_input.capacity()) + qint64(m_message.capacity());
+}
+
 bool XmlSeparator::sendXml(const QByteArray &message)
 {
     if (!m_pDevice || !m_pDevice->isWritable())

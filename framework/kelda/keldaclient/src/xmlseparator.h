@@ -61,6 +61,10 @@ public:
     // enough when expanded to be worth trying. Judged from the header alone.
     static bool isPlausiblyCompressed(const QByteArray &payload);
 
+    // The memory held for messages still incomplete: what the input and
+    // message buffers have allocated, in bytes.
+    qint64 bufferedCapacity() const;
+
 Q_SIGNALS:
     void xmlReceived(const QByteArray &message);
     void errorOccured(const QString &sErrorString);

@@ -1,8 +1,8 @@
 #include "scriptedpeer.h"
 
 #include "keldaxml.h"
+#include "threadrunner.h"
 
-#include <QMutexLocker>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QXmlStreamReader>
@@ -82,7 +82,7 @@ private:
 
     void changeConnections(int delta)
     {
-        QMutexLocker lock(&m_peer->m_mutex);
+        const std::lock_guard<std::mutex> lock(m_peer->m_mutex);
         m_peer->m_connections += delta;
     }
 
@@ -106,7 +106,7 @@ private:
         bool disconnect;
         QByteArray raw;
         {
-            QMutexLocker lock(&m_peer->m_mutex);
+            const std::lock_guard<std::mutex> lock(m_peer->m_mutex);
             m_peer->m_requests.append(request);
             answer = m_peer->m_answers.value(request.command);
             basePath = m_peer->m_basePath;
@@ -142,32 +142,39 @@ private:
 };
 
 ScriptedPeer::ScriptedPeer()
-    : m_server(new PeerServer(this))
+    : m_runner(new ThreadRunner)
+    , m_server(new PeerServer(this))
 {
     m_thread.setObjectName(QStringLiteral("ScriptedPeerThread"));
+    m_runner->moveToThread(&m_thread);
     m_server->moveToThread(&m_thread);
     m_thread.start();
-    QMetaObject::invokeMethod(
-        m_server, [this] { return m_server->listen(); }, Qt::BlockingQueuedConnection, &m_port);
+    m_runner->run([this] { m_port = m_server->listen(); });
 }
 
 ScriptedPeer::~ScriptedPeer()
 {
-    QMetaObject::invokeMethod(m_server, [this] { m_server->shutdown(); }, Qt::BlockingQueuedConnection);
+    m_runner->run([this] {
+        m_server->shutdown();
+        delete m_server;
+    });
     m_thread.quit();
     m_thread.wait();
-    delete m_server;
+    delete m_runner;
+    // The thread touched this object only under the mutex: taking it orders
+    // that before the members go.
+    const std::lock_guard<std::mutex> lock(m_mutex);
 }
 
 void ScriptedPeer::setBasePath(const QString &path)
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     m_basePath = path;
 }
 
 void ScriptedPeer::setAnswer(const QString &command, Answer answer)
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     m_answers.insert(command, std::move(answer));
 }
 
@@ -180,13 +187,13 @@ void ScriptedPeer::setReplyChildren(const QString &command, const QString &child
 
 void ScriptedPeer::setDisconnectOn(const QString &command)
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     m_disconnectOn.append(command);
 }
 
 void ScriptedPeer::setRawReply(const QString &command, const QByteArray &bytes)
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     if (bytes.isEmpty())
         m_rawReplies.remove(command);
     else
@@ -195,7 +202,7 @@ void ScriptedPeer::setRawReply(const QString &command, const QByteArray &bytes)
 
 QList<ScriptedPeer::Request> ScriptedPeer::requests(const QString &command) const
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     QList<Request> matching;
     for (const Request &request : m_requests) {
         if (request.command == command)
@@ -206,14 +213,13 @@ QList<ScriptedPeer::Request> ScriptedPeer::requests(const QString &command) cons
 
 int ScriptedPeer::connectionCount() const
 {
-    QMutexLocker lock(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     return m_connections;
 }
 
 void ScriptedPeer::send(const QByteArray &document)
 {
-    QMetaObject::invokeMethod(m_server, [this, document] { m_server->write(frame(document)); },
-                              Qt::BlockingQueuedConnection);
+    m_runner->run([this, document] { m_server->write(frame(document)); });
 }
 
 QByteArray ScriptedPeer::replyDocument(const QString &requestId, const QString &element, const QString &children,

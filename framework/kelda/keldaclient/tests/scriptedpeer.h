@@ -3,15 +3,17 @@
 #include <QByteArray>
 #include <QList>
 #include <QMap>
-#include <QMutex>
 #include <QObject>
 #include <QString>
 #include <QStringList>
 #include <QThread>
 
+#include <atomic>
 #include <functional>
+#include <mutex>
 
 class PeerServer;
+class ThreadRunner;
 
 // An archive server stand-in for tests: listens on 127.0.0.1, frames messages
 // with a 4-byte little-endian length (independently of the library's framer),
@@ -58,7 +60,7 @@ public:
 private:
     friend class PeerServer;
 
-    mutable QMutex m_mutex;
+    mutable std::mutex m_mutex;
     QMap<QString, Answer> m_answers;
     QStringList m_disconnectOn;
     QMap<QString, QByteArray> m_rawReplies;
@@ -67,6 +69,8 @@ private:
     int m_connections = 0;
 
     QThread m_thread;
+    // Both live on m_thread; the server is deleted there.
+    ThreadRunner *m_runner;
     PeerServer *m_server;
     quint16 m_port = 0;
 };

@@ -1,11 +1,14 @@
 #include "asynchandler.h"
 #include "commandsender.h"
 #include "scriptedpeer.h"
+#include "threadrunner.h"
 
 #include <QElapsedTimer>
 #include <QSemaphore>
 #include <QThread>
 #include <QtTest>
+
+#include <mutex>
 
 using namespace Kelda;
 
@@ -30,27 +33,36 @@ private:
     QByteArray reply(const QString &requestId, bool withHeader = true) const;
 
     QThread m_thread;
+    // Both live on m_thread; the sender is deleted there.
     CommandSender *m_sender = nullptr;
+    ThreadRunner *m_runner = nullptr;
 };
 
 void AsyncHandlerTest::init()
 {
     m_sender = new CommandSender(QStringLiteral("127.0.0.1"), 1, QString(), QString(), QString());
     m_sender->moveToThread(&m_thread);
+    m_runner = new ThreadRunner;
+    m_runner->moveToThread(&m_thread);
     m_thread.start();
 }
 
 void AsyncHandlerTest::cleanup()
 {
+    m_runner->run([this] { delete m_sender; });
     m_thread.quit();
     m_thread.wait();
-    delete m_sender;
+    delete m_runner;
     m_sender = nullptr;
+    m_runner = nullptr;
 }
 
 void AsyncHandlerTest::onSenderThread(std::function<void()> action, bool blocking)
 {
-    QMetaObject::invokeMethod(m_sender, action, blocking ? Qt::BlockingQueuedConnection : Qt::QueuedConnection);
+    if (blocking)
+        m_runner->run(std::move(action));
+    else
+        m_runner->post(std::move(action));
 }
 
 QByteArray AsyncHandlerTest::reply(const QString &requestId, bool withHeader) const
@@ -110,14 +122,20 @@ void AsyncHandlerTest::severalWaitersWakeOnlyTheirOwn()
 {
     constexpr int kWaiters = 8;
     QVector<bool> results(kWaiters, false);
+    std::mutex resultsMutex; // QThread::wait's ordering is invisible to thread checkers
     QVector<QThread *> threads;
     QSemaphore listening;
     CommandSender *sender = m_sender;
     for (int i = 0; i < kWaiters; ++i) {
-        threads << QThread::create([sender, i, &results, &listening] {
-            AsyncHandler handler(sender, 60000);
-            listening.release(); // as a blocking call's request would leave now
-            results[i] = handler.Wait(QStringLiteral("id-%1").arg(i));
+        threads << QThread::create([sender, i, &results, &resultsMutex, &listening] {
+            bool handled = false;
+            {
+                AsyncHandler handler(sender, 60000);
+                listening.release(); // as a blocking call's request would leave now
+                handled = handler.Wait(QStringLiteral("id-%1").arg(i));
+            }
+            const std::lock_guard<std::mutex> lock(resultsMutex);
+            results[i] = handled;
         });
         threads.last()->start();
     }
@@ -130,6 +148,7 @@ void AsyncHandlerTest::severalWaitersWakeOnlyTheirOwn()
         QVERIFY(thread->wait(30000));
         delete thread;
     }
+    const std::lock_guard<std::mutex> lock(resultsMutex);
     QCOMPARE(results, QVector<bool>(kWaiters, true));
 }
 

@@ -7,6 +7,8 @@
 #include <QSignalSpy>
 #include <QtTest>
 
+#include <mutex>
+
 using namespace Kelda;
 
 using Files = QVector<QPair<int, QString>>;
@@ -46,13 +48,20 @@ private slots:
 private:
     ScriptedPeer *m_peer = nullptr;
     KeldaClient *m_client = nullptr;
+    QStringList traces() const;
+
+    // Filled on the client's threads.
+    mutable std::mutex m_tracesMutex;
     QStringList m_traces;
 };
 
 void ClientTreeModelTest::initTestCase()
 {
     ErrorHandler::Instance()->SetLevel(ErrorHandler::Failure);
-    ErrorHandler::Instance()->SetTraceHook([this](const QString &text, const char *, int) { m_traces.append(text); });
+    ErrorHandler::Instance()->SetTraceHook([this](const QString &text, const char *, int) {
+        const std::lock_guard<std::mutex> lock(m_tracesMutex);
+        m_traces.append(text);
+    });
     m_peer = new ScriptedPeer;
     m_client = new KeldaClient(QStringLiteral("127.0.0.1"), m_peer->port(), QStringLiteral("app"),
                                QStringLiteral("user"), QStringLiteral("team"));
@@ -69,7 +78,14 @@ void ClientTreeModelTest::cleanupTestCase()
 
 void ClientTreeModelTest::init()
 {
+    const std::lock_guard<std::mutex> lock(m_tracesMutex);
     m_traces.clear();
+}
+
+QStringList ClientTreeModelTest::traces() const
+{
+    const std::lock_guard<std::mutex> lock(m_tracesMutex);
+    return m_traces;
 }
 
 void ClientTreeModelTest::setup_data()
@@ -101,7 +117,7 @@ void ClientTreeModelTest::setup()
     ClientTreeModel model(data, columns, nullptr, QString());
     QCOMPARE(model.rowCount(), rows);
     QCOMPARE(model.columnCount(), shownColumns);
-    QCOMPARE(m_traces, trace.isEmpty() ? QStringList() : QStringList{trace});
+    QCOMPARE(traces(), trace.isEmpty() ? QStringList() : QStringList{trace});
     if (shownColumns == 0)
         return;
     // The name column is never shown; the GUID is the last column and the guid.
@@ -175,7 +191,7 @@ void ClientTreeModelTest::failedFetchCanBeRetried()
     QCOMPARE(model.rowCount(group), 0);
     QVERIFY(model.hasChildren(group));
     QVERIFY(model.canFetchMore(group));
-    QVERIFY(m_traces.contains(QStringLiteral("ClientTreeModel::fetchMore: KeldaError caught: 2")));
+    QVERIFY(traces().contains(QStringLiteral("ClientTreeModel::fetchMore: KeldaError caught: 2")));
 
     m_peer->setReplyChildren(QStringLiteral("GetFileList"), GroupTable::fileListReply({{1, QStringLiteral("x")}}));
     model.fetchMore(group);

@@ -4,8 +4,6 @@
 #include "trace.h"
 
 #include <QDir>
-#include <QMutex>
-#include <QMutexLocker>
 #include <QElapsedTimer>
 #include <QSemaphore>
 #include <QSignalSpy>
@@ -18,6 +16,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 
 using namespace Kelda;
 
@@ -89,7 +88,7 @@ private:
     // The traces so far; the hook appends from the client's threads.
     QStringList traces() const;
 
-    mutable QMutex m_tracesMutex;
+    mutable std::mutex m_tracesMutex;
     QStringList m_traces;
 };
 
@@ -97,13 +96,13 @@ void KeldaClientTest::init()
 {
     QVERIFY(m_basePath.isValid());
     {
-        QMutexLocker lock(&m_tracesMutex);
+        const std::lock_guard<std::mutex> lock(m_tracesMutex);
         m_traces.clear();
     }
     ErrorHandler::Instance()->SetLevel(ErrorHandler::Failure);
     ErrorHandler::Instance()->SetTraceHook(
         [this](const QString &text, const char *, int) {
-            QMutexLocker lock(&m_tracesMutex);
+            const std::lock_guard<std::mutex> lock(m_tracesMutex);
             m_traces.append(text);
         });
     m_peer = new ScriptedPeer;
@@ -125,7 +124,7 @@ void KeldaClientTest::cleanup()
 
 QStringList KeldaClientTest::traces() const
 {
-    QMutexLocker lock(&m_tracesMutex);
+    const std::lock_guard<std::mutex> lock(m_tracesMutex);
     return m_traces;
 }
 

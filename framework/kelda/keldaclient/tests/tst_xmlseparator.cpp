@@ -60,6 +60,8 @@ private Q_SLOTS:
     void malformedXmlStopsReading();
     void oversizedMessageIsRefused_data();
     void oversizedMessageIsRefused();
+    void hugeAnnouncementHoldsOnlyWhatArrived_data();
+    void hugeAnnouncementHoldsOnlyWhatArrived();
 };
 
 void TestXmlSeparator::framing_data()
@@ -196,6 +198,58 @@ void TestXmlSeparator::oversizedMessageIsRefused()
     }
     QCOMPARE(refused.first().first().toULongLong(), refusedLength);
     QCOMPARE(device.bytesAvailable(), qint64(le("<after/>").size())); // reading has stopped
+}
+
+void TestXmlSeparator::hugeAnnouncementHoldsOnlyWhatArrived_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<QByteArray>("head"); // what announces the message
+    QTest::addColumn<int>("sliceSize");
+
+    const quint32 huge = XmlSeparator::LargestMaxFrameLength;
+    QByteArray bigEndian(4, '\0');
+    qToBigEndian<quint32>(huge, bigEndian.data());
+    QByteArray littleEndian(4, '\0');
+    qToLittleEndian<quint32>(huge, littleEndian.data());
+    QTest::newRow("little-endian, 4 KiB slices") << int(XmlSeparator::LittleEndianMode) << littleEndian << 4096;
+    QTest::newRow("big-endian, 64 KiB slices") << int(XmlSeparator::BigEndianMode) << bigEndian << 65536;
+    QTest::newRow("little-endian, one slice") << int(XmlSeparator::LittleEndianMode) << littleEndian << (1 << 20);
+    QTest::newRow("xml document that never closes, 4 KiB slices")
+        << int(XmlSeparator::PlainXmlMode) << QByteArray("<r>") << 4096;
+}
+
+// A peer announcing about 2 GB and sending 1 MiB costs about 1 MiB: nothing
+// is set aside for what is only announced.
+void TestXmlSeparator::hugeAnnouncementHoldsOnlyWhatArrived()
+{
+    QFETCH(int, mode);
+    QFETCH(QByteArray, head);
+    QFETCH(int, sliceSize);
+    constexpr qint64 kBody = 1 << 20;
+    // Buffers grow geometrically, and plain XML is held both as input and
+    // as the message being collected.
+    constexpr qint64 kFactor = 4;
+    constexpr qint64 kSlack = 64 * 1024;
+
+    FeedDevice device;
+    XmlSeparator separator(&device, mode);
+    separator.setMaxFrameLength(XmlSeparator::LargestMaxFrameLength);
+    QSignalSpy framed(&separator, &XmlSeparator::queued_xmlReceived);
+    QSignalSpy refused(&separator, &XmlSeparator::frameTooLarge);
+    qint64 received = head.size();
+    device.feed(head);
+    const QByteArray slice(sliceSize, 'x');
+    while (received < head.size() + kBody) {
+        device.feed(slice);
+        received += slice.size();
+        QVERIFY2(separator.bufferedCapacity() <= kFactor * received + kSlack,
+                 qPrintable(QStringLiteral("%1 bytes held after %2 received")
+                                .arg(separator.bufferedCapacity())
+                                .arg(received)));
+    }
+    QVERIFY(separator.bufferedCapacity() >= kBody); // what arrived is kept
+    QCOMPARE(framed.count(), 0);
+    QCOMPARE(refused.count(), 0);
 }
 
 QTEST_GUILESS_MAIN(TestXmlSeparator)
