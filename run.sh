@@ -13,6 +13,10 @@
 #                    inside Qt are suppressed by tsan.supp)
 #   ./run.sh build [--sanitize=...]   install what is missing and build
 #   ./run.sh deps    only install the missing Debian packages
+#   ./run.sh docs    install doxygen when missing and generate the API
+#                    reference into build/docs/html (entry page index.html);
+#                    fails on any doxygen warning, e.g. an undocumented
+#                    public member
 #   ./run.sh bench [--quick]
 #                    release build (build-release), run every benchmark program,
 #                    end with one table: figure, limit, ratio, target;
@@ -53,6 +57,8 @@ packages=(
 # Only for sanitizer and fuzz builds: clang with its sanitizer and libFuzzer
 # runtimes, and llvm for the symbolizer that puts names into reports.
 clang_packages=(clang libclang-rt-dev llvm)
+# Only for the API reference.
+docs_packages=(doxygen)
 
 sanitize=""
 quick=""
@@ -144,6 +150,16 @@ run_tests() {
 # Whether the PostgreSQL server programs are there (Debian keeps them off PATH).
 have_postgres() {
     compgen -G '/usr/lib/postgresql/*/bin/initdb' >/dev/null || command -v initdb >/dev/null
+}
+
+# ---- docs: the API reference
+
+run_docs() {
+    configure
+    # The reference's tour is a program; it must build before it is shown.
+    cmake --build "$build_dir" -j "$jobs" --target kelda_tour
+    cmake --build "$build_dir" --target docs
+    echo "API reference: $build_dir/docs/html/index.html"
 }
 
 # ---- demo and serve: the command-line tool against a real server
@@ -429,6 +445,11 @@ case "$command" in
         ;;
     deps)
         install_missing
+        ;;
+    docs)
+        packages+=("${docs_packages[@]}")
+        install_missing
+        run_docs
         ;;
     bench)
         parse_options "$@"

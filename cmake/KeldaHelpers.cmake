@@ -22,6 +22,15 @@ function(kelda_install_library target)
     endif()
 endfunction()
 
+# kelda_add_reference_headers(<header>...)
+# Adds installed headers, relative to the current source folder, to the API
+# reference (docs/); the host framework's stand-ins are not part of it.
+function(kelda_add_reference_headers)
+    foreach(header IN LISTS ARGN)
+        set_property(GLOBAL APPEND PROPERTY KELDA_REFERENCE_HEADERS ${CMAKE_CURRENT_SOURCE_DIR}/${header})
+    endforeach()
+endfunction()
+
 # kelda_add_test(<name> SOURCES <file>... [LIBS <lib>...])
 # A QtTest executable run by CTest. Every test gets its own configuration file
 # path (absent until the test writes it) so that no user configuration leaks in,

@@ -17,3 +17,13 @@ install(FILES
     ${CMAKE_CURRENT_BINARY_DIR}/KeldaClientConfig.cmake
     ${CMAKE_CURRENT_BINARY_DIR}/KeldaClientConfigVersion.cmake
     DESTINATION ${KELDA_INSTALL_CMAKEDIR})
+
+# pkg-config files beside the CMake package, for builds without CMake. They
+# find their prefix from their own place, so the tree can be installed or
+# moved anywhere.
+file(RELATIVE_PATH KELDA_PC_TO_PREFIX "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
+string(REGEX REPLACE "/$" "" KELDA_PC_TO_PREFIX "${KELDA_PC_TO_PREFIX}")
+foreach(pc keldacommon keldaclient)
+    configure_file(${CMAKE_CURRENT_LIST_DIR}/${pc}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${pc}.pc @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()

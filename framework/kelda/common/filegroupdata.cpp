@@ -137,6 +137,9 @@ class FileGroupDataPrivate : public QSharedData
 public:
     bool operator==(const FileGroupDataPrivate &other) const;
 
+    void readElement(QXmlStreamReader &reader, KeldaError &result);
+    void readFiles(QXmlStreamReader &reader);
+
     QString guid;
     QString fileGroupName;
     FileType fileType = FT_Unknown;
@@ -287,7 +290,7 @@ KeldaError FileGroupData::FromHtml(QXmlStreamReader &reader)
     // current token before moving on.
     while (!reader.atEnd() && !reader.hasError()) {
         if (isMessageStart(reader))
-            readElement(reader, result);
+            d->readElement(reader, result);
         reader.readNext();
     }
     if (reader.hasError()) {
@@ -299,22 +302,22 @@ KeldaError FileGroupData::FromHtml(QXmlStreamReader &reader)
     return result;
 }
 
-void FileGroupData::readElement(QXmlStreamReader &reader, KeldaError &result)
+void FileGroupDataPrivate::readElement(QXmlStreamReader &reader, KeldaError &result)
 {
     const QStringRef name = reader.name();
     if (name == Tag::Files) {
         readFiles(reader);
     } else if (name == Tag::Guid) {
-        d->guid = reader.readElementText();
+        guid = reader.readElementText();
     } else if (name == Tag::FileGroupName) {
-        d->fileGroupName = reader.readElementText();
+        fileGroupName = reader.readElementText();
     } else if (name == Tag::FileType) {
         const int value = reader.readElementText().toInt();
         if (value > FT_Last) {
             Q_TRACE_FAILURE(kSource, QStringLiteral("Unkown file type \"%1\" read").arg(value));
             result = KE_ReadXmlFileFailed;
         } else {
-            d->fileType = FileType(value);
+            fileType = FileType(value);
         }
     } else if (name == Tag::LocationState) {
         const int value = reader.readElementText().toInt();
@@ -322,30 +325,30 @@ void FileGroupData::readElement(QXmlStreamReader &reader, KeldaError &result)
             Q_TRACE_FAILURE(kSource, QStringLiteral("Unkown location state \"%1\" read").arg(value));
             result = KE_ReadXmlFileFailed;
         } else {
-            d->locationState = LocationState(value);
+            locationState = LocationState(value);
         }
     } else if (name == Tag::BackupTime) {
-        d->backupTime = parseTime(reader.readElementText());
+        backupTime = parseTime(reader.readElementText());
     } else if (name == Tag::CreationTime) {
-        d->creationTime = parseTime(reader.readElementText());
+        creationTime = parseTime(reader.readElementText());
     } else if (name == Tag::ModificationTime) {
-        d->modificationTime = parseTime(reader.readElementText());
+        modificationTime = parseTime(reader.readElementText());
     } else if (name == Tag::LifeCycle) {
-        d->lifeCycle = parseTime(reader.readElementText());
+        lifeCycle = parseTime(reader.readElementText());
     } else if (name == Tag::Comment) {
-        d->comment = reader.readElementText();
+        comment = reader.readElementText();
     } else if (name == Tag::Creator) {
-        d->creator = reader.readElementText();
+        creator = reader.readElementText();
     } else if (name == Tag::Detail) {
-        d->detail = reader.readElementText();
+        detail = reader.readElementText();
     } else if (name == Tag::TeamMembership) {
-        d->teamMembership = reader.readElementText();
+        teamMembership = reader.readElementText();
     } else if (name == Tag::Version) {
-        d->version = reader.readElementText();
+        version = reader.readElementText();
     } else if (name == Tag::ReservedStorage) {
-        d->reservedStorage = reader.readElementText().toInt();
+        reservedStorage = reader.readElementText().toInt();
     } else if (name == Tag::ReferenceCounter) {
-        d->referenceCounter = reader.readElementText().toInt();
+        referenceCounter = reader.readElementText().toInt();
     } else if (name == Tag::Error) {
         result = KeldaError(reader.readElementText().toInt());
     }
@@ -353,7 +356,7 @@ void FileGroupData::readElement(QXmlStreamReader &reader, KeldaError &result)
 
 // A File element lacking FileId or FileName repeats the previous file's
 // value: the current name and id are deliberately not reset between files.
-void FileGroupData::readFiles(QXmlStreamReader &reader)
+void FileGroupDataPrivate::readFiles(QXmlStreamReader &reader)
 {
     QString name;
     int id = 0;
@@ -372,7 +375,7 @@ void FileGroupData::readFiles(QXmlStreamReader &reader)
                 return;
             --depth;
             if (reader.namespaceUri() == Ns::Message && reader.name() == Tag::File)
-                d->files.emplace_back(name, id);
+                files.emplace_back(name, id);
         }
     }
 }

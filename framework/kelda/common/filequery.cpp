@@ -17,7 +17,9 @@ TimeRange::TimeRange()
 }
 
 TimeRange::TimeRange(const TimeRange &other) = default;
+TimeRange::TimeRange(TimeRange &&other) noexcept = default;
 TimeRange &TimeRange::operator=(const TimeRange &other) = default;
+TimeRange &TimeRange::operator=(TimeRange &&other) noexcept = default;
 TimeRange::~TimeRange() = default;
 
 QDateTime TimeRange::GetMin() const
@@ -80,7 +82,9 @@ FileQuery::FileQuery()
 }
 
 FileQuery::FileQuery(const FileQuery &other) = default;
+FileQuery::FileQuery(FileQuery &&other) noexcept = default;
 FileQuery &FileQuery::operator=(const FileQuery &other) = default;
+FileQuery &FileQuery::operator=(FileQuery &&other) noexcept = default;
 FileQuery::~FileQuery() = default;
 
 QDateTime FileQuery::GetBackupTimeMin() const { return d->backupTime.GetMin(); }

@@ -109,6 +109,14 @@ QString lookUp(const char *const (&texts)[N], int value, const char *invalidText
     return QObject::tr(texts[value]);
 }
 
+// Only the upper bound is checked; negative indices are outside the contract.
+FileType typeAt(const QVector<FileType> &types, int index, bool instanceExists)
+{
+    if (!instanceExists || index + 1 > types.size())
+        return FT_Unknown;
+    return types.at(index);
+}
+
 } // namespace
 
 class FileTypeManagerPrivate : public QSharedData
@@ -165,20 +173,12 @@ int FileTypeManager::GetCount() const
 
 FileType FileTypeManager::GetType(int index)
 {
-    return typeAt(index);
+    return typeAt(d->types, index, m_pInstance != nullptr);
 }
 
 QString FileTypeManager::GetTextByIndex(int index) const
 {
-    return GetText(typeAt(index));
-}
-
-// Only the upper bound is checked; negative indices are outside the contract.
-FileType FileTypeManager::typeAt(int index) const
-{
-    if (!m_pInstance || index + 1 > d->types.size())
-        return FT_Unknown;
-    return d->types.at(index);
+    return GetText(typeAt(d->types, index, m_pInstance != nullptr));
 }
 
 QVector<FileType> FileTypeManager::GetTypes()

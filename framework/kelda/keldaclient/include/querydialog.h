@@ -2,52 +2,68 @@
 
 #include "keldaclientglobal.h"
 
-#include <QDateTime>
 #include <QDialog>
+#include <QScopedPointer>
 #include <QStringList>
 
-#include <memory>
-
-class QDateTimeEdit;
+/*!
+    \file querydialog.h
+    \brief The dialog that edits a file query.
+*/
 
 namespace Kelda {
 
 class FileQuery;
 class QueryDialogPrivate;
 
-// Lets the user edit every criterion of a file query: creation, modification
-// and life cycle ranges, search texts, file types, location and lock state,
-// lock user and referencing application. One dialog serves many queries and
-// keeps the state of its controls between them.
+/*!
+    \class Kelda::QueryDialog
+    \brief Lets the user edit every criterion of a FileQuery.
+
+    The form offers the creation, modification and life cycle ranges, each
+    switched on by a check box; six search texts; one check box per type
+    that FileTypeManager offers; the location and lock state; the user who
+    holds a lock and the application that holds a reference. The backup
+    time range is never touched.
+
+    One dialog serves many queries: its controls keep their state between
+    Edit() calls, and Edit() overwrites only what the query sets. "Reset"
+    returns every control to its default: the time window of the last two
+    days, moving on by whole days, empty texts, no types, "None" in both
+    lists. The dialog talks to nobody; FileSelectDialog fills its lists from
+    the server.
+
+    Use it in the GUI thread.
+*/
 class KELDACLIENT_EXPORT QueryDialog : public QDialog
 {
     Q_OBJECT
 
 public:
+    //! Constructs the dialog with its default controls, as a child of \a parent.
     explicit QueryDialog(QWidget *parent = nullptr);
+    //! Destroys the dialog.
     ~QueryDialog() override;
 
-    // Shows the dialog for query; on acceptance writes the controls back into
-    // it and returns true. A cancelled edit leaves the query as it was.
+    /*!
+        Shows the controls for \a query and runs the dialog modally, its time
+        edits in UTC when \a useUtc is true and in local time otherwise.
+
+        Returns true when the user accepted; \a query then holds the edited
+        criteria (an unchecked range open on both sides, texts trimmed, the
+        types in the offered order). Returns false on cancel and leaves
+        \a query unchanged.
+    */
     bool Edit(FileQuery &query, bool useUtc);
-    // Row 0 of each list is "None", which stands for no restriction.
+    //! Fills the lock user list with "None", which means no restriction, and \a users.
     void SetLockUsers(const QStringList &users);
+    //! Fills the referencing application list with "None" and \a applications.
     void SetRefApplications(const QStringList &applications);
 
-private slots:
-    void ResetControls();
-
 private:
-    void ReadControls(FileQuery &query);
-    void WriteControls(FileQuery &query);
-    void AdjustDefaultDateTimeMax();
-    QDateTime ReadDateTimeMin(QDateTimeEdit *edit) const;
-    QDateTime ReadDateTimeMax(QDateTimeEdit *edit) const;
-    void WriteDateTimeMin(QDateTimeEdit *edit, const QDateTime &value);
-    void WriteDateTimeMax(QDateTimeEdit *edit, const QDateTime &value);
-
-    friend class QueryDialogPrivate;
-    const std::unique_ptr<QueryDialogPrivate> d;
+    Q_DECLARE_PRIVATE_D(d, QueryDialog)
+    Q_PRIVATE_SLOT(d_func(), void ResetControls())
+    const QScopedPointer<QueryDialogPrivate> d;
 };
 
 } // namespace Kelda

@@ -31,30 +31,6 @@ FileGroupTreeItem::FileGroupTreeItem(const FileGroupTreeItem &other)
     , m_uFileId(other.m_uFileId)
     , m_bHasChildren(other.m_bHasChildren)
 {
-    CopyChildrenOf(other);
-}
-
-FileGroupTreeItem &FileGroupTreeItem::operator=(const FileGroupTreeItem &other)
-{
-    if (this == &other)
-        return *this;
-    DeleteChildren();
-    m_pParentItem = other.m_pParentItem;
-    m_itemData = other.m_itemData;
-    m_sGuid = other.m_sGuid;
-    m_uFileId = other.m_uFileId;
-    m_bHasChildren = other.m_bHasChildren;
-    CopyChildrenOf(other);
-    return *this;
-}
-
-FileGroupTreeItem::~FileGroupTreeItem()
-{
-    DeleteChildren();
-}
-
-void FileGroupTreeItem::CopyChildrenOf(const FileGroupTreeItem &other)
-{
     for (const FileGroupTreeItem *child : other.m_childItems) {
         auto *copy = new FileGroupTreeItem(*child);
         copy->m_pParentItem = this;
@@ -62,10 +38,26 @@ void FileGroupTreeItem::CopyChildrenOf(const FileGroupTreeItem &other)
     }
 }
 
-void FileGroupTreeItem::DeleteChildren()
+FileGroupTreeItem &FileGroupTreeItem::operator=(const FileGroupTreeItem &other)
+{
+    if (this == &other)
+        return *this;
+    // The copy takes the old children with it when it goes.
+    FileGroupTreeItem copy(other);
+    m_childItems.swap(copy.m_childItems);
+    for (FileGroupTreeItem *child : qAsConst(m_childItems))
+        child->m_pParentItem = this;
+    m_pParentItem = other.m_pParentItem;
+    m_itemData = other.m_itemData;
+    m_sGuid = other.m_sGuid;
+    m_uFileId = other.m_uFileId;
+    m_bHasChildren = other.m_bHasChildren;
+    return *this;
+}
+
+FileGroupTreeItem::~FileGroupTreeItem()
 {
     qDeleteAll(m_childItems);
-    m_childItems.clear();
 }
 
 FileGroupTreeItem *FileGroupTreeItem::Child(int row) const
@@ -158,23 +150,37 @@ void FileGroupTreeItem::SetHasChildren(bool hasChildren)
 
 // ---------------------------------------------------------------- ClientTreeModel
 
+class ClientTreeModelPrivate
+{
+public:
+    explicit ClientTreeModelPrivate(KeldaClient *client)
+        : m_pRootItem(new FileGroupTreeItem(QVector<QVariant>()))
+        , m_pClient(client)
+    {
+    }
+
+    void SetupModelData(const QStringList &data, int columns);
+    // The file name endings of the filter, one per "Description (*.ext)" part.
+    QStringList FilterEndings() const;
+
+    const QScopedPointer<FileGroupTreeItem> m_pRootItem;
+    KeldaClient *const m_pClient;
+    QString m_sFilter;
+};
+
 ClientTreeModel::ClientTreeModel(const QStringList &data, int columns, KeldaClient *client, const QString &filter,
                                  QObject *parent)
     : QAbstractItemModel(parent)
-    , m_pRootItem(new FileGroupTreeItem(QVector<QVariant>()))
-    , m_pClient(client)
+    , d(new ClientTreeModelPrivate(client))
 {
     if (!filter.isEmpty())
-        m_sFilter = filter;
-    SetupModelData(data, columns);
+        d->m_sFilter = filter;
+    d->SetupModelData(data, columns);
 }
 
-ClientTreeModel::~ClientTreeModel()
-{
-    delete m_pRootItem;
-}
+ClientTreeModel::~ClientTreeModel() = default;
 
-void ClientTreeModel::SetupModelData(const QStringList &data, int columns)
+void ClientTreeModelPrivate::SetupModelData(const QStringList &data, int columns)
 {
     // "%!" is no placeholder; the texts reach the trace as they are.
     if (columns < 1) {
@@ -210,7 +216,7 @@ FileGroupTreeItem *ClientTreeModel::GetItem(const QModelIndex &index) const
         if (auto *item = static_cast<FileGroupTreeItem *>(index.internalPointer()))
             return item;
     }
-    return m_pRootItem;
+    return d->m_pRootItem.data();
 }
 
 QModelIndex ClientTreeModel::index(int row, int column, const QModelIndex &parent) const
@@ -226,7 +232,7 @@ QModelIndex ClientTreeModel::parent(const QModelIndex &index) const
     if (!index.isValid())
         return QModelIndex();
     FileGroupTreeItem *parentItem = GetItem(index)->Parent();
-    if (!parentItem || parentItem == m_pRootItem)
+    if (!parentItem || parentItem == d->m_pRootItem.data())
         return QModelIndex();
     return createIndex(parentItem->ChildNumber(), 0, parentItem);
 }
@@ -238,7 +244,7 @@ int ClientTreeModel::rowCount(const QModelIndex &parent) const
 
 int ClientTreeModel::columnCount(const QModelIndex &) const
 {
-    return m_pRootItem->ColumnCount();
+    return d->m_pRootItem->ColumnCount();
 }
 
 QVariant ClientTreeModel::data(const QModelIndex &index, int role) const
@@ -251,7 +257,7 @@ QVariant ClientTreeModel::data(const QModelIndex &index, int role) const
 QVariant ClientTreeModel::headerData(int section, Qt::Orientation orientation, int role) const
 {
     if (orientation == Qt::Horizontal && role == Qt::DisplayRole)
-        return m_pRootItem->Data(section);
+        return d->m_pRootItem->Data(section);
     return QVariant();
 }
 
@@ -270,12 +276,12 @@ bool ClientTreeModel::hasChildren(const QModelIndex &parent) const
 bool ClientTreeModel::canFetchMore(const QModelIndex &parent) const
 {
     const FileGroupTreeItem *item = GetItem(parent);
-    if (item == m_pRootItem || !item->GetHasChildren())
+    if (item == d->m_pRootItem.data() || !item->GetHasChildren())
         return false;
     return item->ChildCount() == 0;
 }
 
-QStringList ClientTreeModel::FilterEndings() const
+QStringList ClientTreeModelPrivate::FilterEndings() const
 {
     QStringList endings;
     const QStringList parts = m_sFilter.split(kFilterSeparator, Qt::SkipEmptyParts);
@@ -291,11 +297,11 @@ QStringList ClientTreeModel::FilterEndings() const
 
 void ClientTreeModel::fetchMore(const QModelIndex &parent)
 {
-    if (!canFetchMore(parent) || !m_pClient)
+    if (!canFetchMore(parent) || !d->m_pClient)
         return;
     FileGroupTreeItem *group = GetItem(parent);
-    const QStringList files = m_pClient->GetFileList(group->GetGuid());
-    const KeldaError error = m_pClient->GetError();
+    const QStringList files = d->m_pClient->GetFileList(group->GetGuid());
+    const KeldaError error = d->m_pClient->GetError();
     if (error != KE_NoError) {
         Q_TRACE_FAILURE(kSource, QStringLiteral("ClientTreeModel::fetchMore: KeldaError caught: %1").arg(error));
         return;
@@ -306,11 +312,11 @@ void ClientTreeModel::fetchMore(const QModelIndex &parent)
     // string of the list (ids and names alike) with a wanted ending; a kept
     // name does not parse as a number and so carries the file id 1.
     QVector<QPair<QString, unsigned int>> children;
-    if (m_sFilter.isEmpty()) {
+    if (d->m_sFilter.isEmpty()) {
         for (int k = 0; 2 * k + 1 < files.size(); ++k)
             children.append({files.at(2 * k + 1), files.at(2 * k).toUInt() + 1});
     } else {
-        const QStringList endings = FilterEndings();
+        const QStringList endings = d->FilterEndings();
         for (const QString &entry : files) {
             for (const QString &ending : endings) {
                 if (entry.endsWith(ending, Qt::CaseSensitive)) {
@@ -337,7 +343,7 @@ bool ClientTreeModel::insertRows(int row, int count, const QModelIndex &parent)
 {
     FileGroupTreeItem *item = GetItem(parent);
     beginInsertRows(parent, row, row + count - 1);
-    const bool inserted = item->InsertChildren(row, count, m_pRootItem->ColumnCount());
+    const bool inserted = item->InsertChildren(row, count, d->m_pRootItem->ColumnCount());
     endInsertRows();
     return inserted;
 }

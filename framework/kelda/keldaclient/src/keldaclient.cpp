@@ -88,6 +88,13 @@ KeldaClientPrivate::KeldaClientPrivate(KeldaClient *owner)
 
 KeldaClientPrivate::~KeldaClientPrivate()
 {
+    StopSender();
+}
+
+void KeldaClientPrivate::StopSender()
+{
+    if (!m_thread)
+        return;
     // The sender goes with its thread's finished(). A thread that hangs is
     // abandoned after a second, and takes the sender with it whenever it
     // ends: the sender cannot be deleted while its thread may still use it.
@@ -96,6 +103,7 @@ KeldaClientPrivate::~KeldaClientPrivate()
     ThreadHandOver::release(m_sender);
     if (StopThread(m_thread, kThreadStopMs))
         delete m_thread;
+    m_thread = nullptr;
     m_sender = nullptr;
 }
 
@@ -119,11 +127,13 @@ void KeldaClientPrivate::StartSender(QString application, const QString &user, c
     m_sender->moveToThread(m_thread);
 
     KeldaClient *q = m_owner;
-    QObject::connect(m_sender, &CommandSender::connected, q, &KeldaClient::SlotConnected);
-    QObject::connect(m_sender, &CommandSender::disconnected, q, &KeldaClient::SlotDisconnected);
-    QObject::connect(m_sender, &CommandSender::createFileGroupReply, q, &KeldaClient::EmitCreateFileGroupSg);
+    QObject::connect(m_sender, &CommandSender::connected, q, [this](QString path) { SlotConnected(path); });
+    QObject::connect(m_sender, &CommandSender::disconnected, q, [this] { SlotDisconnected(); });
+    QObject::connect(m_sender, &CommandSender::createFileGroupReply, q,
+                     [this](QString guid, QString path) { EmitCreateFileGroupSg(guid, path); });
     QObject::connect(m_sender, &CommandSender::createTovinFileGroupReply, q, &KeldaClient::CreateTovinFileGroupSg);
-    QObject::connect(m_sender, &CommandSender::addFileReply, q, &KeldaClient::EmitAddFileSg);
+    QObject::connect(m_sender, &CommandSender::addFileReply, q,
+                     [this](QString requestId, unsigned int fileId) { EmitAddFileSg(requestId, fileId); });
     QObject::connect(m_sender, &CommandSender::deleteFileReply, q, &KeldaClient::DeleteFileNameSg);
     QObject::connect(m_sender, &CommandSender::requestFileReply, q, &KeldaClient::RequestFileSg);
     QObject::connect(m_sender, &CommandSender::closeFileReply, q, &KeldaClient::CloseFileSg);
@@ -241,8 +251,7 @@ KeldaClient::KeldaClient(const QString &host, quint16 port, const QString &appli
 KeldaClient::~KeldaClient()
 {
     Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::~KeldaClient: Start"));
-    delete d;
-    d = nullptr;
+    d->StopSender();
     Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::~KeldaClient: End"));
 }
 
@@ -307,29 +316,29 @@ void KeldaClient::Reconnect()
 {
 }
 
-void KeldaClient::SlotConnected(QString a_basePath)
+void KeldaClientPrivate::SlotConnected(QString a_basePath)
 {
-    d->m_connected.store(true);
-    d->m_basePath = a_basePath;
+    m_connected.store(true);
+    m_basePath = a_basePath;
     if (a_basePath.isEmpty() || !QDir(a_basePath).exists())
         Q_TRACE_FAILURE(kSource, QStringLiteral("Directory does not exist: ") + a_basePath);
-    emit connected();
+    emit m_owner->connected();
 }
 
-void KeldaClient::SlotDisconnected()
+void KeldaClientPrivate::SlotDisconnected()
 {
-    d->m_connected.store(false);
-    emit disconnected();
+    m_connected.store(false);
+    emit m_owner->disconnected();
 }
 
-void KeldaClient::EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath)
+void KeldaClientPrivate::EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath)
 {
-    emit CreateFileGroupSg(a_sGuid, a_sPath);
+    emit m_owner->CreateFileGroupSg(a_sGuid, a_sPath);
 }
 
-void KeldaClient::EmitAddFileSg(QString a_sRequestId, unsigned int a_fileId)
+void KeldaClientPrivate::EmitAddFileSg(QString a_sRequestId, unsigned int a_fileId)
 {
-    emit AddFileSg(a_sRequestId, a_fileId);
+    emit m_owner->AddFileSg(a_sRequestId, a_fileId);
 }
 
 // ---------------------------------------------------------------- file groups
@@ -338,7 +347,7 @@ QString KeldaClient::CreateFileGroup(const QString &version, const QDateTime &li
                                      const QString &comment, FileType fileType, quint64 reservedStorage,
                                      const QString &fileGroupName, QString &localPath, QString guid)
 {
-    return CreateFileGroupHelper(true, version, lifecycle, detail, comment, fileType, reservedStorage,
+    return d->CreateFileGroupHelper(true, version, lifecycle, detail, comment, fileType, reservedStorage,
                                  fileGroupName, localPath, guid);
 }
 
@@ -346,19 +355,19 @@ QString KeldaClient::CreateFileGroupAsync(const QString &version, const QDateTim
                                           const QString &comment, FileType fileType, quint64 reservedStorage,
                                           const QString &fileGroupName, QString &localPath, QString guid)
 {
-    return CreateFileGroupHelper(false, version, lifecycle, detail, comment, fileType, reservedStorage,
+    return d->CreateFileGroupHelper(false, version, lifecycle, detail, comment, fileType, reservedStorage,
                                  fileGroupName, localPath, guid);
 }
 
-QString KeldaClient::CreateFileGroupHelper(bool wait, const QString &version, const QDateTime &lifecycle,
+QString KeldaClientPrivate::CreateFileGroupHelper(bool wait, const QString &version, const QDateTime &lifecycle,
                                            const QString &detail, const QString &comment, FileType fileType,
                                            quint64 reservedStorage, const QString &fileGroupName,
-                                           QString &localPath, QString guid)
+                                                  QString &localPath, QString guid)
 {
     const QString operation = qualified("CreateFileGroupHelper");
     if (guid.isEmpty())
-        guid = CreateGuid();
-    if (!d->CheckPreconditions(operation))
+        guid = Kelda::CreateGuid();
+    if (!CheckPreconditions(operation))
         return QString();
     Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CreateFileGroupHelper: Start (GUID: %1, Version: %2, "
                                            "Lifecycle: %3, Detail: %4, Comment: %5, Filetype: %6, "
@@ -366,31 +375,31 @@ QString KeldaClient::CreateFileGroupHelper(bool wait, const QString &version, co
                                 .arg(guid, version, lifecycle.toString(QStringLiteral("dd.MM.yyyy hh.mm.ss")),
                                      detail, comment, QString::number(int(fileType)),
                                      QString::number(reservedStorage), fileGroupName, localPath));
-    localPath = CreatePath(getBasePath(), guid, fileGroupName);
+    localPath = CreatePath(m_basePath, guid, fileGroupName);
     QDir().mkpath(localPath);
 
     bool success = true;
     auto send = [&] {
-        return d->m_sender->CreateFileGroup(guid, version, lifecycle, detail, comment, fileType, reservedStorage,
+        return m_sender->CreateFileGroup(guid, version, lifecycle, detail, comment, fileType, reservedStorage,
                                             fileGroupName, localPath);
     };
     if (!wait) {
         send();
     } else {
-        AsyncHandler waiter(d->m_sender, kReplyTimeoutMs);
+        AsyncHandler waiter(m_sender, kReplyTimeoutMs);
         const QString requestId = send();
         if (!waiter.Wait(requestId)) {
             Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CreateFileGroupHelper: AsyncHandler failed"));
             success = false;
-        } else if (d->m_sender->GetLastError() != KE_NoError) {
+        } else if (m_sender->GetLastError() != KE_NoError) {
             Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CreateFileGroupHelper: error (%1)")
-                                        .arg(d->m_sender->GetLastError()));
+                                        .arg(m_sender->GetLastError()));
             success = false;
         }
-        d->m_sender->TakeReplyValues(requestId);
+        m_sender->TakeReplyValues(requestId);
     }
     Q_TRACE_DETAIL(kSource,
-                   QStringLiteral("KeldaClient::CreateFileGroupHelper: End (%1)").arg(d->m_sender->GetLastError()));
+                   QStringLiteral("KeldaClient::CreateFileGroupHelper: End (%1)").arg(m_sender->GetLastError()));
     return success ? guid : QString();
 }
 
@@ -710,3 +719,7 @@ QString KeldaClient::CheckFileGroupExists(const QString &guid)
 }
 
 } // namespace Kelda
+
+// The private slots call into KeldaClientPrivate, so the meta-object code
+// needs its full declaration.
+#include "moc_keldaclient.cpp"

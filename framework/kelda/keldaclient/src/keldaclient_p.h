@@ -4,6 +4,7 @@
 
 #include "commandsender.h"
 
+#include <QDateTime>
 #include <QString>
 #include <QStringList>
 #include <QThread>
@@ -17,6 +18,21 @@ class KeldaClientPrivate
 public:
     explicit KeldaClientPrivate(KeldaClient *owner);
     ~KeldaClientPrivate();
+
+    // Stops the sender's thread; the destructor of the client calls it
+    // between its traces. Does nothing the second time.
+    void StopSender();
+
+    // Private slots of KeldaClient.
+    void SlotConnected(QString a_basePath);
+    void SlotDisconnected();
+    void EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath);
+    void EmitAddFileSg(QString a_sRequestId, unsigned int a_fileId);
+
+    QString CreateFileGroupHelper(bool wait, const QString &version, const QDateTime &lifecycle,
+                                  const QString &detail, const QString &comment, FileType fileType,
+                                  quint64 reservedStorage, const QString &fileGroupName, QString &localPath,
+                                  QString guid);
 
     void StartSender(QString application, const QString &user, const QString &teamMembership);
 

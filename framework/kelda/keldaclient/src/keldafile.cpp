@@ -36,11 +36,17 @@ QString fileGroupNameOf(const QString &fileName)
 class KeldaFilePrivate
 {
 public:
-    explicit KeldaFilePrivate(KeldaClient *client, unsigned int fileId = 0)
+    KeldaFilePrivate(KeldaFile *q, KeldaClient *client, unsigned int fileId = 0)
         : m_uFileId(fileId)
         , m_pClient(client)
+        , q_ptr(q)
     {
     }
+
+    void CreateInArchive(const QString &name, unsigned int lifeCycleDays, const QString &version,
+                         const QString &detail, const QString &comment, FileType fileType, quint64 reservedStorage);
+    bool CopyIntoGroup(const QString &groupPath, const QString &fileName);
+    bool IsFileName(const QString &s) const;
 
     bool IsServerReachable() const
     {
@@ -57,17 +63,20 @@ public:
     KeldaError m_lastError = KE_NoError;
     KeldaClient *m_pClient;
     QMutex m_mutex;
+
+    KeldaFile *const q_ptr;
+    Q_DECLARE_PUBLIC(KeldaFile)
 };
 
 KeldaFile::KeldaFile(KeldaClient *client)
-    : d(new KeldaFilePrivate(client))
+    : d(new KeldaFilePrivate(this, client))
 {
     Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaFile::KeldaFile: Default"));
 }
 
 KeldaFile::KeldaFile(KeldaClient *client, const QString &name, const QString &version, unsigned int &lifeCycleDays,
                      const QString &detail, const QString &comment, FileType fileType, quint64 reservedStorage)
-    : d(new KeldaFilePrivate(client))
+    : d(new KeldaFilePrivate(this, client))
 {
     Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaFile::KeldaFile: Start ("));
     Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaFile::KeldaFile:   Name: %1").arg(name));
@@ -80,7 +89,7 @@ KeldaFile::KeldaFile(KeldaClient *client, const QString &name, const QString &ve
     Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaFile::KeldaFile: Start )"));
 
     if (d->IsServerReachable()) {
-        CreateInArchive(name, lifeCycleDays, version, detail, comment, fileType, reservedStorage);
+        d->CreateInArchive(name, lifeCycleDays, version, detail, comment, fileType, reservedStorage);
     } else if (!KeldaClient::IsKeldaAvailable()) {
         d->m_sLocalName = cleanLocalName(name);
         setFileName(d->m_sLocalName);
@@ -94,7 +103,7 @@ KeldaFile::KeldaFile(KeldaClient *client, const QString &name, const QString &ve
 }
 
 KeldaFile::KeldaFile(KeldaClient *client, const QString &nameOrGuid, unsigned int fileId)
-    : d(new KeldaFilePrivate(client, fileId))
+    : d(new KeldaFilePrivate(this, client, fileId))
 {
     Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaFile::KeldaFile: Start ("));
     Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaFile::KeldaFile:   Name: %1").arg(nameOrGuid));
@@ -129,59 +138,58 @@ KeldaFile::~KeldaFile()
         }
     }
     Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaFile::~KeldaFile: End"));
-    delete d;
 }
 
-void KeldaFile::CreateInArchive(const QString &name, unsigned int lifeCycleDays, const QString &version,
-                                const QString &detail, const QString &comment, FileType fileType,
-                                quint64 reservedStorage)
+void KeldaFilePrivate::CreateInArchive(const QString &name, unsigned int lifeCycleDays, const QString &version,
+                                       const QString &detail, const QString &comment, FileType fileType,
+                                       quint64 reservedStorage)
 {
     if (!IsFileName(name)) {
-        d->m_sGuid = name;
+        m_sGuid = name;
         return;
     }
-    d->m_sLocalName = cleanLocalName(name);
-    setFileName(d->m_sLocalName);
+    m_sLocalName = cleanLocalName(name);
+    q_func()->setFileName(m_sLocalName);
     const QDateTime lifecycle = QDateTime::currentDateTime().addDays(lifeCycleDays);
 
     // The local name is native, so its directory parts are split at the
     // platform's separator.
-    const QString fileName = d->m_sLocalName.section(QDir::separator(), -1);
-    QString localPath = d->m_sLocalName.section(QDir::separator(), 0, -2);
+    const QString fileName = m_sLocalName.section(QDir::separator(), -1);
+    QString localPath = m_sLocalName.section(QDir::separator(), 0, -2);
 
-    d->m_sGuid = d->m_pClient->CreateFileGroup(version, lifecycle, detail, comment, fileType, reservedStorage,
+    m_sGuid = m_pClient->CreateFileGroup(version, lifecycle, detail, comment, fileType, reservedStorage,
                                                fileGroupNameOf(fileName), localPath, QString());
-    d->TakeClientError();
-    if (d->m_lastError != KE_NoError) {
-        Q_TRACE_FAILURE(kSource, QStringLiteral("KeldaFile::KeldaFile: %1").arg(KeldaErrorString::Get(d->m_lastError)));
+    TakeClientError();
+    if (m_lastError != KE_NoError) {
+        Q_TRACE_FAILURE(kSource, QStringLiteral("KeldaFile::KeldaFile: %1").arg(KeldaErrorString::Get(m_lastError)));
         return;
     }
-    d->m_bCreatedGroup = true;
+    m_bCreatedGroup = true;
 
     // The server archives what lies in the group's directory: the bytes must
     // be there before the file is announced.
     if (!CopyIntoGroup(localPath, fileName))
         return;
 
-    d->m_uFileId = d->m_pClient->AddFile(fileName, d->m_sGuid);
-    d->TakeClientError();
-    if (d->m_lastError != KE_NoError)
-        Q_TRACE_FAILURE(kSource, QStringLiteral("KeldaFile::KeldaFile: %1").arg(KeldaErrorString::Get(d->m_lastError)));
+    m_uFileId = m_pClient->AddFile(fileName, m_sGuid);
+    TakeClientError();
+    if (m_lastError != KE_NoError)
+        Q_TRACE_FAILURE(kSource, QStringLiteral("KeldaFile::KeldaFile: %1").arg(KeldaErrorString::Get(m_lastError)));
 
     // Fires after every successful add; reported, never enforced.
-    if (ErrorHandler::Instance()->IsEnabled(ErrorHandler::Failure) && d->m_uFileId != 0)
+    if (ErrorHandler::Instance()->IsEnabled(ErrorHandler::Failure) && m_uFileId != 0)
         _Q_assert("(m_uFileId == 0)", kSource, __LINE__);
 }
 
-bool KeldaFile::CopyIntoGroup(const QString &groupPath, const QString &fileName)
+bool KeldaFilePrivate::CopyIntoGroup(const QString &groupPath, const QString &fileName)
 {
     const QString target = QDir(groupPath).filePath(fileName);
     QFile::remove(target);
-    if (QFile::copy(d->m_sLocalName, target))
+    if (QFile::copy(m_sLocalName, target))
         return true;
-    d->m_lastError = KE_AddFileFailed;
+    m_lastError = KE_AddFileFailed;
     Q_TRACE_FAILURE(kSource, QStringLiteral("KeldaFile::KeldaFile: cannot copy %1 to %2: %3")
-                                 .arg(d->m_sLocalName, target, KeldaErrorString::Get(d->m_lastError)));
+                                 .arg(m_sLocalName, target, KeldaErrorString::Get(m_lastError)));
     return false;
 }
 
@@ -267,7 +275,7 @@ void KeldaFile::handleAddFileSignal(const QString &requestId, unsigned int fileI
     emit fileSuccessfullyAdded(fileId);
 }
 
-bool KeldaFile::IsFileName(const QString &s) const
+bool KeldaFilePrivate::IsFileName(const QString &s) const
 {
     return s.contains(QLatin1Char('.')) || s.contains(QLatin1Char('/')) || s.contains(QLatin1Char('\\'));
 }

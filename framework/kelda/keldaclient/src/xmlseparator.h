@@ -67,6 +67,7 @@ public:
 
 Q_SIGNALS:
     void xmlReceived(const QByteArray &message);
+    // Spelled so for compatibility: existing connections use this name.
     void errorOccured(const QString &sErrorString);
     void queued_xmlReceived(const QByteArray &message);
     // A message over the limit, or one whose bytes could not be stored.

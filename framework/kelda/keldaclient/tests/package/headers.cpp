@@ -5,7 +5,6 @@
 #include <filequery.h>
 #include <keldaerror.h>
 #include <filetype.h>
-#include <keldaxml.h>
 #include <keldaclientglobal.h>
 #include <clienttreemodel.h>
 #include <fileselectdialog.h>
