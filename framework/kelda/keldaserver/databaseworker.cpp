@@ -207,16 +207,24 @@ std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::read(std::deque<Dat
         }
         answer.connectionId = batch[i].origin.connectionId;
         answer.sequence = batch[i].origin.sequence;
-        RequestOutcome outcome;
-        try {
-            m_engine->handle(batch[i].request, batch[i].origin, outcome);
-        } catch (const RequestFailure &failure) {
-            outcome.reply = ReplyWriter::status(batch[i].request.command, batch[i].request.requestId, failure.code,
-                                                failure.text);
-        }
-        answer.reply = std::move(outcome.reply);
+        answer.reply = readOne(batch[i]);
+        // Reading changes nothing: after a connection that was lost while
+        // idle, the read may simply run again on a fresh one.
+        if (m_store->connectionLost() && i == 0 && reconnect())
+            answer.reply = readOne(batch[i]);
     }
     return answers;
+}
+
+QByteArray DatabaseWorker::readOne(const DatabaseJob &job)
+{
+    RequestOutcome outcome;
+    try {
+        m_engine->handle(job.request, job.origin, outcome);
+    } catch (const RequestFailure &failure) {
+        outcome.reply = ReplyWriter::status(job.request.command, job.request.requestId, failure.code, failure.text);
+    }
+    return outcome.reply;
 }
 
 std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::carryOut(std::deque<DatabaseJob> &batch)
@@ -267,11 +275,18 @@ std::vector<DatabaseJob *> DatabaseWorker::transact(const std::vector<DatabaseJo
     };
     if (!ensureConnected())
         return failAll(kUnreachable);
-    try {
-        m_store->begin();
-    } catch (const RequestFailure &failure) {
-        Q_TRACE_FAILURE(kSource, QStringLiteral("Cannot begin a transaction: %1").arg(failure.text));
-        return failAll(kUnsaved);
+    // A database that went away while this worker was idle shows first at
+    // BEGIN; nothing is done yet, so a fresh connection may take over.
+    for (bool first = true;; first = false) {
+        try {
+            m_store->begin();
+            break;
+        } catch (const RequestFailure &failure) {
+            if (first && m_store->connectionLost() && reconnect())
+                continue;
+            Q_TRACE_FAILURE(kSource, QStringLiteral("Cannot begin a transaction: %1").arg(failure.text));
+            return failAll(kUnsaved);
+        }
     }
     std::vector<DatabaseAnswer> done(jobs.size());
     std::vector<bool> again(jobs.size(), false);

@@ -118,6 +118,7 @@ private:
     std::deque<DatabaseJob> takeBatch(int idleTimeoutMs, bool *finishing);
     std::shared_ptr<std::vector<DatabaseAnswer>> carryOut(std::deque<DatabaseJob> &batch);
     std::shared_ptr<std::vector<DatabaseAnswer>> read(std::deque<DatabaseJob> &batch);
+    QByteArray readOne(const DatabaseJob &job);
     std::vector<DatabaseJob *> transact(const std::vector<DatabaseJob *> &jobs, bool mayRetry,
                                         std::vector<DatabaseAnswer> &answers);
     bool carryOutOne(DatabaseJob &job, DatabaseAnswer &answer, std::vector<std::function<void()>> &afterCommit);

@@ -269,6 +269,15 @@ void TestServerShared::databaseRestartLosesNoAnsweredChange()
     } while (answer.value(2).toInt() != KE_NoError && !back.hasExpired());
     QCOMPARE(answer.value(2).toInt(), int(KE_NoError));
     QCOMPARE(answer.value(1).value<FileGroupData>().getReferenceCounter(), saved());
+
+    // A restart while nobody asks costs no request: the stale connections
+    // are replaced on first use.
+    QVERIFY2(m_cluster->stop(&error), qPrintable(error));
+    QVERIFY2(m_cluster->start(&error), qPrintable(error));
+    m_alice->AddReference(guid);
+    QTRY_COMPARE_WITH_TIMEOUT(referenced.size(), before + 2, 60000);
+    QCOMPARE(referenced.last().value(1).toInt(), int(KE_NoError));
+    QCOMPARE(waitForRequest(files, m_alice->GetFileListAsync(guid)).value(2).toInt(), int(KE_NoError));
 }
 
 QTEST_GUILESS_MAIN(TestServerShared)
