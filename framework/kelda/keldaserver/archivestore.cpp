@@ -361,6 +361,13 @@ void ArchiveStore::rollback()
     m_db.rollback();
 }
 
+void ArchiveStore::dropCommitMark()
+{
+    QSqlQuery &query = prepared(QStringLiteral("DELETE FROM commit_marks WHERE server_id = ?"));
+    query.bindValue(0, m_instanceId);
+    exec(query, KE_DatabaseNotAvailable);
+}
+
 void ArchiveStore::transactionControl(const QString &sql)
 {
     // PostgreSQL cannot prepare these; SQLite runs them faster prepared.

@@ -143,6 +143,8 @@ public:
     // after reconnecting.
     void writeCommitMark(qint64 token);
     bool hasCommitMark(qint64 token);
+    // At a clean stop: every answer is out, the mark has served.
+    void dropCommitMark();
 
     void begin();
     bool commit();

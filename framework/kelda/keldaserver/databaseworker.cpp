@@ -157,6 +157,13 @@ void DatabaseWorker::serve()
         }
         m_delivery(m_role == Role::Writer ? carryOut(batch) : read(batch));
     }
+    if (m_role == Role::Writer && m_database.isPostgres() && !store.connectionLost()) {
+        try {
+            store.dropCommitMark();
+        } catch (const RequestFailure &failure) {
+            Q_TRACE_FAILURE(kSource, failure.text);
+        }
+    }
     m_store = nullptr;
     m_engine = nullptr;
 }
