@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Entry point for developers and CI.
 #
-#   ./run.sh test    install what is missing, build, run every test
+#   ./run.sh test    install what is missing, build, run every test (the
+#                    server's end-to-end tests also on a throw-away
+#                    PostgreSQL cluster; KELDA_REQUIRE_POSTGRES=1 is set, so
+#                    they fail rather than skip without PostgreSQL)
 #   ./run.sh test --sanitize=address
 #                    the same with AddressSanitizer and UndefinedBehaviorSanitizer
 #                    (clang, build dir build-asan)
@@ -17,7 +20,9 @@
 #                    public member
 #   ./run.sh bench [--quick]
 #                    release build (build-release), run every benchmark program,
-#                    end with one table: figure, limit, ratio, target
+#                    end with one table: figure, limit, ratio, target;
+#                    bench_server also on a throw-away PostgreSQL cluster
+#                    (one server, then two) when PostgreSQL is installed
 #   ./run.sh fuzz SECONDS
 #                    run each fuzz target that long from its seed corpus (clang,
 #                    build-asan); a finding is saved below
@@ -46,6 +51,9 @@ packages=(
     g++ cmake ninja-build pkg-config
     qtbase5-dev qtbase5-dev-tools libqt5sql5-sqlite
     libboost-dev
+    # keldaserver on PostgreSQL: the Qt driver, and the server programs the
+    # tests start a throw-away cluster with
+    libqt5sql5-psql postgresql
 )
 # Only for sanitizer and fuzz builds: clang with its sanitizer and libFuzzer
 # runtimes, and llvm for the symbolizer that puts names into reports.
@@ -137,7 +145,12 @@ run_tests() {
     if [ -n "$sanitize" ]; then
         export_sanitizer_options
     fi
-    QT_QPA_PLATFORM=offscreen ctest --test-dir "$build_dir" --output-on-failure -j "$jobs"
+    KELDA_REQUIRE_POSTGRES=1 QT_QPA_PLATFORM=offscreen ctest --test-dir "$build_dir" --output-on-failure -j "$jobs"
+}
+
+# Whether the PostgreSQL server programs are there (Debian keeps them off PATH).
+have_postgres() {
+    compgen -G '/usr/lib/postgresql/*/bin/initdb' >/dev/null || command -v initdb >/dev/null
 }
 
 # ---- docs: the API reference
@@ -364,6 +377,13 @@ run_bench() {
             status=1
         fi
     done
+    if [[ " ${programs[*]} " == *" bench_server "* ]] && have_postgres; then
+        echo "== bench_server --postgres${quick:+ --quick}"
+        if ! "$build_dir/framework/kelda/benchmarks/bench_server" --postgres ${quick:+--quick} | tee -a "$rows"; then
+            echo "error: bench_server --postgres failed" >&2
+            status=1
+        fi
+    fi
     print_table "$rows"
     rm -f "$rows"
     return $status

@@ -211,6 +211,7 @@ bool ArchiveEngine::handle(const Request &request, const RequestOrigin &origin, 
                                      .arg(int(failure.code)));
         outcome = RequestOutcome();
         outcome.reply = ReplyWriter::status(request.command, request.requestId, failure.code, failure.text);
+        outcome.retry = failure.retry;
         return false;
     }
 }
@@ -285,6 +286,7 @@ QString ArchiveEngine::createGroup(StoredGroup group, const QString &requestedPa
         group.data.setModificationTime(created);
     m_store.insertGroup(group);
     m_store.rememberUser(group.data.getCreator());
+    m_store.announceGroup(guid, type, StorageLayout::directoryForReply(directory));
     outcome.newGroups.push_back({guid, type, StorageLayout::directoryForReply(directory)});
     Q_TRACE_DETAIL(kSource, QStringLiteral("Created file group %1 in %2").arg(guid, directory));
     return directory;
@@ -706,6 +708,7 @@ void ArchiveEngine::moveToNas(const Request &request, const RequestOrigin &, Rep
     refuseWhileLocked(guid);
     m_store.rememberUser(request.text(Tag::UserName));
     m_store.updateLocation(guid, LS_CentralNotMoved, group.path, 0);
+    m_store.recordMoveClaim(guid);
     outcome.moves.push_back({guid, group.path, m_layout.nasDirectoryFor(group.path, guid)});
     writer.writeStatus(KE_NoError, QString());
 }
@@ -722,6 +725,7 @@ void ArchiveEngine::moveFinished(const QString &guid, const QString &directory, 
     std::optional<StoredGroup> group = m_store.group(guid);
     if (!group || group->data.getLocationState() != LS_CentralNotMoved)
         return;
+    m_store.dropMoveClaim(guid);
     if (ok) {
         m_store.updateLocation(guid, LS_Central, directory, 100);
         m_store.touch(guid, now().toMSecsSinceEpoch());
@@ -734,8 +738,9 @@ std::vector<MoveOrder> ArchiveEngine::unfinishedMoves()
 {
     std::vector<MoveOrder> orders;
     for (const QString &guid : m_store.groupsInState(LS_CentralNotMoved)) {
+        // Another server sharing the database may be carrying it already.
         const std::optional<StoredGroup> group = m_store.group(guid);
-        if (group)
+        if (group && group->data.getLocationState() == LS_CentralNotMoved && m_store.claimMove(guid))
             orders.push_back({guid, group->path, m_layout.nasDirectoryFor(group->path, guid)});
     }
     return orders;

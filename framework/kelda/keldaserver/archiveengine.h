@@ -43,6 +43,9 @@ struct RequestOutcome
     std::vector<MoveOrder> moves;
     bool registersConverter = false;
     QVector<int> converterTypes;
+    // Failed against another server's concurrent change of the same rows:
+    // carry it out again once this transaction is over.
+    bool retry = false;
 };
 
 // Where a request came from.

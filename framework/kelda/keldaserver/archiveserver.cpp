@@ -10,6 +10,7 @@
 
 #include <QDir>
 #include <QTcpSocket>
+#include <QUuid>
 
 namespace Kelda {
 
@@ -20,6 +21,7 @@ const char kSource[] = "framework/kelda/keldaserver/archiveserver";
 ArchiveServer::ArchiveServer(const ServerOptions &options, QObject *parent)
     : QObject(parent)
     , m_options(options)
+    , m_instanceId(QUuid::createUuid().toString(QUuid::WithoutBraces))
 {
     connect(&m_listener, &QTcpServer::newConnection, this, &ArchiveServer::acceptConnections);
     connect(this, &ArchiveServer::answersReady, this, &ArchiveServer::deliverPosted, Qt::QueuedConnection);
@@ -37,7 +39,7 @@ bool ArchiveServer::openDatabase()
         return [this, fromWriter](Answers answers) { postAnswers(std::move(answers), fromWriter); };
     };
     // The writer creates the tables; the reader opens them after it.
-    m_writer = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Writer, m_options.databaseFile, layout,
+    m_writer = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Writer, m_options.database, m_instanceId, layout,
                                                 delivery(true), [this](DatabaseJob job) {
                                                     if (m_reader)
                                                         m_reader->post(std::move(job));
@@ -46,8 +48,8 @@ bool ArchiveServer::openDatabase()
         m_error = m_writer->errorString();
         return false;
     }
-    m_reader = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Reader, m_options.databaseFile, layout,
-                                                delivery(false));
+    m_reader = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Reader, m_options.database, m_instanceId,
+                                                layout, delivery(false));
     if (!m_reader->open()) {
         m_error = m_reader->errorString();
         return false;
@@ -57,8 +59,10 @@ bool ArchiveServer::openDatabase()
 
 bool ArchiveServer::start()
 {
-    for (const QString &folder :
-         {m_options.basePath, m_options.nasPath, QFileInfo(m_options.databaseFile).absolutePath()}) {
+    QStringList folders{m_options.basePath, m_options.nasPath};
+    if (!m_options.database.isPostgres())
+        folders.append(QFileInfo(m_options.database.file).absolutePath());
+    for (const QString &folder : qAsConst(folders)) {
         if (!QDir().mkpath(folder)) {
             m_error = QStringLiteral("Cannot create the folder %1").arg(folder);
             m_exitCode = ServerOptions::ExitStorage;
@@ -89,6 +93,17 @@ bool ArchiveServer::start()
     m_mover->start();
     for (const MoveOrder &order : m_writer->unfinishedMoves())
         m_mover->post(order);
+    if (m_options.database.isPostgres()) {
+        m_listenerThread = std::make_unique<GroupListener>(
+            m_options.database, m_instanceId, [this](const GroupAnnouncement &announcement) {
+                // Travels like an answer for no connection: only its notice
+                // is delivered.
+                auto heard = std::make_shared<std::vector<DatabaseAnswer>>(1);
+                heard->front().newGroups.push_back({announcement.guid, announcement.fileType, announcement.path});
+                postAnswers(std::move(heard), false);
+            });
+        m_listenerThread->start();
+    }
 
     if (!m_listener.listen(m_options.host, m_options.port)) {
         m_error = QStringLiteral("Cannot listen on %1:%2: %3")
@@ -105,6 +120,11 @@ void ArchiveServer::shutdown()
 {
     if (m_listener.isListening())
         m_listener.close();
+    if (m_listenerThread) {
+        m_listenerThread->stop();
+        m_listenerThread->wait();
+        m_listenerThread.reset();
+    }
     if (m_mover) {
         m_mover->stopAndWait();
         m_mover.reset();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "databaseworker.h"
+#include "grouplistener.h"
 #include "groupmover.h"
 #include "serveroptions.h"
 
@@ -82,6 +83,9 @@ private:
     std::unique_ptr<DatabaseWorker> m_writer;
     std::unique_ptr<DatabaseWorker> m_reader;
     std::unique_ptr<GroupMover> m_mover;
+    std::unique_ptr<GroupListener> m_listenerThread;
+    // Names this process among the servers sharing a database.
+    QString m_instanceId;
     // Answers on their way from the database threads to this one. Handed
     // over under a standard mutex, which thread checkers see, rather than
     // inside a queued call, which they cannot.

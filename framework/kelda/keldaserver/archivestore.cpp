@@ -1,5 +1,6 @@
 #include "archivestore.h"
 
+#include "groupannouncement.h"
 #include "requestfailure.h"
 
 #include <QDateTime>
@@ -48,7 +49,12 @@ const QStringList kSchema{
                    " ref_count INTEGER NOT NULL, PRIMARY KEY (guid, application))"),
     QStringLiteral("CREATE TABLE IF NOT EXISTS known_users (name TEXT PRIMARY KEY)"),
     QStringLiteral("CREATE TABLE IF NOT EXISTS known_applications (name TEXT PRIMARY KEY)"),
+    QStringLiteral("CREATE TABLE IF NOT EXISTS commit_marks (server_id TEXT PRIMARY KEY, token BIGINT NOT NULL)"),
+    QStringLiteral("CREATE TABLE IF NOT EXISTS move_claims (guid VARCHAR(64) PRIMARY KEY, owner TEXT NOT NULL)"),
 };
+
+// First key of every advisory lock the servers take ("KELD").
+constexpr int kAdvisoryClass = 0x4B454C44;
 
 // In GroupRow::Column order.
 const QString kGroupColumns = QStringLiteral(
@@ -104,31 +110,185 @@ QString ArchiveStore::searchKey(const QString &value)
     return text(value.toCaseFolded());
 }
 
-bool ArchiveStore::open(const QString &databaseFile)
+bool ArchiveStore::open(const DatabaseLocation &location)
 {
-    m_db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), m_connectionName);
-    m_db.setDatabaseName(databaseFile);
-    if (!m_db.open()) {
-        m_error = QStringLiteral("Cannot open the database %1: %2").arg(databaseFile, m_db.lastError().text());
+    m_location = location;
+    m_schemaTooNew = false;
+    if (!connect())
         return false;
-    }
     try {
-        // WAL lets the commit be one append and one flush; FULL makes that
-        // flush happen before the commit returns.
-        execDirect(QStringLiteral("PRAGMA journal_mode=WAL"), KE_DatabaseNotAvailable);
-        execDirect(QStringLiteral("PRAGMA synchronous=FULL"), KE_DatabaseNotAvailable);
-        execDirect(QStringLiteral("PRAGMA busy_timeout=5000"), KE_DatabaseNotAvailable);
-        // Pages are read through a mapping instead of a system call each,
-        // and more of them stay cached between transactions.
-        execDirect(QStringLiteral("PRAGMA mmap_size=268435456"), KE_DatabaseNotAvailable);
-        execDirect(QStringLiteral("PRAGMA cache_size=-65536"), KE_DatabaseNotAvailable);
-        for (const QString &statement : kSchema)
-            execDirect(statement, KE_DatabaseNotAvailable);
+        if (!isPostgres())
+            prepareSqlite();
+        createSchema();
+        // The writer's connection stands for the server; a second holder
+        // of the same lock would wait for the first forever.
+        if (isPostgres() && m_locksGroups)
+            holdLiveness();
     } catch (const RequestFailure &failure) {
-        m_error = QStringLiteral("Cannot prepare the database %1: %2").arg(databaseFile, failure.text);
+        if (m_error.isEmpty())
+            m_error = QStringLiteral("Cannot prepare the database %1: %2").arg(m_location.displayName(), failure.text);
         return false;
     }
     return true;
+}
+
+bool ArchiveStore::reopen()
+{
+    m_statements.clear();
+    m_db.close();
+    m_db = QSqlDatabase();
+    QSqlDatabase::removeDatabase(m_connectionName);
+    m_connectionLost = false;
+    m_error.clear();
+    if (open(m_location))
+        return true;
+    m_connectionLost = true;
+    return false;
+}
+
+bool ArchiveStore::connect()
+{
+    m_error.clear();
+    if (isPostgres()) {
+        m_db = QSqlDatabase::addDatabase(QStringLiteral("QPSQL"), m_connectionName);
+        if (!m_db.isValid()) {
+            m_error = QStringLiteral("Cannot use %1: Qt has no PostgreSQL driver; install libqt5sql5-psql")
+                          .arg(m_location.displayName());
+            return false;
+        }
+        m_db.setHostName(m_location.host);
+        m_db.setPort(m_location.port);
+        m_db.setUserName(m_location.user);
+        m_db.setPassword(m_location.password);
+        m_db.setDatabaseName(m_location.name);
+        // A database that went away must not hold a request up for long:
+        // connecting gives up after seconds, and keepalives notice a
+        // silent peer.
+        m_db.setConnectOptions(QStringLiteral("connect_timeout=5;keepalives=1;keepalives_idle=10;"
+                                              "keepalives_interval=3;keepalives_count=3;application_name=keldaserver"));
+    } else {
+        m_db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), m_connectionName);
+        m_db.setDatabaseName(m_location.file);
+    }
+    if (!m_db.open()) {
+        m_error = QStringLiteral("Cannot open the database %1: %2")
+                      .arg(m_location.displayName(), m_db.lastError().text().trimmed());
+        return false;
+    }
+    if (isPostgres()) {
+        try {
+            // A row another server holds too long is an error, not a hang:
+            // the client waits 60 s at most for any answer.
+            execDirect(QStringLiteral("SET lock_timeout = '20s'"), KE_DatabaseNotAvailable);
+            // "relation exists, skipping" on every start is no news.
+            execDirect(QStringLiteral("SET client_min_messages = warning"), KE_DatabaseNotAvailable);
+        } catch (const RequestFailure &failure) {
+            m_error
+                = QStringLiteral("Cannot set up the connection to %1: %2").arg(m_location.displayName(), failure.text);
+            return false;
+        }
+    }
+    return true;
+}
+
+void ArchiveStore::prepareSqlite()
+{
+    // WAL lets the commit be one append and one flush; FULL makes that
+    // flush happen before the commit returns.
+    execDirect(QStringLiteral("PRAGMA journal_mode=WAL"), KE_DatabaseNotAvailable);
+    execDirect(QStringLiteral("PRAGMA synchronous=FULL"), KE_DatabaseNotAvailable);
+    execDirect(QStringLiteral("PRAGMA busy_timeout=5000"), KE_DatabaseNotAvailable);
+    // Pages are read through a mapping instead of a system call each,
+    // and more of them stay cached between transactions.
+    execDirect(QStringLiteral("PRAGMA mmap_size=268435456"), KE_DatabaseNotAvailable);
+    execDirect(QStringLiteral("PRAGMA cache_size=-65536"), KE_DatabaseNotAvailable);
+}
+
+void ArchiveStore::createSchema()
+{
+    begin();
+    try {
+        // Servers starting together on an empty database would each try
+        // to create the same tables.
+        if (isPostgres())
+            execDirect(
+                QStringLiteral("SELECT pg_advisory_xact_lock(%1, 0)").arg(kAdvisoryClass), KE_DatabaseNotAvailable);
+        execDirect(QStringLiteral("CREATE TABLE IF NOT EXISTS schema_version (version INTEGER NOT NULL)"),
+                   KE_DatabaseNotAvailable);
+        QSqlQuery query(m_db);
+        if (!query.exec(QStringLiteral("SELECT MAX(version) FROM schema_version")))
+            throw failure(query.lastError(), KE_DatabaseNotAvailable);
+        const int found = query.next() ? query.value(0).toInt() : 0;
+        query.finish();
+        if (found > SchemaVersion) {
+            m_schemaTooNew = true;
+            m_error = QStringLiteral("The database %1 holds schema version %2, newer than version %3 that this "
+                                     "keldaserver knows; run a keldaserver of the build that wrote it")
+                          .arg(m_location.displayName())
+                          .arg(found)
+                          .arg(SchemaVersion);
+            throw RequestFailure{KE_DatabaseNotAvailable, m_error};
+        }
+        for (const QString &statement : kSchema)
+            execDirect(statement, KE_DatabaseNotAvailable);
+        if (found < SchemaVersion)
+            execDirect(QStringLiteral("INSERT INTO schema_version (version) VALUES (%1)").arg(SchemaVersion),
+                       KE_DatabaseNotAvailable);
+    } catch (const RequestFailure &) {
+        rollback();
+        throw;
+    }
+    if (!commit())
+        throw RequestFailure{KE_DatabaseNotAvailable, m_error};
+}
+
+void ArchiveStore::holdLiveness()
+{
+    // Held for the life of the connection: other servers see by it that
+    // this one is still there to finish its moves.
+    QSqlQuery query(m_db);
+    query.prepare(QStringLiteral("SELECT pg_advisory_lock(%1, hashtext(?))").arg(kAdvisoryClass));
+    query.bindValue(0, m_instanceId);
+    exec(query, KE_DatabaseNotAvailable);
+}
+
+bool ArchiveStore::ownerAlive(const QString &owner)
+{
+    if (owner == m_instanceId)
+        return true;
+    if (!isPostgres())
+        return false;
+    QSqlQuery &query = prepared(QStringLiteral("SELECT pg_try_advisory_lock(%1, hashtext(?))").arg(kAdvisoryClass));
+    query.bindValue(0, owner);
+    exec(query, KE_DatabaseNotAvailable);
+    const bool free = query.next() && query.value(0).toBool();
+    query.finish();
+    if (!free)
+        return true;
+    QSqlQuery &unlock = prepared(QStringLiteral("SELECT pg_advisory_unlock(%1, hashtext(?))").arg(kAdvisoryClass));
+    unlock.bindValue(0, owner);
+    exec(unlock, KE_DatabaseNotAvailable);
+    unlock.finish();
+    return false;
+}
+
+RequestFailure ArchiveStore::failure(const QSqlError &error, KeldaError code)
+{
+    RequestFailure result{code, error.text().trimmed()};
+    if (!isPostgres())
+        return result;
+    const QString state = error.nativeErrorCode();
+    // Deadlock and serialization failures: another server changed the same
+    // rows at the same moment; the request may simply run again.
+    if (state == QLatin1String("40001") || state == QLatin1String("40P01")) {
+        result.retry = true;
+    } else if (state.isEmpty() || state.startsWith(QLatin1String("08")) || state.startsWith(QLatin1String("57P"))
+               || error.type() == QSqlError::ConnectionError) {
+        // Errors libpq makes up itself carry no state: the server is gone.
+        m_connectionLost = true;
+        result.code = KE_DatabaseNotAvailable;
+    }
+    return result;
 }
 
 QSqlQuery &ArchiveStore::prepared(const QString &sql)
@@ -137,10 +297,11 @@ QSqlQuery &ArchiveStore::prepared(const QString &sql)
     if (!slot) {
         slot = std::make_shared<QSqlQuery>(m_db);
         if (!slot->prepare(sql)) {
-            const QString text = slot->lastError().text();
+            RequestFailure refused = failure(slot->lastError(), KE_DatabaseNotAvailable);
+            refused.text = QStringLiteral("Cannot prepare a statement: %1").arg(refused.text);
             slot.reset();
             m_statements.remove(sql);
-            throw RequestFailure{KE_DatabaseNotAvailable, QStringLiteral("Cannot prepare a statement: %1").arg(text)};
+            throw refused;
         }
     }
     return *slot;
@@ -149,29 +310,50 @@ QSqlQuery &ArchiveStore::prepared(const QString &sql)
 void ArchiveStore::exec(QSqlQuery &query, KeldaError code)
 {
     if (!query.exec())
-        throw RequestFailure{code, query.lastError().text()};
+        throw failure(query.lastError(), code);
 }
 
 void ArchiveStore::execDirect(const QString &sql, KeldaError code)
 {
     QSqlQuery query(m_db);
     if (!query.exec(sql))
-        throw RequestFailure{code, query.lastError().text()};
+        throw failure(query.lastError(), code);
 }
 
 void ArchiveStore::begin()
 {
     if (!m_db.transaction())
-        throw RequestFailure{KE_DatabaseNotAvailable, m_db.lastError().text()};
+        throw failure(m_db.lastError(), KE_DatabaseNotAvailable);
 }
 
 bool ArchiveStore::commit()
 {
     if (m_db.commit())
         return true;
-    m_error = m_db.lastError().text();
-    m_db.rollback();
+    m_error = failure(m_db.lastError(), KE_DatabaseNotAvailable).text;
+    if (!m_connectionLost)
+        m_db.rollback();
     return false;
+}
+
+void ArchiveStore::writeCommitMark(qint64 token)
+{
+    QSqlQuery &query = prepared(QStringLiteral(
+        "INSERT INTO commit_marks (server_id, token) VALUES (?, ?)"
+        " ON CONFLICT (server_id) DO UPDATE SET token = excluded.token"));
+    query.bindValue(0, m_instanceId);
+    query.bindValue(1, token);
+    exec(query, KE_DatabaseNotAvailable);
+}
+
+bool ArchiveStore::hasCommitMark(qint64 token)
+{
+    QSqlQuery &query = prepared(QStringLiteral("SELECT token FROM commit_marks WHERE server_id = ?"));
+    query.bindValue(0, m_instanceId);
+    exec(query, KE_DatabaseNotAvailable);
+    const bool found = query.next() && query.value(0).toLongLong() == token;
+    query.finish();
+    return found;
 }
 
 void ArchiveStore::rollback()
@@ -179,21 +361,36 @@ void ArchiveStore::rollback()
     m_db.rollback();
 }
 
+void ArchiveStore::dropCommitMark()
+{
+    QSqlQuery &query = prepared(QStringLiteral("DELETE FROM commit_marks WHERE server_id = ?"));
+    query.bindValue(0, m_instanceId);
+    exec(query, KE_DatabaseNotAvailable);
+}
+
+void ArchiveStore::transactionControl(const QString &sql)
+{
+    // PostgreSQL cannot prepare these; SQLite runs them faster prepared.
+    if (isPostgres())
+        execDirect(sql, KE_DatabaseNotAvailable);
+    else
+        exec(prepared(sql), KE_DatabaseNotAvailable);
+}
+
 void ArchiveStore::savepoint()
 {
-    exec(prepared(QStringLiteral("SAVEPOINT request")), KE_DatabaseNotAvailable);
+    transactionControl(QStringLiteral("SAVEPOINT request"));
 }
 
 void ArchiveStore::releaseSavepoint()
 {
-    exec(prepared(QStringLiteral("RELEASE SAVEPOINT request")), KE_DatabaseNotAvailable);
+    transactionControl(QStringLiteral("RELEASE SAVEPOINT request"));
 }
 
 void ArchiveStore::rollbackToSavepoint()
 {
-    QSqlQuery &rollbackTo = prepared(QStringLiteral("ROLLBACK TO SAVEPOINT request"));
-    rollbackTo.exec();
-    prepared(QStringLiteral("RELEASE SAVEPOINT request")).exec();
+    transactionControl(QStringLiteral("ROLLBACK TO SAVEPOINT request"));
+    transactionControl(QStringLiteral("RELEASE SAVEPOINT request"));
 }
 
 StoredGroup ArchiveStore::groupFromRow(const GroupRow &row) const
@@ -229,7 +426,8 @@ StoredGroup ArchiveStore::groupFromRow(const GroupRow &row) const
 std::optional<StoredGroup> ArchiveStore::group(const QString &guid)
 {
     QSqlQuery &query
-        = prepared(QStringLiteral("SELECT ") + kGroupColumns + QStringLiteral(" FROM file_groups g WHERE g.guid = ?"));
+        = prepared(QStringLiteral("SELECT ") + kGroupColumns + QStringLiteral(" FROM file_groups g WHERE g.guid = ?")
+            + (m_locksGroups ? QStringLiteral(" FOR UPDATE") : QString()));
     query.bindValue(0, guid);
     exec(query, KE_ReadFileGroupFromDbFailed);
     std::optional<StoredGroup> result;
@@ -278,6 +476,7 @@ void ArchiveStore::deleteGroup(const QString &guid)
     for (const QString &sql : {QStringLiteral("DELETE FROM group_files WHERE guid = ?"),
                                QStringLiteral("DELETE FROM group_locks WHERE guid = ?"),
                                QStringLiteral("DELETE FROM group_references WHERE guid = ?"),
+                               QStringLiteral("DELETE FROM move_claims WHERE guid = ?"),
                                QStringLiteral("DELETE FROM file_groups WHERE guid = ?")}) {
         QSqlQuery &query = prepared(sql);
         query.bindValue(0, guid);
@@ -328,6 +527,47 @@ QStringList ArchiveStore::groupsInState(int locationState)
         result.append(query.value(0).toString());
     query.finish();
     return result;
+}
+
+void ArchiveStore::recordMoveClaim(const QString &guid)
+{
+    QSqlQuery &query = prepared(QStringLiteral(
+        "INSERT INTO move_claims (guid, owner) VALUES (?, ?) ON CONFLICT (guid) DO UPDATE SET owner = excluded.owner"));
+    query.bindValue(0, guid);
+    query.bindValue(1, m_instanceId);
+    exec(query, KE_UpdateFileGroupInDbFailed);
+}
+
+bool ArchiveStore::claimMove(const QString &guid)
+{
+    QSqlQuery &query = prepared(QStringLiteral("SELECT owner FROM move_claims WHERE guid = ?")
+                                + (m_locksGroups ? QStringLiteral(" FOR UPDATE") : QString()));
+    query.bindValue(0, guid);
+    exec(query, KE_ReadFileGroupFromDbFailed);
+    const std::optional<QString> owner
+        = query.next() ? std::optional<QString>(query.value(0).toString()) : std::nullopt;
+    query.finish();
+    if (owner && ownerAlive(*owner))
+        return *owner == m_instanceId;
+    recordMoveClaim(guid);
+    return true;
+}
+
+void ArchiveStore::dropMoveClaim(const QString &guid)
+{
+    QSqlQuery &query = prepared(QStringLiteral("DELETE FROM move_claims WHERE guid = ?"));
+    query.bindValue(0, guid);
+    exec(query, KE_UpdateFileGroupInDbFailed);
+}
+
+void ArchiveStore::announceGroup(const QString &guid, int fileType, const QString &path)
+{
+    if (!isPostgres())
+        return;
+    QSqlQuery &query = prepared(QStringLiteral("SELECT pg_notify('%1', ?)").arg(GroupAnnouncement::Channel));
+    query.bindValue(0, GroupAnnouncement{m_instanceId, guid, fileType, path}.payload());
+    exec(query, KE_InsertFileGroupInDbFailed);
+    query.finish();
 }
 
 FileGroupData::FileList ArchiveStore::files(const QString &guid)
@@ -479,10 +719,8 @@ void ArchiveStore::rememberUser(const QString &name)
 {
     if (name.isEmpty())
         return;
-    QSqlQuery &query = prepared(QStringLiteral("INSERT INTO known_users (name) SELECT CAST(? AS TEXT) WHERE NOT EXISTS "
-                                               "(SELECT 1 FROM known_users WHERE name = ?)"));
+    QSqlQuery &query = prepared(QStringLiteral("INSERT INTO known_users (name) VALUES (?) ON CONFLICT DO NOTHING"));
     query.bindValue(0, text(name));
-    query.bindValue(1, text(name));
     exec(query, KE_UnknownError);
 }
 
@@ -490,11 +728,9 @@ void ArchiveStore::rememberApplication(const QString &name)
 {
     if (name.isEmpty())
         return;
-    QSqlQuery &query = prepared(QStringLiteral(
-        "INSERT INTO known_applications (name) SELECT CAST(? AS TEXT)"
-        " WHERE NOT EXISTS (SELECT 1 FROM known_applications WHERE name = ?)"));
+    QSqlQuery &query =
+        prepared(QStringLiteral("INSERT INTO known_applications (name) VALUES (?) ON CONFLICT DO NOTHING"));
     query.bindValue(0, text(name));
-    query.bindValue(1, text(name));
     exec(query, KE_UnknownError);
 }
 

@@ -1,10 +1,13 @@
 #pragma once
 
+#include "databaselocation.h"
 #include "filegroupdata.h"
 #include "filetype.h"
+#include "requestfailure.h"
 
 #include <QHash>
 #include <QSqlDatabase>
+#include <QSqlError>
 #include <QSqlQuery>
 #include <QString>
 #include <QStringList>
@@ -91,9 +94,16 @@ struct GroupSearch
     Range backup, creation, lifeCycle, modification;
 };
 
-// The metadata tables of the archive, reached through Qt SQL. The SQL is
-// plain enough for PostgreSQL as well; the SQLite connection runs in WAL
-// mode with synchronous=FULL so that a commit survives power loss.
+// The metadata tables of the archive, reached through Qt SQL, in SQLite or
+// PostgreSQL. One set of statements serves both; where they differ (setup,
+// row locks, notifications) the store asks isPostgres(). The SQLite
+// connection runs in WAL mode with synchronous=FULL so that a commit
+// survives power loss.
+//
+// On PostgreSQL several servers share the tables. Whatever decides locks,
+// file ids, references or deletions is read with the group's row locked
+// (see setLocksGroups), so the changes of one group are carried out one
+// after another across all servers.
 //
 // Every failing statement throws RequestFailure with the code its caller
 // names, so the handlers stay linear. One thread owns an instance.
@@ -105,10 +115,36 @@ public:
     ArchiveStore(const ArchiveStore &) = delete;
     ArchiveStore &operator=(const ArchiveStore &) = delete;
 
+    // The schema this build writes; a database with a newer one is refused.
+    static constexpr int SchemaVersion = 1;
+
     // Opens (creating when missing) the database and its tables; false with
-    // errorString() on failure.
-    bool open(const QString &databaseFile);
+    // errorString() on failure, and schemaTooNew() when the reason is a
+    // schema of a later build.
+    bool open(const DatabaseLocation &location);
+    // Drops the connection and opens it again, after it was lost.
+    bool reopen();
     QString errorString() const { return m_error; }
+    bool schemaTooNew() const { return m_schemaTooNew; }
+    bool isPostgres() const { return m_location.isPostgres(); }
+    // A statement failed because the connection to the database is gone;
+    // nothing works until reopen() succeeds.
+    bool connectionLost() const { return m_connectionLost; }
+
+    // This server among those sharing the database: names its commit marks,
+    // its move claims and its notifications. Set before open().
+    void setInstanceId(const QString &id) { m_instanceId = id; }
+    // Reads of a group lock its row until the transaction ends: for the
+    // writer of a shared database.
+    void setLocksGroups(bool locks) { m_locksGroups = locks; }
+
+    // Commit marks tell whether a transaction whose COMMIT got no answer
+    // was saved: the writer records one before committing and looks for it
+    // after reconnecting.
+    void writeCommitMark(qint64 token);
+    bool hasCommitMark(qint64 token);
+    // At a clean stop: every answer is out, the mark has served.
+    void dropCommitMark();
 
     void begin();
     bool commit();
@@ -125,6 +161,14 @@ public:
     std::optional<QString> tovinGroup(const QString &tovinId, const QString &recordId);
     // Groups whose move to network storage was under way.
     QStringList groupsInState(int locationState);
+    // A move is carried out by the server that claimed it. claimMove takes
+    // the group's move for this server when nobody alive holds it.
+    void recordMoveClaim(const QString &guid);
+    bool claimMove(const QString &guid);
+    void dropMoveClaim(const QString &guid);
+    // Tells every server listening on the database of a new group, when
+    // the transaction commits.
+    void announceGroup(const QString &guid, int fileType, const QString &path);
 
     FileGroupData::FileList files(const QString &guid);
     std::optional<QString> fileName(const QString &guid, int fileId);
@@ -153,15 +197,27 @@ public:
     static QString searchKey(const QString &text);
 
 private:
+    bool connect();
+    void prepareSqlite();
+    void createSchema();
+    void holdLiveness();
+    bool ownerAlive(const QString &owner);
+    RequestFailure failure(const QSqlError &error, KeldaError code);
     QSqlQuery &prepared(const QString &sql);
+    void transactionControl(const QString &sql);
     void exec(QSqlQuery &query, KeldaError code);
     void execDirect(const QString &sql, KeldaError code);
     StoredGroup groupFromRow(const GroupRow &row) const;
     void refreshCounters(const QString &guid);
 
     QString m_connectionName;
+    DatabaseLocation m_location;
     QSqlDatabase m_db;
     QString m_error;
+    QString m_instanceId;
+    bool m_schemaTooNew = false;
+    bool m_connectionLost = false;
+    bool m_locksGroups = false;
     QHash<QString, std::shared_ptr<QSqlQuery>> m_statements;
 };
 

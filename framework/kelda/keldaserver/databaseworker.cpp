@@ -14,12 +14,15 @@ namespace Kelda {
 
 namespace {
 const char kSource[] = "framework/kelda/keldaserver/databaseworker";
+const QString kUnreachable = QStringLiteral("The archive database is not reachable; the server keeps trying");
+const QString kUnsaved = QStringLiteral("The change could not be saved");
 }
 
-DatabaseWorker::DatabaseWorker(Role role, const QString &databaseFile, const StorageLayout &layout,
-                               Delivery delivery, HandOff handOff)
+DatabaseWorker::DatabaseWorker(Role role, const DatabaseLocation &database, const QString &instanceId,
+                               const StorageLayout &layout, Delivery delivery, HandOff handOff)
     : m_role(role)
-    , m_databaseFile(databaseFile)
+    , m_database(database)
+    , m_instanceId(instanceId)
     , m_layout(layout)
     , m_delivery(std::move(delivery))
     , m_handOff(std::move(handOff))
@@ -72,10 +75,15 @@ void DatabaseWorker::finishAndWait()
     const std::lock_guard<std::mutex> lock(m_mutex);
 }
 
-std::deque<DatabaseJob> DatabaseWorker::takeBatch()
+std::deque<DatabaseJob> DatabaseWorker::takeBatch(int idleTimeoutMs, bool *finishing)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    m_wake.wait(lock, [this] { return !m_queue.empty() || m_finishing; });
+    const auto ready = [this] { return !m_queue.empty() || m_finishing; };
+    if (idleTimeoutMs < 0)
+        m_wake.wait(lock, ready);
+    else
+        m_wake.wait_for(lock, std::chrono::milliseconds(idleTimeoutMs), ready);
+    *finishing = m_finishing;
     // When several connections were changing things a moment ago, their
     // next changes are on their way: waiting a little for them lets one
     // flush serve them all instead of one flush each.
@@ -106,17 +114,23 @@ void DatabaseWorker::run()
 void DatabaseWorker::serve()
 {
     ArchiveStore store;
+    store.setInstanceId(m_instanceId);
+    store.setLocksGroups(m_role == Role::Writer && m_database.isPostgres());
     ArchiveEngine engine(store, m_layout);
-    const bool opened = store.open(m_databaseFile);
+    const bool opened = store.open(m_database);
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (opened && m_role == Role::Writer) {
             try {
+                store.begin();
                 m_unfinishedMoves = engine.unfinishedMoves();
+                if (!store.commit())
+                    m_unfinishedMoves.clear();
             } catch (const RequestFailure &failure) {
+                store.rollback();
                 Q_TRACE_FAILURE(kSource, failure.text);
             }
-        } else {
+        } else if (!opened) {
             m_error = store.errorString();
         }
         m_state = opened ? State::Open : State::Failed;
@@ -127,32 +141,97 @@ void DatabaseWorker::serve()
     m_store = &store;
     m_engine = &engine;
     for (;;) {
-        std::deque<DatabaseJob> batch = takeBatch();
-        if (batch.empty())
-            break;
+        if (!m_heldMoves.empty() && !store.connectionLost()) {
+            for (DatabaseJob &job : m_heldMoves)
+                post(std::move(job));
+            m_heldMoves.clear();
+        }
+        bool finishing = false;
+        // A lost database is sought again also while nobody asks.
+        std::deque<DatabaseJob> batch = takeBatch(store.connectionLost() ? m_reconnectPauseMs : -1, &finishing);
+        if (batch.empty()) {
+            if (finishing)
+                break;
+            ensureConnected();
+            continue;
+        }
         m_delivery(m_role == Role::Writer ? carryOut(batch) : read(batch));
+    }
+    if (m_role == Role::Writer && m_database.isPostgres() && !store.connectionLost()) {
+        try {
+            store.dropCommitMark();
+        } catch (const RequestFailure &failure) {
+            Q_TRACE_FAILURE(kSource, failure.text);
+        }
     }
     m_store = nullptr;
     m_engine = nullptr;
 }
 
+bool DatabaseWorker::ensureConnected()
+{
+    if (!m_store->connectionLost())
+        return true;
+    if (m_sinceReconnect.isValid() && m_sinceReconnect.elapsed() < m_reconnectPauseMs)
+        return false;
+    return reconnect();
+}
+
+bool DatabaseWorker::reconnect()
+{
+    m_sinceReconnect.start();
+    if (m_store->reopen()) {
+        Q_TRACE_FAILURE(kSource, QStringLiteral("Reconnected to the database %1").arg(m_database.displayName()));
+        m_reconnectPauseMs = FirstReconnectMs;
+        return true;
+    }
+    Q_TRACE_FAILURE(kSource, QStringLiteral("%1; next attempt in %2 ms")
+                                 .arg(m_store->errorString())
+                                 .arg(m_reconnectPauseMs));
+    m_reconnectPauseMs = qMin(2 * m_reconnectPauseMs, int(MaxReconnectMs));
+    return false;
+}
+
+DatabaseAnswer DatabaseWorker::failedAnswer(const DatabaseJob &job, const QString &text)
+{
+    DatabaseAnswer answer;
+    answer.connectionId = job.origin.connectionId;
+    answer.sequence = job.origin.sequence;
+    if (job.kind == DatabaseJob::Kind::Request)
+        answer.reply = ReplyWriter::status(job.request.command, job.request.requestId, KE_DatabaseNotAvailable, text);
+    return answer;
+}
+
 std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::read(std::deque<DatabaseJob> &batch)
 {
     auto answers = std::make_shared<std::vector<DatabaseAnswer>>(batch.size());
+    const bool connected = ensureConnected();
     for (size_t i = 0; i < batch.size(); ++i) {
         DatabaseAnswer &answer = (*answers)[i];
+        if (!connected || m_store->connectionLost()) {
+            answer = failedAnswer(batch[i], kUnreachable);
+            continue;
+        }
         answer.connectionId = batch[i].origin.connectionId;
         answer.sequence = batch[i].origin.sequence;
-        RequestOutcome outcome;
-        try {
-            m_engine->handle(batch[i].request, batch[i].origin, outcome);
-        } catch (const RequestFailure &failure) {
-            outcome.reply = ReplyWriter::status(batch[i].request.command, batch[i].request.requestId, failure.code,
-                                                failure.text);
-        }
-        answer.reply = std::move(outcome.reply);
+        answer.reply = readOne(batch[i]);
+        // Reading changes nothing: after a connection that was lost while
+        // idle, the read may simply run again on a fresh one.
+        if (m_store->connectionLost() && i == 0 && reconnect())
+            answer.reply = readOne(batch[i]);
     }
     return answers;
+}
+
+QByteArray DatabaseWorker::readOne(const DatabaseJob &job)
+{
+    RequestOutcome outcome;
+    try {
+        m_engine->handle(job.request, job.origin, outcome);
+    } catch (const RequestFailure &failure) {
+        outcome.reply = ReplyWriter::status(job.request.command, job.request.requestId, failure.code, failure.text);
+    }
+    return outcome.reply;
 }
 
 std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::carryOut(std::deque<DatabaseJob> &batch)
@@ -179,43 +258,108 @@ std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::carryOut(std::deque
         for (DatabaseJob &job : deferred)
             m_handOff(std::move(job));
     };
-    auto answers = std::make_shared<std::vector<DatabaseAnswer>>(batch.size());
-    std::vector<std::function<void()>> afterCommit;
-    bool begun = true;
-    try {
-        m_store->begin();
-    } catch (const RequestFailure &failure) {
-        Q_TRACE_FAILURE(kSource, QStringLiteral("Cannot begin a transaction: %1").arg(failure.text));
-        begun = false;
-    }
-    if (begun) {
-        for (size_t i = 0; i < batch.size(); ++i)
-            carryOutOne(batch[i], (*answers)[i], afterCommit);
-    }
-    if (begun && m_store->commit()) {
-        for (const auto &action : afterCommit)
-            action();
-        handOffDeferred();
-        return answers;
-    }
+    auto answers = std::make_shared<std::vector<DatabaseAnswer>>();
+    answers->reserve(batch.size());
+    std::vector<DatabaseJob *> pending;
+    for (DatabaseJob &job : batch)
+        pending.push_back(&job);
+    for (int round = 0; !pending.empty(); ++round)
+        pending = transact(pending, round < MaxRetries, *answers);
     handOffDeferred();
-    if (begun)
-        Q_TRACE_FAILURE(kSource, QStringLiteral("Commit failed: %1").arg(m_store->errorString()));
-    // Nothing of this batch is saved: no job may be confirmed.
-    for (size_t i = 0; i < batch.size(); ++i) {
-        DatabaseAnswer &answer = (*answers)[i];
-        const DatabaseJob &job = batch[i];
-        answer = DatabaseAnswer{};
-        answer.connectionId = job.origin.connectionId;
-        answer.sequence = job.origin.sequence;
-        if (job.kind == DatabaseJob::Kind::Request)
-            answer.reply = ReplyWriter::status(job.request.command, job.request.requestId, KE_DatabaseNotAvailable,
-                                               QStringLiteral("The change could not be saved"));
-    }
     return answers;
 }
 
-void DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
+std::vector<DatabaseJob *> DatabaseWorker::transact(const std::vector<DatabaseJob *> &jobs, bool mayRetry,
+                                                    std::vector<DatabaseAnswer> &answers)
+{
+    const auto failAll = [&](const QString &text) {
+        for (const DatabaseJob *job : jobs) {
+            if (job->kind == DatabaseJob::Kind::MoveFinished && m_store->connectionLost())
+                m_heldMoves.push_back(*job);
+            answers.push_back(failedAnswer(*job, text));
+        }
+        return std::vector<DatabaseJob *>();
+    };
+    if (!ensureConnected())
+        return failAll(kUnreachable);
+    // A database that went away while this worker was idle shows first at
+    // BEGIN; nothing is done yet, so a fresh connection may take over.
+    for (bool first = true;; first = false) {
+        try {
+            m_store->begin();
+            break;
+        } catch (const RequestFailure &failure) {
+            if (first && m_store->connectionLost() && reconnect())
+                continue;
+            Q_TRACE_FAILURE(kSource, QStringLiteral("Cannot begin a transaction: %1").arg(failure.text));
+            return failAll(kUnsaved);
+        }
+    }
+    std::vector<DatabaseAnswer> done(jobs.size());
+    std::vector<bool> again(jobs.size(), false);
+    std::vector<std::function<void()>> afterCommit;
+    for (size_t i = 0; i < jobs.size() && !m_store->connectionLost(); ++i)
+        again[i] = !carryOutOne(*jobs[i], done[i], afterCommit) && mayRetry;
+    if (m_store->connectionLost() || !commitBatch()) {
+        Q_TRACE_FAILURE(kSource, QStringLiteral("Commit failed: %1").arg(m_store->errorString()));
+        // Nothing of this transaction is saved: no job may be confirmed.
+        return failAll(kUnsaved);
+    }
+    for (const auto &action : afterCommit)
+        action();
+    std::vector<DatabaseJob *> retries;
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        if (again[i])
+            retries.push_back(jobs[i]);
+        else
+            answers.push_back(std::move(done[i]));
+    }
+    return retries;
+}
+
+bool DatabaseWorker::commitBatch()
+{
+    if (!m_database.isPostgres())
+        return m_store->commit();
+    const qint64 token = ++m_commitToken;
+    try {
+        m_store->writeCommitMark(token);
+    } catch (const RequestFailure &failure) {
+        Q_TRACE_FAILURE(kSource, QStringLiteral("Cannot mark the commit: %1").arg(failure.text));
+        m_store->rollback();
+        return false;
+    }
+    if (m_store->commit())
+        return true;
+    if (!m_store->connectionLost())
+        return false;
+    // The COMMIT may have been carried out before the connection broke.
+    // Answering an error for a saved change would be as wrong as
+    // confirming a lost one: look, as long as the client can wait.
+    QElapsedTimer looking;
+    looking.start();
+    while (looking.elapsed() < CommitCheckMs) {
+        if (m_store->reopen()) {
+            m_reconnectPauseMs = FirstReconnectMs;
+            try {
+                const bool saved = m_store->hasCommitMark(token);
+                Q_TRACE_FAILURE(kSource, saved ? QStringLiteral("The commit without answer was saved")
+                                               : QStringLiteral("The commit without answer was lost"));
+                return saved;
+            } catch (const RequestFailure &failure) {
+                Q_TRACE_FAILURE(kSource, failure.text);
+            }
+        }
+        QThread::msleep(quint64(m_reconnectPauseMs));
+        m_reconnectPauseMs = qMin(2 * m_reconnectPauseMs, int(MaxReconnectMs));
+    }
+    Q_TRACE_FAILURE(kSource, QStringLiteral("The outcome of a commit stays unknown: the database %1 is unreachable")
+                                 .arg(m_database.displayName()));
+    m_sinceReconnect.start();
+    return false;
+}
+
+bool DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
                                  std::vector<std::function<void()>> &afterCommit)
 {
     answer.connectionId = job.origin.connectionId;
@@ -225,7 +369,7 @@ void DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
     } catch (const RequestFailure &failure) {
         if (job.kind == DatabaseJob::Kind::Request)
             answer.reply = ReplyWriter::status(job.request.command, job.request.requestId, failure.code, failure.text);
-        return;
+        return true;
     }
     bool ok = true;
     RequestOutcome outcome;
@@ -255,13 +399,14 @@ void DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
     }
     answer.reply = std::move(outcome.reply);
     if (!ok)
-        return;
+        return !outcome.retry;
     for (auto &action : outcome.afterCommit)
         afterCommit.push_back(std::move(action));
     answer.newGroups = std::move(outcome.newGroups);
     answer.moves = std::move(outcome.moves);
     answer.registersConverter = outcome.registersConverter;
     answer.converterTypes = outcome.converterTypes;
+    return true;
 }
 
 } // namespace Kelda

@@ -4,6 +4,7 @@
 #include "request.h"
 #include "storagelayout.h"
 
+#include <QElapsedTimer>
 #include <QThread>
 
 #include <condition_variable>
@@ -58,6 +59,13 @@ struct DatabaseAnswer
 // A reader carries out read-only requests on a snapshot of committed data,
 // so that long queries and exports never hold up changes.
 //
+// On a shared PostgreSQL database a request that lost a deadlock against
+// another server is carried out again in the next transaction. A worker that
+// loses its connection answers every job with an error at once and
+// reconnects with a bounded back-off. A COMMIT that got no answer is not
+// assumed lost: the transaction carries a commit mark, and after
+// reconnecting the writer looks for it before answering.
+//
 // Every hand-over with the thread goes through the standard library's mutex
 // and condition variable, which thread checkers see; Qt's are opaque to them.
 class DatabaseWorker : public QThread
@@ -67,8 +75,8 @@ public:
     using Delivery = std::function<void(std::shared_ptr<std::vector<DatabaseAnswer>>)>;
     using HandOff = std::function<void(DatabaseJob)>;
 
-    DatabaseWorker(Role role, const QString &databaseFile, const StorageLayout &layout, Delivery delivery,
-                   HandOff handOff = HandOff());
+    DatabaseWorker(Role role, const DatabaseLocation &database, const QString &instanceId,
+                   const StorageLayout &layout, Delivery delivery, HandOff handOff = HandOff());
     ~DatabaseWorker() override;
 
     // Starts the thread and waits until the database is open; false with
@@ -91,19 +99,37 @@ public:
     static constexpr int MaxBatch = 1024;
     // Longest wait for the next changes of recently active connections.
     static constexpr int GatherMicroseconds = 1000;
+    // Rounds a request that lost to another server's change gets.
+    static constexpr int MaxRetries = 5;
+    // Bounds of the pause between attempts to reach a lost database.
+    static constexpr int FirstReconnectMs = 100;
+    static constexpr int MaxReconnectMs = 2000;
+    // How long a COMMIT without answer may keep the writer looking for its
+    // outcome; well within the client's wait for any answer.
+    static constexpr int CommitCheckMs = 15000;
 
 protected:
     void run() override;
 
 private:
     void serve();
-    std::deque<DatabaseJob> takeBatch();
+    // Waits for jobs; with a timeout (ms, not negative) it may return none
+    // while the worker keeps running.
+    std::deque<DatabaseJob> takeBatch(int idleTimeoutMs, bool *finishing);
     std::shared_ptr<std::vector<DatabaseAnswer>> carryOut(std::deque<DatabaseJob> &batch);
     std::shared_ptr<std::vector<DatabaseAnswer>> read(std::deque<DatabaseJob> &batch);
-    void carryOutOne(DatabaseJob &job, DatabaseAnswer &answer, std::vector<std::function<void()>> &afterCommit);
+    QByteArray readOne(const DatabaseJob &job);
+    std::vector<DatabaseJob *> transact(const std::vector<DatabaseJob *> &jobs, bool mayRetry,
+                                        std::vector<DatabaseAnswer> &answers);
+    bool carryOutOne(DatabaseJob &job, DatabaseAnswer &answer, std::vector<std::function<void()>> &afterCommit);
+    bool commitBatch();
+    bool ensureConnected();
+    bool reconnect();
+    static DatabaseAnswer failedAnswer(const DatabaseJob &job, const QString &text);
 
     const Role m_role;
-    const QString m_databaseFile;
+    const DatabaseLocation m_database;
+    const QString m_instanceId;
     const StorageLayout m_layout;
     const Delivery m_delivery;
     const HandOff m_handOff;
@@ -119,6 +145,13 @@ private:
 
     QString m_error;
     std::vector<MoveOrder> m_unfinishedMoves;
+    // Connection state; only the worker's own thread touches these.
+    QElapsedTimer m_sinceReconnect;
+    int m_reconnectPauseMs = FirstReconnectMs;
+    qint64 m_commitToken = 0;
+    // Ends of moves that could not be recorded while the database was
+    // away; carried out once it is back (they are safe to do late).
+    std::vector<DatabaseJob> m_heldMoves;
     ArchiveStore *m_store = nullptr;
     ArchiveEngine *m_engine = nullptr;
 };

@@ -14,6 +14,9 @@ struct RequestFailure
 {
     KeldaError code;
     QString text;
+    // Lost to another server's concurrent change (deadlock, serialization):
+    // worth carrying out again in a later transaction.
+    bool retry = false;
 };
 
 } // namespace Kelda

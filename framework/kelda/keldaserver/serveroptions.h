@@ -1,5 +1,7 @@
 #pragma once
 
+#include "databaselocation.h"
+
 #include <QHostAddress>
 #include <QString>
 #include <QStringList>
@@ -16,7 +18,7 @@ struct ServerOptions
         ExitOk = 0,
         ExitUsage = 64,       // bad arguments
         ExitUnavailable = 69, // cannot listen on the address
-        ExitStorage = 70      // cannot create the storage folders or open the database
+        ExitStorage = 70      // cannot create the storage folders or open the database, or its schema is newer
     };
 
     static constexpr quint16 DefaultPort = 5223;
@@ -29,7 +31,7 @@ struct ServerOptions
     QHostAddress host = QHostAddress(QHostAddress::LocalHost);
     quint16 port = DefaultPort;
     QString basePath;
-    QString databaseFile;
+    DatabaseLocation database;
     QString nasPath;
     quint32 maxFrame = DefaultMaxFrame;
     bool hasTraceMask = false;

@@ -1,7 +1,13 @@
 #include "serverprocess.h"
 
+#include "postgrescluster.h"
+
+#include <QCryptographicHash>
 #include <QDeadlineTimer>
 #include <QRegularExpression>
+
+#include <cstdio>
+#include <cstdlib>
 
 ServerProcess::ServerProcess(const QString &basePath)
     : m_basePath(basePath)
@@ -19,6 +25,26 @@ ServerProcess::~ServerProcess()
     stop();
 }
 
+bool ServerProcess::usesPostgres()
+{
+    return qEnvironmentVariable("KELDA_TEST_BACKEND") == QLatin1String("postgresql");
+}
+
+QString ServerProcess::postgresUrl(const QString &basePath, QString *error)
+{
+    if (PostgresCluster::binDirectory().isEmpty() && !PostgresCluster::required()) {
+        std::fprintf(stderr, "SKIP: %s (set KELDA_REQUIRE_POSTGRES=1 to fail instead)\n",
+                     qPrintable(PostgresCluster::missingText()));
+        std::exit(SkipExitCode);
+    }
+    PostgresCluster *cluster = PostgresCluster::shared(error);
+    if (!cluster)
+        return QString();
+    const QString name = QStringLiteral("kelda_")
+        + QString::fromLatin1(QCryptographicHash::hash(basePath.toUtf8(), QCryptographicHash::Sha1).toHex().left(16));
+    return cluster->createDatabase(name, error) ? cluster->url(name) : QString();
+}
+
 QString ServerProcess::programPath()
 {
     return QStringLiteral(KELDASERVER_PROGRAM);
@@ -34,6 +60,12 @@ bool ServerProcess::start(int timeoutMs)
     m_error.clear();
     QStringList arguments{QStringLiteral("--listen"), QStringLiteral("127.0.0.1:0"), QStringLiteral("--base-path"),
                           m_basePath};
+    if (usesPostgres() && !m_extraArguments.contains(QStringLiteral("--db"))) {
+        const QString url = postgresUrl(m_basePath, &m_error);
+        if (url.isEmpty())
+            return false;
+        arguments << QStringLiteral("--db") << url;
+    }
     arguments += m_extraArguments;
     m_process.start(programPath(), arguments);
     if (!m_process.waitForStarted(timeoutMs)) {

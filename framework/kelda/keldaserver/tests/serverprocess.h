@@ -11,6 +11,12 @@
 // way users run it: on 127.0.0.1 with a free port, below a fresh temporary
 // base path unless one is given (give the same one again to restart on the
 // same data). Every wait is bounded.
+//
+// With KELDA_TEST_BACKEND=postgresql the metadata goes to a database of the
+// test program's throw-away PostgreSQL cluster, one database per base path,
+// so the same tests run on both backends. Without PostgreSQL installed such
+// a run ends at once with SkipExitCode (CTest reports it skipped), unless
+// KELDA_REQUIRE_POSTGRES=1.
 class ServerProcess
 {
 public:
@@ -42,6 +48,12 @@ public:
     QProcess::ExitStatus exitStatus() const;
 
     static QString programPath();
+
+    static bool usesPostgres();
+    // The --db URL for a base path on the shared cluster; empty with *error
+    // set when there is none.
+    static QString postgresUrl(const QString &basePath, QString *error);
+    static constexpr int SkipExitCode = 77;
 
 private:
     std::unique_ptr<QTemporaryDir> m_temporaryDir;
