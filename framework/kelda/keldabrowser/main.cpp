@@ -3,6 +3,7 @@
 #include "screenshots.h"
 
 #include "keldaclient.h"
+#include "loginname.h"
 
 #include <QApplication>
 #include <QDir>
@@ -18,12 +19,6 @@ namespace {
 void print(FILE *stream, const QString &text)
 {
     std::fputs(qPrintable(text), stream);
-}
-
-QString loginName()
-{
-    const QString user = qEnvironmentVariable("USER");
-    return user.isEmpty() ? qEnvironmentVariable("USERNAME") : user;
 }
 
 bool waitForConnection(Kelda::KeldaClient &client, int timeoutMs)
@@ -122,7 +117,7 @@ int main(int argc, char *argv[])
     }
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("keldabrowser"));
-    Kelda::KeldaClient client(options.host, options.port, QStringLiteral("keldabrowser"), loginName(), QString());
+    Kelda::KeldaClient client(options.host, options.port, QStringLiteral("keldabrowser"), Kelda::LoginName(), QString());
     if (!options.screenshotDir.isEmpty())
         return renderAndExit(client, options);
 

@@ -2,6 +2,7 @@
 
 #include "configuredserver.h"
 #include "keldaclient.h"
+#include "loginname.h"
 
 #include "cfgcenter.h"
 
@@ -9,28 +10,9 @@
 
 #include <cstdio>
 
-#include <pwd.h>
-#include <unistd.h>
-
 using namespace Kelda;
 
 namespace KeldaCli {
-
-namespace {
-
-QString loginName()
-{
-    QString user = qEnvironmentVariable("USER");
-    if (user.isEmpty())
-        user = qEnvironmentVariable("USERNAME");
-    if (user.isEmpty()) {
-        if (const passwd *entry = getpwuid(getuid()))
-            user = QString::fromLocal8Bit(entry->pw_name);
-    }
-    return user;
-}
-
-} // namespace
 
 ConnectionSettings defaultConnectionSettings()
 {
@@ -39,7 +21,7 @@ ConnectionSettings defaultConnectionSettings()
     settings.host = server.host;
     settings.port = server.port;
     settings.application = CfgCenter::GetAppName();
-    settings.user = loginName();
+    settings.user = LoginName();
     return settings;
 }
 
