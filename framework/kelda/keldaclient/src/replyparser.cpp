@@ -99,58 +99,58 @@ constexpr QLatin1String CopyProgress = Latin1Literal("Error while getting progre
 } // namespace TraceText
 
 // Envelope steps, in the envelope namespace.
-const ExpectedElements EnvelopeList{Tag::Envelope};
-const ExpectedElements HeaderOrBodyList{Tag::Header, Tag::Body};
-const ExpectedElements VersionList{Tag::Version};
-const ExpectedElements RequestIdList{Tag::RequestId};
-const ExpectedElements BodyList{Tag::Body};
+constexpr ExpectedElements EnvelopeList{Tag::Envelope};
+constexpr ExpectedElements HeaderOrBodyList{Tag::Header, Tag::Body};
+constexpr ExpectedElements VersionList{Tag::Version};
+constexpr ExpectedElements RequestIdList{Tag::RequestId};
+constexpr ExpectedElements BodyList{Tag::Body};
 
 // Reply bodies. Where a reply has them, Error and ErrorString are the last
 // two entries.
-const ExpectedElements AddFileList{EndOf(Tag::AddFileReply), Tag::FileId, Tag::Error, Tag::ErrorString};
-const ExpectedElements AddReferenceList{EndOf(Tag::AddReferenceReply), Tag::Error, Tag::ErrorString};
-const ExpectedElements CheckFileGroupExistsList{EndOf(Tag::CheckFileGroupExistsReply), Tag::Exists, Tag::Error,
+constexpr ExpectedElements AddFileList{EndOf(Tag::AddFileReply), Tag::FileId, Tag::Error, Tag::ErrorString};
+constexpr ExpectedElements AddReferenceList{EndOf(Tag::AddReferenceReply), Tag::Error, Tag::ErrorString};
+constexpr ExpectedElements CheckFileGroupExistsList{EndOf(Tag::CheckFileGroupExistsReply), Tag::Exists, Tag::Error,
                                                 Tag::ErrorString};
-const ExpectedElements CloseFileList{EndOf(Tag::CloseFileReply), Tag::Error, Tag::ErrorString};
-const ExpectedElements CreateFileGroupList{EndOf(Tag::CreateFileGroupReply), Tag::Guid, Tag::Path, Tag::Error,
+constexpr ExpectedElements CloseFileList{EndOf(Tag::CloseFileReply), Tag::Error, Tag::ErrorString};
+constexpr ExpectedElements CreateFileGroupList{EndOf(Tag::CreateFileGroupReply), Tag::Guid, Tag::Path, Tag::Error,
                                            Tag::ErrorString};
-const ExpectedElements CreateTovinFileGroupList{EndOf(Tag::CreateTovinFileGroupReply), Tag::Guid, Tag::Path,
+constexpr ExpectedElements CreateTovinFileGroupList{EndOf(Tag::CreateTovinFileGroupReply), Tag::Guid, Tag::Path,
                                                 Tag::Error, Tag::ErrorString};
-const ExpectedElements DeleteFileGroupList{EndOf(Tag::DeleteFileGroupReply), Tag::Error, Tag::ErrorString};
-const ExpectedElements DeleteFileList{EndOf(Tag::DeleteFileReply), Tag::Error, Tag::ErrorString};
-const ExpectedElements ExportArchiveList{EndOf(Tag::ExportArchiveReply), Tag::Error, Tag::ErrorString};
-const ExpectedElements ImportArchiveList{EndOf(Tag::ImportArchiveReply), Tag::Error, Tag::ErrorString};
-const ExpectedElements GetTovinFilegroupGuidList{EndOf(Tag::GetTovinFilegroupGuidReply), Tag::Guid, Tag::Error,
+constexpr ExpectedElements DeleteFileGroupList{EndOf(Tag::DeleteFileGroupReply), Tag::Error, Tag::ErrorString};
+constexpr ExpectedElements DeleteFileList{EndOf(Tag::DeleteFileReply), Tag::Error, Tag::ErrorString};
+constexpr ExpectedElements ExportArchiveList{EndOf(Tag::ExportArchiveReply), Tag::Error, Tag::ErrorString};
+constexpr ExpectedElements ImportArchiveList{EndOf(Tag::ImportArchiveReply), Tag::Error, Tag::ErrorString};
+constexpr ExpectedElements GetTovinFilegroupGuidList{EndOf(Tag::GetTovinFilegroupGuidReply), Tag::Guid, Tag::Error,
                                                  Tag::ErrorString};
-const ExpectedElements GetApplicationListList{EndOf(Tag::GetApplicationListReply), Tag::Applications,
+constexpr ExpectedElements GetApplicationListList{EndOf(Tag::GetApplicationListReply), Tag::Applications,
                                               Tag::Application, EndOf(Tag::Applications), Tag::Error,
                                               Tag::ErrorString};
-const ExpectedElements GetUserListList{EndOf(Tag::GetUserListReply), Tag::Users, Tag::User, EndOf(Tag::Users),
+constexpr ExpectedElements GetUserListList{EndOf(Tag::GetUserListReply), Tag::Users, Tag::User, EndOf(Tag::Users),
                                        Tag::Error, Tag::ErrorString};
-const ExpectedElements GetFileListList{EndOf(Tag::GetFileListReply), Tag::Files, Tag::File, Tag::FileId,
+constexpr ExpectedElements GetFileListList{EndOf(Tag::GetFileListReply), Tag::Files, Tag::File, Tag::FileId,
                                        Tag::FileName, EndOf(Tag::File), EndOf(Tag::Files), Tag::Error,
                                        Tag::ErrorString};
-const ExpectedElements GetBasePathList{EndOf(Tag::GetBasePathReply), Tag::Path, Tag::Error, Tag::ErrorString};
-const ExpectedElements GetRemoteStorageLocationList{EndOf(Tag::GetRemoteStorageLocationReply), Tag::RemoteIp,
+constexpr ExpectedElements GetBasePathList{EndOf(Tag::GetBasePathReply), Tag::Path, Tag::Error, Tag::ErrorString};
+constexpr ExpectedElements GetRemoteStorageLocationList{EndOf(Tag::GetRemoteStorageLocationReply), Tag::RemoteIp,
                                                     Tag::AttachmentUrl, Tag::Error, Tag::ErrorString};
-const ExpectedElements MoveToNasList{EndOf(Tag::MoveToNasReply), Tag::Error, Tag::ErrorString};
-const ExpectedElements QueryFileGroupsList{EndOf(Tag::QueryFileGroupsReply), Tag::FileGroup, Tag::Error,
+constexpr ExpectedElements MoveToNasList{EndOf(Tag::MoveToNasReply), Tag::Error, Tag::ErrorString};
+constexpr ExpectedElements QueryFileGroupsList{EndOf(Tag::QueryFileGroupsReply), Tag::FileGroup, Tag::Error,
                                            Tag::ErrorString};
-const ExpectedElements FileGroupList{EndOf(Tag::FileGroup), Tag::Guid, Tag::FileGroupName, Tag::FileType,
+constexpr ExpectedElements FileGroupList{EndOf(Tag::FileGroup), Tag::Guid, Tag::FileGroupName, Tag::FileType,
                                      Tag::LocationState, Tag::BackupTime, Tag::CreationTime,
                                      Tag::ModificationTime, Tag::LifeCycle, Tag::Comment, Tag::Creator,
                                      Tag::Detail, Tag::TeamMembership, Tag::Version, Tag::ReservedStorage,
                                      Tag::ReferenceCounter, Tag::Files};
-const ExpectedElements QueryLocationStateProgressList{EndOf(Tag::QueryLocationStateProgressReply),
+constexpr ExpectedElements QueryLocationStateProgressList{EndOf(Tag::QueryLocationStateProgressReply),
                                                       Tag::LocationState, Tag::CopyProgress, Tag::Error,
                                                       Tag::ErrorString};
-const ExpectedElements RegisterConverterList{EndOf(Tag::RegisterConverterReply), Tag::Error, Tag::ErrorString};
-const ExpectedElements RemoveAllReferencesList{EndOf(Tag::RemoveAllReferencesReply), Tag::Error,
+constexpr ExpectedElements RegisterConverterList{EndOf(Tag::RegisterConverterReply), Tag::Error, Tag::ErrorString};
+constexpr ExpectedElements RemoveAllReferencesList{EndOf(Tag::RemoveAllReferencesReply), Tag::Error,
                                                Tag::ErrorString};
-const ExpectedElements RemoveReferenceList{EndOf(Tag::RemoveReferenceReply), Tag::Error, Tag::ErrorString};
-const ExpectedElements RequestFileList{EndOf(Tag::RequestFileReply), Tag::Path, Tag::Error, Tag::ErrorString};
-const ExpectedElements ConvertFileGroupList{EndOf(Tag::ConvertFileGroup), Tag::Guid, Tag::FileType, Tag::Path};
-const ExpectedElements CopyForeignFileGroupProgressList{EndOf(Tag::CopyForeignFileGroupProgress),
+constexpr ExpectedElements RemoveReferenceList{EndOf(Tag::RemoveReferenceReply), Tag::Error, Tag::ErrorString};
+constexpr ExpectedElements RequestFileList{EndOf(Tag::RequestFileReply), Tag::Path, Tag::Error, Tag::ErrorString};
+constexpr ExpectedElements ConvertFileGroupList{EndOf(Tag::ConvertFileGroup), Tag::Guid, Tag::FileType, Tag::Path};
+constexpr ExpectedElements CopyForeignFileGroupProgressList{EndOf(Tag::CopyForeignFileGroupProgress),
                                                         Tag::CopyProgress, Tag::Error, Tag::ErrorString};
 
 // Two digits of text from position at; -1 for anything else.
@@ -418,12 +418,13 @@ private:
     // The rules of QString::toInt(): blanks around, a sign, no group separators.
     static int ToInt(QStringView text)
     {
-        static const QLocale c = [] {
-            QLocale locale = QLocale::c();
-            locale.setNumberOptions(QLocale::RejectGroupSeparator);
+        // Never destroyed, like the element lists.
+        static const QLocale *const c = [] {
+            auto *locale = new QLocale(QLocale::c());
+            locale->setNumberOptions(QLocale::RejectGroupSeparator);
             return locale;
         }();
-        return c.toInt(text);
+        return c->toInt(text);
     }
 
     QVarLengthArray<QChar, 64> m_buffer;
@@ -648,7 +649,7 @@ struct ReplyEntry
 
 // Every message the client recognises, by its body element, in ReplyKind
 // order.
-const ReplyEntry Replies[] = {
+constexpr ReplyEntry Replies[] = {
     {Tag::CreateFileGroupReply, ParseCreateFileGroup},
     {Tag::AddFileReply, ParseAddFile},
     {Tag::DeleteFileReply, StatusReply<DeleteFileList, TraceText::DeleteFile>},
@@ -679,15 +680,15 @@ const ReplyEntry Replies[] = {
 };
 static_assert(std::size(Replies) == size_t(ReplyKind::Count), "one entry per reply kind");
 
-ExpectedElements BodyElements()
+constexpr ExpectedElements BodyElements()
 {
-    QVector<ExpectedElements::Entry> bodies;
+    ExpectedElements bodies;
     for (const ReplyEntry &reply : Replies)
-        bodies.append(reply.body);
-    return ExpectedElements(bodies);
+        bodies.Append(reply.body);
+    return bodies;
 }
 
-const ExpectedElements DispatchList = BodyElements();
+constexpr ExpectedElements DispatchList = BodyElements();
 
 void ParseBody(ReplyKind kind, QXmlStreamReader &reader, ParsedReply &out)
 {
@@ -719,21 +720,17 @@ void FailWith(const ReplyProtocolError &error, const QXmlStreamReader &reader, P
 
 } // namespace
 
-ExpectedElements::ExpectedElements(std::initializer_list<Entry> entries)
-    : ExpectedElements(QVector<Entry>(entries))
+QString ExpectedElements::Joined() const
 {
-}
-
-ExpectedElements::ExpectedElements(const QVector<Entry> &entries)
-    : m_entries(entries)
-{
-    for (const Entry &entry : entries) {
-        if (!m_sJoined.isEmpty())
-            m_sJoined += QLatin1String(", ");
-        if (entry.isEnd)
-            m_sJoined += QLatin1Char('/');
-        m_sJoined += entry.name;
+    QString joined;
+    for (int i = 0; i < m_size; ++i) {
+        if (i > 0)
+            joined += QLatin1String(", ");
+        if (m_entries[i].isEnd)
+            joined += QLatin1Char('/');
+        joined += m_entries[i].name;
     }
+    return joined;
 }
 
 int ReadNextExpected(QXmlStreamReader &reader, const ExpectedElements &expected, QLatin1String namespaceUri)

@@ -13,6 +13,7 @@
 
 #include <initializer_list>
 #include <optional>
+#include <stdexcept>
 #include <variant>
 
 // Reading of the server's messages: the envelope, the dispatch by body
@@ -47,33 +48,53 @@ private:
 };
 
 // The names one read step accepts. An entry made with EndOf() stands for the
-// end tag of that element ("/Name" in error texts). Lists are built once and
-// shared; position 0 of every reply's list is the reply's own end tag.
+// end tag of that element ("/Name" in error texts). Position 0 of every
+// reply's list is the reply's own end tag.
+//
+// Lists are constants, built at compile time and never destroyed: a sender
+// thread that a client abandoned may still be parsing while the process
+// runs its exit-time destructors.
 class ExpectedElements
 {
 public:
     struct Entry
     {
+        constexpr Entry() = default;
         constexpr Entry(QLatin1String n, bool end = false)
             : name(n)
             , isEnd(end)
         {
         }
         QLatin1String name;
-        bool isEnd;
+        bool isEnd = false;
     };
 
-    ExpectedElements(std::initializer_list<Entry> entries);
-    explicit ExpectedElements(const QVector<Entry> &entries);
+    // Enough for the dispatch list, the longest.
+    static constexpr int Capacity = 32;
 
-    int Size() const { return m_entries.size(); }
-    const Entry &At(int index) const { return m_entries.at(index); }
+    constexpr ExpectedElements() = default;
+    constexpr ExpectedElements(std::initializer_list<Entry> entries)
+    {
+        for (const Entry &entry : entries)
+            Append(entry);
+    }
+
+    // A list longer than Capacity does not compile when built as a constant.
+    constexpr void Append(Entry entry)
+    {
+        if (m_size == Capacity)
+            throw std::length_error("ExpectedElements: more entries than Capacity");
+        m_entries[m_size++] = entry;
+    }
+
+    constexpr int Size() const { return m_size; }
+    constexpr const Entry &At(int index) const { return m_entries[index]; }
     // The entries joined by ", ", for error texts.
-    const QString &Joined() const { return m_sJoined; }
+    QString Joined() const;
 
 private:
-    QVector<Entry> m_entries;
-    QString m_sJoined;
+    Entry m_entries[Capacity] = {};
+    int m_size = 0;
 };
 
 constexpr ExpectedElements::Entry EndOf(QLatin1String name)

@@ -10,16 +10,14 @@ ThreadRunner::~ThreadRunner()
 
 quint64 ThreadRunner::enqueue(std::function<void()> action)
 {
-    quint64 ticket = 0;
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_pending.push_back(std::move(action));
-        ticket = ++m_posted;
-    }
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_pending.push_back(std::move(action));
     // By name: the call then carries nothing that our code wrote, so the
-    // only hand-over is the one under the mutex.
+    // only hand-over is the one under the mutex. Posted under it too, so that
+    // the object's thread, which takes the mutex before it may end this
+    // object's life, is seen to come after this look at the object.
     QMetaObject::invokeMethod(this, "runPending", Qt::QueuedConnection);
-    return ticket;
+    return ++m_posted;
 }
 
 void ThreadRunner::post(std::function<void()> action)

@@ -6,6 +6,7 @@
 
 #include <QDir>
 #include <QElapsedTimer>
+#include <QPointer>
 #include <QSemaphore>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -587,9 +588,11 @@ void KeldaClientTest::destructionDoesNotWaitForAHungSender()
     auto release = std::make_shared<QSemaphore>();
     auto hung = std::make_shared<std::atomic<bool>>(false);
     auto releasedInTime = std::make_shared<std::atomic<int>>(-1);
-    ErrorHandler::Instance()->SetTraceHook([release, hung, releasedInTime](const QString &text, const char *, int) {
+    auto hungThread = std::make_shared<std::atomic<QThread *>>(nullptr);
+    ErrorHandler::Instance()->SetTraceHook([=](const QString &text, const char *, int) {
         if (QThread::currentThread()->objectName() == QLatin1String("commandSenderThread")
             && text.startsWith(QLatin1String("CommandSender::HandleXmlError"))) {
+            *hungThread = QThread::currentThread();
             *hung = true;
             *releasedInTime = release->tryAcquire(1, kSignalWaitMs) ? 1 : 0;
         }
@@ -597,6 +600,8 @@ void KeldaClientTest::destructionDoesNotWaitForAHungSender()
     m_peer->setReplyChildren(QStringLiteral("GetUserList"), QStringLiteral("<m:Bogus/>"));
     m_client->GetUserListAsync();
     QTRY_VERIFY_WITH_TIMEOUT(hung->load(), kSignalWaitMs);
+    // The thread object lives until the thread has ended.
+    const QPointer<QThread> senderThread = hungThread->load();
 
     delete m_client;
     m_client = nullptr;
@@ -604,6 +609,8 @@ void KeldaClientTest::destructionDoesNotWaitForAHungSender()
     QCOMPARE(releasedInTime->load(), -1);
     release->release();
     QTRY_COMPARE_WITH_TIMEOUT(releasedInTime->load(), 1, kSignalWaitMs);
+    // Once let go, the abandoned thread ends and deletes itself.
+    QTRY_VERIFY_WITH_TIMEOUT(senderThread.isNull(), kSignalWaitMs);
 }
 
 QTEST_GUILESS_MAIN(KeldaClientTest)

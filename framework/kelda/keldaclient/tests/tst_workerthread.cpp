@@ -1,3 +1,4 @@
+#include "threadrunner.h"
 #include "transporttimings.h"
 #include "workerthread.h"
 
@@ -14,19 +15,13 @@ namespace {
 
 const int kSignalWaitMs = 10000;
 
-// Blocks its thread in Hang() until released.
-class Worker : public QObject
+// A worker whose thread the test can keep busy: post() runs an action there.
+using Worker = ThreadRunner;
+
+QString ThreadName(const QObject *worker)
 {
-public:
-    void Hang(QSemaphore *entered, QSemaphore *release)
-    {
-        QMetaObject::invokeMethod(this, [entered, release] {
-            entered->release();
-            release->acquire();
-        });
-    }
-    QString ThreadName() const { return thread()->objectName(); }
-};
+    return worker->thread()->objectName();
+}
 
 } // namespace
 
@@ -51,11 +46,11 @@ void WorkerThreadTest::startReplacesTheWorker()
     WorkerThread thread(QStringLiteral("workerTestThread"));
     QPointer<Worker> first = new Worker;
     thread.Start(first);
-    QCOMPARE(first->ThreadName(), QStringLiteral("workerTestThread"));
+    QCOMPARE(ThreadName(first), QStringLiteral("workerTestThread"));
     QPointer<Worker> second = new Worker;
     thread.Start(second);
     QVERIFY(first.isNull());
-    QCOMPARE(second->ThreadName(), QStringLiteral("workerTestThread"));
+    QCOMPARE(ThreadName(second), QStringLiteral("workerTestThread"));
     thread.Stop();
     QVERIFY(second.isNull());
 }
@@ -78,7 +73,10 @@ void WorkerThreadTest::stop()
     QPointer<Worker> worker = new Worker;
     thread->Start(worker);
     if (hung) {
-        worker->Hang(&entered, release.get());
+        worker->post([&entered, release] {
+            entered.release();
+            release->acquire();
+        });
         QVERIFY(entered.tryAcquire(1, kSignalWaitMs));
     }
     thread->Stop();
