@@ -2,12 +2,36 @@
 
 #include "postgrescluster.h"
 
+#include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDeadlineTimer>
 #include <QRegularExpression>
 
 #include <cstdio>
 #include <cstdlib>
+
+#ifdef Q_OS_LINUX
+#include <csignal>
+#include <sys/prctl.h>
+#include <unistd.h>
+#endif
+
+ServerProcess::ChildProcess::ChildProcess()
+    : m_parentId(QCoreApplication::applicationPid())
+{
+}
+
+// Runs in the child between fork and exec: async-signal-safe calls only.
+void ServerProcess::ChildProcess::setupChildProcess()
+{
+#ifdef Q_OS_LINUX
+    // Tests start their servers from their main thread, whose end is the
+    // test's end. A test that died before this line no longer is the parent.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != m_parentId)
+        _exit(1);
+#endif
+}
 
 ServerProcess::ServerProcess(const QString &basePath)
     : m_basePath(basePath)

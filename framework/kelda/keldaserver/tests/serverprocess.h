@@ -56,10 +56,25 @@ public:
     static constexpr int SkipExitCode = 77;
 
 private:
+    // A server outlives a test that is killed or halted (by a sanitizer, say)
+    // unless told otherwise, and then holds the test's output open, so that
+    // CTest waits for it until its time limit.
+    class ChildProcess : public QProcess
+    {
+    public:
+        ChildProcess();
+
+    protected:
+        void setupChildProcess() override;
+
+    private:
+        qint64 m_parentId;
+    };
+
     std::unique_ptr<QTemporaryDir> m_temporaryDir;
     QString m_basePath;
     QStringList m_extraArguments;
-    QProcess m_process;
+    ChildProcess m_process;
     quint16 m_port = 0;
     QString m_error;
 };
