@@ -110,48 +110,48 @@ constexpr ExpectedElements BodyList{Tag::Body};
 constexpr ExpectedElements AddFileList{EndOf(Tag::AddFileReply), Tag::FileId, Tag::Error, Tag::ErrorString};
 constexpr ExpectedElements AddReferenceList{EndOf(Tag::AddReferenceReply), Tag::Error, Tag::ErrorString};
 constexpr ExpectedElements CheckFileGroupExistsList{EndOf(Tag::CheckFileGroupExistsReply), Tag::Exists, Tag::Error,
-                                                Tag::ErrorString};
+                                                    Tag::ErrorString};
 constexpr ExpectedElements CloseFileList{EndOf(Tag::CloseFileReply), Tag::Error, Tag::ErrorString};
 constexpr ExpectedElements CreateFileGroupList{EndOf(Tag::CreateFileGroupReply), Tag::Guid, Tag::Path, Tag::Error,
-                                           Tag::ErrorString};
+                                               Tag::ErrorString};
 constexpr ExpectedElements CreateTovinFileGroupList{EndOf(Tag::CreateTovinFileGroupReply), Tag::Guid, Tag::Path,
-                                                Tag::Error, Tag::ErrorString};
+                                                    Tag::Error, Tag::ErrorString};
 constexpr ExpectedElements DeleteFileGroupList{EndOf(Tag::DeleteFileGroupReply), Tag::Error, Tag::ErrorString};
 constexpr ExpectedElements DeleteFileList{EndOf(Tag::DeleteFileReply), Tag::Error, Tag::ErrorString};
 constexpr ExpectedElements ExportArchiveList{EndOf(Tag::ExportArchiveReply), Tag::Error, Tag::ErrorString};
 constexpr ExpectedElements ImportArchiveList{EndOf(Tag::ImportArchiveReply), Tag::Error, Tag::ErrorString};
 constexpr ExpectedElements GetTovinFilegroupGuidList{EndOf(Tag::GetTovinFilegroupGuidReply), Tag::Guid, Tag::Error,
-                                                 Tag::ErrorString};
+                                                     Tag::ErrorString};
 constexpr ExpectedElements GetApplicationListList{EndOf(Tag::GetApplicationListReply), Tag::Applications,
-                                              Tag::Application, EndOf(Tag::Applications), Tag::Error,
-                                              Tag::ErrorString};
+                                                  Tag::Application, EndOf(Tag::Applications), Tag::Error,
+                                                  Tag::ErrorString};
 constexpr ExpectedElements GetUserListList{EndOf(Tag::GetUserListReply), Tag::Users, Tag::User, EndOf(Tag::Users),
-                                       Tag::Error, Tag::ErrorString};
+                                           Tag::Error, Tag::ErrorString};
 constexpr ExpectedElements GetFileListList{EndOf(Tag::GetFileListReply), Tag::Files, Tag::File, Tag::FileId,
-                                       Tag::FileName, EndOf(Tag::File), EndOf(Tag::Files), Tag::Error,
-                                       Tag::ErrorString};
+                                           Tag::FileName, EndOf(Tag::File), EndOf(Tag::Files), Tag::Error,
+                                           Tag::ErrorString};
 constexpr ExpectedElements GetBasePathList{EndOf(Tag::GetBasePathReply), Tag::Path, Tag::Error, Tag::ErrorString};
 constexpr ExpectedElements GetRemoteStorageLocationList{EndOf(Tag::GetRemoteStorageLocationReply), Tag::RemoteIp,
-                                                    Tag::AttachmentUrl, Tag::Error, Tag::ErrorString};
+                                                        Tag::AttachmentUrl, Tag::Error, Tag::ErrorString};
 constexpr ExpectedElements MoveToNasList{EndOf(Tag::MoveToNasReply), Tag::Error, Tag::ErrorString};
 constexpr ExpectedElements QueryFileGroupsList{EndOf(Tag::QueryFileGroupsReply), Tag::FileGroup, Tag::Error,
-                                           Tag::ErrorString};
+                                               Tag::ErrorString};
 constexpr ExpectedElements FileGroupList{EndOf(Tag::FileGroup), Tag::Guid, Tag::FileGroupName, Tag::FileType,
-                                     Tag::LocationState, Tag::BackupTime, Tag::CreationTime,
-                                     Tag::ModificationTime, Tag::LifeCycle, Tag::Comment, Tag::Creator,
-                                     Tag::Detail, Tag::TeamMembership, Tag::Version, Tag::ReservedStorage,
-                                     Tag::ReferenceCounter, Tag::Files};
+                                         Tag::LocationState, Tag::BackupTime, Tag::CreationTime,
+                                         Tag::ModificationTime, Tag::LifeCycle, Tag::Comment, Tag::Creator,
+                                         Tag::Detail, Tag::TeamMembership, Tag::Version, Tag::ReservedStorage,
+                                         Tag::ReferenceCounter, Tag::Files};
 constexpr ExpectedElements QueryLocationStateProgressList{EndOf(Tag::QueryLocationStateProgressReply),
-                                                      Tag::LocationState, Tag::CopyProgress, Tag::Error,
-                                                      Tag::ErrorString};
+                                                          Tag::LocationState, Tag::CopyProgress, Tag::Error,
+                                                          Tag::ErrorString};
 constexpr ExpectedElements RegisterConverterList{EndOf(Tag::RegisterConverterReply), Tag::Error, Tag::ErrorString};
 constexpr ExpectedElements RemoveAllReferencesList{EndOf(Tag::RemoveAllReferencesReply), Tag::Error,
-                                               Tag::ErrorString};
+                                                   Tag::ErrorString};
 constexpr ExpectedElements RemoveReferenceList{EndOf(Tag::RemoveReferenceReply), Tag::Error, Tag::ErrorString};
 constexpr ExpectedElements RequestFileList{EndOf(Tag::RequestFileReply), Tag::Path, Tag::Error, Tag::ErrorString};
 constexpr ExpectedElements ConvertFileGroupList{EndOf(Tag::ConvertFileGroup), Tag::Guid, Tag::FileType, Tag::Path};
 constexpr ExpectedElements CopyForeignFileGroupProgressList{EndOf(Tag::CopyForeignFileGroupProgress),
-                                                        Tag::CopyProgress, Tag::Error, Tag::ErrorString};
+                                                            Tag::CopyProgress, Tag::Error, Tag::ErrorString};
 
 // Two digits of text from position at; -1 for anything else.
 int TwoDigits(const QChar *text, int at)
@@ -682,7 +682,7 @@ static_assert(std::size(Replies) == size_t(ReplyKind::Count), "one entry per rep
 
 constexpr ExpectedElements BodyElements()
 {
-    ExpectedElements bodies;
+        ExpectedElements bodies;
     for (const ReplyEntry &reply : Replies)
         bodies.Append(reply.body);
     return bodies;

@@ -8,7 +8,6 @@
 #include <QString>
 #include <QStringList>
 #include <QStringView>
-#include <QVector>
 #include <QXmlStreamReader>
 
 #include <initializer_list>
