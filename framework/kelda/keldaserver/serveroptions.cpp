@@ -1,8 +1,13 @@
 #include "serveroptions.h"
 
+#include "xmlseparator.h"
+
 #include <QCommandLineParser>
 #include <QDir>
 #include <QStandardPaths>
+
+#include <limits>
+#include <vector>
 
 namespace Kelda {
 
@@ -28,6 +33,25 @@ bool parseUnsigned(const QString &text, quint32 *value)
     if (ok)
         *value = parsed;
     return ok;
+}
+
+// Decimal or 0x hexadecimal, with an optional K, M or G (powers of 1024).
+bool parseNumber(const QString &text, qint64 *value)
+{
+    QString digits = text.trimmed();
+    qint64 unit = 1;
+    const QChar last = digits.isEmpty() ? QChar() : digits.back().toUpper();
+    const int shift = last == QLatin1Char('K') ? 10 : last == QLatin1Char('M') ? 20 : last == QLatin1Char('G') ? 30 : 0;
+    if (shift != 0 && !digits.startsWith(QLatin1String("0x"), Qt::CaseInsensitive)) {
+        unit = qint64(1) << shift;
+        digits.chop(1);
+    }
+    bool ok = false;
+    const qint64 parsed = digits.toLongLong(&ok, 0);
+    if (!ok || parsed < 0 || parsed > std::numeric_limits<qint64>::max() / unit)
+        return false;
+    *value = parsed * unit;
+    return true;
 }
 
 ServerOptions failure(ServerOptions options, const QString &error)
@@ -70,6 +94,57 @@ QString ServerOptions::defaultBasePath()
     return QDir(data.isEmpty() ? QDir::homePath() : data).filePath(QStringLiteral("keldaserver"));
 }
 
+namespace {
+
+// A numeric limit: its option, the field it sets and the range it takes.
+struct LimitOption
+{
+    const char *name;
+    const char *valueName;
+    const char *description; // %1: the default
+    qint64 minimum;
+    qint64 maximum;
+    qint64 (*get)(const ServerOptions &);
+    void (*set)(ServerOptions &, qint64);
+};
+
+#define KELDA_LIMIT(field, type)                                                                                 \
+    [](const ServerOptions &o) { return qint64(o.field); }, [](ServerOptions &o, qint64 v) { o.field = type(v); }
+
+const LimitOption kLimits[] = {
+    {"max-frame", "BYTES", "Largest accepted message in bytes, also once expanded; a larger one closes its "
+                           "connection (default %1).",
+     1, XmlSeparator::LargestMaxFrameLength, KELDA_LIMIT(maxFrame, quint32)},
+    {"max-import-bytes", "BYTES", "Largest description file ImportArchive reads (default %1).", 1,
+     std::numeric_limits<int>::max(), KELDA_LIMIT(maxImportBytes, qint64)},
+    {"max-backlog", "BYTES", "Unsent answers above which a connection is not read until they drain "
+                             "(default %1).",
+     1, std::numeric_limits<qint64>::max() / 4, KELDA_LIMIT(maxBacklog, qint64)},
+    {"max-in-flight", "N", "Requests of one connection under way at once; further ones wait unread "
+                           "(default %1).",
+     1, 1 << 20, KELDA_LIMIT(maxInFlight, int)},
+    {"max-pending", "BYTES", "Bytes of unfinished messages held across all connections; beyond it the "
+                             "connections wait unread (default %1).",
+     1, std::numeric_limits<qint64>::max() / 4, KELDA_LIMIT(maxPending, qint64)},
+    {"frame-timeout", "SECONDS", "Time a message may take to arrive once begun; a slower one closes its "
+                                 "connection (default %1).",
+     1, 24 * 3600, KELDA_LIMIT(frameTimeoutSeconds, int)},
+    {"max-connections", "N", "Connections served at once; one more is closed at once (default %1).", 1,
+     1 << 20, KELDA_LIMIT(maxConnections, int)},
+    {"max-connections-per-address", "N", "Connections from one address at once (default %1).", 1, 1 << 20,
+     KELDA_LIMIT(maxConnectionsPerAddress, int)},
+    {"idle-timeout", "SECONDS", "A connection that sends nothing this long is closed; clients check theirs "
+                                "every 180 s (default %1).",
+     1, 7 * 24 * 3600, KELDA_LIMIT(idleTimeoutSeconds, int)},
+    {"max-elements", "N", "Elements and attributes a request may hold; a larger one is answered with code 57 "
+                          "(default %1).",
+     16, 1 << 26, KELDA_LIMIT(maxElements, int)},
+};
+
+#undef KELDA_LIMIT
+
+} // namespace
+
 ServerOptions ServerOptions::parse(const QStringList &arguments)
 {
     ServerOptions options;
@@ -96,18 +171,25 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
     const QCommandLineOption nasOption(QStringLiteral("nas-path"),
                                        QStringLiteral("Network storage folder for MoveToNas (default BASE/nas)."),
                                        QStringLiteral("DIR"));
-    const QCommandLineOption maxFrameOption(
-        QStringLiteral("max-frame"),
-        QStringLiteral("Largest accepted message in bytes; a larger one closes its connection (default %1).")
-            .arg(DefaultMaxFrame),
-        QStringLiteral("BYTES"));
+    const QCommandLineOption exchangeOption(
+        QStringLiteral("exchange-path"),
+        QStringLiteral("The only folder ExportArchive writes into and ImportArchive reads from; relative paths "
+                       "in those requests are taken below it (default BASE/exchange)."),
+        QStringLiteral("DIR"));
     const QCommandLineOption traceOption(
         QStringLiteral("trace-mask"),
         QStringLiteral("Trace level mask, decimal or 0x hex: 0x20 failures, 0x40 every request "
                        "(default: KELDA_TRACE_MASK, else 0x20)."),
         QStringLiteral("MASK"));
-    parser.addOptions({helpOption, versionOption, listenOption, baseOption, dbOption, nasOption, maxFrameOption,
+    parser.addOptions({helpOption, versionOption, listenOption, baseOption, dbOption, nasOption, exchangeOption,
                        traceOption});
+    std::vector<QCommandLineOption> limitOptions;
+    for (const LimitOption &limit : kLimits) {
+        limitOptions.emplace_back(QString::fromLatin1(limit.name),
+                                  QString::fromLatin1(limit.description).arg(limit.get(options)),
+                                  QString::fromLatin1(limit.valueName));
+        parser.addOption(limitOptions.back());
+    }
     options.helpText = parser.helpText() + kExitCodesText;
 
     if (!parser.parse(arguments))
@@ -126,10 +208,20 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
         && !parseListenAddress(parser.value(listenOption), &options.host, &options.port))
         return failure(options, QStringLiteral("--listen wants HOST:PORT with a numeric address, got \"%1\"")
                                     .arg(parser.value(listenOption)));
-    if (parser.isSet(maxFrameOption)
-        && (!parseUnsigned(parser.value(maxFrameOption), &options.maxFrame) || options.maxFrame == 0))
-        return failure(options, QStringLiteral("--max-frame wants a positive number of bytes, got \"%1\"")
-                                    .arg(parser.value(maxFrameOption)));
+    for (size_t i = 0; i < limitOptions.size(); ++i) {
+        const LimitOption &limit = kLimits[i];
+        if (!parser.isSet(limitOptions[i]))
+            continue;
+        const QString text = parser.value(limitOptions[i]);
+        qint64 value = 0;
+        if (!parseNumber(text, &value) || value < limit.minimum || value > limit.maximum)
+            return failure(options, QStringLiteral("--%1 wants a number from %2 to %3, got \"%4\"")
+                                        .arg(QString::fromLatin1(limit.name))
+                                        .arg(limit.minimum)
+                                        .arg(limit.maximum)
+                                        .arg(text));
+        limit.set(options, value);
+    }
     if (parser.isSet(traceOption)) {
         if (!parseUnsigned(parser.value(traceOption), &options.traceMask))
             return failure(options, QStringLiteral("--trace-mask wants a decimal or 0x number, got \"%1\"")
@@ -147,8 +239,12 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
                                      : QDir(options.basePath).filePath(QStringLiteral("keldaserver.sqlite")),
                                  &options.database, &databaseError))
         return failure(options, databaseError);
-    options.nasPath = parser.isSet(nasOption) ? QDir::cleanPath(QDir(parser.value(nasOption)).absolutePath())
-                                              : QDir(options.basePath).filePath(QStringLiteral("nas"));
+    const auto folder = [&](const QCommandLineOption &option, const QString &fallback) {
+        return parser.isSet(option) ? QDir::cleanPath(QDir(parser.value(option)).absolutePath())
+                                    : QDir(options.basePath).filePath(fallback);
+    };
+    options.nasPath = folder(nasOption, QStringLiteral("nas"));
+    options.exchangePath = folder(exchangeOption, QStringLiteral("exchange"));
     return options;
 }
 

@@ -23,6 +23,16 @@ struct ServerOptions
 
     static constexpr quint16 DefaultPort = 5223;
     static constexpr quint32 DefaultMaxFrame = 64u * 1024u * 1024u;
+    static constexpr qint64 MiB = 1024 * 1024;
+    static constexpr qint64 DefaultMaxImportBytes = 64 * MiB;
+    static constexpr qint64 DefaultMaxBacklog = 64 * MiB;
+    static constexpr int DefaultMaxInFlight = 64;
+    static constexpr qint64 DefaultMaxPending = 256 * MiB;
+    static constexpr int DefaultFrameTimeoutSeconds = 60;
+    static constexpr int DefaultMaxConnections = 1000;
+    static constexpr int DefaultMaxConnectionsPerAddress = 100;
+    static constexpr int DefaultIdleTimeoutSeconds = 900;
+    static constexpr int DefaultMaxElements = 100000;
 
     Action action = Action::Run;
     QString error;    // for Action::Fail: a sentence the user can act on
@@ -33,7 +43,20 @@ struct ServerOptions
     QString basePath;
     DatabaseLocation database;
     QString nasPath;
+    // The one folder ExportArchive and ImportArchive may touch.
+    QString exchangePath;
     quint32 maxFrame = DefaultMaxFrame;
+    // Bounds on what clients may make the server hold or do; the README's
+    // "Limits and safety" table says what a client sees at each.
+    qint64 maxImportBytes = DefaultMaxImportBytes;
+    qint64 maxBacklog = DefaultMaxBacklog;
+    int maxInFlight = DefaultMaxInFlight;
+    qint64 maxPending = DefaultMaxPending;
+    int frameTimeoutSeconds = DefaultFrameTimeoutSeconds;
+    int maxConnections = DefaultMaxConnections;
+    int maxConnectionsPerAddress = DefaultMaxConnectionsPerAddress;
+    int idleTimeoutSeconds = DefaultIdleTimeoutSeconds;
+    int maxElements = DefaultMaxElements;
     bool hasTraceMask = false;
     quint32 traceMask = 0;
 

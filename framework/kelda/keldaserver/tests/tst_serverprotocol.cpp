@@ -315,6 +315,12 @@ void TestServerProtocol::options_data()
                                   << fail << QString() << frame << 0u;
     QTest::newRow("host name") << QStringList{QStringLiteral("--listen"), QStringLiteral("example.org:1")} << fail
                                << QString() << frame << 0u;
+    QTest::newRow("frame with a unit") << QStringList{QStringLiteral("--max-frame"), QStringLiteral("2M")} << run
+                                       << QStringLiteral("127.0.0.1:5223") << 2097152u << 0u;
+    QTest::newRow("limit out of range") << QStringList{QStringLiteral("--max-connections"), QStringLiteral("0")}
+                                        << fail << QString() << frame << 0u;
+    QTest::newRow("limit not a number") << QStringList{QStringLiteral("--idle-timeout"), QStringLiteral("soon")}
+                                        << fail << QString() << frame << 0u;
     QTest::newRow("zero frame") << QStringList{QStringLiteral("--max-frame"), QStringLiteral("0")} << fail
                                 << QString() << frame << 0u;
     QTest::newRow("bad mask") << QStringList{QStringLiteral("--trace-mask"), QStringLiteral("lots")} << fail
@@ -348,6 +354,7 @@ void TestServerProtocol::options()
     QCOMPARE(options.maxFrame, maxFrame);
     QCOMPARE(options.traceMask, traceMask);
     QVERIFY(options.database.file.startsWith(options.basePath));
+    QVERIFY(options.exchangePath.startsWith(options.basePath));
 }
 
 void TestServerProtocol::databaseLocation_data()
