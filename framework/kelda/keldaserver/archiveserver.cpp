@@ -34,7 +34,7 @@ ArchiveServer::~ArchiveServer()
 
 bool ArchiveServer::openDatabase()
 {
-    const StorageLayout layout(m_options.basePath, m_options.nasPath);
+    const StorageLayout layout(m_options.basePath, m_options.nasPath, m_options.exchangePath);
     const auto delivery = [this](bool fromWriter) {
         return [this, fromWriter](Answers answers) { postAnswers(std::move(answers), fromWriter); };
     };
@@ -59,7 +59,7 @@ bool ArchiveServer::openDatabase()
 
 bool ArchiveServer::start()
 {
-    QStringList folders{m_options.basePath, m_options.nasPath};
+    QStringList folders{m_options.basePath, m_options.nasPath, m_options.exchangePath};
     if (!m_options.database.isPostgres())
         folders.append(QFileInfo(m_options.database.file).absolutePath());
     for (const QString &folder : qAsConst(folders)) {

@@ -6,9 +6,10 @@
 
 namespace Kelda {
 
-StorageLayout::StorageLayout(const QString &basePath, const QString &nasPath)
+StorageLayout::StorageLayout(const QString &basePath, const QString &nasPath, const QString &exchangePath)
     : m_basePath(QDir::cleanPath(QDir(basePath).absolutePath()))
     , m_nasPath(QDir::cleanPath(QDir(nasPath).absolutePath()))
+    , m_exchangePath(QDir::cleanPath(QDir(exchangePath).absolutePath()))
 {
 }
 

@@ -10,10 +10,12 @@ namespace Kelda {
 class StorageLayout
 {
 public:
-    StorageLayout(const QString &basePath, const QString &nasPath);
+    StorageLayout(const QString &basePath, const QString &nasPath, const QString &exchangePath);
 
     QString basePath() const { return m_basePath; }
     QString nasPath() const { return m_nasPath; }
+    // Where ExportArchive writes and ImportArchive reads; nowhere else.
+    QString exchangePath() const { return m_exchangePath; }
 
     // BASE/yyyy/MM/dd/hh/GUID, the hour in UTC: the layout clients use too.
     QString defaultGroupDirectory(const QString &guid, const QDateTime &utcNow) const;
@@ -36,6 +38,7 @@ public:
 private:
     QString m_basePath;
     QString m_nasPath;
+    QString m_exchangePath;
 };
 
 } // namespace Kelda

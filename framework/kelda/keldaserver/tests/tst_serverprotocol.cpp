@@ -222,7 +222,7 @@ void TestServerProtocol::failedRequestRollsBackOnlyItself()
     std::vector<DatabaseAnswer> answers;
     DatabaseLocation database;
     database.file = base.filePath(QStringLiteral("db.sqlite"));
-    const StorageLayout layout(base.path(), base.filePath(QStringLiteral("nas")));
+    const StorageLayout layout(base.path(), base.filePath(QStringLiteral("nas")), base.filePath(QStringLiteral("exchange")));
     DatabaseWorker worker(DatabaseWorker::Role::Writer, database, QStringLiteral("test"), layout,
                           [&](std::shared_ptr<std::vector<DatabaseAnswer>> batch) {
                               const std::lock_guard<std::mutex> lock(mutex);
