@@ -4,11 +4,38 @@
 #include <QFile>
 #include <QThread>
 
+#include <algorithm>
 #include <cstdio>
 #include <mutex>
 
 namespace {
 constexpr quint32 kDefaultLevel = ErrorHandler::Failure;
+}
+
+QString ErrorHandler::EscapeControls(const QString &text)
+{
+    const auto isControl = [](QChar c) {
+        const ushort u = c.unicode();
+        return u < 0x20 || (u >= 0x7F && u < 0xA0) || u == 0x2028 || u == 0x2029;
+    };
+    if (std::none_of(text.cbegin(), text.cend(), isControl))
+        return text;
+    QString escaped;
+    escaped.reserve(text.size() + 16);
+    for (const QChar c : text) {
+        if (!isControl(c)) {
+            escaped += c;
+        } else if (c == QLatin1Char('\n')) {
+            escaped += QLatin1String("\\n");
+        } else if (c == QLatin1Char('\r')) {
+            escaped += QLatin1String("\\r");
+        } else if (c == QLatin1Char('\t')) {
+            escaped += QLatin1String("\\t");
+        } else {
+            escaped += QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'));
+        }
+    }
+    return escaped;
 }
 
 // The standard mutex rather than QMutex: thread checkers see it.
@@ -67,7 +94,7 @@ void ErrorHandler::Write(const QString &text, const char *sourceFile, int line)
     const QByteArray entry = QStringLiteral("%1 [%2] %3:%4: %5\n")
                                  .arg(QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")),
                                       threadName, QString::fromUtf8(sourceFile ? sourceFile : ""),
-                                      QString::number(line), text)
+                                      QString::number(line), EscapeControls(text))
                                  .toUtf8();
     if (m_sink->file.isOpen()) {
         m_sink->file.write(entry);

@@ -33,7 +33,12 @@ public:
     // Installs a hook (an empty function removes it); returns the previous one.
     TraceHook SetTraceHook(TraceHook hook);
 
+    // Writes one trace line. Control characters in the text are written
+    // escaped ("\\n", "\\u001b"): texts may carry what a client sent, and
+    // must not forge lines or steer a terminal. A hook gets the text as it
+    // is.
     void Write(const QString &text, const char *sourceFile, int line);
+    static QString EscapeControls(const QString &text);
 
     static quint32 LevelFromText(const QString &text, quint32 fallback);
 

@@ -13,6 +13,8 @@ class TraceTest : public QObject
 private slots:
     void maskSelectsTraces_data();
     void maskSelectsTraces();
+    void controlsAreEscaped_data();
+    void controlsAreEscaped();
 };
 
 void TraceTest::maskSelectsTraces_data()
@@ -48,6 +50,25 @@ void TraceTest::maskSelectsTraces()
     // A failed assertion marks a bug: it is reported whatever the mask.
     expected << QStringLiteral("ASSERT failed: 1 + 1 == 3");
     QCOMPARE(traces, expected);
+}
+
+void TraceTest::controlsAreEscaped_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("written");
+    QTest::newRow("plain") << QStringLiteral("C:\\data x") << QStringLiteral("C:\\data x");
+    QTest::newRow("forged line") << QStringLiteral("a.bin\n2026-01-01 00:00:00.000 [x] y:1: fake")
+                                 << QStringLiteral("a.bin\\n2026-01-01 00:00:00.000 [x] y:1: fake");
+    QTest::newRow("terminal escape") << QStringLiteral("\x1b[2J\r") << QStringLiteral("\\u001b[2J\\r");
+    QTest::newRow("line separator") << QString(QChar(0x2028)) << QStringLiteral("\\u2028");
+    QTest::newRow("umlaut kept") << QStringLiteral("M\u00fcller") << QStringLiteral("M\u00fcller");
+}
+
+void TraceTest::controlsAreEscaped()
+{
+    QFETCH(QString, text);
+    QFETCH(QString, written);
+    QCOMPARE(ErrorHandler::EscapeControls(text), written);
 }
 
 QTEST_GUILESS_MAIN(TraceTest)
