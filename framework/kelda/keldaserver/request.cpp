@@ -4,6 +4,8 @@
 
 #include <QXmlStreamReader>
 
+#include <cstring>
+
 namespace Kelda {
 
 namespace {
@@ -213,6 +215,124 @@ private:
     QString m_error;
 };
 
+// Where a document first passes the markup bound, and why; stopAt is -1
+// when it stays within it. One pass over the bytes: it decides only how
+// much of the document the XML reader may see, so anything malformed is
+// left for the reader to refuse.
+struct MarkupVerdict
+{
+    qsizetype stopAt = -1;
+    QString reason;
+};
+
+MarkupVerdict scanMarkup(const QByteArray &document, int maxMarkup)
+{
+    enum class State { Text, Tag, Quoted, Comment, CData, Instruction };
+    const char *const bytes = document.constData();
+    const qsizetype size = document.size();
+    const auto startsWith = [&](qsizetype at, const char *prefix) {
+        const qsizetype length = qsizetype(qstrlen(prefix));
+        return at + length <= size && std::memcmp(bytes + at, prefix, size_t(length)) == 0;
+    };
+    const auto tooMuch = [maxMarkup](qsizetype at) {
+        return MarkupVerdict{at, QStringLiteral("The request holds more than %1 elements and attributes").arg(maxMarkup)};
+    };
+    State state = State::Text;
+    char quote = 0;
+    int items = 0;
+    int attributes = 0;
+    qsizetype tagStart = 0;
+    for (qsizetype i = 0; i < size; ++i) {
+        const char c = bytes[i];
+        switch (state) {
+        case State::Text:
+            if (c != '<')
+                break;
+            tagStart = i;
+            if (startsWith(i, "<!--")) {
+                state = State::Comment;
+                i += 3;
+            } else if (startsWith(i, "<![CDATA[")) {
+                state = State::CData;
+                i += 8;
+            } else if (startsWith(i, "<!")) {
+                return {i, QStringLiteral("The request declares a document type")};
+            } else if (startsWith(i, "<?")) {
+                state = State::Instruction;
+                ++i;
+            } else {
+                state = State::Tag;
+                attributes = 0;
+                if (!startsWith(i, "</") && ++items > maxMarkup)
+                    return tooMuch(i);
+            }
+            break;
+        case State::Tag:
+            if (c == '"' || c == '\'') {
+                quote = c;
+                state = State::Quoted;
+            } else if (c == '=') {
+                if (++items > maxMarkup)
+                    return tooMuch(tagStart);
+                if (++attributes > RequestReader::MaxAttributesPerElement)
+                    return {tagStart, QStringLiteral("An element of the request carries more than %1 attributes")
+                                          .arg(RequestReader::MaxAttributesPerElement)};
+            } else if (c == '>') {
+                state = State::Text;
+            }
+            break;
+        case State::Quoted:
+            if (c == quote)
+                state = State::Tag;
+            break;
+        case State::Comment:
+            if (c == '>' && bytes[i - 1] == '-' && bytes[i - 2] == '-')
+                state = State::Text;
+            break;
+        case State::CData:
+            if (c == '>' && bytes[i - 1] == ']' && bytes[i - 2] == ']')
+                state = State::Text;
+            break;
+        case State::Instruction:
+            if (c == '>' && bytes[i - 1] == '?')
+                state = State::Text;
+            break;
+        }
+    }
+    return {};
+}
+
+// For a document that does not read as a request: its request id and
+// command found the lenient way, by local names alone, so that the client
+// still hears why. Stops at the command.
+void salvageAddress(const QByteArray &document, Request &request)
+{
+    QXmlStreamReader reader(document);
+    QStringList open;
+    while (!reader.atEnd() && request.command.isEmpty()) {
+        switch (reader.readNext()) {
+        case QXmlStreamReader::StartElement:
+            if (!open.isEmpty() && open.last() == Tag::Body) {
+                request.command = reader.name().toString();
+            } else if (reader.name() == Tag::RequestId && request.requestId.isEmpty()) {
+                request.requestId = reader.readElementText(QXmlStreamReader::SkipChildElements);
+            } else {
+                open.append(reader.name().toString());
+                // The command sits three levels down; deeper is no request.
+                if (open.size() > 3)
+                    return;
+            }
+            break;
+        case QXmlStreamReader::EndElement:
+            if (!open.isEmpty())
+                open.removeLast();
+            break;
+        default:
+            break;
+        }
+    }
+}
+
 } // namespace
 
 QString Request::text(const QString &key) const
@@ -234,9 +354,24 @@ bool Request::flag(const QString &key) const
     return value.compare(QLatin1String("true"), Qt::CaseInsensitive) == 0 || value == QLatin1String("1");
 }
 
-RequestReader::Result RequestReader::read(const QByteArray &document)
+RequestReader::Result RequestReader::read(const QByteArray &document, int maxMarkup)
 {
-    return DocumentReader(document).run();
+    const MarkupVerdict verdict = maxMarkup > 0 ? scanMarkup(document, maxMarkup) : MarkupVerdict();
+    if (verdict.stopAt < 0) {
+        Result result = DocumentReader(document).run();
+        if (!result.ok && result.request.command.isEmpty())
+            salvageAddress(document, result.request);
+        return result;
+    }
+    // What lies before the fault is within the bound: read the address
+    // from it.
+    const QByteArray within = document.left(int(verdict.stopAt));
+    Result result = DocumentReader(within).run();
+    if (result.request.command.isEmpty())
+        salvageAddress(within, result.request);
+    result.ok = false;
+    result.error = verdict.reason;
+    return result;
 }
 
 } // namespace Kelda

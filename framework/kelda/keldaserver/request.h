@@ -50,7 +50,16 @@ public:
         Request request;
     };
 
-    static Result read(const QByteArray &document);
+    // maxMarkup > 0 bounds the elements and attributes a document may hold
+    // (and refuses document type declarations) before the XML reader sees
+    // it, so that the reader's work stays in proportion to the document
+    // whatever its shape. A refused document still gives its command and
+    // request id when they come before the fault.
+    static Result read(const QByteArray &document, int maxMarkup = 0);
+
+    // Attributes one element may carry under a markup bound; the XML
+    // reader compares each attribute with those before it.
+    static constexpr int MaxAttributesPerElement = 64;
 };
 
 } // namespace Kelda
