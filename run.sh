@@ -51,6 +51,8 @@ packages=(
     g++ cmake ninja-build pkg-config
     qtbase5-dev qtbase5-dev-tools libqt5sql5-sqlite
     libboost-dev
+    # keldaserver expands compressed requests with a bounded zlib stream
+    zlib1g-dev
     # keldaserver on PostgreSQL: the Qt driver, and the server programs the
     # tests start a throw-away cluster with
     libqt5sql5-psql postgresql

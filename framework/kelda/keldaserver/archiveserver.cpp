@@ -12,19 +12,45 @@
 #include <QTcpSocket>
 #include <QUuid>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 namespace Kelda {
 
 namespace {
+
 const char kSource[] = "framework/kelda/keldaserver/archiveserver";
+
+// Unreadable input and refused connections are traced at most this often.
+constexpr qint64 TraceIntervalMs = 1000;
+// After running out of file descriptors, accepting rests this long.
+constexpr int AcceptPauseMs = 250;
+constexpr int AcceptsPerTurn = 64;
+
+int descriptorLimit()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY)
+        return std::numeric_limits<int>::max();
+    return int(std::min<rlim_t>(limit.rlim_cur, std::numeric_limits<int>::max()));
 }
+
+} // namespace
 
 ArchiveServer::ArchiveServer(const ServerOptions &options, QObject *parent)
     : QObject(parent)
     , m_options(options)
     , m_instanceId(QUuid::createUuid().toString(QUuid::WithoutBraces))
+    , m_descriptorLimit(descriptorLimit())
 {
-    connect(&m_listener, &QTcpServer::newConnection, this, &ArchiveServer::acceptConnections);
-    connect(this, &ArchiveServer::answersReady, this, &ArchiveServer::deliverPosted, Qt::QueuedConnection);
+    connect(this, &ArchiveServer::outboxFilled, this, &ArchiveServer::drainOutbox, Qt::QueuedConnection);
+    connect(&m_watch, &QTimer::timeout, this, &ArchiveServer::watchConnections);
 }
 
 ArchiveServer::~ArchiveServer()
@@ -36,7 +62,9 @@ bool ArchiveServer::openDatabase()
 {
     const StorageLayout layout(m_options.basePath, m_options.nasPath, m_options.exchangePath);
     const auto delivery = [this](bool fromWriter) {
-        return [this, fromWriter](Answers answers) { postAnswers(std::move(answers), fromWriter); };
+        return [this, fromWriter](std::shared_ptr<std::vector<DatabaseAnswer>> answers) {
+            post([&](Outbox &outbox) { outbox.answers.emplace_back(std::move(answers), fromWriter); });
+        };
     };
     // The writer creates the tables; the reader opens them after it.
     m_writer = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Writer, m_options.database, m_instanceId, layout,
@@ -57,22 +85,8 @@ bool ArchiveServer::openDatabase()
     return true;
 }
 
-bool ArchiveServer::start()
+void ArchiveServer::startMover()
 {
-    QStringList folders{m_options.basePath, m_options.nasPath, m_options.exchangePath};
-    if (!m_options.database.isPostgres())
-        folders.append(QFileInfo(m_options.database.file).absolutePath());
-    for (const QString &folder : qAsConst(folders)) {
-        if (!QDir().mkpath(folder)) {
-            m_error = QStringLiteral("Cannot create the folder %1").arg(folder);
-            m_exitCode = ServerOptions::ExitStorage;
-            return false;
-        }
-    }
-    if (!openDatabase()) {
-        m_exitCode = ServerOptions::ExitStorage;
-        return false;
-    }
     DatabaseWorker *writer = m_writer.get();
     m_mover = std::make_unique<GroupMover>(
         [writer](const QString &guid, double percent) {
@@ -93,6 +107,25 @@ bool ArchiveServer::start()
     m_mover->start();
     for (const MoveOrder &order : m_writer->unfinishedMoves())
         m_mover->post(order);
+}
+
+bool ArchiveServer::start()
+{
+    QStringList folders{m_options.basePath, m_options.nasPath, m_options.exchangePath};
+    if (!m_options.database.isPostgres())
+        folders.append(QFileInfo(m_options.database.file).absolutePath());
+    for (const QString &folder : qAsConst(folders)) {
+        if (!QDir().mkpath(folder)) {
+            m_error = QStringLiteral("Cannot create the folder %1").arg(folder);
+            m_exitCode = ServerOptions::ExitStorage;
+            return false;
+        }
+    }
+    if (!openDatabase()) {
+        m_exitCode = ServerOptions::ExitStorage;
+        return false;
+    }
+    startMover();
     if (m_options.database.isPostgres()) {
         m_listenerThread = std::make_unique<GroupListener>(
             m_options.database, m_instanceId, [this](const GroupAnnouncement &announcement) {
@@ -100,11 +133,18 @@ bool ArchiveServer::start()
                 // is delivered.
                 auto heard = std::make_shared<std::vector<DatabaseAnswer>>(1);
                 heard->front().newGroups.push_back({announcement.guid, announcement.fileType, announcement.path});
-                postAnswers(std::move(heard), false);
+                post([&](Outbox &outbox) { outbox.answers.emplace_back(std::move(heard), false); });
             });
         m_listenerThread->start();
     }
+    m_parsers = std::make_unique<ParserPool>(
+        ParserThreads, RequestDecoder::Limits{m_options.maxFrame, m_options.maxElements},
+        [this](ParserPool::Result result) { post([&](Outbox &outbox) { outbox.parsed.push_back(std::move(result)); }); });
+    return listen();
+}
 
+bool ArchiveServer::listen()
+{
     if (!m_listener.listen(m_options.host, m_options.port)) {
         m_error = QStringLiteral("Cannot listen on %1:%2: %3")
                       .arg(m_options.host.toString())
@@ -113,13 +153,29 @@ bool ArchiveServer::start()
         m_exitCode = ServerOptions::ExitUnavailable;
         return false;
     }
+    m_listener.pauseAccepting();
+    m_acceptNotifier = new QSocketNotifier(m_listener.socketDescriptor(), QSocketNotifier::Read, this);
+    connect(m_acceptNotifier, &QSocketNotifier::activated, this, &ArchiveServer::acceptConnections);
+    // Checked often enough that a limit of a second is kept to within a
+    // quarter of it.
+    const int shortest = std::min(m_options.frameTimeoutSeconds, m_options.idleTimeoutSeconds) * 1000;
+    m_watch.start(std::clamp(shortest / 4, 50, 1000));
     return true;
 }
 
 void ArchiveServer::shutdown()
 {
+    m_stopping = true;
+    m_watch.stop();
+    if (m_acceptNotifier) {
+        m_acceptNotifier->setEnabled(false);
+        delete m_acceptNotifier;
+        m_acceptNotifier = nullptr;
+    }
     if (m_listener.isListening())
         m_listener.close();
+    if (m_parsers)
+        m_parsers->stopAndWait();
     if (m_listenerThread) {
         m_listenerThread->stop();
         m_listenerThread->wait();
@@ -129,16 +185,20 @@ void ArchiveServer::shutdown()
         m_mover->stopAndWait();
         m_mover.reset();
     }
-    // The writer hands its last reads to the reader: stop it first.
+    // The writer hands its last reads to the reader: stop it first. Reads
+    // are dropped, so that however many wait, the server stops promptly.
+    if (m_reader)
+        m_reader->abandonReads();
     for (auto *worker : {&m_writer, &m_reader}) {
         if (*worker)
             (*worker)->finishAndWait();
     }
     // Their last answers wait in the outbox; send them before the
     // connections close.
-    deliverPosted();
+    drainOutbox();
     m_writer.reset();
     m_reader.reset();
+    m_parsers.reset();
     const auto peers = m_peers;
     m_peers.clear();
     for (const Peer &peer : peers) {
@@ -151,95 +211,364 @@ void ArchiveServer::shutdown()
 
 void ArchiveServer::acceptConnections()
 {
-    while (QTcpSocket *socket = m_listener.nextPendingConnection()) {
-        auto *connection = new ClientConnection(m_nextConnectionId++, socket, m_options.maxFrame, this);
-        m_peers[connection->id()].connection = connection;
-        connect(connection, &ClientConnection::messageReceived, this, &ArchiveServer::onMessage);
-        connect(connection, &ClientConnection::closed, this, &ArchiveServer::onClosed);
+    // A bounded number per turn, so that a storm of connections does not
+    // starve the clients already served.
+    for (int i = 0; i < AcceptsPerTurn && m_acceptNotifier && m_acceptNotifier->isEnabled(); ++i) {
+        const int descriptor = ::accept4(int(m_listener.socketDescriptor()), nullptr, nullptr,
+                                         SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (descriptor >= 0) {
+            serveConnection(descriptor);
+            continue;
+        }
+        switch (errno) {
+        case EINTR:
+        case ECONNABORTED:
+            continue;
+        case EMFILE:
+        case ENFILE:
+        case ENOBUFS:
+        case ENOMEM:
+            restAccepting(QString::fromLocal8Bit(std::strerror(errno)));
+            return;
+        default:
+            // EAGAIN: nothing more waits.
+            return;
+        }
     }
 }
 
-void ArchiveServer::onMessage(ClientConnection *connection, const QByteArray &message)
+void ArchiveServer::restAccepting(const QString &why)
 {
-    auto peer = m_peers.find(connection->id());
-    if (!m_writer || peer == m_peers.end())
-        return;
-    RequestReader::Result read = RequestReader::read(message);
-    if (!read.ok) {
-        Q_TRACE_FAILURE(kSource, QStringLiteral("Unreadable request from %1: %2").arg(connection->peer(), read.error));
-        // Without a command there is no reply element to name: the client
-        // would not recognise any answer.
-        if (!read.request.command.isEmpty() && read.request.command != Tag::ConvertFileGroupReply)
-            answer(*peer, peer->nextSequence++,
-                   ReplyWriter::status(read.request.command, read.request.requestId, KE_SoapParsingError, read.error));
+    // The connection stays queued; try again in a moment rather than at
+    // once, which would only fail again.
+    traceRefused(QStringLiteral("Cannot take a connection now (%1); accepting rests for %2 ms").arg(why).arg(AcceptPauseMs));
+    m_acceptNotifier->setEnabled(false);
+    QTimer::singleShot(AcceptPauseMs, this, [this] {
+        if (m_acceptNotifier && !m_stopping)
+            m_acceptNotifier->setEnabled(true);
+    });
+}
+
+void ArchiveServer::serveConnection(qintptr descriptor)
+{
+    auto *socket = new QTcpSocket;
+    if (!socket->setSocketDescriptor(descriptor)) {
+        ::close(int(descriptor));
+        delete socket;
         return;
     }
-    Q_TRACE_DETAIL(kSource, QStringLiteral("%1 from %2 (%3)")
-                                .arg(read.request.command, connection->peer(), read.request.requestId));
+    auto *connection = new ClientConnection(m_nextConnectionId++, socket,
+                                            ClientConnection::Limits{m_options.maxFrame, m_options.maxBacklog}, this);
+    if (!admitConnection(connection)) {
+        connection->close();
+        connection->deleteLater();
+        return;
+    }
+    Peer &peer = m_peers[connection->id()];
+    peer.connection = connection;
+    ++m_connectionsPerAddress[connection->peerAddress().toString()];
+    connect(connection, &ClientConnection::frameAnnounced, this, &ArchiveServer::onFrameAnnounced);
+    connect(connection, &ClientConnection::frameReceived, this, &ArchiveServer::onFrameReceived);
+    connect(connection, &ClientConnection::drained, this, &ArchiveServer::onDrained);
+    connect(connection, &ClientConnection::closed, this, &ArchiveServer::onClosed);
+}
+
+bool ArchiveServer::admitConnection(ClientConnection *connection)
+{
+    if (m_stopping)
+        return false;
+    if (connection->descriptor() >= m_descriptorLimit - SpareDescriptors) {
+        restAccepting(QStringLiteral("refused client %1, descriptors run short").arg(connection->peer()));
+        return false;
+    }
+    if (m_peers.size() >= m_options.maxConnections) {
+        traceRefused(QStringLiteral("Refused client %1: %2 connections are open, the most allowed")
+                         .arg(connection->peer())
+                         .arg(m_peers.size()));
+        return false;
+    }
+    const int fromAddress = m_connectionsPerAddress.value(connection->peerAddress().toString());
+    if (fromAddress >= m_options.maxConnectionsPerAddress) {
+        traceRefused(QStringLiteral("Refused client %1: %2 connections from its address are open, the most allowed")
+                         .arg(connection->peer())
+                         .arg(fromAddress));
+        return false;
+    }
+    return true;
+}
+
+void ArchiveServer::traceRefused(const QString &text)
+{
+    if (m_lastRefusalTrace.isValid() && m_lastRefusalTrace.elapsed() < TraceIntervalMs) {
+        ++m_refusalsUntraced;
+        return;
+    }
+    Q_TRACE_FAILURE(kSource, m_refusalsUntraced == 0
+                                 ? text
+                                 : QStringLiteral("%1 (and %2 more refusals not traced)").arg(text).arg(m_refusalsUntraced));
+    m_refusalsUntraced = 0;
+    m_lastRefusalTrace.start();
+}
+
+void ArchiveServer::onFrameAnnounced(ClientConnection *connection, quint32 length)
+{
+    auto peer = m_peers.find(connection->id());
+    if (peer == m_peers.end())
+        return;
+    if (length <= SmallFrame) {
+        connection->admitFrame();
+        return;
+    }
+    peer->announced = length;
+    peer->awaitingRoom = true;
+    m_waitingForRoom.push_back(connection->id());
+    admitWaiting();
+}
+
+void ArchiveServer::admitWaiting()
+{
+    while (!m_waitingForRoom.empty()) {
+        const auto peer = m_peers.find(m_waitingForRoom.front());
+        if (peer == m_peers.end() || !peer->awaitingRoom) {
+            m_waitingForRoom.pop_front();
+            continue;
+        }
+        // A frame larger than the whole limit still goes through alone.
+        const qint64 length = peer->announced;
+        if (m_pendingBytes > 0 && m_pendingBytes + length > m_options.maxPending)
+            return;
+        m_waitingForRoom.pop_front();
+        m_pendingBytes += length;
+        peer->reserved = length;
+        peer->awaitingRoom = false;
+        peer->connection->admitFrame();
+    }
+}
+
+void ArchiveServer::releasePending(qint64 bytes)
+{
+    if (bytes <= 0)
+        return;
+    m_pendingBytes -= bytes;
+    admitWaiting();
+}
+
+void ArchiveServer::onFrameReceived(ClientConnection *connection, const QByteArray &payload)
+{
+    auto peer = m_peers.find(connection->id());
+    if (peer == m_peers.end())
+        return;
+    peer->frames.push_back({payload, peer->reserved});
+    peer->reserved = 0;
+    ++peer->underWay;
+    updateHold(*peer);
+    decodeNext(*peer);
+}
+
+void ArchiveServer::decodeNext(Peer &peer)
+{
+    // One payload of a connection at a time, so that its requests keep
+    // their order; cheap ones are read right here.
+    while (!peer.parsing && !peer.frames.empty()) {
+        Frame frame = std::move(peer.frames.front());
+        peer.frames.pop_front();
+        if (RequestDecoder::isCostly(frame.payload, peer.tryExpand)) {
+            peer.parsing = true;
+            peer.parsingReserved = frame.reserved;
+            m_parsers->post({peer.connection->id(), std::move(frame.payload), peer.tryExpand});
+            return;
+        }
+        releasePending(frame.reserved);
+        onDecoded(peer, RequestDecoder::decode(frame.payload, peer.tryExpand,
+                                               {m_options.maxFrame, m_options.maxElements}));
+        if (peer.connection->isClosed())
+            return;
+    }
+}
+
+void ArchiveServer::onDecoded(Peer &peer, RequestDecoder::Decoded decoded)
+{
+    if (decoded.plain)
+        peer.tryExpand = false;
+    if (decoded.tooLarge) {
+        Q_TRACE_FAILURE(kSource, QStringLiteral("Client %1 sent a message that expands beyond %2 bytes; closing its "
+                                                "connection")
+                                     .arg(peer.connection->peer())
+                                     .arg(m_options.maxFrame));
+        peer.connection->close();
+        return;
+    }
+    RequestReader::Result &read = decoded.read;
+    if (!read.ok) {
+        onUnreadable(peer, read);
+        return;
+    }
     if (read.request.command == Tag::ConvertFileGroupReply) {
         // The converter's answer to our ConvertFileGroup: nothing waits for it.
         const qint64 error = read.request.number(Tag::Error, KE_UnknownError);
         if (error != KE_NoError)
             Q_TRACE_FAILURE(kSource, QStringLiteral("Converter %1 failed on file group %2: %3 (%4)")
-                                         .arg(connection->peer(), read.request.text(Tag::Guid),
+                                         .arg(peer.connection->peer(), read.request.text(Tag::Guid),
                                               read.request.text(Tag::ErrorString))
                                          .arg(error));
+        finishUnanswered(peer);
         return;
     }
+    Q_TRACE_DETAIL(kSource, QStringLiteral("%1 from %2 (%3)")
+                                .arg(read.request.command, peer.connection->peer(), read.request.requestId));
+    dispatch(peer, std::move(read.request));
+}
+
+void ArchiveServer::onUnreadable(Peer &peer, const RequestReader::Result &read)
+{
+    if (peer.lastUnreadableTrace.isValid() && peer.lastUnreadableTrace.elapsed() < TraceIntervalMs) {
+        ++peer.unreadableUntraced;
+    } else {
+        Q_TRACE_FAILURE(kSource, QStringLiteral("Unreadable request from %1: %2%3")
+                                     .arg(peer.connection->peer(), read.error,
+                                          peer.unreadableUntraced == 0
+                                              ? QString()
+                                              : QStringLiteral(" (and %1 more not traced)").arg(peer.unreadableUntraced)));
+        peer.unreadableUntraced = 0;
+        peer.lastUnreadableTrace.start();
+    }
+    const QString &command = read.request.command;
+    // Whatever names its command can be answered; the converter's own
+    // answer never is.
+    if (command.isEmpty() || command.size() > MaxCommandLength || command == Tag::ConvertFileGroupReply) {
+        finishUnanswered(peer);
+        return;
+    }
+    answer(peer, peer.nextSequence++,
+           ReplyWriter::status(command, read.request.requestId, KE_SoapParsingError, read.error));
+}
+
+void ArchiveServer::dispatch(Peer &peer, Request request)
+{
     DatabaseJob job;
-    job.origin.connectionId = connection->id();
-    job.origin.sequence = peer->nextSequence++;
-    job.origin.localAddress = connection->localAddress();
-    job.readOnly = ArchiveEngine::isReadOnly(read.request.command);
-    job.request = std::move(read.request);
-    if (peer->nextSequence - peer->nextToSend >= MaxUnderWay)
-        connection->setHoldingRequests(true);
+    job.origin.connectionId = peer.connection->id();
+    job.origin.sequence = peer.nextSequence++;
+    job.origin.localAddress = peer.connection->localAddress();
+    job.gate = peer.connection->gate();
+    job.readOnly = ArchiveEngine::isReadOnly(request.command);
+    job.request = std::move(request);
     // A read may overtake nothing of its own connection: while a change of
     // it is under way, the writer hands the read on after its commit.
-    if (job.readOnly && peer->changesUnderWay == 0) {
+    if (job.readOnly && peer.changesUnderWay == 0) {
         m_reader->post(std::move(job));
         return;
     }
     if (!job.readOnly)
-        ++peer->changesUnderWay;
+        ++peer.changesUnderWay;
     m_writer->post(std::move(job));
+}
+
+void ArchiveServer::finishUnanswered(Peer &peer)
+{
+    --peer.underWay;
+    updateHold(peer);
+}
+
+void ArchiveServer::updateHold(Peer &peer)
+{
+    peer.connection->setHeld(peer.underWay >= m_options.maxInFlight);
 }
 
 void ArchiveServer::onClosed(ClientConnection *connection)
 {
     Q_TRACE_DETAIL(kSource, QStringLiteral("Client %1 disconnected").arg(connection->peer()));
     // Locks stay: they belong to the lock identity, which may come back on
-    // another connection.
-    m_peers.remove(connection->id());
+    // another connection. Its queued work is dropped by the gate.
+    const auto peer = m_peers.find(connection->id());
+    if (peer != m_peers.end()) {
+        qint64 held = peer->reserved + peer->parsingReserved;
+        for (const Frame &frame : peer->frames)
+            held += frame.reserved;
+        m_peers.erase(peer);
+        const QString address = connection->peerAddress().toString();
+        if (--m_connectionsPerAddress[address] <= 0)
+            m_connectionsPerAddress.remove(address);
+        releasePending(held);
+    }
+    wakeHeldReads(connection->gate());
     connection->deleteLater();
 }
 
-void ArchiveServer::postAnswers(Answers answers, bool fromWriter)
+void ArchiveServer::onDrained(ClientConnection *connection)
+{
+    wakeHeldReads(connection->gate());
+}
+
+void ArchiveServer::wakeHeldReads(const std::shared_ptr<ConnectionGate> &gate)
+{
+    if (m_reader && gate->held.exchange(false)) {
+        DatabaseJob wake;
+        wake.kind = DatabaseJob::Kind::Wake;
+        m_reader->post(std::move(wake));
+    }
+}
+
+void ArchiveServer::watchConnections()
+{
+    const qint64 frameLimit = qint64(m_options.frameTimeoutSeconds) * 1000;
+    const qint64 idleLimit = qint64(m_options.idleTimeoutSeconds) * 1000;
+    std::vector<ClientConnection *> expired;
+    for (const Peer &peer : qAsConst(m_peers)) {
+        ClientConnection *connection = peer.connection;
+        QString why;
+        if (connection->frameUnderWayFor() > frameLimit)
+            why = QStringLiteral("took more than %1 s to send a message").arg(m_options.frameTimeoutSeconds);
+        else if (connection->stalledFor() > frameLimit)
+            why = QStringLiteral("read none of its waiting answers for %1 s").arg(m_options.frameTimeoutSeconds);
+        else if (connection->idleFor() > idleLimit && peer.underWay == 0 && !connection->hasUnsentAnswers())
+            why = QStringLiteral("sent nothing for %1 s").arg(m_options.idleTimeoutSeconds);
+        if (why.isEmpty())
+            continue;
+        Q_TRACE_FAILURE(kSource, QStringLiteral("Client %1 %2; closing its connection").arg(connection->peer(), why));
+        expired.push_back(connection);
+    }
+    for (ClientConnection *connection : expired)
+        connection->close();
+}
+
+void ArchiveServer::post(const std::function<void(Outbox &)> &fill)
 {
     bool first = false;
     {
         const std::lock_guard<std::mutex> lock(m_outboxMutex);
-        first = m_outbox.empty();
-        m_outbox.emplace_back(std::move(answers), fromWriter);
+        first = m_outbox.answers.empty() && m_outbox.parsed.empty();
+        fill(m_outbox);
     }
     // One wake-up per batch of deliveries: the first to arrive in an empty
     // outbox asks for it, the rest ride along.
     if (first)
-        emit answersReady();
+        emit outboxFilled();
 }
 
-void ArchiveServer::deliverPosted()
+void ArchiveServer::drainOutbox()
 {
-    std::vector<std::pair<Answers, bool>> posted;
+    Outbox posted;
     {
         const std::lock_guard<std::mutex> lock(m_outboxMutex);
-        posted.swap(m_outbox);
+        std::swap(posted, m_outbox);
     }
-    for (const auto &delivery : posted)
+    for (auto &parsed : posted.parsed) {
+        const auto peer = m_peers.find(parsed.connectionId);
+        if (peer == m_peers.end())
+            continue;
+        peer->parsing = false;
+        releasePending(std::exchange(peer->parsingReserved, 0));
+        onDecoded(*peer, std::move(parsed.decoded));
+        // The peer may be gone now: look it up again.
+        const auto still = m_peers.find(parsed.connectionId);
+        if (still != m_peers.end() && !m_stopping)
+            decodeNext(*still);
+    }
+    for (const auto &delivery : posted.answers)
         deliver(delivery.first, delivery.second);
 }
 
-void ArchiveServer::deliver(const Answers &answers, bool fromWriter)
+void ArchiveServer::deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &answers, bool fromWriter)
 {
     for (const DatabaseAnswer &done : *answers) {
         for (const NewGroupNotice &notice : done.newGroups)
@@ -253,6 +582,8 @@ void ArchiveServer::deliver(const Answers &answers, bool fromWriter)
             continue;
         if (fromWriter)
             --peer->changesUnderWay;
+        else
+            peer->connection->gate()->built -= done.reply.size();
         if (done.registersConverter) {
             peer->converter = true;
             peer->converterTypes = done.converterTypes;
@@ -269,13 +600,14 @@ void ArchiveServer::answer(Peer &peer, quint64 sequence, const QByteArray &reply
     }
     peer.connection->send(reply);
     ++peer.nextToSend;
+    --peer.underWay;
     for (auto it = peer.waiting.begin(); it != peer.waiting.end() && it.key() == peer.nextToSend;
          it = peer.waiting.erase(it)) {
         peer.connection->send(it.value());
         ++peer.nextToSend;
+        --peer.underWay;
     }
-    if (peer.nextSequence - peer.nextToSend < MaxUnderWay / 2)
-        peer.connection->setHoldingRequests(false);
+    updateHold(peer);
 }
 
 void ArchiveServer::notifyConverters(const NewGroupNotice &notice)

@@ -3,13 +3,18 @@
 #include "databaseworker.h"
 #include "grouplistener.h"
 #include "groupmover.h"
+#include "parserpool.h"
 #include "serveroptions.h"
 
+#include <QElapsedTimer>
 #include <QHash>
 #include <QMap>
 #include <QObject>
+#include <QSocketNotifier>
 #include <QTcpServer>
+#include <QTimer>
 
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -24,6 +29,11 @@ class ClientConnection;
 // reader thread, and sends the answers back on each connection in request
 // order. Converters registered on a connection hear of every new group of
 // their types.
+//
+// Whatever clients send, the network thread stays free for all of them:
+// large or compressed requests are decoded on the parser threads, every
+// resource a client can make the server hold has a limit (the options of
+// ServerOptions), and clients that are too slow, silent or stuck are let go.
 class ArchiveServer : public QObject
 {
     Q_OBJECT
@@ -40,59 +50,126 @@ public:
     QHostAddress address() const { return m_listener.serverAddress(); }
     quint16 port() const { return m_listener.serverPort(); }
 
-    // Stops accepting, carries out and commits what was received, sends
-    // the answers, then closes every connection.
+    // Stops accepting, carries out and commits the changes received (reads
+    // not yet started are dropped), sends the answers, then closes every
+    // connection.
     void shutdown();
 
+    // Frames up to this size need no room among the pending bytes: a
+    // request of an ordinary client never waits behind others' large ones.
+    static constexpr quint32 SmallFrame = 64 * 1024;
+    // Threads that decode large requests.
+    static constexpr int ParserThreads = 2;
+    // Longest command name worth answering.
+    static constexpr int MaxCommandLength = 128;
+    // Descriptors kept free for the database, files and moves: a connection
+    // that would take one of them is refused.
+    static constexpr int SpareDescriptors = 32;
+
 Q_SIGNALS:
-    // From a database thread: answers wait in the outbox.
-    void answersReady();
+    // From a database or parser thread: results wait in the outbox.
+    void outboxFilled();
 
 private:
-    // Answers may come back from two threads out of order; each waits here
-    // until those of the connection's earlier requests have been sent.
+    // A received frame on its way to the parser, with the pending bytes it
+    // holds.
+    struct Frame
+    {
+        QByteArray payload;
+        qint64 reserved = 0;
+    };
+
     struct Peer
     {
         ClientConnection *connection = nullptr;
+        // Requests numbered in arrival order; answers leave in that order.
         quint64 nextSequence = 0;
         quint64 nextToSend = 0;
         int changesUnderWay = 0;
         QMap<quint64, QByteArray> waiting;
         bool converter = false;
         QVector<int> converterTypes;
+        // Frames received and not yet answered (or known to get no answer).
+        int underWay = 0;
+        std::deque<Frame> frames;
+        bool parsing = false;
+        qint64 parsingReserved = 0;
+        bool tryExpand = true;
+        // Pending bytes held by the frame being received.
+        qint64 reserved = 0;
+        quint32 announced = 0;
+        bool awaitingRoom = false;
+        QElapsedTimer lastUnreadableTrace;
+        int unreadableUntraced = 0;
+    };
+
+    // Results handed back from other threads.
+    struct Outbox
+    {
+        std::vector<std::pair<std::shared_ptr<std::vector<DatabaseAnswer>>, bool>> answers;
+        std::vector<ParserPool::Result> parsed;
     };
 
     bool openDatabase();
+    void startMover();
+    bool listen();
     void acceptConnections();
-    void onMessage(ClientConnection *connection, const QByteArray &message);
+    void serveConnection(qintptr descriptor);
+    bool admitConnection(ClientConnection *connection);
+    void restAccepting(const QString &why);
+    void onFrameAnnounced(ClientConnection *connection, quint32 length);
+    void onFrameReceived(ClientConnection *connection, const QByteArray &payload);
     void onClosed(ClientConnection *connection);
-    using Answers = std::shared_ptr<std::vector<DatabaseAnswer>>;
-    // On a database thread.
-    void postAnswers(Answers answers, bool fromWriter);
-    void deliverPosted();
-    void deliver(const Answers &answers, bool fromWriter);
-    void answer(Peer &peer, quint64 sequence, const QByteArray &reply);
+    void onDrained(ClientConnection *connection);
+    void admitWaiting();
+    void releasePending(qint64 bytes);
+    void decodeNext(Peer &peer);
+    void onDecoded(Peer &peer, RequestDecoder::Decoded decoded);
+    void onUnreadable(Peer &peer, const RequestReader::Result &read);
+    void dispatch(Peer &peer, Request request);
+    void finishUnanswered(Peer &peer);
+    void updateHold(Peer &peer);
+    void wakeHeldReads(const std::shared_ptr<ConnectionGate> &gate);
+    void watchConnections();
+    void traceRefused(const QString &text);
 
-    // Requests one connection may have under way before it is read no
-    // further: a flood of requests waits in its own socket, not in memory.
-    static constexpr quint64 MaxUnderWay = 4096;
+    void post(const std::function<void(Outbox &)> &fill);
+    void drainOutbox();
+    void deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &answers, bool fromWriter);
+    void answer(Peer &peer, quint64 sequence, const QByteArray &reply);
     void notifyConverters(const NewGroupNotice &notice);
 
     ServerOptions m_options;
+    // Binds and listens; the connections are taken by this server's own
+    // accept loop, which rests instead of spinning when descriptors run out.
     QTcpServer m_listener;
+    QSocketNotifier *m_acceptNotifier = nullptr;
+    QTimer m_watch;
     std::unique_ptr<DatabaseWorker> m_writer;
     std::unique_ptr<DatabaseWorker> m_reader;
     std::unique_ptr<GroupMover> m_mover;
     std::unique_ptr<GroupListener> m_listenerThread;
+    std::unique_ptr<ParserPool> m_parsers;
     // Names this process among the servers sharing a database.
     QString m_instanceId;
-    // Answers on their way from the database threads to this one. Handed
-    // over under a standard mutex, which thread checkers see, rather than
-    // inside a queued call, which they cannot.
+    // Open files this process may have.
+    int m_descriptorLimit;
+    // Results on their way from the other threads to this one. Handed over
+    // under a standard mutex, which thread checkers see, rather than inside
+    // a queued call, which they cannot.
     std::mutex m_outboxMutex;
-    std::vector<std::pair<Answers, bool>> m_outbox;
+    Outbox m_outbox;
     QHash<quint64, Peer> m_peers;
+    QHash<QString, int> m_connectionsPerAddress;
     quint64 m_nextConnectionId = 1;
+    // Bytes of large frames being received or waiting to be decoded, and the
+    // connections waiting for room among them, first come first served.
+    qint64 m_pendingBytes = 0;
+    std::deque<quint64> m_waitingForRoom;
+    // Refused connections are traced at most once a second.
+    QElapsedTimer m_lastRefusalTrace;
+    int m_refusalsUntraced = 0;
+    bool m_stopping = false;
     QString m_error;
     int m_exitCode = ServerOptions::ExitOk;
 };

@@ -1,11 +1,10 @@
 #include "clientconnection.h"
 
-#include "xmlseparator.h"
-
 #include <trace.h>
 
-#include <QHostAddress>
 #include <QTcpSocket>
+#include <QTimer>
+#include <QtEndian>
 
 namespace Kelda {
 
@@ -13,24 +12,30 @@ namespace {
 const char kSource[] = "framework/kelda/keldaserver/clientconnection";
 }
 
-ClientConnection::ClientConnection(quint64 id, QTcpSocket *socket, quint32 maxFrame, QObject *parent)
+ClientConnection::ClientConnection(quint64 id, QTcpSocket *socket, const Limits &limits, QObject *parent)
     : QObject(parent)
     , m_id(id)
     , m_socket(socket)
-    , m_framer(new XmlSeparator(socket, XmlSeparator::LittleEndianMode, this))
+    , m_gate(std::make_shared<ConnectionGate>(limits.maxBacklog))
+    , m_reader(limits.maxFrame)
     , m_peer(QStringLiteral("%1:%2").arg(socket->peerAddress().toString()).arg(socket->peerPort()))
+    , m_peerAddress(socket->peerAddress())
 {
     socket->setParent(this);
+    socket->setReadBufferSize(ReadBufferSize);
     // Answers are small and each one is awaited: never hold one back.
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-    m_framer->setMaxFrameLength(maxFrame);
-    connect(m_framer, &XmlSeparator::xmlReceived, this,
-            [this](const QByteArray &message) { emit messageReceived(this, message); });
-    connect(m_framer, &XmlSeparator::frameTooLarge, this, &ClientConnection::onFrameTooLarge);
+    m_sinceReceived.start();
+    m_sinceWritten.start();
+    connect(socket, &QTcpSocket::readyRead, this, [this] {
+        m_sinceReceived.start();
+        readFrames();
+    });
     connect(socket, &QTcpSocket::bytesWritten, this, &ClientConnection::onBytesWritten);
     connect(socket, &QTcpSocket::disconnected, this, [this] {
         if (!m_closed) {
             m_closed = true;
+            m_gate->closed = true;
             emit closed(this);
         }
     });
@@ -38,6 +43,11 @@ ClientConnection::ClientConnection(quint64 id, QTcpSocket *socket, quint32 maxFr
 }
 
 ClientConnection::~ClientConnection() = default;
+
+qintptr ClientConnection::descriptor() const
+{
+    return m_socket->socketDescriptor();
+}
 
 QString ClientConnection::localAddress() const
 {
@@ -48,47 +58,124 @@ void ClientConnection::send(const QByteArray &document)
 {
     if (m_closed || m_socket->state() != QAbstractSocket::ConnectedState)
         return;
-    m_framer->sendXml(document);
-    if (!m_backlogged && m_socket->bytesToWrite() > MaxBacklog) {
-        m_backlogged = true;
-        Q_TRACE_DETAIL(kSource, QStringLiteral("Client %1 reads too slowly; pausing its requests").arg(m_peer));
-        updateReading();
-    }
+    uchar length[4];
+    qToLittleEndian<quint32>(quint32(document.size()), length);
+    if (!m_socket->bytesToWrite())
+        m_sinceWritten.start();
+    m_socket->write(reinterpret_cast<const char *>(length), sizeof length);
+    m_socket->write(document);
+    updateUnsent();
 }
 
-void ClientConnection::setHoldingRequests(bool hold)
+void ClientConnection::updateUnsent()
 {
-    m_holding = hold;
-    updateReading();
+    m_gate->unsent.store(m_socket->bytesToWrite(), std::memory_order_relaxed);
+    if (!m_backlogged && m_gate->overBacklog()) {
+        m_backlogged = true;
+        m_sinceWritten.start();
+        Q_TRACE_DETAIL(kSource, QStringLiteral("Client %1 reads too slowly; pausing its requests").arg(m_peer));
+    }
 }
 
 void ClientConnection::onBytesWritten()
 {
-    if (m_backlogged && m_socket->bytesToWrite() < MaxBacklog / 2) {
+    m_sinceWritten.start();
+    updateUnsent();
+    if (m_backlogged && m_gate->backlog() < m_gate->maxBacklog / 2) {
         m_backlogged = false;
-        updateReading();
+        emit drained(this);
+        resumeReading();
     }
 }
 
-void ClientConnection::updateReading()
+void ClientConnection::admitFrame()
 {
-    const bool read = !m_backlogged && !m_holding;
-    if (read == m_reading || m_closed)
+    if (!m_reader.awaitsAdmission())
         return;
-    m_reading = read;
-    if (read)
-        m_framer->resume();
-    else
-        m_framer->pause();
+    m_reader.admit();
+    m_frameUnderWay.start();
+    resumeReading();
 }
 
-void ClientConnection::onFrameTooLarge(quint64 announced)
+void ClientConnection::setHeld(bool held)
 {
-    Q_TRACE_FAILURE(kSource, QStringLiteral("Client %1 announced a message of %2 bytes, over the limit; closing "
-                                            "its connection")
-                                 .arg(m_peer)
-                                 .arg(announced));
-    close();
+    if (held == m_held)
+        return;
+    m_held = held;
+    if (!held)
+        resumeReading();
+}
+
+void ClientConnection::resumeReading()
+{
+    // What Qt buffered before the pause raises no further readyRead.
+    if (mayRead())
+        scheduleRead();
+}
+
+bool ClientConnection::mayRead() const
+{
+    return !m_closed && !m_held && !m_reader.awaitsAdmission() && !m_gate->overBacklog();
+}
+
+void ClientConnection::scheduleRead()
+{
+    if (m_readScheduled)
+        return;
+    m_readScheduled = true;
+    QTimer::singleShot(0, this, [this] {
+        m_readScheduled = false;
+        readFrames();
+    });
+}
+
+qint64 ClientConnection::frameUnderWayFor() const
+{
+    // Time the server itself kept the frame waiting does not count.
+    if (!m_reader.inFrame() || m_reader.awaitsAdmission() || !mayRead())
+        return -1;
+    return m_frameUnderWay.isValid() ? m_frameUnderWay.elapsed() : -1;
+}
+
+qint64 ClientConnection::stalledFor() const
+{
+    return m_backlogged ? m_sinceWritten.elapsed() : -1;
+}
+
+void ClientConnection::readFrames()
+{
+    if (m_inRead)
+        return;
+    m_inRead = true;
+    int frames = 0;
+    while (mayRead()) {
+        const bool wasInFrame = m_reader.inFrame();
+        const FrameReader::Step step = m_reader.read(*m_socket);
+        if (!wasInFrame && m_reader.inFrame())
+            m_frameUnderWay.start();
+        if (step == FrameReader::Step::NeedData)
+            break;
+        if (step == FrameReader::Step::TooLarge) {
+            Q_TRACE_FAILURE(kSource, QStringLiteral("Client %1 announced a message of %2 bytes, over the limit; "
+                                                    "closing its connection")
+                                         .arg(m_peer)
+                                         .arg(m_reader.announcedLength()));
+            close();
+            break;
+        }
+        if (step == FrameReader::Step::Announced) {
+            // The owner admits at once or once there is room; reading
+            // goes on from admitFrame().
+            emit frameAnnounced(this, m_reader.announcedLength());
+            continue;
+        }
+        emit frameReceived(this, m_reader.takeFrame());
+        if (++frames == FramesPerTurn) {
+            scheduleRead();
+            break;
+        }
+    }
+    m_inRead = false;
 }
 
 void ClientConnection::flush()
@@ -101,6 +188,7 @@ void ClientConnection::close()
     if (m_closed)
         return;
     m_closed = true;
+    m_gate->closed = true;
     m_socket->abort();
     emit closed(this);
 }

@@ -1,57 +1,107 @@
 #pragma once
 
+#include "connectiongate.h"
+#include "framereader.h"
+
 #include <QByteArray>
+#include <QElapsedTimer>
+#include <QHostAddress>
 #include <QObject>
 #include <QString>
 
+#include <memory>
+
 class QTcpSocket;
-class XmlSeparator;
 
 namespace Kelda {
 
-// One client's TCP connection: frames its messages, hands them on and
-// writes replies. Writing never blocks; when a client stops reading its
-// replies, its reading is paused until the backlog drains, so that it can
-// neither stall nor flood the server.
+// One client's TCP connection: collects its frames and writes its answers.
+//
+// Nothing a client does makes it hold more than its share: Qt's read buffer
+// is bounded, so bytes not yet wanted stay in the socket; a frame's payload
+// is read only after the owner admitted its announced length; reading pauses
+// while the owner holds the connection (too many requests under way) or
+// while answers pile up unread (the backlog). Writing never blocks.
 class ClientConnection : public QObject
 {
     Q_OBJECT
 
 public:
-    ClientConnection(quint64 id, QTcpSocket *socket, quint32 maxFrame, QObject *parent = nullptr);
+    struct Limits
+    {
+        quint32 maxFrame = 0;
+        qint64 maxBacklog = 0;
+    };
+
+    ClientConnection(quint64 id, QTcpSocket *socket, const Limits &limits, QObject *parent = nullptr);
     ~ClientConnection() override;
 
     quint64 id() const { return m_id; }
+    // "address:port", for traces.
     QString peer() const { return m_peer; }
+    QHostAddress peerAddress() const { return m_peerAddress; }
     QString localAddress() const;
+    qintptr descriptor() const;
+    const std::shared_ptr<ConnectionGate> &gate() const { return m_gate; }
 
+    // Frames the answer with its length and queues it on the socket.
     void send(const QByteArray &document);
-    // Stops taking requests from the client while it has too many under
-    // way; the socket keeps them until reading resumes.
-    void setHoldingRequests(bool hold);
+    // Lets the frame announced by frameAnnounced() be read.
+    void admitFrame();
+    // While held, no further frame is read.
+    void setHeld(bool held);
+    // Reads on: the backlog may have shrunk since the last look.
+    void resumeReading();
     // Writes what the socket can take now, without waiting.
     void flush();
+    // Aborts the connection; closed() follows once.
     void close();
+    bool isClosed() const { return m_closed; }
 
-    // Unsent reply bytes above which reading from the client pauses.
-    static constexpr qint64 MaxBacklog = 64 * 1024 * 1024;
+    // For the owner's watch over slow, silent and stuck clients, in ms.
+    qint64 idleFor() const { return m_sinceReceived.elapsed(); }
+    // How long the frame being received has been under way while this
+    // server was reading; -1 when no frame is under way.
+    qint64 frameUnderWayFor() const;
+    // How long answers above the backlog limit have waited without a byte
+    // taken by the client; -1 when the backlog is within the limit.
+    qint64 stalledFor() const;
+    bool hasUnsentAnswers() const { return m_gate->unsent.load(std::memory_order_relaxed) > 0; }
+
+    // Frames taken from one connection before others get their turn.
+    static constexpr int FramesPerTurn = 16;
+    // Bytes Qt may buffer from the socket ahead of the frame reader.
+    static constexpr qint64 ReadBufferSize = 64 * 1024;
 
 Q_SIGNALS:
-    void messageReceived(Kelda::ClientConnection *connection, const QByteArray &message);
+    // Direct connections: the owner answers admitFrame() now or later.
+    void frameAnnounced(Kelda::ClientConnection *connection, quint32 length);
+    void frameReceived(Kelda::ClientConnection *connection, const QByteArray &payload);
+    // The backlog fell below half the limit again.
+    void drained(Kelda::ClientConnection *connection);
     void closed(Kelda::ClientConnection *connection);
 
 private:
+    void readFrames();
+    void scheduleRead();
+    bool mayRead() const;
     void onBytesWritten();
-    void updateReading();
-    void onFrameTooLarge(quint64 announced);
+    void updateUnsent();
 
     const quint64 m_id;
     QTcpSocket *m_socket;
-    XmlSeparator *m_framer;
+    const std::shared_ptr<ConnectionGate> m_gate;
+    FrameReader m_reader;
     QString m_peer;
+    QHostAddress m_peerAddress;
+    QElapsedTimer m_sinceReceived;
+    QElapsedTimer m_frameUnderWay;
+    QElapsedTimer m_sinceWritten;
     bool m_backlogged = false;
-    bool m_holding = false;
-    bool m_reading = true;
+    bool m_held = false;
+    bool m_inRead = false;
+    bool m_readScheduled = false;
+    bool m_announced = false;
     bool m_closed = false;
 };
 

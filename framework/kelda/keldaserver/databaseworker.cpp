@@ -155,7 +155,10 @@ void DatabaseWorker::serve()
             ensureConnected();
             continue;
         }
-        m_delivery(m_role == Role::Writer ? carryOut(batch) : read(batch));
+        if (m_role == Role::Writer)
+            m_delivery(carryOut(batch));
+        else
+            read(batch);
     }
     if (m_role == Role::Writer && m_database.isPostgres() && !store.connectionLost()) {
         try {
@@ -202,25 +205,92 @@ DatabaseAnswer DatabaseWorker::failedAnswer(const DatabaseJob &job, const QStrin
     return answer;
 }
 
-std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::read(std::deque<DatabaseJob> &batch)
+bool DatabaseWorker::isDropped(const DatabaseJob &job)
 {
-    auto answers = std::make_shared<std::vector<DatabaseAnswer>>(batch.size());
-    const bool connected = ensureConnected();
-    for (size_t i = 0; i < batch.size(); ++i) {
-        DatabaseAnswer &answer = (*answers)[i];
-        if (!connected || m_store->connectionLost()) {
-            answer = failedAnswer(batch[i], kUnreachable);
+    return job.gate && job.gate->closed.load();
+}
+
+void DatabaseWorker::read(std::deque<DatabaseJob> &batch)
+{
+    std::vector<DatabaseAnswer> answers;
+    ensureConnected();
+    readHeld(answers);
+    for (DatabaseJob &job : batch) {
+        if (job.kind != DatabaseJob::Kind::Request || m_abandonReads || isDropped(job))
             continue;
+        const auto held = m_held.find(job.origin.connectionId);
+        if (held != m_held.end())
+            held->second.push_back(std::move(job));
+        else
+            readOrHold(job, answers);
+    }
+    deliverReads(answers, true);
+}
+
+void DatabaseWorker::readHeld(std::vector<DatabaseAnswer> &answers)
+{
+    for (auto it = m_held.begin(); it != m_held.end();) {
+        std::deque<DatabaseJob> &jobs = it->second;
+        while (!jobs.empty()) {
+            if (m_abandonReads || isDropped(jobs.front())) {
+                jobs.clear();
+                break;
+            }
+            if (!readOrHold(jobs.front(), answers))
+                break;
+            jobs.pop_front();
         }
-        answer.connectionId = batch[i].origin.connectionId;
-        answer.sequence = batch[i].origin.sequence;
-        answer.reply = readOne(batch[i]);
+        it = jobs.empty() ? m_held.erase(it) : std::next(it);
+    }
+}
+
+bool DatabaseWorker::readOrHold(DatabaseJob &job, std::vector<DatabaseAnswer> &answers)
+{
+    ConnectionGate *const gate = job.gate.get();
+    if (gate && gate->overBacklog()) {
+        // Marked before the second look, so that a client that reads in
+        // between either shows here or finds the mark and wakes this
+        // thread.
+        gate->held = true;
+        if (gate->overBacklog()) {
+            auto &held = m_held[job.origin.connectionId];
+            if (held.empty() || &held.front() != &job)
+                held.push_back(std::move(job));
+            return false;
+        }
+    }
+    DatabaseAnswer answer;
+    if (m_store->connectionLost() && !ensureConnected()) {
+        answer = failedAnswer(job, kUnreachable);
+    } else {
+        answer.connectionId = job.origin.connectionId;
+        answer.sequence = job.origin.sequence;
+        answer.reply = readOne(job);
         // Reading changes nothing: after a connection that was lost while
         // idle, the read may simply run again on a fresh one.
-        if (m_store->connectionLost() && i == 0 && reconnect())
-            answer.reply = readOne(batch[i]);
+        if (m_store->connectionLost() && ensureConnected())
+            answer.reply = readOne(job);
     }
-    return answers;
+    if (gate)
+        gate->built += answer.reply.size();
+    answers.push_back(std::move(answer));
+    deliverReads(answers, false);
+    return true;
+}
+
+void DatabaseWorker::deliverReads(std::vector<DatabaseAnswer> &answers, bool always)
+{
+    if (answers.empty())
+        return;
+    if (!always) {
+        qint64 bytes = 0;
+        for (const DatabaseAnswer &answer : answers)
+            bytes += answer.reply.size();
+        if (bytes < ReadDeliveryBytes)
+            return;
+    }
+    m_delivery(std::make_shared<std::vector<DatabaseAnswer>>(std::move(answers)));
+    answers.clear();
 }
 
 QByteArray DatabaseWorker::readOne(const DatabaseJob &job)
@@ -247,7 +317,9 @@ std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::carryOut(std::deque
     }
     std::vector<DatabaseJob> deferred;
     for (auto it = batch.begin(); it != batch.end();) {
-        if (it->readOnly) {
+        if (it->kind == DatabaseJob::Kind::Wake || isDropped(*it)) {
+            it = batch.erase(it);
+        } else if (it->readOnly) {
             deferred.push_back(std::move(*it));
             it = batch.erase(it);
         } else {
@@ -383,6 +455,8 @@ bool DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
             break;
         case DatabaseJob::Kind::MoveFinished:
             m_engine->moveFinished(job.guid, job.directory, job.ok);
+            break;
+        case DatabaseJob::Kind::Wake:
             break;
         }
     } catch (const RequestFailure &failure) {

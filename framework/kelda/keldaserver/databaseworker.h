@@ -1,6 +1,7 @@
 #pragma once
 
 #include "archiveengine.h"
+#include "connectiongate.h"
 #include "request.h"
 #include "storagelayout.h"
 
@@ -9,21 +10,27 @@
 
 #include <condition_variable>
 #include <deque>
+#include <atomic>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <vector>
 
 namespace Kelda {
 
-// Work for a database thread: a request to carry out, or a step of a
-// running move.
+// Work for a database thread: a request to carry out, a step of a running
+// move, or a nudge to look at the requests held back for their clients'
+// backlogs.
 struct DatabaseJob
 {
-    enum class Kind { Request, MoveProgress, MoveFinished };
+    enum class Kind { Request, MoveProgress, MoveFinished, Wake };
     Kind kind = Kind::Request;
     RequestOrigin origin;
     Request request;
+    // The requesting connection's state, as far as the database threads
+    // may see it; null for work of no connection.
+    std::shared_ptr<ConnectionGate> gate;
     // Changes nothing in the database: carried out by a reader, after
     // every earlier change of its connection is committed.
     bool readOnly = false;
@@ -57,7 +64,12 @@ struct DatabaseAnswer
 // change is committed.
 //
 // A reader carries out read-only requests on a snapshot of committed data,
-// so that long queries and exports never hold up changes.
+// so that long queries and exports never hold up changes. It builds no
+// further answer for a connection whose unread answers exceed its backlog
+// limit: those requests wait, in order, until the client has read enough.
+//
+// Work of a connection that has closed is dropped unstarted; whatever was
+// committed before stays.
 //
 // On a shared PostgreSQL database a request that lost a deadlock against
 // another server is carried out again in the next transaction. A worker that
@@ -88,6 +100,9 @@ public:
     void post(DatabaseJob job);
     // Carries out what is queued, commits, and ends the thread.
     void finish();
+    // From now on, requests that only read are dropped unanswered: a
+    // stopping server carries out the changes it received, not the reads.
+    void abandonReads() { m_abandonReads = true; }
     // finish(), then returns once the thread has ended.
     void finishAndWait();
 
@@ -107,6 +122,8 @@ public:
     // How long a COMMIT without answer may keep the writer looking for its
     // outcome; well within the client's wait for any answer.
     static constexpr int CommitCheckMs = 15000;
+    // Answer bytes a reader gathers before it hands them on mid-batch.
+    static constexpr qint64 ReadDeliveryBytes = 4 * 1024 * 1024;
 
 protected:
     void run() override;
@@ -117,8 +134,14 @@ private:
     // while the worker keeps running.
     std::deque<DatabaseJob> takeBatch(int idleTimeoutMs, bool *finishing);
     std::shared_ptr<std::vector<DatabaseAnswer>> carryOut(std::deque<DatabaseJob> &batch);
-    std::shared_ptr<std::vector<DatabaseAnswer>> read(std::deque<DatabaseJob> &batch);
+    void read(std::deque<DatabaseJob> &batch);
+    // Carries out the held requests whose clients have read enough since.
+    void readHeld(std::vector<DatabaseAnswer> &answers);
+    // Carries out one read now, or holds it back; false once held.
+    bool readOrHold(DatabaseJob &job, std::vector<DatabaseAnswer> &answers);
+    void deliverReads(std::vector<DatabaseAnswer> &answers, bool always);
     QByteArray readOne(const DatabaseJob &job);
+    static bool isDropped(const DatabaseJob &job);
     std::vector<DatabaseJob *> transact(const std::vector<DatabaseJob *> &jobs, bool mayRetry,
                                         std::vector<DatabaseAnswer> &answers);
     bool carryOutOne(DatabaseJob &job, DatabaseAnswer &answer, std::vector<std::function<void()>> &afterCommit);
@@ -154,6 +177,9 @@ private:
     std::vector<DatabaseJob> m_heldMoves;
     ArchiveStore *m_store = nullptr;
     ArchiveEngine *m_engine = nullptr;
+    // Reader only: requests held back per connection, in arrival order.
+    std::map<quint64, std::deque<DatabaseJob>> m_held;
+    std::atomic<bool> m_abandonReads{false};
 };
 
 } // namespace Kelda

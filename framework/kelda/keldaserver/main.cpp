@@ -8,9 +8,22 @@
 
 #include <cstdio>
 
+#include <sys/resource.h>
+
 using namespace Kelda;
 
 namespace {
+
+// Connections cost a descriptor each: take all the system allows us, so
+// that the connection limits, not the descriptor table, decide.
+void raiseDescriptorLimit()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
 
 void printLine(FILE *stream, const QString &text)
 {
@@ -46,6 +59,7 @@ int main(int argc, char *argv[])
     case ServerOptions::Action::Run:
         break;
     }
+    raiseDescriptorLimit();
     if (options.hasTraceMask)
         ErrorHandler::Instance()->SetLevel(options.traceMask);
 

@@ -5,6 +5,7 @@
 #include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDeadlineTimer>
+#include <QFile>
 #include <QRegularExpression>
 
 #include <cstdio>
@@ -13,6 +14,7 @@
 #ifdef Q_OS_LINUX
 #include <csignal>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 #endif
 
@@ -30,6 +32,10 @@ void ServerProcess::ChildProcess::setupChildProcess()
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != m_parentId)
         _exit(1);
+    if (m_descriptorLimit > 0) {
+        const rlimit limit{rlim_t(m_descriptorLimit), rlim_t(m_descriptorLimit)};
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
 #endif
 }
 
@@ -150,4 +156,28 @@ int ServerProcess::exitCode() const
 QProcess::ExitStatus ServerProcess::exitStatus() const
 {
     return m_process.exitStatus();
+}
+
+qint64 ServerProcess::statusField(const char *name) const
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(m_process.processId()));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith(name))
+            return line.mid(int(qstrlen(name))).trimmed().split(' ').value(0).toLongLong();
+    }
+    return -1;
+}
+
+qint64 ServerProcess::cpuTicks() const
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(m_process.processId()));
+    if (!stat.open(QIODevice::ReadOnly))
+        return -1;
+    // The fields after the command name, which may hold spaces itself:
+    // utime and stime are the 12th and 13th of them.
+    const QByteArray line = stat.readAll();
+    const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
+    return fields.size() > 12 ? fields.at(11).toLongLong() + fields.at(12).toLongLong() : -1;
 }

@@ -29,6 +29,9 @@ public:
 
     // Further command-line options, e.g. {"--max-frame", "1024"}.
     void setExtraArguments(const QStringList &arguments) { m_extraArguments = arguments; }
+    // Starts the program with at most this many open files (soft and hard
+    // limit); 0 leaves the limit as it is.
+    void setDescriptorLimit(int descriptors) { m_process.setDescriptorLimit(descriptors); }
 
     // Starts the program and waits for its ready line; false with
     // errorString() when it did not come within timeoutMs.
@@ -47,6 +50,13 @@ public:
     int exitCode() const;
     QProcess::ExitStatus exitStatus() const;
 
+    // The running program's resident size now, and its peak so far, in
+    // KiB; -1 when unknown.
+    qint64 residentKiB() const { return statusField("VmRSS:"); }
+    qint64 peakResidentKiB() const { return statusField("VmHWM:"); }
+    // Processor time the program has used, in clock ticks; -1 when unknown.
+    qint64 cpuTicks() const;
+
     static QString programPath();
 
     static bool usesPostgres();
@@ -63,13 +73,17 @@ private:
     {
     public:
         ChildProcess();
+        void setDescriptorLimit(int descriptors) { m_descriptorLimit = descriptors; }
 
     protected:
         void setupChildProcess() override;
 
     private:
         qint64 m_parentId;
+        int m_descriptorLimit = 0;
     };
+
+    qint64 statusField(const char *name) const;
 
     std::unique_ptr<QTemporaryDir> m_temporaryDir;
     QString m_basePath;
