@@ -34,7 +34,8 @@ ArchiveServer::~ArchiveServer()
 
 bool ArchiveServer::openDatabase()
 {
-    const StorageLayout layout(m_options.basePath, m_options.nasPath, m_options.exchangePath);
+    const StorageLayout layout(m_options.basePath, m_options.nasPath, m_options.exchangePath,
+                               m_options.maxImportBytes);
     const auto delivery = [this](bool fromWriter) {
         return [this, fromWriter](Answers answers) { postAnswers(std::move(answers), fromWriter); };
     };
