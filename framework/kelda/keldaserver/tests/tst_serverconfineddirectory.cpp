@@ -1,4 +1,5 @@
 #include "confineddirectory.h"
+#include "groupmover.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -12,7 +13,7 @@
 using namespace Kelda;
 
 // The confined walk without a server: links at every level, files that are
-// no regular files, and exclusive creation.
+// no regular files, exclusive creation, and the mover's use of it.
 class TestServerConfinedDirectory : public QObject
 {
     Q_OBJECT
@@ -26,6 +27,8 @@ private slots:
     void nothingIsOverwritten_data();
     void nothingIsOverwritten();
     void removalStaysInside();
+    void moveCarriesRegisteredFilesOnly_data();
+    void moveCarriesRegisteredFilesOnly();
 
 private:
     QString root(const QString &relative = QString()) const
@@ -182,6 +185,44 @@ void TestServerConfinedDirectory::removalStaysInside()
     QVERIFY(QFileInfo(root(QStringLiteral("a"))).isDir());
     ConfinedDirectory::removeEmptyTree(root(), root());
     QVERIFY(QFileInfo(root()).isDir());
+}
+
+void TestServerConfinedDirectory::moveCarriesRegisteredFilesOnly_data()
+{
+    QTest::addColumn<QString>("before"); // what an earlier run did, or what was planted
+    QTest::addColumn<bool>("moved");
+    QTest::newRow("fresh") << QString() << true;
+    QTest::newRow("resumed after a source went") << QStringLiteral("resumed") << true;
+    QTest::newRow("a source replaced by a link") << QStringLiteral("link") << false;
+    QTest::newRow("a source missing everywhere") << QStringLiteral("missing") << false;
+}
+
+void TestServerConfinedDirectory::moveCarriesRegisteredFilesOnly()
+{
+    QFETCH(QString, before);
+    QFETCH(bool, moved);
+    const QString from = root(QStringLiteral("a/b/c/"));
+    const QString to = outside(QStringLiteral("nas/g/"));
+    QVERIFY(write(from + QStringLiteral("g"), "second") && write(from + QStringLiteral("stranger"), "stays"));
+    QVERIFY(QDir().mkpath(to));
+    if (before == QLatin1String("resumed")) {
+        QVERIFY(QFile::rename(from + QStringLiteral("f"), to + QStringLiteral("f")));
+        QVERIFY(write(to + QStringLiteral("g"), "se"));
+    } else if (!before.isEmpty()) {
+        QVERIFY(QFile::remove(from + QStringLiteral("g")));
+    }
+    if (before == QLatin1String("link"))
+        QVERIFY(QFile::link(outside(QStringLiteral("secret")), from + QStringLiteral("g")));
+
+    const MoveOrder order{QStringLiteral("g"), from, to, {QStringLiteral("f"), QStringLiteral("g")},
+                          root(), outside(QStringLiteral("nas"))};
+    QCOMPARE(GroupMover::moveGroup(order, nullptr, nullptr), moved);
+    QCOMPARE(read(to + QStringLiteral("f")), moved ? QByteArray("mine") : QByteArray("<missing>"));
+    QCOMPARE(read(to + QStringLiteral("g")), moved ? QByteArray("second") : QByteArray("<missing>"));
+    QCOMPARE(QFileInfo::exists(from + QStringLiteral("f")), !moved);
+    QVERIFY(!QFileInfo::exists(to + QStringLiteral("stranger")));
+    QCOMPARE(read(from + QStringLiteral("stranger")), QByteArray("stays"));
+    QCOMPARE(read(outside(QStringLiteral("secret"))), QByteArray("secret"));
 }
 
 QTEST_GUILESS_MAIN(TestServerConfinedDirectory)
