@@ -102,8 +102,10 @@ QString fileListRefusal(const FileGroupData::FileList &files)
 QByteArray descriptionBytes(const FileGroupData &data)
 {
     QByteArray bytes;
-    QXmlStreamWriter writer(&bytes);
-    data.ToHtml(writer, true, true);
+    {
+        QXmlStreamWriter writer(&bytes);
+        data.ToHtml(writer, true, true);
+    }
     return bytes;
 }
 
