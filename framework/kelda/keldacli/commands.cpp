@@ -626,7 +626,10 @@ void exportOptions(QCommandLineParser &parser)
 {
     parser.addPositionalArgument(QStringLiteral("GUID"), QStringLiteral("File groups to export."),
                                  QStringLiteral("GUID..."));
-    parser.addOption({kTo, QStringLiteral("Directory to export into (required)."), QStringLiteral("DIR")});
+    parser.addOption({kTo,
+                      QStringLiteral("Directory to export into (required), below the server's exchange folder; a "
+                                     "relative path is taken below that folder."),
+                      QStringLiteral("DIR")});
 }
 
 ExitCode runExport(const QCommandLineParser &parser, Session &session)
@@ -640,7 +643,8 @@ ExitCode runExport(const QCommandLineParser &parser, Session &session)
     }
     if (!parser.isSet(kTo))
         return session.fail(ExitUsage, QStringLiteral("--to DIR is required"));
-    const QString target = QFileInfo(parser.value(kTo)).absoluteFilePath();
+    // The server resolves the path below its exchange folder, not here.
+    const QString target = parser.value(kTo);
     if (const ExitCode code = session.connect())
         return code;
     return simpleRequest(session, &KeldaClient::exportArchiveSg,
@@ -649,7 +653,9 @@ ExitCode runExport(const QCommandLineParser &parser, Session &session)
 
 void importOptions(QCommandLineParser &parser)
 {
-    parser.addPositionalArgument(QStringLiteral("DIR"), QStringLiteral("Exported archives to import."),
+    parser.addPositionalArgument(QStringLiteral("DIR"),
+                                 QStringLiteral("Exported archives to import, below the server's exchange folder; a "
+                                                "relative path is taken below that folder."),
                                  QStringLiteral("DIR..."));
 }
 
@@ -657,12 +663,8 @@ ExitCode runImport(const QCommandLineParser &parser, Session &session)
 {
     if (const ExitCode code = expectArguments(parser, session, 1, -1))
         return code;
-    QStringList items;
-    for (const QString &dir : parser.positionalArguments()) {
-        if (!QFileInfo::exists(dir))
-            return session.fail(ExitLocalFile, QStringLiteral("'%1' does not exist").arg(dir));
-        items.append(QFileInfo(dir).absoluteFilePath());
-    }
+    // The server resolves the paths below its exchange folder, not here.
+    const QStringList items = parser.positionalArguments();
     if (const ExitCode code = session.connect())
         return code;
     return simpleRequest(session, &KeldaClient::importArchiveSg,
@@ -686,8 +688,10 @@ const std::vector<Command> &commands()
         {"ref", "GUID", "Add a reference from the application (--app).", groupOptions, runRef},
         {"unref", "GUID", "Remove the reference of the application (--app).", unrefOptions, runUnref},
         {"move", "GUID", "Move a group to network storage; returns once it is central.", groupOptions, runMove},
-        {"export", "GUID... --to DIR", "Export groups into an archive directory.", exportOptions, runExport},
-        {"import", "DIR...", "Import exported archives.", importOptions, runImport},
+        {"export", "GUID... --to DIR", "Export groups into a directory below the server's exchange folder.",
+         exportOptions, runExport},
+        {"import", "DIR...", "Import exported archives from below the server's exchange folder.", importOptions,
+         runImport},
     };
     return table;
 }

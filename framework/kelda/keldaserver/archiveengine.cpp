@@ -8,12 +8,11 @@
 #include <trace.h>
 
 #include <QDir>
-#include <QDirIterator>
 #include <QElapsedTimer>
-#include <QFile>
-#include <QFileInfo>
 #include <QSet>
 #include <QUrl>
+#include <QXmlStreamReader>
+#include <QXmlStreamWriter>
 
 namespace Kelda {
 
@@ -55,26 +54,69 @@ QString lockedText(const QString &guid, const LockHolder &holder)
         .arg(guid, holder.write ? QStringLiteral("write") : QStringLiteral("read"), holder.holder);
 }
 
-bool copyDirectoryFiles(const QString &from, const QString &to, const FileGroupData::FileList &files, QString *error)
+// Removes the named files of a group's directory, regular files only;
+// what cannot be removed is traced and left.
+void removeGroupFiles(const StorageLayout &layout, const QString &directory, const QStringList &names)
 {
-    if (!QDir().mkpath(to)) {
-        *error = QStringLiteral("Cannot create %1").arg(to);
-        return false;
+    QString error;
+    const ConfinedDirectory opened
+        = layout.openGroupDirectory(directory, ConfinedDirectory::Creation::Existing, &error);
+    if (!opened.isOpen()) {
+        if (!opened.wasMissing())
+            Q_TRACE_FAILURE(kSource, QStringLiteral("Cannot remove files from %1: %2").arg(directory, error));
+        return;
     }
+    for (const QString &name : names) {
+        if (!opened.removeFile(name, &error))
+            Q_TRACE_FAILURE(kSource, QStringLiteral("Cannot remove a file: %1").arg(error));
+    }
+}
+
+QStringList namesOf(const FileGroupData::FileList &files)
+{
+    QStringList names;
+    for (const auto &file : files)
+        names.append(file.first);
+    return names;
+}
+
+// A description names the files to copy: each must be a bare name, and
+// names and ids must be unique, or the group could not be stored whole.
+QString fileListRefusal(const FileGroupData::FileList &files)
+{
+    QSet<QString> names;
+    QSet<int> ids;
     for (const auto &file : files) {
-        const QString source = StorageLayout::fileInside(from, file.first);
-        const QString target = StorageLayout::fileInside(to, file.first);
-        if (source.isEmpty() || target.isEmpty()) {
-            *error = QStringLiteral("Refused file name \"%1\"").arg(file.first);
-            return false;
-        }
-        QFile::remove(target);
-        if (!QFile::copy(source, target)) {
-            *error = QStringLiteral("Cannot copy %1 to %2").arg(source, target);
-            return false;
-        }
+        if (!StorageLayout::isSafeFileName(file.first))
+            return QStringLiteral("refused file name \"%1\"").arg(file.first);
+        if (file.second <= 0 || ids.contains(file.second) || names.contains(file.first))
+            return QStringLiteral("file %1 (id %2) is listed twice or has no valid id")
+                .arg(file.first)
+                .arg(file.second);
+        names.insert(file.first);
+        ids.insert(file.second);
     }
-    return true;
+    return QString();
+}
+
+QByteArray descriptionBytes(const FileGroupData &data)
+{
+    QByteArray bytes;
+    {
+        QXmlStreamWriter writer(&bytes);
+        data.ToHtml(writer, true, true);
+    }
+    return bytes;
+}
+
+// NAME_GUID.fgdesc; a group name may hold separators, which a file name
+// cannot.
+QString descriptionName(const FileGroupData &data)
+{
+    QString name = data.getFileGroupName() + QLatin1Char('_') + data.getGuid() + kDescriptionSuffix;
+    for (const QChar separator : {QChar(QLatin1Char('/')), QChar(QLatin1Char('\\')), QChar(0)})
+        name.replace(separator, QLatin1Char('_'));
+    return name;
 }
 
 QByteArray qualified(QLatin1String name)
@@ -250,7 +292,7 @@ void ArchiveEngine::getBasePath(const Request &, const RequestOrigin &, ReplyWri
     writer.writeStatus(KE_NoError, QString());
 }
 
-QString ArchiveEngine::createGroup(StoredGroup group, const QString &requestedPath, RequestOutcome &outcome)
+void ArchiveEngine::checkNewGroup(const StoredGroup &group)
 {
     const QString guid = group.data.getGuid();
     if (guid.trimmed().isEmpty())
@@ -262,20 +304,33 @@ QString ArchiveEngine::createGroup(StoredGroup group, const QString &requestedPa
     const int type = group.data.getFileType();
     if (type < FT_Unknown || type > FT_Last)
         refuse(KE_AddFileGroupFailed, QStringLiteral("Unknown file type %1").arg(type));
+}
 
-    const QDateTime created = now();
+QString ArchiveEngine::claimGroupDirectory(const QString &guid, const QString &requestedPath, const QDateTime &created)
+{
     QString directory = m_layout.defaultGroupDirectory(guid, created);
-    if (!requestedPath.trimmed().isEmpty()) {
+    if (!requestedPath.trimmed().isEmpty())
         directory = QDir::cleanPath(QDir::fromNativeSeparators(requestedPath.trimmed()));
-        if (!StorageLayout::isBelow(m_layout.basePath(), directory)
-            || StorageLayout::isBelow(m_layout.nasPath(), directory) || directory == m_layout.nasPath())
-            refuse(KE_CreatePathFailed,
-                   QStringLiteral("The path %1 does not lie below the base path %2")
-                       .arg(requestedPath, m_layout.basePath()));
+    QString refusal = m_layout.refusedGroupDirectory(directory, guid);
+    // A directory shared with another group would let deleting one remove
+    // the other's files.
+    if (refusal.isEmpty()) {
+        if (const std::optional<QString> other = m_store.groupAround(directory))
+            refusal = QStringLiteral("%1 lies in or around the directory of file group %2").arg(directory, *other);
     }
-    if (!QDir().mkpath(directory))
-        refuse(KE_CreatePathFailed, QStringLiteral("Cannot create the directory %1").arg(directory));
+    if (!refusal.isEmpty())
+        refuse(KE_CreatePathFailed, refusal);
+    QString error;
+    if (!m_layout.openGroupDirectory(directory, ConfinedDirectory::Creation::CreateMissing, &error).isOpen())
+        refuse(KE_CreatePathFailed, QStringLiteral("Cannot create the directory %1: %2").arg(directory, error));
+    return directory;
+}
 
+void ArchiveEngine::registerGroup(StoredGroup group, const QString &directory, const QDateTime &created,
+                                  RequestOutcome &outcome)
+{
+    const QString guid = group.data.getGuid();
+    const int type = group.data.getFileType();
     group.path = directory;
     group.data.setPath(directory);
     group.fixedResultXml = fixedResultXml(group.data);
@@ -289,7 +344,32 @@ QString ArchiveEngine::createGroup(StoredGroup group, const QString &requestedPa
     m_store.announceGroup(guid, type, StorageLayout::directoryForReply(directory));
     outcome.newGroups.push_back({guid, type, StorageLayout::directoryForReply(directory)});
     Q_TRACE_DETAIL(kSource, QStringLiteral("Created file group %1 in %2").arg(guid, directory));
+}
+
+QString ArchiveEngine::createGroup(StoredGroup group, const QString &requestedPath, RequestOutcome &outcome)
+{
+    checkNewGroup(group);
+    const QDateTime created = now();
+    const QString directory = claimGroupDirectory(group.data.getGuid(), requestedPath, created);
+    registerGroup(group, directory, created, outcome);
     return directory;
+}
+
+QString ArchiveEngine::groupFilesRefusal(const QString &directory, const QStringList &names, bool missingAllowed) const
+{
+    QString error;
+    const ConfinedDirectory opened
+        = m_layout.openGroupDirectory(directory, ConfinedDirectory::Creation::Existing, &error);
+    if (!opened.isOpen())
+        return missingAllowed && opened.wasMissing() ? QString() : error;
+    for (const QString &name : names) {
+        const ConfinedDirectory::Kind kind = opened.kindOf(name);
+        if (kind == ConfinedDirectory::Kind::Regular || (missingAllowed && kind == ConfinedDirectory::Kind::Missing))
+            continue;
+        opened.checkRegularFile(name, &error);
+        return error;
+    }
+    return QString();
 }
 
 void ArchiveEngine::createFileGroup(const Request &request, const RequestOrigin &, ReplyWriter &writer,
@@ -347,13 +427,22 @@ void ArchiveEngine::addFile(const Request &request, const RequestOrigin &, Reply
     const StoredGroup group = requireGroup(request.text(Tag::Guid));
     refuseWhileMoving(group);
     const QString name = request.text(Tag::FileName);
-    const QString path = StorageLayout::fileInside(group.path, name);
-    if (path.isEmpty())
+    if (StorageLayout::fileInside(group.path, name).isEmpty())
         refuse(KE_AddFileFailed, QStringLiteral("Refused file name \"%1\": it must name a file in the group's "
                                                 "directory itself").arg(name));
-    if (!QFileInfo(path).isFile())
-        refuse(KE_OpenFileFailed, QStringLiteral("%1 does not lie in the group's directory %2; copy it there first")
-                                      .arg(name, StorageLayout::directoryForReply(group.path)));
+    QString error;
+    const ConfinedDirectory directory
+        = m_layout.openGroupDirectory(group.path, ConfinedDirectory::Creation::Existing, &error);
+    if (!directory.isOpen())
+        refuse(KE_OpenFileFailed, QStringLiteral("Cannot use the directory of file group %1: %2")
+                                      .arg(group.data.getGuid(), error));
+    // A link may point anywhere; archived files are files of their own.
+    if (directory.kindOf(name) == ConfinedDirectory::Kind::Link)
+        refuse(KE_AddFileFailed, QStringLiteral("Refused %1: it is a symbolic link").arg(name));
+    if (!directory.checkRegularFile(name, &error))
+        refuse(KE_OpenFileFailed, QStringLiteral("%1 is no regular file in the group's directory %2; copy it there "
+                                                 "first (%3)")
+                                      .arg(name, StorageLayout::directoryForReply(group.path), error));
     const QString guid = group.data.getGuid();
     if (m_store.hasFileNamed(guid, name))
         refuse(KE_AddFileFailed, QStringLiteral("File group %1 holds a file named %2 already").arg(guid, name));
@@ -382,9 +471,12 @@ void ArchiveEngine::requestFile(const Request &request, const RequestOrigin &, R
     if (!name)
         refuse(KE_FileGroupIdNotFound, QStringLiteral("File group %1 holds no file %2").arg(guid).arg(fileId));
     const QString path = StorageLayout::fileInside(group.path, *name);
-    if (path.isEmpty() || !QFileInfo(path).isFile())
-        refuse(KE_OpenFileFailed, QStringLiteral("The file %1 of group %2 is missing from %3")
-                                      .arg(*name, guid, StorageLayout::directoryForReply(group.path)));
+    QString error;
+    const ConfinedDirectory directory
+        = m_layout.openGroupDirectory(group.path, ConfinedDirectory::Creation::Existing, &error);
+    if (path.isEmpty() || !directory.isOpen() || !directory.checkRegularFile(*name, &error))
+        refuse(KE_OpenFileFailed,
+               QStringLiteral("The file %1 of group %2 cannot be opened: %3").arg(*name, guid, error));
 
     const QString holder = request.text(Tag::UserName);
     if (holder.isEmpty())
@@ -429,11 +521,19 @@ void ArchiveEngine::deleteFile(const Request &request, const RequestOrigin &, Re
     if (!name)
         refuse(KE_FileGroupIdNotFound, QStringLiteral("File group %1 holds no file %2").arg(guid).arg(fileId));
     refuseWhileLocked(guid);
+    const bool onDisk = !m_layout.rootOf(group.path).isEmpty();
+    if (onDisk) {
+        const QString refusal = groupFilesRefusal(group.path, {*name}, true);
+        if (!refusal.isEmpty())
+            refuse(KE_DeleteFileFailed, QStringLiteral("Nothing was deleted: %1").arg(refusal));
+    }
     m_store.deleteFile(guid, int(fileId));
     m_store.touch(guid, now().toMSecsSinceEpoch());
-    const QString path = StorageLayout::fileInside(group.path, *name);
-    if (!path.isEmpty())
-        outcome.afterCommit.push_back([path] { QFile::remove(path); });
+    // The group lives on: its directory stays for the files still to come.
+    if (onDisk)
+        outcome.afterCommit.push_back([layout = m_layout, path = group.path, file = *name] {
+            removeGroupFiles(layout, path, {file});
+        });
     writer.writeStatus(KE_NoError, QString());
 }
 
@@ -442,15 +542,22 @@ void ArchiveEngine::deleteFileGroup(const Request &request, const RequestOrigin 
 {
     const StoredGroup group = requireGroup(request.text(Tag::Guid));
     refuseWhileMoving(group);
-    refuseWhileLocked(group.data.getGuid());
-    m_store.deleteGroup(group.data.getGuid());
-    // A shallow delete forgets the group and leaves its directory on disk.
-    const bool removable = StorageLayout::isBelow(m_layout.basePath(), group.path)
-        || StorageLayout::isBelow(m_layout.nasPath(), group.path);
-    if (!request.flag(Tag::ShallowDelete) && removable) {
-        const QString path = group.path;
-        outcome.afterCommit.push_back([path] { QDir(path).removeRecursively(); });
+    const QString guid = group.data.getGuid();
+    refuseWhileLocked(guid);
+    // A shallow delete forgets the group and leaves its files on disk.
+    const bool removesFiles = !request.flag(Tag::ShallowDelete) && !m_layout.rootOf(group.path).isEmpty();
+    const QStringList files = namesOf(m_store.files(guid));
+    if (removesFiles) {
+        const QString refusal = groupFilesRefusal(group.path, files, true);
+        if (!refusal.isEmpty())
+            refuse(KE_DeleteFileGroupFailed, QStringLiteral("Nothing was deleted: %1").arg(refusal));
     }
+    m_store.deleteGroup(guid);
+    if (removesFiles)
+        outcome.afterCommit.push_back([layout = m_layout, path = group.path, files] {
+            removeGroupFiles(layout, path, files);
+            layout.removeEmptyGroupDirectory(path);
+        });
     writer.writeStatus(KE_NoError, QString());
 }
 
@@ -592,36 +699,68 @@ void ArchiveEngine::queryFileGroups(const Request &request, const RequestOrigin 
     writer.writeStatus(KE_NoError, QString());
 }
 
-QString ArchiveEngine::exportGroup(const QString &guid, const QString &target)
+QString ArchiveEngine::exchangeItem(const QString &requested) const
+{
+    const QString item = m_layout.exchangeItem(requested);
+    // The same answer whether or not the path exists, and without the
+    // path: the server tells nobody what lies outside the folder.
+    if (item.isEmpty())
+        refuse(KE_CreatePathFailed, QStringLiteral("The path lies outside the exchange folder %1, the only folder "
+                                                   "export and import use")
+                                        .arg(m_layout.exchangePath()));
+    return item;
+}
+
+QString ArchiveEngine::exportGroup(const QString &guid, const ConfinedDirectory &target)
 {
     std::optional<StoredGroup> group = m_store.group(guid);
     if (!group)
         return QStringLiteral("no file group %1").arg(guid);
     group->data.setFileList(m_store.files(guid));
-    const QString fileName = group->data.toXmlFileForExport(target);
-    if (!QFileInfo::exists(QDir(target).filePath(fileName)))
-        return QStringLiteral("cannot write %1 into %2").arg(fileName, target);
+    const QStringList names = namesOf(group->data.getFileList());
     QString error;
-    if (!copyDirectoryFiles(group->path, QDir(target).filePath(guid), group->data.getFileList(), &error))
-        return error;
+    const ConfinedDirectory source
+        = m_layout.openGroupDirectory(group->path, ConfinedDirectory::Creation::Existing, &error);
+    if (!source.isOpen())
+        return QStringLiteral("file group %1: %2").arg(guid, error);
+    // Checked before anything is written, so a refused group leaves
+    // nothing behind.
+    for (const QString &name : names) {
+        if (!source.checkRegularFile(name, &error))
+            return QStringLiteral("file group %1: %2").arg(guid, error);
+    }
+    const ConfinedDirectory files = target.createSubdirectory(guid, &error);
+    if (!files.isOpen())
+        return QStringLiteral("file group %1: %2").arg(guid, error);
+    if (!target.writeNewFile(descriptionName(group->data), descriptionBytes(group->data), &error)) {
+        target.removeEmptySubdirectory(guid);
+        return QStringLiteral("file group %1: %2").arg(guid, error);
+    }
+    for (const QString &name : names) {
+        if (!source.copyFileTo(name, files, &error))
+            return QStringLiteral("file group %1: %2").arg(guid, error);
+    }
     return QString();
 }
 
 void ArchiveEngine::exportArchive(const Request &request, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
 {
-    const QString target = QDir::cleanPath(QDir::fromNativeSeparators(request.text(Tag::Path).trimmed()));
-    if (target.isEmpty() || QDir::isRelativePath(target))
-        refuse(KE_ExportArchiveFailed, QStringLiteral("The export needs an absolute directory, got \"%1\"")
-                                           .arg(request.text(Tag::Path)));
-    if (!QDir().mkpath(target))
-        refuse(KE_ExportArchiveFailed, QStringLiteral("Cannot create the directory %1").arg(target));
+    const QString requested = request.text(Tag::Path);
+    if (requested.trimmed().isEmpty())
+        refuse(KE_ExportArchiveFailed, QStringLiteral("The export names no directory"));
+    const QString target = exchangeItem(requested);
+    QString error;
+    const ConfinedDirectory directory = ConfinedDirectory::open(
+        m_layout.exchangePath(), target, ConfinedDirectory::Creation::CreateMissing, &error);
+    if (!directory.isOpen())
+        refuse(KE_ExportArchiveFailed, QStringLiteral("Cannot create the directory %1: %2").arg(target, error));
     QStringList failures;
     for (const QString &guid : request.texts(Tag::Guid)) {
         if (!StorageLayout::isGuid(guid)) {
             failures.append(QStringLiteral("\"%1\" is not a file group GUID").arg(guid));
             continue;
         }
-        const QString failure = exportGroup(guid, target);
+        const QString failure = exportGroup(guid, directory);
         if (!failure.isEmpty())
             failures.append(failure);
     }
@@ -630,61 +769,134 @@ void ArchiveEngine::exportArchive(const Request &request, const RequestOrigin &,
     writer.writeStatus(KE_NoError, QString());
 }
 
-QString ArchiveEngine::importDescription(const QString &descriptionFile, RequestOutcome &outcome)
+void ArchiveEngine::collectDescriptions(const QString &item, QStringList &descriptions, QStringList &failures) const
 {
+    const QString exchange = m_layout.exchangePath();
+    QString error;
+    ConfinedDirectory folder;
+    if (item == exchange) {
+        folder = ConfinedDirectory::open(exchange, item, ConfinedDirectory::Creation::Existing, &error);
+    } else {
+        const int cut = item.lastIndexOf(QLatin1Char('/'));
+        const QString name = item.mid(cut + 1);
+        const ConfinedDirectory parent
+            = ConfinedDirectory::open(exchange, item.left(cut), ConfinedDirectory::Creation::Existing, &error);
+        if (!parent.isOpen() && !parent.wasMissing()) {
+            failures.append(error);
+            return;
+        }
+        const ConfinedDirectory::Kind kind = parent.isOpen() ? parent.kindOf(name) : ConfinedDirectory::Kind::Missing;
+        if (kind == ConfinedDirectory::Kind::Regular) {
+            descriptions.append(item);
+            return;
+        }
+        if (kind == ConfinedDirectory::Kind::Missing) {
+            failures.append(QStringLiteral("no archive at %1").arg(item));
+            return;
+        }
+        // Anything else is refused without being opened: a FIFO or a
+        // device would never end.
+        if (kind == ConfinedDirectory::Kind::Directory)
+            folder = parent.subdirectory(name, &error);
+        else
+            parent.checkRegularFile(name, &error);
+    }
+    if (!folder.isOpen()) {
+        failures.append(error);
+        return;
+    }
+    for (const QString &entry : folder.entryNames()) {
+        if (entry.endsWith(kDescriptionSuffix))
+            descriptions.append(item + QLatin1Char('/') + entry);
+    }
+}
+
+QString ArchiveEngine::importDescription(const QString &description, RequestOutcome &outcome)
+{
+    const int cut = description.lastIndexOf(QLatin1Char('/'));
+    QString error;
+    const ConfinedDirectory folder = ConfinedDirectory::open(m_layout.exchangePath(), description.left(cut),
+                                                             ConfinedDirectory::Creation::Existing, &error);
+    const std::optional<QByteArray> bytes
+        = folder.isOpen() ? folder.readFile(description.mid(cut + 1), m_layout.maxImportBytes(), &error)
+                          : std::nullopt;
+    if (!bytes)
+        return error;
     FileGroupData record;
-    if (!record.fromXmlforImport(descriptionFile))
-        return QStringLiteral("cannot read %1").arg(descriptionFile);
+    QXmlStreamReader reader(*bytes);
+    if (record.FromHtml(reader) != KE_NoError)
+        return QStringLiteral("cannot read %1").arg(description);
     const QString guid = record.getGuid();
     if (!StorageLayout::isGuid(guid))
-        return QStringLiteral("%1 names no valid GUID").arg(descriptionFile);
+        return QStringLiteral("%1 names no valid GUID").arg(description);
     if (m_store.group(guid))
         return QStringLiteral("file group %1 is in the archive already").arg(guid);
-
-    // Files first: a group enters the archive only with all of its files.
-    const QString source = QDir(QFileInfo(descriptionFile).absolutePath()).filePath(guid);
-    const QString directory = m_layout.defaultGroupDirectory(guid, now());
-    QString error;
-    if (!copyDirectoryFiles(source, directory, record.getFileList(), &error)) {
-        QDir(directory).removeRecursively();
-        return QStringLiteral("file group %1: %2").arg(guid, error);
+    const FileGroupData::FileList files = record.getFileList();
+    const QString refusal = fileListRefusal(files);
+    if (!refusal.isEmpty())
+        return QStringLiteral("%1: %2").arg(description, refusal);
+    const QStringList names = namesOf(files);
+    const ConfinedDirectory source = folder.subdirectory(guid, &error);
+    for (const QString &name : names) {
+        if (!source.isOpen() || !source.checkRegularFile(name, &error))
+            return QStringLiteral("file group %1: %2").arg(guid, error);
     }
+
     StoredGroup group;
     group.data = record;
     group.data.setFileList({});
     group.data.setLocationState(LS_Local);
+    const QDateTime created = now();
+    QString directory;
     try {
-        createGroup(group, directory, outcome);
+        checkNewGroup(group);
+        directory = claimGroupDirectory(guid, QString(), created);
     } catch (const RequestFailure &failure) {
-        QDir(directory).removeRecursively();
         return failure.text;
     }
-    for (const auto &file : record.getFileList())
-        m_store.insertFile(guid, file.second, file.first);
+    // Files first: a group enters the archive only with all of its files.
+    const ConfinedDirectory target
+        = m_layout.openGroupDirectory(directory, ConfinedDirectory::Creation::Existing, &error);
+    QStringList copied;
+    for (const QString &name : names) {
+        if (!target.isOpen() || !source.copyFileTo(name, target, &error)) {
+            removeGroupFiles(m_layout, directory, copied);
+            m_layout.removeEmptyGroupDirectory(directory);
+            return QStringLiteral("file group %1: %2").arg(guid, error);
+        }
+        copied.append(name);
+    }
+    try {
+        registerGroup(group, directory, created, outcome);
+        for (const auto &file : files)
+            m_store.insertFile(guid, file.second, file.first);
+    } catch (const RequestFailure &) {
+        removeGroupFiles(m_layout, directory, copied);
+        m_layout.removeEmptyGroupDirectory(directory);
+        throw;
+    }
     return QString();
 }
 
 void ArchiveEngine::importArchive(const Request &request, const RequestOrigin &, ReplyWriter &writer,
                                   RequestOutcome &outcome)
 {
+    // Every path is checked before any is used.
+    QStringList items;
+    for (const QString &item : request.texts(Tag::Path))
+        items.append(item.trimmed().isEmpty() ? QString() : exchangeItem(item));
     QStringList descriptions;
     QStringList failures;
-    for (const QString &item : request.texts(Tag::Path)) {
-        const QString path = QDir::cleanPath(QDir::fromNativeSeparators(item.trimmed()));
-        const QFileInfo info(path);
-        if (path.isEmpty() || info.isRelative() || !info.exists()) {
-            failures.append(QStringLiteral("no archive at \"%1\"").arg(item));
-        } else if (info.isDir()) {
-            QDirIterator it(path, {QLatin1Char('*') + kDescriptionSuffix}, QDir::Files);
-            while (it.hasNext())
-                descriptions.append(it.next());
-        } else {
-            descriptions.append(path);
-        }
+    for (const QString &item : qAsConst(items)) {
+        if (item.isEmpty())
+            failures.append(QStringLiteral("an empty path names no archive"));
+        else
+            collectDescriptions(item, descriptions, failures);
     }
     descriptions.sort();
+    descriptions.removeDuplicates();
     int imported = 0;
-    for (const QString &description : descriptions) {
+    for (const QString &description : qAsConst(descriptions)) {
         const QString failure = importDescription(description, outcome);
         if (failure.isEmpty())
             ++imported;
@@ -706,10 +918,16 @@ void ArchiveEngine::moveToNas(const Request &request, const RequestOrigin &, Rep
         refuse(KE_InvalidLocationStateForCommand,
                QStringLiteral("File group %1 is %2, not local").arg(guid, LocationStateString::GetText(state)));
     refuseWhileLocked(guid);
+    const MoveOrder order = moveOrder(group);
+    // Refused now rather than failing on the mover's thread later: the
+    // group stays local and the client hears why.
+    const QString refusal = groupFilesRefusal(group.path, order.files, false);
+    if (!refusal.isEmpty())
+        refuse(KE_MoveFileGroupFailed, QStringLiteral("File group %1 stays local: %2").arg(guid, refusal));
     m_store.rememberUser(request.text(Tag::UserName));
     m_store.updateLocation(guid, LS_CentralNotMoved, group.path, 0);
     m_store.recordMoveClaim(guid);
-    outcome.moves.push_back({guid, group.path, m_layout.nasDirectoryFor(group.path, guid)});
+    outcome.moves.push_back(order);
     writer.writeStatus(KE_NoError, QString());
 }
 
@@ -734,6 +952,19 @@ void ArchiveEngine::moveFinished(const QString &guid, const QString &directory, 
     }
 }
 
+MoveOrder ArchiveEngine::moveOrder(const StoredGroup &group)
+{
+    const QString guid = group.data.getGuid();
+    MoveOrder order;
+    order.guid = guid;
+    order.from = group.path;
+    order.to = m_layout.nasDirectoryFor(group.path, guid);
+    order.files = namesOf(m_store.files(guid));
+    order.sourceRoot = m_layout.rootOf(group.path);
+    order.targetRoot = m_layout.nasPath();
+    return order;
+}
+
 std::vector<MoveOrder> ArchiveEngine::unfinishedMoves()
 {
     std::vector<MoveOrder> orders;
@@ -741,7 +972,7 @@ std::vector<MoveOrder> ArchiveEngine::unfinishedMoves()
         // Another server sharing the database may be carrying it already.
         const std::optional<StoredGroup> group = m_store.group(guid);
         if (group && group->data.getLocationState() == LS_CentralNotMoved && m_store.claimMove(guid))
-            orders.push_back({guid, group->path, m_layout.nasDirectoryFor(group->path, guid)});
+            orders.push_back(moveOrder(*group));
     }
     return orders;
 }

@@ -7,6 +7,7 @@
 #include <QByteArray>
 #include <QHash>
 #include <QString>
+#include <QStringList>
 #include <QVector>
 
 #include <functional>
@@ -24,12 +25,17 @@ struct NewGroupNotice
     QString path;
 };
 
-// A group directory to carry to network storage once the change is committed.
+// A group's files to carry to network storage once the change is committed:
+// the files it registered, from its directory below sourceRoot into one
+// below targetRoot.
 struct MoveOrder
 {
     QString guid;
     QString from;
     QString to;
+    QStringList files;
+    QString sourceRoot;
+    QString targetRoot;
 };
 
 // What carrying out one request produced. Side effects outside the database
@@ -117,8 +123,16 @@ private:
     void registerConverter(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
 
     QString createGroup(StoredGroup group, const QString &requestedPath, RequestOutcome &outcome);
-    QString exportGroup(const QString &guid, const QString &target);
-    QString importDescription(const QString &descriptionFile, RequestOutcome &outcome);
+    void checkNewGroup(const StoredGroup &group);
+    QString claimGroupDirectory(const QString &guid, const QString &requestedPath, const QDateTime &created);
+    void registerGroup(StoredGroup group, const QString &directory, const QDateTime &created, RequestOutcome &outcome);
+    QString groupFilesRefusal(const QString &directory, const QStringList &names, bool missingAllowed) const;
+    MoveOrder moveOrder(const StoredGroup &group);
+
+    QString exchangeItem(const QString &requested) const;
+    QString exportGroup(const QString &guid, const ConfinedDirectory &target);
+    void collectDescriptions(const QString &item, QStringList &descriptions, QStringList &failures) const;
+    QString importDescription(const QString &description, RequestOutcome &outcome);
 
     ArchiveStore &m_store;
     StorageLayout m_layout;

@@ -60,7 +60,8 @@ ArchiveServer::~ArchiveServer()
 
 bool ArchiveServer::openDatabase()
 {
-    const StorageLayout layout(m_options.basePath, m_options.nasPath, m_options.exchangePath);
+    const StorageLayout layout(m_options.basePath, m_options.nasPath, m_options.exchangePath,
+                               m_options.maxImportBytes);
     const auto delivery = [this](bool fromWriter) {
         return [this, fromWriter](std::shared_ptr<std::vector<DatabaseAnswer>> answers) {
             post([&](Outbox &outbox) { outbox.answers.emplace_back(std::move(answers), fromWriter); });

@@ -231,6 +231,8 @@ void ArchiveStore::createSchema()
         }
         for (const QString &statement : kSchema)
             execDirect(statement, KE_DatabaseNotAvailable);
+        execDirect(QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_path ON file_groups (%1)").arg(pathColumn()),
+                   KE_DatabaseNotAvailable);
         if (found < SchemaVersion)
             execDirect(QStringLiteral("INSERT INTO schema_version (version) VALUES (%1)").arg(SchemaVersion),
                        KE_DatabaseNotAvailable);
@@ -482,6 +484,50 @@ void ArchiveStore::deleteGroup(const QString &guid)
         query.bindValue(0, guid);
         exec(query, KE_DeleteFileGroupFromDbFailed);
     }
+}
+
+QString ArchiveStore::pathColumn() const
+{
+    // Directories compare byte by byte, as the file system names them, so
+    // that everything below "X/" sorts between "X/" and "X0"; PostgreSQL
+    // would otherwise order by the database's language.
+    return isPostgres() ? QStringLiteral("path COLLATE \"C\"") : QStringLiteral("path");
+}
+
+std::optional<QString> ArchiveStore::groupAround(const QString &directory)
+{
+    QStringList candidates;
+    for (int at = directory.indexOf(QLatin1Char('/'), 1); at > 0; at = directory.indexOf(QLatin1Char('/'), at + 1))
+        candidates.append(directory.left(at));
+    candidates.append(directory);
+    // Padded, so that a few statements of fixed length serve every depth.
+    while (candidates.size() % 8 != 0)
+        candidates.append(directory);
+    QStringList marks;
+    for (int i = 0; i < candidates.size(); ++i)
+        marks.append(QStringLiteral("?"));
+    QSqlQuery &above = prepared(QStringLiteral("SELECT guid FROM file_groups WHERE %1 IN (%2) LIMIT 1")
+                                    .arg(pathColumn(), marks.join(QLatin1String(", "))));
+    for (int i = 0; i < candidates.size(); ++i)
+        above.bindValue(i, candidates.at(i));
+    std::optional<QString> found = firstGuid(above);
+    if (found)
+        return found;
+    QSqlQuery &below = prepared(QStringLiteral("SELECT guid FROM file_groups WHERE %1 >= ? AND %1 < ? LIMIT 1")
+                                    .arg(pathColumn()));
+    below.bindValue(0, directory + QLatin1Char('/'));
+    below.bindValue(1, directory + QLatin1Char('0'));
+    return firstGuid(below);
+}
+
+std::optional<QString> ArchiveStore::firstGuid(QSqlQuery &query)
+{
+    exec(query, KE_ReadFileGroupFromDbFailed);
+    std::optional<QString> result;
+    if (query.next())
+        result = query.value(0).toString();
+    query.finish();
+    return result;
 }
 
 void ArchiveStore::updateLocation(const QString &guid, int locationState, const QString &path, double copyProgress)

@@ -157,6 +157,8 @@ public:
     void insertGroup(const StoredGroup &group);
     void deleteGroup(const QString &guid);
     void updateLocation(const QString &guid, int locationState, const QString &path, double copyProgress);
+    // A group whose directory is directory, lies above it or below it.
+    std::optional<QString> groupAround(const QString &directory);
     void touch(const QString &guid, qint64 utcMs);
     std::optional<QString> tovinGroup(const QString &tovinId, const QString &recordId);
     // Groups whose move to network storage was under way.
@@ -208,6 +210,8 @@ private:
     void exec(QSqlQuery &query, KeldaError code);
     void execDirect(const QString &sql, KeldaError code);
     StoredGroup groupFromRow(const GroupRow &row) const;
+    QString pathColumn() const;
+    std::optional<QString> firstGuid(QSqlQuery &query);
     void refreshCounters(const QString &guid);
 
     QString m_connectionName;

@@ -12,10 +12,12 @@
 
 namespace Kelda {
 
-// Carries group directories to network storage on a thread of its own, so
-// that copying large groups never stalls the database thread. Files are
-// copied first and the source removed only after every copy succeeded; a
-// move cut short by a stop is simply done again at the next start.
+// Carries groups to network storage on a thread of its own, so that copying
+// large groups never stalls the database thread. Only the files a group
+// registered travel, regular files reached without following a link; each
+// copy is checked, and the sources are removed only after every copy
+// succeeded. A move cut short by a stop is simply done again at the next
+// start.
 // Hand-overs use the standard mutex and condition variable, which thread
 // checkers see.
 class GroupMover : public QThread
@@ -34,13 +36,17 @@ public:
     void stopAndWait();
 
     // One move, on the calling thread; for the thread and for tests.
-    static bool moveDirectory(const MoveOrder &order, const Progress &progress, const std::atomic<bool> *stop);
+    static bool moveGroup(const MoveOrder &order, const Progress &progress, const std::atomic<bool> *stop);
 
 protected:
     void run() override;
 
 private:
     void serve();
+    static bool carryFile(const ConfinedDirectory &source, const ConfinedDirectory &target, const QString &name,
+                          bool *copied, QString *error);
+    static bool copyMatches(const ConfinedDirectory &source, const ConfinedDirectory &target, const QString &name,
+                            QString *error);
 
     Progress m_progress;
     Finished m_finished;

@@ -1,15 +1,16 @@
 #include "storagelayout.h"
 
 #include <QDir>
-#include <QFileInfo>
 #include <QUuid>
 
 namespace Kelda {
 
-StorageLayout::StorageLayout(const QString &basePath, const QString &nasPath, const QString &exchangePath)
+StorageLayout::StorageLayout(const QString &basePath, const QString &nasPath, const QString &exchangePath,
+                             qint64 maxImportBytes)
     : m_basePath(QDir::cleanPath(QDir(basePath).absolutePath()))
     , m_nasPath(QDir::cleanPath(QDir(nasPath).absolutePath()))
     , m_exchangePath(QDir::cleanPath(QDir(exchangePath).absolutePath()))
+    , m_maxImportBytes(maxImportBytes)
 {
 }
 
@@ -25,6 +26,64 @@ QString StorageLayout::nasDirectoryFor(const QString &groupDirectory, const QStr
     if (isBelow(m_basePath, cleaned) && !isBelow(m_nasPath, cleaned))
         return QDir::cleanPath(m_nasPath + QLatin1Char('/') + QDir(m_basePath).relativeFilePath(cleaned));
     return QDir::cleanPath(m_nasPath + QLatin1Char('/') + guid);
+}
+
+QString StorageLayout::refusedGroupDirectory(const QString &directory, const QString &guid) const
+{
+    if (!isBelow(m_basePath, directory))
+        return QStringLiteral("%1 does not lie below the base path %2").arg(directory, m_basePath);
+    for (const QString &folder : {m_nasPath, m_exchangePath}) {
+        if (isAtOrBelow(folder, directory) || isBelow(directory, folder))
+            return QStringLiteral("%1 lies in or around %2, which holds no group directories").arg(directory, folder);
+    }
+    // The GUID keeps one group's directory from being chosen for another.
+    const QStringList components = QDir(m_basePath).relativeFilePath(directory).split(QLatin1Char('/'));
+    for (const QString &component : components) {
+        if (!ConfinedDirectory::isPlainName(component))
+            return QStringLiteral("%1 holds a folder name the server cannot use").arg(directory);
+    }
+    if (!components.contains(guid))
+        return QStringLiteral("%1 does not name the file group's GUID %2 as one of its folders").arg(directory, guid);
+    return QString();
+}
+
+QString StorageLayout::rootOf(const QString &directory) const
+{
+    if (isAtOrBelow(m_nasPath, directory))
+        return m_nasPath;
+    return isBelow(m_basePath, directory) ? m_basePath : QString();
+}
+
+ConfinedDirectory StorageLayout::openGroupDirectory(const QString &directory, ConfinedDirectory::Creation creation,
+                                                    QString *error) const
+{
+    const QString root = rootOf(directory);
+    if (root.isEmpty()) {
+        *error = QStringLiteral("%1 lies outside the server's storage").arg(directory);
+        return ConfinedDirectory();
+    }
+    return ConfinedDirectory::open(root, directory, creation, error);
+}
+
+void StorageLayout::removeEmptyGroupDirectory(const QString &directory) const
+{
+    const QString root = rootOf(directory);
+    if (!root.isEmpty())
+        ConfinedDirectory::removeEmptyTree(root, directory);
+}
+
+QString StorageLayout::exchangeItem(const QString &requested) const
+{
+    const QString text = QDir::fromNativeSeparators(requested.trimmed());
+    if (text.contains(QChar(0)))
+        return QString();
+    const QString path = QDir::cleanPath(QDir::isRelativePath(text) ? m_exchangePath + QLatin1Char('/') + text : text);
+    return isAtOrBelow(m_exchangePath, path) ? path : QString();
+}
+
+bool StorageLayout::isAtOrBelow(const QString &root, const QString &path)
+{
+    return isBelow(root, path) || (!path.isEmpty() && QDir::cleanPath(path) == QDir::cleanPath(root));
 }
 
 bool StorageLayout::isBelow(const QString &root, const QString &path)
@@ -52,11 +111,7 @@ QString StorageLayout::fileInside(const QString &directory, const QString &name)
 {
     if (!isSafeFileName(name))
         return QString();
-    const QString path = QDir::cleanPath(directory + QLatin1Char('/') + name);
-    // A link may point anywhere; archived files are files of their own.
-    if (QFileInfo(path).isSymLink())
-        return QString();
-    return path;
+    return QDir::cleanPath(directory + QLatin1Char('/') + name);
 }
 
 QString StorageLayout::directoryForReply(const QString &directory)

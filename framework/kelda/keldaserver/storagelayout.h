@@ -1,5 +1,8 @@
 #pragma once
 
+#include "confineddirectory.h"
+#include "serveroptions.h"
+
 #include <QDateTime>
 #include <QString>
 
@@ -10,27 +13,50 @@ namespace Kelda {
 class StorageLayout
 {
 public:
-    StorageLayout(const QString &basePath, const QString &nasPath, const QString &exchangePath);
+    StorageLayout(const QString &basePath, const QString &nasPath, const QString &exchangePath,
+                  qint64 maxImportBytes = ServerOptions::DefaultMaxImportBytes);
 
     QString basePath() const { return m_basePath; }
     QString nasPath() const { return m_nasPath; }
     // Where ExportArchive writes and ImportArchive reads; nowhere else.
     QString exchangePath() const { return m_exchangePath; }
+    // The largest description file an import reads.
+    qint64 maxImportBytes() const { return m_maxImportBytes; }
 
     // BASE/yyyy/MM/dd/hh/GUID, the hour in UTC: the layout clients use too.
     QString defaultGroupDirectory(const QString &guid, const QDateTime &utcNow) const;
     // The group's directory below the network storage folder, at the same
     // place relative to it as below the base path.
     QString nasDirectoryFor(const QString &groupDirectory, const QString &guid) const;
+    // Why a client's directory for the group guid cannot be the group's
+    // directory, or empty when it can: it must lie below the base path but
+    // neither in nor around the network storage or exchange folder, and
+    // one of its components must be the GUID. Other groups are the
+    // database's matter.
+    QString refusedGroupDirectory(const QString &directory, const QString &guid) const;
+
+    // The root a group directory lies below (network storage or base
+    // path), empty when it lies below neither.
+    QString rootOf(const QString &directory) const;
+    // The group directory, opened without following links from its root.
+    ConfinedDirectory openGroupDirectory(const QString &directory, ConfinedDirectory::Creation creation,
+                                         QString *error) const;
+    // Removes what became empty of a group's directory and the directories
+    // below it, never anything above it.
+    void removeEmptyGroupDirectory(const QString &directory) const;
+    // An export target or import source as a request names it: relative
+    // paths are taken below the exchange folder. Empty when the result does
+    // not lie in the exchange folder.
+    QString exchangeItem(const QString &requested) const;
 
     // True when path, cleaned, lies strictly below root.
     static bool isBelow(const QString &root, const QString &path);
+    static bool isAtOrBelow(const QString &root, const QString &path);
     // A bare file name: not empty, not "." or "..", no separator of any platform.
     static bool isSafeFileName(const QString &name);
     // A lower-case GUID in its 36-character text form.
     static bool isGuid(const QString &text);
-    // directory joined to name, or empty when name is no bare file name or
-    // names a symbolic link, which could lead anywhere.
+    // directory joined to name, or empty when name is no bare file name.
     static QString fileInside(const QString &directory, const QString &name);
     // Native separators with a trailing separator, the form replies carry.
     static QString directoryForReply(const QString &directory);
@@ -39,6 +65,7 @@ private:
     QString m_basePath;
     QString m_nasPath;
     QString m_exchangePath;
+    qint64 m_maxImportBytes;
 };
 
 } // namespace Kelda

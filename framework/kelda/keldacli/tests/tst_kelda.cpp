@@ -238,10 +238,12 @@ void KeldaToolTest::groupCommands()
     QCOMPARE(info("referenceCounter").toInt(), 0);
     QCOMPARE(kelda({QStringLiteral("move"), guid}).exitCode, 0);
     QCOMPARE(info("locationState").toInt(), int(LS_Central));
-    const QString target = m_dir.filePath(QStringLiteral("export"));
-    QVERIFY(QDir().mkpath(target));
-    QCOMPARE(kelda({QStringLiteral("export"), guid, QStringLiteral("--to"), target}).exitCode, 0);
-    QVERIFY(QFileInfo::exists(QStringLiteral("%1/%2/moved.txt").arg(target, guid)));
+    // Relative paths name folders below the server's exchange folder, not the caller's.
+    QCOMPARE(kelda({QStringLiteral("export"), guid, QStringLiteral("--to"), QStringLiteral("export")}).exitCode, 0);
+    QVERIFY(QFileInfo::exists(QStringLiteral("%1/exchange/export/%2/moved.txt").arg(m_server->basePath(), guid)));
+    const Run again = kelda({QStringLiteral("import"), QStringLiteral("export")});
+    QCOMPARE(again.exitCode, 4);
+    QVERIFY2(again.err.contains(QLatin1String("(error 50)")), qPrintable(again.err));
 }
 
 QTEST_GUILESS_MAIN(KeldaToolTest)

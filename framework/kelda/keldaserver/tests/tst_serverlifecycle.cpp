@@ -5,7 +5,6 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QTemporaryDir>
 #include <QtTest>
 
 using namespace Kelda;
@@ -307,17 +306,19 @@ void TestServerLifecycle::exportThenImportIntoFreshServer()
     const QString guid = createGroupWithFile(*m_alice, QStringLiteral("Exported"), FT_ScanRecording, "scan", &fileId,
                                              QStringLiteral("travels"));
     QVERIFY(!guid.isEmpty());
-    QTemporaryDir archive;
+    // The two servers share one exchange folder; the archive is named below it.
+    const QString exchange = m_server.basePath() + QStringLiteral("/exchange");
+    const QString archive = QStringLiteral("travelling");
     QSignalSpy exported(m_alice.get(), &KeldaClient::exportArchiveSg);
-    QCOMPARE(waitForRequest(exported, m_alice->ExportArchiveAsync({guid}, archive.path())).value(1).toInt(),
-             int(KE_NoError));
-    QVERIFY(QFileInfo::exists(archive.filePath(QStringLiteral("Exported_%1.fgdesc").arg(guid))));
+    QCOMPARE(waitForRequest(exported, m_alice->ExportArchiveAsync({guid}, archive)).value(1).toInt(), int(KE_NoError));
+    QVERIFY(QFileInfo::exists(QStringLiteral("%1/%2/Exported_%3.fgdesc").arg(exchange, archive, guid)));
 
     ServerProcess fresh;
+    fresh.setExtraArguments({QStringLiteral("--exchange-path"), exchange});
     QVERIFY2(fresh.start(), qPrintable(fresh.errorString()));
     auto client = connectClient(fresh.port(), QStringLiteral("erin"));
     QSignalSpy imported(client.get(), &KeldaClient::importArchiveSg);
-    QCOMPARE(waitForRequest(imported, client->ImportArchiveAsync({archive.path()})).value(1).toInt(), int(KE_NoError));
+    QCOMPARE(waitForRequest(imported, client->ImportArchiveAsync({archive})).value(1).toInt(), int(KE_NoError));
     QSignalSpy meta(client.get(), &KeldaClient::QueryMetaDataSg);
     const FileGroupData record =
         waitForRequest(meta, client->QueryMetaDataAsync(guid, QString())).value(1).value<FileGroupData>();
@@ -327,7 +328,7 @@ void TestServerLifecycle::exportThenImportIntoFreshServer()
     QCOMPARE(record.getFileType(), FT_ScanRecording);
     QCOMPARE(readFile(client->RequestFile(fileId, guid, LOCK_Read)), QByteArray("scan"));
     // A second import finds the group there already.
-    QCOMPARE(waitForRequest(imported, client->ImportArchiveAsync({archive.path()})).value(1).toInt(),
+    QCOMPARE(waitForRequest(imported, client->ImportArchiveAsync({archive})).value(1).toInt(),
              int(KE_ImportArchiveFailed));
 }
 

@@ -1,0 +1,418 @@
+#include "confineddirectory.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+namespace Kelda {
+
+namespace {
+
+// Group directories are flat; anything deeper than this below one is not
+// walked when empty directories are cleared away, which bounds the
+// descriptors and stack a planted tree can take.
+constexpr int kMaxDepth = 32;
+constexpr size_t kCopyBuffer = 256 * 1024;
+
+QByteArray encoded(const QString &name)
+{
+    return QFile::encodeName(name);
+}
+
+QString systemError(int error)
+{
+    return QString::fromLocal8Bit(std::strerror(error));
+}
+
+// What an errno from walking or opening means to whoever reads the trace.
+QString describe(const QString &path, int error)
+{
+    switch (error) {
+    case ELOOP: return QStringLiteral("%1 is a symbolic link, which the server does not follow").arg(path);
+    case ENOTDIR: return QStringLiteral("%1 is not a directory").arg(path);
+    case ENOENT: return QStringLiteral("%1 does not exist").arg(path);
+    case EEXIST: return QStringLiteral("%1 exists already; nothing was overwritten").arg(path);
+    default: return QStringLiteral("%1: %2").arg(path, systemError(error));
+    }
+}
+
+QString kindText(mode_t mode)
+{
+    if (S_ISLNK(mode))
+        return QStringLiteral("a symbolic link");
+    if (S_ISDIR(mode))
+        return QStringLiteral("a directory");
+    if (S_ISFIFO(mode))
+        return QStringLiteral("a FIFO");
+    if (S_ISCHR(mode) || S_ISBLK(mode))
+        return QStringLiteral("a device");
+    if (S_ISSOCK(mode))
+        return QStringLiteral("a socket");
+    return QStringLiteral("no regular file");
+}
+
+bool writeAll(int fd, const char *data, size_t size)
+{
+    while (size > 0) {
+        const ssize_t written = ::write(fd, data, size);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return false;
+        data += written;
+        size -= size_t(written);
+    }
+    return true;
+}
+
+ssize_t readSome(int fd, char *data, size_t size)
+{
+    for (;;) {
+        const ssize_t got = ::read(fd, data, size);
+        if (got >= 0 || errno != EINTR)
+            return got;
+    }
+}
+
+void setError(QString *error, const QString &text)
+{
+    if (error)
+        *error = text;
+}
+
+} // namespace
+
+ConfinedDirectory::ConfinedDirectory(FileDescriptor fd, const QString &path)
+    : m_fd(std::move(fd))
+    , m_path(path)
+{
+}
+
+bool ConfinedDirectory::isPlainName(const QString &name)
+{
+    return !name.isEmpty() && name != QLatin1String(".") && name != QLatin1String("..")
+        && !name.contains(QLatin1Char('/')) && !name.contains(QChar(0));
+}
+
+QString ConfinedDirectory::childPath(const QString &name) const
+{
+    return m_path.endsWith(QLatin1Char('/')) ? m_path + name : m_path + QLatin1Char('/') + name;
+}
+
+ConfinedDirectory ConfinedDirectory::open(const QString &root, const QString &path, Creation creation,
+                                          QString *error)
+{
+    const QString cleanRoot = QDir::cleanPath(root);
+    const QString cleanPath = QDir::cleanPath(path);
+    QStringList components;
+    if (cleanPath != cleanRoot) {
+        const QString prefix = cleanRoot.endsWith(QLatin1Char('/')) ? cleanRoot : cleanRoot + QLatin1Char('/');
+        if (QDir::isRelativePath(cleanPath) || !cleanPath.startsWith(prefix)) {
+            setError(error, QStringLiteral("%1 does not lie below %2").arg(path, cleanRoot));
+            return ConfinedDirectory();
+        }
+        components = cleanPath.mid(prefix.size()).split(QLatin1Char('/'));
+    }
+    // The root is followed as configured; below it nothing is.
+    const int rootFd = ::open(encoded(cleanRoot).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ConfinedDirectory current(FileDescriptor(rootFd), cleanRoot);
+    if (!current.isOpen()) {
+        const int failure = errno;
+        setError(error, describe(cleanRoot, failure));
+        current.m_missing = failure == ENOENT;
+        return current;
+    }
+    for (const QString &component : qAsConst(components)) {
+        current = current.openChild(component, creation, error);
+        if (!current.isOpen())
+            break;
+    }
+    return current;
+}
+
+ConfinedDirectory ConfinedDirectory::openChild(const QString &name, Creation creation, QString *error) const
+{
+    if (!isPlainName(name)) {
+        setError(error, QStringLiteral("\"%1\" below %2 is no plain name").arg(name, m_path));
+        return ConfinedDirectory();
+    }
+    const QByteArray child = encoded(name);
+    const int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    int fd = ::openat(m_fd.get(), child.constData(), flags);
+    if (fd < 0 && errno == ENOENT && creation == Creation::CreateMissing) {
+        // Another thread or server may make it at the same moment.
+        if (::mkdirat(m_fd.get(), child.constData(), 0777) == 0 || errno == EEXIST)
+            fd = ::openat(m_fd.get(), child.constData(), flags);
+    }
+    ConfinedDirectory result(FileDescriptor(fd), childPath(name));
+    if (fd < 0) {
+        int failure = errno;
+        // O_DIRECTORY may speak first and call a link no directory.
+        struct stat status;
+        if (failure == ENOTDIR && ::fstatat(m_fd.get(), child.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0
+            && S_ISLNK(status.st_mode))
+            failure = ELOOP;
+        setError(error, describe(result.m_path, failure));
+        result.m_missing = failure == ENOENT;
+    }
+    return result;
+}
+
+ConfinedDirectory ConfinedDirectory::subdirectory(const QString &name, QString *error) const
+{
+    return openChild(name, Creation::Existing, error);
+}
+
+ConfinedDirectory ConfinedDirectory::createSubdirectory(const QString &name, QString *error) const
+{
+    if (!isPlainName(name)) {
+        setError(error, QStringLiteral("\"%1\" below %2 is no plain name").arg(name, m_path));
+        return ConfinedDirectory();
+    }
+    if (::mkdirat(m_fd.get(), encoded(name).constData(), 0777) != 0) {
+        setError(error, describe(childPath(name), errno));
+        return ConfinedDirectory();
+    }
+    return openChild(name, Creation::Existing, error);
+}
+
+ConfinedDirectory::Kind ConfinedDirectory::kindOf(const QString &name) const
+{
+    if (!isPlainName(name))
+        return Kind::Other;
+    struct stat status;
+    if (::fstatat(m_fd.get(), encoded(name).constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno == ENOENT ? Kind::Missing : Kind::Other;
+    if (S_ISREG(status.st_mode))
+        return Kind::Regular;
+    if (S_ISLNK(status.st_mode))
+        return Kind::Link;
+    return S_ISDIR(status.st_mode) ? Kind::Directory : Kind::Other;
+}
+
+QStringList ConfinedDirectory::entryNames() const
+{
+    QStringList names;
+    // A descriptor of its own: reading entries moves its position.
+    const int fd = ::openat(m_fd.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return names;
+    DIR *listing = ::fdopendir(fd);
+    if (!listing) {
+        ::close(fd);
+        return names;
+    }
+    while (const dirent *entry = ::readdir(listing)) {
+        const QString name = QFile::decodeName(entry->d_name);
+        if (name != QLatin1String(".") && name != QLatin1String(".."))
+            names.append(name);
+    }
+    ::closedir(listing);
+    return names;
+}
+
+FileDescriptor ConfinedDirectory::openRegular(const QString &name, struct stat *status, QString *error) const
+{
+    const QString path = childPath(name);
+    if (!isPlainName(name)) {
+        setError(error, QStringLiteral("\"%1\" below %2 is no plain name").arg(name, m_path));
+        return FileDescriptor();
+    }
+    const QByteArray child = encoded(name);
+    // Looked at before opening: opening a device or FIFO may itself have
+    // effects or wait.
+    if (::fstatat(m_fd.get(), child.constData(), status, AT_SYMLINK_NOFOLLOW) != 0) {
+        setError(error, describe(path, errno));
+        return FileDescriptor();
+    }
+    if (!S_ISREG(status->st_mode)) {
+        setError(error, QStringLiteral("%1 is %2, not a regular file").arg(path, kindText(status->st_mode)));
+        return FileDescriptor();
+    }
+    FileDescriptor fd(
+        ::openat(m_fd.get(), child.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!fd.isValid()) {
+        setError(error, describe(path, errno));
+        return fd;
+    }
+    // The entry may have been replaced between the look and the open.
+    if (::fstat(fd.get(), status) != 0 || !S_ISREG(status->st_mode)) {
+        setError(error, QStringLiteral("%1 is not a regular file").arg(path));
+        return FileDescriptor();
+    }
+    return fd;
+}
+
+bool ConfinedDirectory::checkRegularFile(const QString &name, QString *error) const
+{
+    struct stat status;
+    return openRegular(name, &status, error).isValid();
+}
+
+std::optional<qint64> ConfinedDirectory::regularFileSize(const QString &name, QString *error) const
+{
+    struct stat status;
+    if (!openRegular(name, &status, error).isValid())
+        return std::nullopt;
+    return qint64(status.st_size);
+}
+
+std::optional<QByteArray> ConfinedDirectory::readFile(const QString &name, qint64 maxBytes, QString *error) const
+{
+    struct stat status;
+    const FileDescriptor fd = openRegular(name, &status, error);
+    if (!fd.isValid())
+        return std::nullopt;
+    const QString tooLarge = QStringLiteral("%1 is larger than %2 bytes").arg(childPath(name)).arg(maxBytes);
+    if (status.st_size > maxBytes) {
+        setError(error, tooLarge);
+        return std::nullopt;
+    }
+    // The size is only a hint: the file may grow while it is read.
+    QByteArray content;
+    content.reserve(int(status.st_size));
+    std::vector<char> buffer(64 * 1024);
+    for (;;) {
+        const ssize_t got = readSome(fd.get(), buffer.data(), buffer.size());
+        if (got < 0) {
+            setError(error, describe(childPath(name), errno));
+            return std::nullopt;
+        }
+        if (got == 0)
+            return content;
+        if (content.size() + got > maxBytes) {
+            setError(error, tooLarge);
+            return std::nullopt;
+        }
+        content.append(buffer.data(), int(got));
+    }
+}
+
+bool ConfinedDirectory::writeNewFile(const QString &name, const QByteArray &content, QString *error) const
+{
+    const QString path = childPath(name);
+    if (!isPlainName(name)) {
+        setError(error, QStringLiteral("\"%1\" below %2 is no plain name").arg(name, m_path));
+        return false;
+    }
+    const QByteArray child = encoded(name);
+    const FileDescriptor fd(
+        ::openat(m_fd.get(), child.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+    if (!fd.isValid()) {
+        setError(error, describe(path, errno));
+        return false;
+    }
+    if (!writeAll(fd.get(), content.constData(), size_t(content.size()))) {
+        setError(error, describe(path, errno));
+        ::unlinkat(m_fd.get(), child.constData(), 0);
+        return false;
+    }
+    return true;
+}
+
+bool ConfinedDirectory::copyFileTo(const QString &name, const ConfinedDirectory &target, QString *error) const
+{
+    struct stat status;
+    const FileDescriptor in = openRegular(name, &status, error);
+    if (!in.isValid())
+        return false;
+    const QString to = target.childPath(name);
+    const QByteArray child = encoded(name);
+    const FileDescriptor out(::openat(target.m_fd.get(), child.constData(),
+                                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                                      (status.st_mode & 0777) | S_IRUSR | S_IWUSR));
+    if (!out.isValid()) {
+        setError(error, describe(to, errno));
+        return false;
+    }
+    const auto fail = [&](int failure) {
+        setError(error, QStringLiteral("Cannot copy %1 to %2: %3").arg(childPath(name), to, systemError(failure)));
+        ::unlinkat(target.m_fd.get(), child.constData(), 0);
+        return false;
+    };
+    std::vector<char> buffer(kCopyBuffer);
+    for (;;) {
+        const ssize_t got = readSome(in.get(), buffer.data(), buffer.size());
+        if (got == 0)
+            break;
+        if (got < 0 || !writeAll(out.get(), buffer.data(), size_t(got)))
+            return fail(errno);
+    }
+    if (::fsync(out.get()) != 0)
+        return fail(errno);
+    return true;
+}
+
+bool ConfinedDirectory::removeFile(const QString &name, QString *error) const
+{
+    switch (kindOf(name)) {
+    case Kind::Missing: return true;
+    case Kind::Regular: break;
+    default:
+        setError(error, QStringLiteral("%1 is not a regular file; it is left in place").arg(childPath(name)));
+        return false;
+    }
+    // Should the entry be swapped for a link meanwhile, unlinkat removes
+    // the link, never what it points to.
+    if (::unlinkat(m_fd.get(), encoded(name).constData(), 0) != 0 && errno != ENOENT) {
+        setError(error, describe(childPath(name), errno));
+        return false;
+    }
+    return true;
+}
+
+void ConfinedDirectory::removeEmptySubdirectories() const
+{
+    removeEmptySubdirectories(0);
+}
+
+void ConfinedDirectory::removeEmptySubdirectories(int depth) const
+{
+    for (const QString &name : entryNames()) {
+        if (kindOf(name) == Kind::Directory)
+            removeEmptyChild(name, depth + 1);
+    }
+}
+
+bool ConfinedDirectory::removeEmptySubdirectory(const QString &name) const
+{
+    return removeEmptyChild(name, 0);
+}
+
+bool ConfinedDirectory::removeEmptyChild(const QString &name, int depth) const
+{
+    if (depth > kMaxDepth)
+        return false;
+    const ConfinedDirectory child = openChild(name, Creation::Existing, nullptr);
+    if (!child.isOpen())
+        return false;
+    child.removeEmptySubdirectories(depth);
+    // Fails with ENOTEMPTY when anything is left, which is meant.
+    return ::unlinkat(m_fd.get(), encoded(name).constData(), AT_REMOVEDIR) == 0;
+}
+
+void ConfinedDirectory::removeEmptyTree(const QString &root, const QString &path)
+{
+    const QString cleanRoot = QDir::cleanPath(root);
+    const QString cleanPath = QDir::cleanPath(path);
+    if (cleanPath == cleanRoot) {
+        const ConfinedDirectory top = open(cleanRoot, cleanRoot, Creation::Existing, nullptr);
+        if (top.isOpen())
+            top.removeEmptySubdirectories();
+        return;
+    }
+    const int cut = cleanPath.lastIndexOf(QLatin1Char('/'));
+    const ConfinedDirectory parent = open(cleanRoot, cleanPath.left(qMax(cut, 1)), Creation::Existing, nullptr);
+    if (parent.isOpen())
+        parent.removeEmptyChild(cleanPath.mid(cut + 1), 0);
+}
+
+} // namespace Kelda
