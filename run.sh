@@ -53,9 +53,10 @@ packages=(
     libboost-dev
     # keldaserver expands compressed requests with a bounded zlib stream
     zlib1g-dev
-    # keldaserver on PostgreSQL: the Qt driver, and the server programs the
-    # tests start a throw-away cluster with
-    libqt5sql5-psql postgresql
+    # keldaserver on PostgreSQL: the Qt driver, libpq's headers (statements
+    # go through libpq on the driver's connection), and the server programs
+    # the tests start a throw-away cluster with
+    libqt5sql5-psql libpq-dev postgresql
 )
 # Only for sanitizer and fuzz builds: clang with its sanitizer and libFuzzer
 # runtimes, and llvm for the symbolizer that puts names into reports.
