@@ -1,10 +1,10 @@
 #include "archiveengine.h"
 #include "keldaxml.h"
 #include "postgrescluster.h"
+#include "replyfields.h"
 
 #include <QFile>
 #include <QTemporaryDir>
-#include <QXmlStreamReader>
 #include <QtTest>
 
 #include <map>
@@ -23,33 +23,6 @@ const QDateTime kTouched(QDate(2030, 1, 1), QTime(0, 0), Qt::UTC);
 QString utcText(const QDateTime &time)
 {
     return time.toUTC().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"));
-}
-
-// A reply's error code and the texts of its leaf elements by local name.
-struct Reply
-{
-    int error = -1;
-    QHash<QString, QStringList> values;
-
-    QString value(const QString &name) const { return values.value(name).value(0); }
-};
-
-Reply readReply(const QByteArray &xml)
-{
-    Reply reply;
-    QXmlStreamReader reader(xml);
-    QString element;
-    while (!reader.atEnd()) {
-        reader.readNext();
-        if (reader.isStartElement())
-            element = reader.name().toString();
-        else if (reader.isCharacters() && !reader.isWhitespace())
-            reply.values[element].append(reader.text().toString());
-        else if (reader.isEndElement())
-            element.clear();
-    }
-    reply.error = reply.value(QStringLiteral("Error")).toInt();
-    return reply;
 }
 
 QString newGuid()
@@ -74,7 +47,7 @@ public:
     bool isOpen() const { return m_opened; }
     ArchiveStore &store() { return m_store; }
 
-    Reply handle(const QString &command, const Fields &fields)
+    ReplyFields handle(const QString &command, const Fields &fields)
     {
         Request request;
         request.command = command;
@@ -83,14 +56,14 @@ public:
         RequestOutcome outcome;
         if (ArchiveEngine::isReadOnly(command)) {
             m_engine.handle(request, RequestOrigin(), outcome);
-            return readReply(outcome.reply);
+            return ReplyFields::read(outcome.reply);
         }
         m_store.savepoint();
         if (m_engine.handle(request, RequestOrigin(), outcome))
             m_store.releaseSavepoint();
         else
             m_store.rollbackToSavepoint();
-        return readReply(outcome.reply);
+        return ReplyFields::read(outcome.reply);
     }
 
     // A group holding the file "f.bin" (id 1); empty on failure.
@@ -100,24 +73,24 @@ public:
         fields.insert(Tag::Guid, {guid});
         if (!fields.contains(Tag::FileType))
             fields.insert(Tag::FileType, {QString::number(FT_Image)});
-        const Reply created = handle(Tag::CreateFileGroup, fields);
+        const ReplyFields created = handle(Tag::CreateFileGroup, fields);
         m_paths.insert(guid, created.value(Tag::Path));
         return created.error == KE_NoError && addFile(guid, QStringLiteral("f.bin"), 1).error == KE_NoError
             ? guid
             : QString();
     }
 
-    Reply addFile(const QString &guid, const QString &name, qint64 wantedId)
+    ReplyFields addFile(const QString &guid, const QString &name, qint64 wantedId)
     {
         QFile file(m_paths.value(guid) + name);
         if (!file.open(QIODevice::WriteOnly) || file.write("data") != 4)
-            return Reply();
+            return ReplyFields();
         file.close();
         return handle(Tag::AddFile, {{Tag::Guid, {guid}}, {Tag::FileName, {name}},
                                      {Tag::FileId, {QString::number(wantedId)}}});
     }
 
-    Reply lock(const QString &guid, const QString &holder, bool write)
+    ReplyFields lock(const QString &guid, const QString &holder, bool write)
     {
         return handle(Tag::RequestFile, {{Tag::Guid, {guid}}, {Tag::FileId, {QStringLiteral("1")}},
                                          {Tag::UserName, {holder}},
@@ -126,7 +99,7 @@ public:
 
     QStringList query(const Fields &criteria)
     {
-        const Reply reply = handle(Tag::QueryFileGroups, criteria);
+        const ReplyFields reply = handle(Tag::QueryFileGroups, criteria);
         QStringList names = reply.values.value(Tag::FileGroupName);
         names.sort();
         return reply.error == KE_NoError ? names : QStringList{QStringLiteral("error %1").arg(reply.error)};
@@ -256,7 +229,7 @@ void TestArchiveEngine::lockRules()
         const QStringList parts = step.split(QLatin1Char(' '));
         const QString who = identity(parts.at(0));
         const QString action = parts.at(1);
-        Reply reply;
+        ReplyFields reply;
         if (action == QLatin1String("R") || action == QLatin1String("W"))
             reply = m_rules->lock(guid, who, action == QLatin1String("W"));
         else if (action == QLatin1String("C"))
@@ -294,11 +267,11 @@ void TestArchiveEngine::references()
                                                 {QLatin1Char('0'), Tag::RemoveAllReferences}};
     for (const QString &step : steps) {
         const QStringList parts = step.split(QLatin1Char(' '));
-        const Reply reply = m_rules->handle(commands.value(parts.at(0).at(0)),
+        const ReplyFields reply = m_rules->handle(commands.value(parts.at(0).at(0)),
                                             {{Tag::Guid, {guid}}, {Tag::Application, {parts.at(0).mid(1)}}});
         QVERIFY2(reply.error == parts.at(1).toInt(), qPrintable(QStringLiteral("%1: error %2").arg(step).arg(reply.error)));
     }
-    const Reply meta = m_rules->handle(Tag::QueryMetaData, {{Tag::Guid, {guid}}});
+    const ReplyFields meta = m_rules->handle(Tag::QueryMetaData, {{Tag::Guid, {guid}}});
     QCOMPARE(meta.value(Tag::ReferenceCounter).toInt(), counter);
 }
 
@@ -329,7 +302,7 @@ void TestArchiveEngine::fileIds()
                      int(KE_NoError));
             continue;
         }
-        const Reply reply = m_rules->addFile(guid, QStringLiteral("added%1.bin").arg(++added), parts.at(0).toLongLong());
+        const ReplyFields reply = m_rules->addFile(guid, QStringLiteral("added%1.bin").arg(++added), parts.at(0).toLongLong());
         if (parts.at(1).startsWith(QLatin1Char('e')))
             QCOMPARE(reply.error, parts.at(1).mid(1).toInt());
         else
