@@ -1,10 +1,10 @@
 #include "archivestore.h"
 
+#include "archiveschema.h"
 #include "requestfailure.h"
 #include "searchstatement.h"
 
 #include <QDateTime>
-#include <QUuid>
 
 #include <climits>
 
@@ -440,36 +440,53 @@ QStringList ArchiveStore::applications()
     return names(QStringLiteral("SELECT name FROM known_applications ORDER BY name"));
 }
 
-void ArchiveStore::sampleTable(const QString &table, const QStringList &columns, const QString &start)
+int ArchiveStore::samplePercent(const QString &table)
 {
-    // GUIDs are random: the rows that follow a random GUID in their order
-    // are a random sample, read from the primary key's index.
-    int taken = 0;
-    for (const QString &side : {QStringLiteral(">="), QStringLiteral("<")}) {
-        ResultRows &rows = m_db.run(QStringLiteral("SELECT %1 FROM %2 WHERE guid %3 ? ORDER BY guid LIMIT ?")
-                                        .arg(columns.join(QLatin1String(", ")), table, side),
-                                    {start, TrigramStatistics::SampleRows - taken}, KE_QueryFilesFailed);
-        while (rows.next()) {
-            for (int i = 0; i < columns.size(); ++i)
-                m_statistics.count(columns.at(i), rows.text(i));
-            ++taken;
+    // The planner's row count, kept by autovacuum; unknown before the
+    // table's first analysis, when the whole of a young table is read.
+    ResultRows &rows = m_db.run(QStringLiteral("SELECT reltuples FROM pg_class WHERE oid = CAST(? AS regclass)"),
+                                {table}, KE_QueryFilesFailed);
+    const double estimate = rows.next() ? rows.real(0) : -1;
+    rows.finish();
+    if (estimate < TrigramStatistics::SampleRows)
+        return 100;
+    return qMax(1, int(100.0 * TrigramStatistics::SampleRows / estimate));
+}
+
+void ArchiveStore::sampleTable(const QString &table, const QStringList &columns, const QString &index)
+{
+    // Rows from all over the table, whatever order its keys were made in:
+    // random ids on SQLite, random pages on PostgreSQL.
+    const QString names = columns.join(QLatin1String(", "));
+    ResultRows &rows = isPostgres()
+        ? m_db.run(QStringLiteral("SELECT %1 FROM %2 TABLESAMPLE SYSTEM (?) LIMIT ?").arg(names, table),
+                   {samplePercent(table), TrigramStatistics::SampleRows}, KE_QueryFilesFailed)
+        : m_db.run(QStringLiteral("WITH RECURSIVE picks (n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM picks WHERE n < ?)"
+                                  " SELECT %1 FROM %2 WHERE id IN"
+                                  " (SELECT 1 + abs(random() % (SELECT MAX(id) FROM %2)) FROM picks)")
+                       .arg(names, table),
+                   {TrigramStatistics::SampleRows}, KE_QueryFilesFailed);
+    while (rows.next()) {
+        QStringList texts;
+        for (int i = 0; i < columns.size(); ++i) {
+            texts.append(rows.text(i));
+            m_statistics.count(columns.at(i), {texts.last()});
         }
-        rows.finish();
-        if (taken >= TrigramStatistics::SampleRows)
-            return;
+        m_statistics.count(index, texts);
     }
+    rows.finish();
 }
 
 void ArchiveStore::sampleSearchKeys()
 {
     m_statistics.clear();
-    const QString start = QUuid::createUuid().toString(QUuid::WithoutBraces);
     sampleTable(QStringLiteral("file_groups"),
                 {QStringLiteral("name_key"), QStringLiteral("comment_key"), QStringLiteral("detail_key"),
                  QStringLiteral("creator_key"), QStringLiteral("team_key"), QStringLiteral("version_key")},
-                start);
-    sampleTable(QStringLiteral("group_locks"), {QStringLiteral("holder_key")}, start);
-    sampleTable(QStringLiteral("group_references"), {QStringLiteral("application_key")}, start);
+                ArchiveSchema::GroupTextIndex);
+    sampleTable(QStringLiteral("group_locks"), {QStringLiteral("holder_key")}, ArchiveSchema::LockTextIndex);
+    sampleTable(QStringLiteral("group_references"), {QStringLiteral("application_key")},
+                ArchiveSchema::ReferenceTextIndex);
     m_sampled.start();
 }
 

@@ -197,7 +197,10 @@ private:
     void refreshCounters(const QString &guid);
     QString forUpdate() const;
     void sampleSearchKeys();
-    void sampleTable(const QString &table, const QStringList &columns, const QString &start);
+    // Counts the trigrams of a sample of the table's rows per column, and
+    // per row under the name of the table's index.
+    void sampleTable(const QString &table, const QStringList &columns, const QString &index);
+    int samplePercent(const QString &table);
 
     ArchiveDatabase m_db;
     bool m_locksGroups = false;

@@ -92,10 +92,13 @@ SearchStatement::SearchStatement(const GroupSearch &criteria, bool postgres, con
     addOrder(criteria);
 }
 
-QString SearchStatement::indexTerm(const QString &filter, const QString &column, const QString &text) const
+QString SearchStatement::indexTerm(const QString &filter, const QString &index, const QString &text) const
 {
     const QString key = searchKey(text);
-    QStringList trigrams = m_statistics.rarest(column, key, [](const QString &) { return true; });
+    // One FTS5 table holds the trigrams of all its columns: a trigram
+    // costs every row that holds it in any of them, whichever column the
+    // filter names.
+    QStringList trigrams = m_statistics.rarest(index, key, [](const QString &) { return true; });
     if (trigrams.isEmpty())
         trigrams = spread(TrigramStatistics::trigramsOf(key));
     if (trigrams.isEmpty())
@@ -136,7 +139,8 @@ void SearchStatement::addGroupTexts(const GroupSearch &criteria)
     if (!m_postgres) {
         QStringList terms;
         for (const auto &text : texts) {
-            const QString term = text.second.isEmpty() ? QString() : indexTerm(text.first, text.first, text.second);
+            const QString term
+                = text.second.isEmpty() ? QString() : indexTerm(text.first, ArchiveSchema::GroupTextIndex, text.second);
             if (!term.isEmpty())
                 terms.append(term);
         }
@@ -185,7 +189,7 @@ void SearchStatement::addLinkedText(const QString &table, const QString &column,
     if (text.isEmpty())
         return;
     m_sql += QStringLiteral(" AND g.guid IN (SELECT t.guid FROM %1 t WHERE 1 = 1").arg(table);
-    const QString term = m_postgres ? QString() : indexTerm(QString(), column, text);
+    const QString term = m_postgres ? QString() : indexTerm(QString(), index, text);
     if (!term.isEmpty()) {
         m_sql += QStringLiteral(" AND t.id IN (SELECT rowid FROM %1 WHERE %1 MATCH ?)").arg(index);
         m_values.append(term);

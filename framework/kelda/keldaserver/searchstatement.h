@@ -43,9 +43,9 @@ private:
     // The exact test of one text on "alias.column", with PostgreSQL's index
     // conditions in front of it.
     QString textTest(const QString &alias, const QString &column, const QString &text);
-    // The FTS5 query for one text, its column filter in front when named;
-    // empty when the text is too short for the index.
-    QString indexTerm(const QString &filter, const QString &column, const QString &text) const;
+    // The FTS5 query of an index for one text, its column filter in front
+    // when named; empty when the text is too short for the index.
+    QString indexTerm(const QString &filter, const QString &index, const QString &text) const;
 
     const bool m_postgres;
     const TrigramStatistics &m_statistics;

@@ -1,5 +1,6 @@
 #include "trigramstatistics.h"
 
+#include <QSet>
 #include <QVector>
 
 #include <algorithm>
@@ -18,33 +19,63 @@ QStringList TrigramStatistics::trigramsOf(const QString &text)
     return trigrams;
 }
 
-void TrigramStatistics::count(const QString &column, const QString &key)
+void TrigramStatistics::count(const QString &name, const QStringList &texts)
 {
-    Column &counts = m_columns[column];
+    Column &counts = m_columns[name];
     ++counts.rows;
-    for (const QString &trigram : trigramsOf(key))
-        ++counts.rowsWith[trigram];
+    QSet<QString> seen;
+    for (const QString &text : texts) {
+        for (const QString &trigram : trigramsOf(text)) {
+            if (!seen.contains(trigram)) {
+                seen.insert(trigram);
+                ++counts.rowsWith[trigram];
+            }
+        }
+    }
 }
 
-QStringList TrigramStatistics::rarest(const QString &column, const QString &key,
+QStringList TrigramStatistics::rarest(const QString &name, const QString &key,
                                       const std::function<bool(const QString &)> &usable) const
 {
-    const auto found = m_columns.constFind(column);
+    const auto found = m_columns.constFind(name);
     if (found == m_columns.constEnd() || found->rows == 0)
         return {};
-    QVector<QPair<int, QString>> ranked;
-    for (const QString &trigram : trigramsOf(key)) {
-        if (usable(trigram))
-            ranked.append({found->rowsWith.value(trigram), trigram});
+    struct Ranked
+    {
+        int rows;
+        int position;
+        QString trigram;
+    };
+    const QStringList trigrams = trigramsOf(key);
+    const QVector<uint> characters = key.toUcs4();
+    QVector<Ranked> ranked;
+    for (const QString &trigram : trigrams) {
+        if (!usable(trigram))
+            continue;
+        const QVector<uint> own = trigram.toUcs4();
+        const auto at = std::search(characters.begin(), characters.end(), own.begin(), own.end());
+        ranked.append({found->rowsWith.value(trigram), int(at - characters.begin()), trigram});
     }
-    std::stable_sort(ranked.begin(), ranked.end(),
-                     [](const QPair<int, QString> &a, const QPair<int, QString> &b) { return a.first < b.first; });
+    std::stable_sort(ranked.begin(), ranked.end(), [](const Ranked &a, const Ranked &b) { return a.rows < b.rows; });
     const int common = found->rows / CommonFraction;
     QStringList chosen;
-    for (const auto &trigram : qAsConst(ranked)) {
-        if (chosen.size() == MostChosen || (!chosen.isEmpty() && trigram.first > common))
-            break;
-        chosen.append(trigram.second);
+    QVector<int> positions;
+    const auto overlaps = [&positions](int position) {
+        return std::any_of(positions.begin(), positions.end(),
+                           [position](int other) { return qAbs(other - position) < TrigramLength; });
+    };
+    // Trigrams that overlap occur together: apart ones narrow more, so
+    // they go first among the rare.
+    for (bool apart : {true, false}) {
+        for (const Ranked &candidate : qAsConst(ranked)) {
+            if (chosen.size() == MostChosen)
+                return chosen;
+            const bool rare = chosen.isEmpty() || candidate.rows <= common;
+            if (rare && !chosen.contains(candidate.trigram) && (!apart || !overlaps(candidate.position))) {
+                chosen.append(candidate.trigram);
+                positions.append(candidate.position);
+            }
+        }
     }
     return chosen;
 }

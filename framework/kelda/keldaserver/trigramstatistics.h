@@ -27,13 +27,15 @@ public:
     static constexpr int MostChosen = 3;
 
     void clear() { m_columns.clear(); }
-    // One sampled row's key in a column.
-    void count(const QString &column, const QString &key);
+    // One sampled row's texts under a name: a column, or an index over
+    // several columns, where a trigram costs as many rows as hold it in
+    // any of them.
+    void count(const QString &name, const QStringList &texts);
 
     // The trigrams of key to ask the index for, each passing usable: the
-    // rarest, and up to two more that are not common. Empty when the
-    // sample holds no row of the column or none passes.
-    QStringList rarest(const QString &column, const QString &key,
+    // rarest under name, and up to two more that are not common. Empty
+    // when the sample holds no row under name or none passes.
+    QStringList rarest(const QString &name, const QString &key,
                        const std::function<bool(const QString &)> &usable) const;
 
     // The distinct trigrams of a text, in order, counted in characters.
