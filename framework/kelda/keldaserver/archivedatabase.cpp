@@ -28,6 +28,7 @@ struct SqliteStatement
 
 namespace {
 
+const QByteArray kBegin = QByteArrayLiteral("BEGIN");
 const QByteArray kSavepoint = QByteArrayLiteral("SAVEPOINT request");
 const QByteArray kRelease = QByteArrayLiteral("RELEASE SAVEPOINT request");
 const QByteArray kRollbackToSavepoint = QByteArrayLiteral("ROLLBACK TO SAVEPOINT request");
@@ -311,8 +312,14 @@ void ArchiveDatabase::execute(const QString &sql, KeldaError code)
 void ArchiveDatabase::begin()
 {
     if (m_session) {
+        // A connection the server closed while this one was idle shows
+        // here, before anything was done on it, so that a fresh one may
+        // take over; otherwise BEGIN travels with the first statement.
+        if (!m_session->stillConnected())
+            throw failure(QString(), QStringLiteral("The database closed the connection"), true,
+                          KE_DatabaseNotAvailable);
         m_session->dropDeferred();
-        execute(QStringLiteral("BEGIN"), KE_DatabaseNotAvailable);
+        m_session->defer(kBegin);
         return;
     }
     if (!m_db.transaction())

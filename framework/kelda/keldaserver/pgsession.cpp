@@ -156,6 +156,17 @@ bool PgSession::withdraw(const QByteArray &statement)
     return true;
 }
 
+bool PgSession::stillConnected()
+{
+    // A server that ends the connection says why, then closes it: one
+    // read takes the message, the next meets the end.
+    for (int read = 0; read < 2; ++read) {
+        if (PQconsumeInput(m_connection) == 0)
+            return false;
+    }
+    return PQstatus(m_connection) == CONNECTION_OK;
+}
+
 bool PgSession::commit()
 {
     pg_result *result = send("COMMIT");

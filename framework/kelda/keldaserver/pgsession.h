@@ -55,6 +55,9 @@ public:
     bool commit();
 
     const Error &lastError() const { return m_error; }
+    // Reads what the server sent unasked, without a round trip: false when
+    // it closed the connection (a restart, an administrator).
+    bool stillConnected();
 
     // sql with every '?' outside quotes replaced by values, as literals.
     QString withLiterals(const QString &sql, const QVariantList &values) const;
