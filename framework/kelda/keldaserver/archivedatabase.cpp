@@ -20,6 +20,8 @@ struct SqliteStatement
         : query(db)
         , rows(query)
     {
+        // Read once, front to back: Qt keeps no copy of the rows passed.
+        query.setForwardOnly(true);
     }
 
     QSqlQuery query;
@@ -229,6 +231,10 @@ RequestFailure ArchiveDatabase::sessionFailure(KeldaError code)
 
 SqliteStatement &ArchiveDatabase::prepared(const QString &sql)
 {
+    // Searches come in as many shapes as clients make; the few statements
+    // of fixed text are soon prepared again.
+    if (m_statements.size() >= MostStatements && !m_statements.contains(sql))
+        m_statements.clear();
     auto &slot = m_statements[sql];
     if (!slot) {
         slot = std::make_shared<SqliteStatement>(m_db);
@@ -271,23 +277,23 @@ void ArchiveDatabase::visit(const QString &sql, const QVariantList &values, Keld
         m_current->finish();
         m_current = nullptr;
     }
+    if (!m_session) {
+        // Searches of the same shape share their statement, parsed once.
+        ResultRows &rows = run(sql, values, code);
+        while (rows.next())
+            row(rows);
+        rows.finish();
+        m_current = nullptr;
+        return;
+    }
+    // Qt streams the rows of a forward-only query; the values go in as
+    // literals, so that the planner sees the search texts.
     QSqlQuery query(m_db);
     query.setForwardOnly(true);
-    if (m_session) {
-        // Qt streams the rows of a forward-only query; the values go in as
-        // literals, so that the planner sees the search texts.
-        if (!m_session->flush())
-            throw sessionFailure(code);
-        if (!query.exec(m_session->withLiterals(sql, values)))
-            throw failure(query.lastError(), code);
-    } else {
-        if (!query.prepare(sql))
-            throw failure(query.lastError(), code);
-        for (int i = 0; i < values.size(); ++i)
-            query.bindValue(i, values.at(i));
-        if (!query.exec())
-            throw failure(query.lastError(), code);
-    }
+    if (!m_session->flush())
+        throw sessionFailure(code);
+    if (!query.exec(m_session->withLiterals(sql, values)))
+        throw failure(query.lastError(), code);
     QueryRows rows(query);
     while (rows.next())
         row(rows);

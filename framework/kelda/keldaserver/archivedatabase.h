@@ -94,6 +94,8 @@ public:
 
     // First key of every advisory lock the servers take ("KELD").
     static constexpr int AdvisoryClass = 0x4B454C44;
+    // Prepared SQLite statements kept at once.
+    static constexpr int MostStatements = 256;
 
 private:
     bool connect();
