@@ -401,18 +401,23 @@ void ArchiveDatabase::rollbackToSavepoint()
     }
 }
 
+QString ArchiveDatabase::commitMarkId() const
+{
+    return m_commitMarkId.isEmpty() ? m_instanceId : m_commitMarkId;
+}
+
 void ArchiveDatabase::writeCommitMark(qint64 token)
 {
     // Inside the transaction it marks, sent with its COMMIT.
     if (m_session)
-        m_session->defer(m_session->withLiterals(kWriteMark, {m_instanceId, token}).toUtf8());
+        m_session->defer(m_session->withLiterals(kWriteMark, {commitMarkId(), token}).toUtf8());
     else
-        run(kWriteMark, {m_instanceId, token}, KE_DatabaseNotAvailable);
+        run(kWriteMark, {commitMarkId(), token}, KE_DatabaseNotAvailable);
 }
 
 bool ArchiveDatabase::hasCommitMark(qint64 token)
 {
-    ResultRows &rows = run(QStringLiteral("SELECT token FROM commit_marks WHERE server_id = ?"), {m_instanceId},
+    ResultRows &rows = run(QStringLiteral("SELECT token FROM commit_marks WHERE server_id = ?"), {commitMarkId()},
                            KE_DatabaseNotAvailable);
     const bool found = rows.next() && rows.number(0) == token;
     rows.finish();
@@ -421,7 +426,7 @@ bool ArchiveDatabase::hasCommitMark(qint64 token)
 
 void ArchiveDatabase::dropCommitMark()
 {
-    run(QStringLiteral("DELETE FROM commit_marks WHERE server_id = ?"), {m_instanceId}, KE_DatabaseNotAvailable);
+    run(QStringLiteral("DELETE FROM commit_marks WHERE server_id = ?"), {commitMarkId()}, KE_DatabaseNotAvailable);
 }
 
 } // namespace Kelda

@@ -44,6 +44,9 @@ public:
     // and its liveness. Set before open().
     void setInstanceId(const QString &id) { m_instanceId = id; }
     const QString &instanceId() const { return m_instanceId; }
+    // Names this connection's commit mark, when the server has several
+    // writing connections; the instance id by default.
+    void setCommitMarkId(const QString &id) { m_commitMarkId = id; }
     // The connection stands for the server while it lives, so that others
     // can tell whether the server is still there (see ownerAlive). For the
     // writer of a shared database.
@@ -107,6 +110,7 @@ private:
     RequestFailure failure(const QString &state, const QString &text, bool connectionBroken, KeldaError code);
     RequestFailure sessionFailure(KeldaError code);
     SqliteStatement &prepared(const QString &sql);
+    QString commitMarkId() const;
     void transactionControl(const QString &sql);
 
     QString m_connectionName;
@@ -115,6 +119,7 @@ private:
     std::unique_ptr<PgSession> m_session;
     QString m_error;
     QString m_instanceId;
+    QString m_commitMarkId;
     bool m_holdsLiveness = false;
     bool m_schemaTooNew = false;
     bool m_connectionLost = false;

@@ -91,6 +91,11 @@ public:
                    const StorageLayout &layout, Delivery delivery, HandOff handOff = HandOff());
     ~DatabaseWorker() override;
 
+    // Of several writers on a shared database, the first resumes the moves
+    // and stands for the server; the others only carry out changes. Set
+    // before open().
+    void setWriterIndex(int index) { m_writerIndex = index; }
+
     // Starts the thread and waits until the database is open; false with
     // errorString() when it cannot be.
     bool open();
@@ -151,6 +156,7 @@ private:
     static DatabaseAnswer failedAnswer(const DatabaseJob &job, const QString &text);
 
     const Role m_role;
+    int m_writerIndex = 0;
     const DatabaseLocation m_database;
     const QString m_instanceId;
     const StorageLayout m_layout;
