@@ -492,7 +492,8 @@ void ArchiveStore::sampleSearchKeys()
 
 void ArchiveStore::search(const GroupSearch &criteria, const std::function<void(const SearchRow &)> &visit)
 {
-    if (!m_sampled.isValid() || m_sampled.hasExpired(SampleAgeMs))
+    const bool small = m_statistics.rows(ArchiveSchema::GroupTextIndex) < TrigramStatistics::SampleRows / 2;
+    if (!m_sampled.isValid() || m_sampled.hasExpired(small ? SmallSampleAgeMs : SampleAgeMs))
         sampleSearchKeys();
     const SearchStatement statement(criteria, isPostgres(), m_statistics);
     m_db.visit(statement.sql(), statement.values(), KE_QueryFilesFailed,

@@ -187,8 +187,10 @@ public:
     // Calls visit for every match, ordered by creation time and GUID.
     void search(const GroupSearch &criteria, const std::function<void(const SearchRow &)> &visit);
 
-    // How long a sample of the search keys serves before it is taken again.
+    // How long a sample of the search keys serves before it is taken again;
+    // a sample of a small archive, which grows fast in proportion, soon.
     static constexpr int SampleAgeMs = 5 * 60 * 1000;
+    static constexpr int SmallSampleAgeMs = 10 * 1000;
 
 private:
     StoredGroup groupFromRow(const GroupRow &row) const;

@@ -115,7 +115,9 @@ QString SearchStatement::indexTerm(const QString &filter, const QString &index, 
 QString SearchStatement::textTest(const QString &alias, const QString &column, const QString &text)
 {
     const QString key = searchKey(text);
-    const QStringList trigrams = m_postgres ? m_statistics.rarest(column, key, pgTrgmKnows) : QStringList();
+    // Where even the rarest trigram is common, pg_trgm does better with all
+    // of its own, which know words of one or two characters too.
+    const QStringList trigrams = m_postgres ? m_statistics.rarest(column, key, pgTrgmKnows, true) : QStringList();
     QString sql;
     for (const QString &trigram : trigrams) {
         sql += QStringLiteral(" AND %1.%2 LIKE ? ESCAPE '!'").arg(alias, column);

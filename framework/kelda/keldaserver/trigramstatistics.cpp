@@ -35,7 +35,7 @@ void TrigramStatistics::count(const QString &name, const QStringList &texts)
 }
 
 QStringList TrigramStatistics::rarest(const QString &name, const QString &key,
-                                      const std::function<bool(const QString &)> &usable) const
+                                      const std::function<bool(const QString &)> &usable, bool rareOnly) const
 {
     const auto found = m_columns.constFind(name);
     if (found == m_columns.constEnd() || found->rows == 0)
@@ -58,6 +58,8 @@ QStringList TrigramStatistics::rarest(const QString &name, const QString &key,
     }
     std::stable_sort(ranked.begin(), ranked.end(), [](const Ranked &a, const Ranked &b) { return a.rows < b.rows; });
     const int common = found->rows / CommonFraction;
+    if (ranked.isEmpty() || (rareOnly && ranked.first().rows > common))
+        return {};
     QStringList chosen;
     QVector<int> positions;
     const auto overlaps = [&positions](int position) {

@@ -34,9 +34,12 @@ public:
 
     // The trigrams of key to ask the index for, each passing usable: the
     // rarest under name, and up to two more that are not common. Empty
-    // when the sample holds no row under name or none passes.
-    QStringList rarest(const QString &name, const QString &key,
-                       const std::function<bool(const QString &)> &usable) const;
+    // when the sample holds no row under name or none passes, and with
+    // rareOnly also when even the rarest is common.
+    QStringList rarest(const QString &name, const QString &key, const std::function<bool(const QString &)> &usable,
+                       bool rareOnly = false) const;
+    // Rows sampled under name.
+    int rows(const QString &name) const { return m_columns.value(name).rows; }
 
     // The distinct trigrams of a text, in order, counted in characters.
     static QStringList trigramsOf(const QString &text);
