@@ -187,15 +187,13 @@ bool PostgresCluster::createDatabase(const QString &name, QString *error)
     return true;
 }
 
-QString PostgresCluster::pgbench(const QString &database, const QStringList &arguments, QString *error, int timeoutMs)
+bool PostgresCluster::pgbench(const QString &database, const QStringList &arguments, QString *output, QString *error,
+                              int timeoutMs)
 {
-    QString output;
     const QStringList connection{QStringLiteral("-h"), m_socketDirectory, QStringLiteral("-p"), QString::number(m_port),
                                  QStringLiteral("-U"), QStringLiteral("postgres")};
-    if (!run(QDir(binDirectory()).filePath(QStringLiteral("pgbench")), connection + arguments + QStringList{database},
-             error, timeoutMs, &output))
-        return QString();
-    return output;
+    return run(QDir(binDirectory()).filePath(QStringLiteral("pgbench")), connection + arguments + QStringList{database},
+               error, timeoutMs, output);
 }
 
 QString PostgresCluster::url(const QString &database) const

@@ -51,8 +51,9 @@ public:
 
     // pgbench on a database of this cluster as its superuser, through the
     // socket folder: the engine's own measure of what the cluster carries.
-    // Its output, or empty with *error set.
-    QString pgbench(const QString &database, const QStringList &arguments, QString *error, int timeoutMs = Wait);
+    // False with *error set when it fails.
+    bool pgbench(const QString &database, const QStringList &arguments, QString *output, QString *error,
+                 int timeoutMs = Wait);
 
     static constexpr int Wait = 120000;
 
