@@ -54,14 +54,15 @@ struct DatabaseAnswer
 
 // A thread with a database connection of its own.
 //
-// The writer is the one thread that changes the database. It drains its
-// queue in batches: everything that arrived together is carried out in one
-// transaction, each request inside a savepoint of its own, and committed
-// with one flush; only then do the answers leave. A failing request rolls
-// back only itself; a failing commit turns every answer of the batch into an
-// error, so nothing unsaved is ever confirmed. Read-only requests that wait
-// behind a change of their connection are handed to the reader once that
-// change is committed.
+// A writer is a thread that changes the database (the only one on SQLite;
+// on PostgreSQL each of a server's writers serves its share of the client
+// connections). It drains its queue in batches: everything that arrived
+// together is carried out in one transaction, each request inside a
+// savepoint of its own, and committed with one flush; only then do the
+// answers leave. A failing request rolls back only itself; a failing commit
+// turns every answer of the batch into an error, so nothing unsaved is ever
+// confirmed. Read-only requests that wait behind a change of their
+// connection are handed to the reader once that change is committed.
 //
 // A reader carries out read-only requests on a snapshot of committed data,
 // so that long queries and exports never hold up changes. It builds no
