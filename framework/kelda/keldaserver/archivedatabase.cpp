@@ -229,6 +229,14 @@ RequestFailure ArchiveDatabase::sessionFailure(KeldaError code)
     return failure(error.state, error.message, error.connectionBroken, code);
 }
 
+void ArchiveDatabase::endRead()
+{
+    if (m_current) {
+        m_current->finish();
+        m_current = nullptr;
+    }
+}
+
 SqliteStatement &ArchiveDatabase::prepared(const QString &sql)
 {
     // Searches come in as many shapes as clients make; the few statements
@@ -250,10 +258,7 @@ SqliteStatement &ArchiveDatabase::prepared(const QString &sql)
 
 ResultRows &ArchiveDatabase::run(const QString &sql, const QVariantList &values, KeldaError code)
 {
-    if (m_current) {
-        m_current->finish();
-        m_current = nullptr;
-    }
+    endRead();
     if (m_session) {
         ResultRows *rows = m_session->run(sql, values);
         if (!rows)
@@ -273,17 +278,13 @@ ResultRows &ArchiveDatabase::run(const QString &sql, const QVariantList &values,
 void ArchiveDatabase::visit(const QString &sql, const QVariantList &values, KeldaError code,
                             const std::function<void(const ResultRows &)> &row)
 {
-    if (m_current) {
-        m_current->finish();
-        m_current = nullptr;
-    }
+    endRead();
     if (!m_session) {
         // Searches of the same shape share their statement, parsed once.
         ResultRows &rows = run(sql, values, code);
         while (rows.next())
             row(rows);
-        rows.finish();
-        m_current = nullptr;
+        endRead();
         return;
     }
     // Qt streams the rows of a forward-only query; the values go in as
@@ -301,10 +302,7 @@ void ArchiveDatabase::visit(const QString &sql, const QVariantList &values, Keld
 
 void ArchiveDatabase::execute(const QString &sql, KeldaError code)
 {
-    if (m_current) {
-        m_current->finish();
-        m_current = nullptr;
-    }
+    endRead();
     if (m_session) {
         if (!m_session->execute(sql.toUtf8()))
             throw sessionFailure(code);
@@ -334,10 +332,7 @@ void ArchiveDatabase::begin()
 
 bool ArchiveDatabase::commit()
 {
-    if (m_current) {
-        m_current->finish();
-        m_current = nullptr;
-    }
+    endRead();
     if (m_session) {
         if (m_session->commit())
             return true;
@@ -354,10 +349,7 @@ bool ArchiveDatabase::commit()
 
 void ArchiveDatabase::rollback()
 {
-    if (m_current) {
-        m_current->finish();
-        m_current = nullptr;
-    }
+    endRead();
     if (m_session) {
         m_session->dropDeferred();
         // After a failed COMMIT there may be no transaction left to end.

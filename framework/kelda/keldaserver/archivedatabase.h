@@ -110,6 +110,8 @@ private:
     RequestFailure failure(const QString &state, const QString &text, bool connectionBroken, KeldaError code);
     RequestFailure sessionFailure(KeldaError code);
     SqliteStatement &prepared(const QString &sql);
+    // Ends the read of the statement run last.
+    void endRead();
     QString commitMarkId() const;
     void transactionControl(const QString &sql);
 
