@@ -140,8 +140,9 @@ public:
         the file; without one, a plain local KeldaFile. Returns a null
         pointer on cancel or when the query failed.
 
-        \a parent, \a caption and \a types serve both dialogs (\a types as
-        FileSelectDialog's type choices); \a dir, \a filter and
+        \a parent and \a caption serve both dialogs. \a types are the archive
+        dialog's type choices (see FileSelectDialog); empty, the default,
+        means every type that FileTypeManager offers. \a dir, \a filter and
         \a selectedFilter serve the local dialog only. \a reserved is not
         used.
     */

@@ -77,6 +77,13 @@ void waitForConnection(KeldaClient &client)
     loop.exec(QEventLoop::ExcludeUserInputEvents);
 }
 
+// The helpers' callers leave the types out to mean "whatever is offered",
+// as they leave out a file filter.
+QVector<FileType> typesOrOffered(const QVector<FileType> &types)
+{
+    return types.isEmpty() ? FileTypeManager::Instance()->GetTypes() : types;
+}
+
 QPushButton *newButton(const QString &text, QWidget *parent, int fixedWidth = 0)
 {
     auto *button = new QPushButton(text, parent);
@@ -503,8 +510,8 @@ boost::shared_ptr<KeldaFile> KeldaFileDialog::GetOpenFile(QWidget *parent, const
     if (KeldaClient::IsKeldaAvailable()) {
         auto *client = new KeldaClient;
         waitForConnection(*client);
-        FileSelectDialog dialog(client, parent, caption, FileSelectDialog::tr("Open"), false, types, reserved,
-                                QString());
+        FileSelectDialog dialog(client, parent, caption, FileSelectDialog::tr("Open"), false, typesOrOffered(types),
+                                reserved, QString());
         QString guid;
         unsigned int fileId = 0;
         if (!dialog.Execute(guid, fileId)) {
@@ -530,8 +537,8 @@ KeldaUrl KeldaFileDialog::GetOpenUrl(QWidget *parent, const QString &caption, co
     if (KeldaClient::IsKeldaAvailable()) {
         KeldaClient client;
         waitForConnection(client);
-        FileSelectDialog dialog(&client, parent, caption, FileSelectDialog::tr("Open"), false, types, reserved,
-                                QString());
+        FileSelectDialog dialog(&client, parent, caption, FileSelectDialog::tr("Open"), false,
+                                typesOrOffered(types), reserved, QString());
         QString guid;
         unsigned int fileId = 0;
         if (dialog.Execute(guid, fileId))

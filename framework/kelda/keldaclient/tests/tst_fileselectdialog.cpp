@@ -203,32 +203,45 @@ void FileSelectDialogTest::selectedFile()
 void FileSelectDialogTest::openFromTheArchive_data()
 {
     QTest::addColumn<bool>("asFile");
-    QTest::newRow("GetOpenUrl") << false;
-    QTest::newRow("GetOpenFile") << true;
+    QTest::addColumn<QVector<FileType>>("types");
+
+    const QVector<FileType> one{FT_ScanRecording};
+    QTest::newRow("GetOpenUrl") << false << one;
+    QTest::newRow("GetOpenFile") << true << one;
+    QTest::newRow("GetOpenUrl, no types") << false << QVector<FileType>();
+    QTest::newRow("GetOpenFile, no types") << true << QVector<FileType>();
 }
 
-// Each helper has a client of its own, which connects before the dialog shows.
+// Each helper has a client of its own, which connects before the dialog
+// shows. No types means every offered one.
 void FileSelectDialogTest::openFromTheArchive()
 {
     QFETCH(bool, asFile);
+    QFETCH(QVector<FileType>, types);
 
-    whenModal<FileSelectDialog>([](FileSelectDialog *dialog) {
+    QVector<FileType> offered;
+    whenModal<FileSelectDialog>([&offered](FileSelectDialog *dialog) {
+        const auto *combo = dialog->findChild<QComboBox *>(QStringLiteral("TypeComboBox"));
+        for (int i = 0; i < combo->count(); ++i)
+            offered.append(FileType(combo->itemData(i).toInt()));
         pick(dialog, kGuidA, 0);
         dialog->findChild<QPushButton *>(QStringLiteral("OkButton"))->click();
     });
     QString name;
     if (asFile) {
         const boost::shared_ptr<KeldaFile> file =
-            KeldaFileDialog::GetOpenFile(nullptr, QStringLiteral("Open"), QString(), QString(), nullptr,
-                                         {FT_ScanRecording});
+            KeldaFileDialog::GetOpenFile(nullptr, QStringLiteral("Open"), QString(), QString(), nullptr, types);
         QVERIFY(file);
         name = file->GetName();
     } else {
-        name = KeldaFileDialog::GetOpenUrl(nullptr, QStringLiteral("Open"), QString(), QString(), nullptr,
-                                           {FT_ScanRecording})
+        name = KeldaFileDialog::GetOpenUrl(nullptr, QStringLiteral("Open"), QString(), QString(), nullptr, types)
                    .toString();
     }
     QCOMPARE(name, QStringLiteral("kelda:///%1/5").arg(kGuidA));
+    const QVector<FileType> expected = types.isEmpty() ? FileTypeManager::Instance()->GetTypes() : types;
+    QCOMPARE(offered, expected);
+    const QByteArray sent = m_peer->requests(QStringLiteral("QueryFileGroups")).last().document;
+    QCOMPARE(requestField(sent, QStringLiteral("FileType")), QString::number(expected.first()));
 }
 
 void FileSelectDialogTest::queryErrors_data()
