@@ -36,7 +36,8 @@ class KeldaFile;
 
     The dialog runs a file group query and shows the result as a tree
     (ClientTreeModel): the groups, each expanding to its files. OK is enabled
-    only while a file row is selected. The context menu's "Show columns"
+    only while the current row, however it was reached (a click or the
+    keyboard), is a file row. The context menu's "Show columns"
     lets the user choose the columns.
 
     In quick mode a file type selector and a creation or modification time
@@ -81,7 +82,8 @@ public:
         Returns true when the user accepted a file; \a guid is then its group
         and \a fileId the file row's stored id, the listed id plus 1 (see
         FileGroupTreeItem::GetFileId()). Returns false, changing neither, on
-        cancel or when the query failed.
+        cancel, when the query failed, or when the dialog was accepted while
+        the current row was not a file row.
     */
     bool Execute(QString &guid, unsigned int &fileId);
     //! Shows the usual columns and hides the others.

@@ -219,7 +219,9 @@ QLayout *FileSelectDialogPrivate::BuildTimeRow()
 
 void FileSelectDialogPrivate::Connect()
 {
-    QObject::connect(m_view, &QTreeView::clicked, q, &FileSelectDialog::EnableOkButton);
+    // The current row, not the last click: the keyboard moves it too.
+    QObject::connect(m_view->selectionModel(), &QItemSelectionModel::currentChanged, q,
+                     &FileSelectDialog::EnableOkButton);
     QObject::connect(m_view, &QTreeView::expanded, q, &FileSelectDialog::ResizeExpanded);
     QObject::connect(m_ok, &QPushButton::clicked, q, &QDialog::accept);
     QObject::connect(m_cancel, &QPushButton::clicked, q, &QDialog::reject);
@@ -248,6 +250,8 @@ bool FileSelectDialogPrivate::RunQuery(QStringList &table, unsigned int &columns
 
 void FileSelectDialogPrivate::DeleteModel()
 {
+    // A reset model leaves no current row, and says nothing about it.
+    m_ok->setEnabled(false);
     m_sortModel->setSourceModel(nullptr);
     delete m_model;
     m_model = nullptr;
@@ -392,7 +396,6 @@ void FileSelectDialog::OpenQueryDialog()
 
 bool FileSelectDialog::Execute(QString &guid, unsigned int &fileId)
 {
-    d->m_ok->setEnabled(false);
     d->DeleteModel();
     QStringList table;
     unsigned int columns = 0;
@@ -408,9 +411,13 @@ bool FileSelectDialog::Execute(QString &guid, unsigned int &fileId)
     if (!d->m_model || !current.isValid())
         return false;
     const FileGroupTreeItem *item = d->m_model->GetItem(current);
+    const QString groupGuid = item->Parent() ? item->Parent()->GetGuid() : QString();
+    // Only a file row names a file: accept() may come from elsewhere than OK.
+    if (item->GetFileId() == 0 || groupGuid.isEmpty())
+        return false;
     // The stored id goes on as it is, plus 1 included.
     fileId = item->GetFileId();
-    guid = item->Parent() ? item->Parent()->GetGuid() : QString();
+    guid = groupGuid;
     return true;
 }
 

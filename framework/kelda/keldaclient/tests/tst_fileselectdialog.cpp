@@ -88,6 +88,8 @@ private slots:
     void quickQuery();
     void selectedFile_data();
     void selectedFile();
+    void keyboardMoves_data();
+    void keyboardMoves();
     void openFromTheArchive_data();
     void openFromTheArchive();
     void queryErrors_data();
@@ -198,6 +200,42 @@ void FileSelectDialogTest::selectedFile()
     QCOMPARE(shownHeaders, (QStringList{QStringLiteral("File type"), QStringLiteral("Backup time"),
                                         QStringLiteral("Modification time"), QStringLiteral("Creator"),
                                         QStringLiteral("Detail"), QStringLiteral("Team")}));
+}
+
+void FileSelectDialogTest::keyboardMoves_data()
+{
+    QTest::addColumn<int>("startRow");
+    QTest::addColumn<int>("key");
+    QTest::addColumn<bool>("picked");
+    QTest::addColumn<QUrl>("url");
+
+    // A start row of -1 is the group itself; its files are 4 and 9, stored plus 1.
+    QTest::newRow("file, up to its group")
+        << 0 << int(Qt::Key_Up) << false << KeldaUrl::fromKeldaIds(QString(), 0);
+    QTest::newRow("group, down to a file") << -1 << int(Qt::Key_Down) << true << KeldaUrl::fromKeldaIds(kGuidB, 5);
+    QTest::newRow("file, down to the next") << 0 << int(Qt::Key_Down) << true << KeldaUrl::fromKeldaIds(kGuidB, 10);
+}
+
+// OK follows the current row however it moves; an accept that bypasses OK
+// still yields nothing for a group row.
+void FileSelectDialogTest::keyboardMoves()
+{
+    QFETCH(int, startRow);
+    QFETCH(int, key);
+    QFETCH(bool, picked);
+    QFETCH(QUrl, url);
+
+    bool okEnabled = false;
+    whenModal<FileSelectDialog>([&](FileSelectDialog *dialog) {
+        pick(dialog, kGuidB, startRow);
+        QTest::keyClick(viewOf(dialog), Qt::Key(key));
+        okEnabled = dialog->findChild<QPushButton *>(QStringLiteral("OkButton"))->isEnabled();
+        dialog->accept();
+    });
+    KeldaUrl chosen;
+    QCOMPARE(m_client->GetSelectedFile(nullptr, QStringLiteral("Pick"), chosen), picked);
+    QCOMPARE(okEnabled, picked);
+    QCOMPARE(QUrl(chosen), url);
 }
 
 void FileSelectDialogTest::openFromTheArchive_data()
