@@ -81,6 +81,18 @@ class KeldaClientPrivate;
     when one hangs. Objects that take a client pointer
     (KeldaFile, FileSelectDialog, ClientTreeModel) do not own it.
 
+    \section connection Watching the connection
+    The client connects in the background and reconnects by itself, so an
+    application that needs the server watches the connection rather than
+    making it. IsConnected() tells the state at any moment; connected() and
+    disconnected() report each change, in the client's thread, and
+    WaitForConnected() blocks until the connection is up. All three are
+    additions to the original interface, which had only the two signals: a
+    program that must not start before the server answers, a command-line
+    tool for instance, calls WaitForConnected() after constructing the
+    client, and an interactive one connects to connected() and
+    disconnected() to enable and disable what needs the server.
+
     \section config Configuration
     The server comes from the group "KELDA" of the configuration ("ServerHost",
     "XmlPort", "UseUtc", "CompressionRate"), read once per process. The
@@ -157,9 +169,23 @@ public:
     /*!
         Returns true when a server is configured, the connection is up and
         the server has answered its first request (connected() was emitted
-        and disconnected() has not followed).
+        and disconnected() has not followed). See \ref connection.
     */
     bool IsConnected() const;
+    /*!
+        Waits until the client is connected, for at most \a msecs
+        milliseconds (a negative value waits without limit). An addition to
+        the original interface, see \ref connection.
+
+        Returns true at once when IsConnected(), and false at once when the
+        client has no server to connect to (IsKeldaAvailable() was false
+        when it was constructed). Otherwise runs a local event loop until
+        connected() is emitted or the time has passed, and returns
+        IsConnected(). The loop delivers timers, network events and queued
+        signals, this client's among them, but holds back user input until
+        it returns. Call it in the client's thread.
+    */
+    bool WaitForConnected(int msecs = 30000);
     /*!
         Returns the error code of the last reply, or of the last failed
         connection check (KE_NotConnected); KE_NoError when no server is

@@ -11,6 +11,8 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QEventLoop>
+#include <QTimer>
 
 namespace Kelda {
 
@@ -234,6 +236,25 @@ QString KeldaClient::CreateGuid()
 bool KeldaClient::IsConnected() const
 {
     return IsKeldaAvailable() && d->m_sender && d->m_sender->IsConnected() && d->m_connected.load();
+}
+
+bool KeldaClient::WaitForConnected(int msecs)
+{
+    if (IsConnected())
+        return true;
+    if (!d->m_sender)
+        return false;
+    QEventLoop loop;
+    connect(this, &KeldaClient::connected, &loop, &QEventLoop::quit);
+    QTimer timer;
+    timer.setSingleShot(true);
+    connect(&timer, &QTimer::timeout, &loop, &QEventLoop::quit);
+    if (msecs >= 0)
+        timer.start(msecs);
+    // The caller waits for the server, not for the user: clicks meanwhile
+    // could start what needs the connection.
+    loop.exec(QEventLoop::ExcludeUserInputEvents);
+    return IsConnected();
 }
 
 KeldaError KeldaClient::GetError() const

@@ -9,7 +9,9 @@
 #include <QPointer>
 #include <QSemaphore>
 #include <QSignalSpy>
+#include <QTcpServer>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <QXmlStreamReader>
 #include <QtEndian>
 #include <QtTest>
@@ -66,6 +68,8 @@ private slots:
     void init();
     void cleanup();
     void handshake();
+    void waitForConnected_data();
+    void waitForConnected();
     void blockingOperations_data();
     void blockingOperations();
     void asyncOperations_data();
@@ -148,6 +152,47 @@ void KeldaClientTest::handshake()
     QCOMPARE(m_client->GetPort(), m_peer->port());
     QCOMPARE(m_peer->requests(QStringLiteral("GetBasePath")).size(), 1);
     QVERIFY(!traces().contains(QStringLiteral("Directory does not exist: ") + m_basePath.path()));
+}
+
+void KeldaClientTest::waitForConnected_data()
+{
+    QTest::addColumn<QString>("server");
+    QTest::addColumn<int>("msecs");
+    QTest::addColumn<bool>("connected");
+    QTest::addColumn<bool>("ranEventLoop");
+
+    QTest::newRow("already connected") << QStringLiteral("connected") << kSignalWaitMs << true << false;
+    QTest::newRow("connects meanwhile") << QStringLiteral("peer") << kSignalWaitMs << true << true;
+    QTest::newRow("no time limit") << QStringLiteral("peer") << -1 << true << true;
+    QTest::newRow("nobody listens") << QStringLiteral("nobody") << 100 << false << true;
+}
+
+void KeldaClientTest::waitForConnected()
+{
+    QFETCH(QString, server);
+    QFETCH(int, msecs);
+    QFETCH(bool, connected);
+    QFETCH(bool, ranEventLoop);
+
+    quint16 port = m_peer->port();
+    if (server == QLatin1String("nobody")) {
+        QTcpServer probe;
+        QVERIFY(probe.listen(QHostAddress::LocalHost));
+        port = probe.serverPort();
+    }
+    std::unique_ptr<KeldaClient> fresh;
+    if (server != QLatin1String("connected"))
+        fresh = std::make_unique<KeldaClient>(QStringLiteral("127.0.0.1"), port, QStringLiteral("app"),
+                                              QStringLiteral("user"), QString());
+    KeldaClient *client = fresh ? fresh.get() : m_client;
+
+    // A zero timer fires only if the call runs an event loop.
+    QTimer zero;
+    zero.setSingleShot(true);
+    zero.start(0);
+    QCOMPARE(client->WaitForConnected(msecs), connected);
+    QCOMPARE(client->IsConnected(), connected);
+    QCOMPARE(!zero.isActive(), ranEventLoop);
 }
 
 void KeldaClientTest::blockingOperations_data()
