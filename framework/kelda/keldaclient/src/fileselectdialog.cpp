@@ -15,7 +15,6 @@
 #include <QComboBox>
 #include <QContextMenuEvent>
 #include <QDateTimeEdit>
-#include <QEventLoop>
 #include <QFileDialog>
 #include <QGroupBox>
 #include <QHBoxLayout>
@@ -25,7 +24,6 @@
 #include <QMenu>
 #include <QMessageBox>
 #include <QPushButton>
-#include <QTimer>
 #include <QTreeView>
 #include <QVBoxLayout>
 
@@ -63,25 +61,21 @@ public:
     WaitCursor &operator=(const WaitCursor &) = delete;
 };
 
-// A client of its own must finish its handshake before the dialog's first
-// query, or that query fails at once with "not connected". Waits at most
-// kConnectWaitMs; an unreachable server then shows as that failure.
-void waitForConnection(KeldaClient &client)
+// The open-file helpers' quick dialog on a client of their own. That client
+// must finish its handshake before the dialog's first query, or the query
+// fails at once with "not connected"; it gets kConnectWaitMs, after which an
+// unreachable server shows as that failure. No types mean whatever is
+// offered, as no filter means every file.
+bool pickArchivedFile(KeldaClient &client, QWidget *parent, const QString &caption,
+                      const QVector<FileType> &types, int reserved, QString &guid, unsigned int &fileId)
 {
-    if (client.IsConnected())
-        return;
-    WaitCursor waitCursor;
-    QEventLoop loop;
-    QObject::connect(&client, &KeldaClient::connected, &loop, &QEventLoop::quit);
-    QTimer::singleShot(kConnectWaitMs, &loop, &QEventLoop::quit);
-    loop.exec(QEventLoop::ExcludeUserInputEvents);
-}
-
-// The helpers' callers leave the types out to mean "whatever is offered",
-// as they leave out a file filter.
-QVector<FileType> typesOrOffered(const QVector<FileType> &types)
-{
-    return types.isEmpty() ? FileTypeManager::Instance()->GetTypes() : types;
+    {
+        WaitCursor waitCursor;
+        client.WaitForConnected(kConnectWaitMs);
+    }
+    FileSelectDialog dialog(&client, parent, caption, FileSelectDialog::tr("Open"), false,
+                            types.isEmpty() ? FileTypeManager::Instance()->GetTypes() : types, reserved, QString());
+    return dialog.Execute(guid, fileId);
 }
 
 QPushButton *newButton(const QString &text, QWidget *parent, int fixedWidth = 0)
@@ -516,12 +510,9 @@ boost::shared_ptr<KeldaFile> KeldaFileDialog::GetOpenFile(QWidget *parent, const
 {
     if (KeldaClient::IsKeldaAvailable()) {
         auto *client = new KeldaClient;
-        waitForConnection(*client);
-        FileSelectDialog dialog(client, parent, caption, FileSelectDialog::tr("Open"), false, typesOrOffered(types),
-                                reserved, QString());
         QString guid;
         unsigned int fileId = 0;
-        if (!dialog.Execute(guid, fileId)) {
+        if (!pickArchivedFile(*client, parent, caption, types, reserved, guid, fileId)) {
             delete client;
             return {};
         }
@@ -543,12 +534,9 @@ KeldaUrl KeldaFileDialog::GetOpenUrl(QWidget *parent, const QString &caption, co
 {
     if (KeldaClient::IsKeldaAvailable()) {
         KeldaClient client;
-        waitForConnection(client);
-        FileSelectDialog dialog(&client, parent, caption, FileSelectDialog::tr("Open"), false,
-                                typesOrOffered(types), reserved, QString());
         QString guid;
         unsigned int fileId = 0;
-        if (dialog.Execute(guid, fileId))
+        if (pickArchivedFile(client, parent, caption, types, reserved, guid, fileId))
             return KeldaUrl(KeldaUrl::fromKeldaIds(guid, fileId));
         return KeldaUrl();
     }
