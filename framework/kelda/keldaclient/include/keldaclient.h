@@ -13,8 +13,6 @@
 #include <QString>
 #include <QStringList>
 
-#include <atomic>
-
 QT_BEGIN_NAMESPACE
 class QWidget;
 QT_END_NAMESPACE
@@ -109,8 +107,6 @@ class KELDACLIENT_EXPORT KeldaClient : public QObject
     Q_OBJECT
 
 public:
-    class ClientConfig;
-
     /*!
         Constructs a client for the configured server. Returns at once; the
         connection follows (connected()). Without a configured server no
@@ -157,14 +153,6 @@ public:
         the same as Kelda::CreateGuid(). Thread-safe.
     */
     static QString CreateGuid();
-
-    //! \cond internal
-    // The configuration that every reader in the process shares: set by the
-    // first reader, replaced by the first client, whose constructor may
-    // override host and port. Applications use IsKeldaAvailable(),
-    // IsUseUtc() and GetCompressionRate().
-    static std::atomic<ClientConfig *> s_config;
-    //! \endcond
 
     /*!
         Returns true when a server is configured, the connection is up and
@@ -602,15 +590,13 @@ signals:
     */
     void getTovinFilegroupGuidSg(QString a_sRequestId, QString a_guid, int a_iError, QString a_sErrorString);
 
-private Q_SLOTS:
-    void SlotConnected(QString a_basePath);
-    void SlotDisconnected();
-    void EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath);
-    void EmitAddFileSg(QString a_sRequestId, unsigned int a_fileId);
-
 private:
     Q_DECLARE_PRIVATE_D(d, KeldaClient)
     const QScopedPointer<KeldaClientPrivate> d;
+    Q_PRIVATE_SLOT(d_func(), void SlotConnected(QString a_basePath))
+    Q_PRIVATE_SLOT(d_func(), void SlotDisconnected())
+    Q_PRIVATE_SLOT(d_func(), void EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath))
+    Q_PRIVATE_SLOT(d_func(), void EmitAddFileSg(QString a_sRequestId, unsigned int a_fileId))
 };
 
 } // namespace Kelda
