@@ -461,15 +461,30 @@ public:
         titled \a title over \a parent, offering the types of
         FileTypeManager. Runs modally; each query blocks up to 60 s.
 
-        Returns true when the user accepted; then \a guid is the group and
-        \a fileId the dialog's stored id of the file (the listed id plus 1).
-        False on cancel or when the query failed.
+        Returns true when the user accepted a file; then \a guid is its group.
+        False on cancel, when the query failed, or when the dialog was
+        accepted on a group row.
+
+        \a fileId is \b not the picked file's id: it is the id the server
+        lists for that file plus 1, as existing callers expect. The picked
+        file's id is
+        \code
+        const unsigned int pickedId = fileId - 1;
+        \endcode
+
+        This member shows a dialog, so it is defined in keldaclientwidgets, not
+        in keldaclientcore with the rest of the class: an application that
+        calls it links keldaclientwidgets or keldaclient.
     */
     bool GetSelectedFile(QWidget *parent, const QString &title, QString &guid, unsigned int &fileId);
     /*!
         \overload
         Sets \a url to the choice as "kelda:///<guid>/<file id>", also after a
-        cancel, then with an empty GUID and file id 0.
+        cancel, then with an empty GUID and file id 0. Its file id, too, is the
+        listed id plus 1; the URL of the picked file is
+        \code
+        const Kelda::KeldaUrl picked(Kelda::KeldaUrl::fromKeldaIds(url.toKeldaGuid(), url.toKeldaFileId() - 1));
+        \endcode
     */
     bool GetSelectedFile(QWidget *parent, const QString &title, KeldaUrl &url);
 
