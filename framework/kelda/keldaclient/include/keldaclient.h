@@ -84,11 +84,11 @@ class KeldaClientPrivate;
     application that needs the server watches the connection rather than
     making it. IsConnected() tells the state at any moment; connected() and
     disconnected() report each change, in the client's thread, and
-    WaitForConnected() blocks until the connection is up. All three are
-    additions to the original interface, which had only the two signals: a
-    program that must not start before the server answers, a command-line
-    tool for instance, calls WaitForConnected() after constructing the
-    client, and an interactive one connects to connected() and
+    WaitForConnected() blocks until the connection is up. WaitForConnected()
+    and this way of watching the connection are additions to the original
+    interface. A program that must not start before the server answers, a
+    command-line tool for instance, calls WaitForConnected() after
+    constructing the client; an interactive one connects to connected() and
     disconnected() to enable and disable what needs the server.
 
     \section config Configuration
