@@ -4,8 +4,8 @@
 #include "trace.h"
 #include "transporttimings.h"
 
+#include <QScopeGuard>
 #include <QSemaphore>
-#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -16,58 +16,29 @@ using namespace Kelda;
 namespace {
 
 const int kSignalWaitMs = 10000;
-// Short, so that a silent peer ends the blocking call quickly.
+// Short, so that a reply held back ends the blocking call quickly.
 const unsigned int kReplyTimeLimitMs = 200;
 const int kReconnectIntervalMs = 100;
 
 } // namespace
 
-// KeldaFile's create-new constructor against a scripted peer, where the
-// creation of the group can fail in every way a server can let it fail.
+// KeldaFile's create-new constructor against a scripted peer that lets the
+// creation of the group fail.
 class KeldaFileTest : public QObject
 {
     Q_OBJECT
 
 private slots:
     void initTestCase();
-    void init();
-    void cleanup();
     void failedCreationSendsNothingMore_data();
     void failedCreationSendsNothingMore();
-
-private:
-    QTemporaryDir m_dir;
-    std::unique_ptr<ScriptedPeer> m_peer;
-    std::unique_ptr<KeldaClient> m_client;
-    // Holds back the peer's late reply; the client sends nothing else
-    // while a reply is outstanding.
-    std::shared_ptr<QSemaphore> m_lateReply;
 };
 
 void KeldaFileTest::initTestCase()
 {
-    QVERIFY(m_dir.isValid());
     TransportTimings::SetReplyTimeLimitMs(kReplyTimeLimitMs);
     TransportTimings::SetReconnectIntervalMs(kReconnectIntervalMs);
     ErrorHandler::Instance()->SetLevel(0);
-}
-
-void KeldaFileTest::init()
-{
-    m_lateReply = std::make_shared<QSemaphore>();
-    m_peer = std::make_unique<ScriptedPeer>();
-    m_peer->setBasePath(m_dir.path());
-    m_client = std::make_unique<KeldaClient>(QStringLiteral("127.0.0.1"), m_peer->port(), QStringLiteral("app"),
-                                             QStringLiteral("user"), QString());
-    QSignalSpy connected(m_client.get(), &KeldaClient::connected);
-    QVERIFY(connected.wait(kSignalWaitMs));
-}
-
-void KeldaFileTest::cleanup()
-{
-    m_lateReply->release();
-    m_client.reset();
-    m_peer.reset();
 }
 
 void KeldaFileTest::failedCreationSendsNothingMore_data()
@@ -86,45 +57,50 @@ void KeldaFileTest::failedCreationSendsNothingMore()
     QFETCH(QString, failure);
     QFETCH(int, error);
 
+    QTemporaryDir dir;
+    ScriptedPeer peer;
+    peer.setBasePath(dir.path());
+    // The client sends nothing else while a reply is outstanding, so the late
+    // reply is held back only until the file is gone.
+    auto lateReply = std::make_shared<QSemaphore>();
+    const auto releaseLateReply = qScopeGuard([lateReply] { lateReply->release(); });
     const QString command = QStringLiteral("CreateFileGroup");
     if (failure == QLatin1String("late")) {
-        m_peer->setAnswer(command, [late = m_lateReply](const ScriptedPeer::Request &request) {
-            late->tryAcquire(1, kSignalWaitMs);
+        peer.setAnswer(command, [lateReply](const ScriptedPeer::Request &request) {
+            lateReply->tryAcquire(1, kSignalWaitMs);
             return ScriptedPeer::replyDocument(request.requestId, QStringLiteral("CreateFileGroupReply"),
                                                QStringLiteral("<m:Error>0</m:Error>"));
         });
     } else if (failure == QLatin1String("disconnect")) {
-        m_peer->setDisconnectOn(command);
+        peer.setDisconnectOn(command);
     } else {
-        m_peer->setReplyChildren(command, failure);
+        peer.setReplyChildren(command, failure);
     }
-
-    const QString source = m_dir.filePath(QStringLiteral("scan.bin"));
+    const QString source = dir.filePath(QStringLiteral("scan.bin"));
     QFile file(source);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write("bytes");
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write("bytes") == 5);
     file.close();
+    KeldaClient client(QStringLiteral("127.0.0.1"), peer.port(), QStringLiteral("app"), QStringLiteral("user"),
+                       QString());
+    QVERIFY(client.WaitForConnected(kSignalWaitMs));
 
     unsigned int days = 1;
-    auto stored = std::make_unique<KeldaFile>(m_client.get(), source, QStringLiteral("1"), days, QString(),
-                                              QString(), FT_ScanRecording, 0);
+    auto stored = std::make_unique<KeldaFile>(&client, source, QStringLiteral("1"), days, QString(), QString(),
+                                              FT_ScanRecording, 0);
     QCOMPARE(int(stored->GetError()), error);
     QCOMPARE(stored->GetGuid(), QString());
     QCOMPARE(stored->GetFileId(), 0u);
     stored.reset();
-    m_lateReply->release();
+    lateReply->release();
 
     // Requests leave one at a time, in order: once the peer has this one, it
     // has everything sent before.
-    if (!m_client->IsConnected()) {
-        QSignalSpy connected(m_client.get(), &KeldaClient::connected);
-        QVERIFY(connected.wait(kSignalWaitMs));
-    }
-    m_client->GetUserListAsync();
-    QTRY_COMPARE_WITH_TIMEOUT(m_peer->requests(QStringLiteral("GetUserList")).size(), 1, kSignalWaitMs);
-    QCOMPARE(m_peer->requests(command).size(), 1);
-    QCOMPARE(m_peer->requests(QStringLiteral("AddFile")).size(), 0);
-    QCOMPARE(m_peer->requests(QStringLiteral("MoveToNas")).size(), 0);
+    QVERIFY(client.WaitForConnected(kSignalWaitMs));
+    client.GetUserListAsync();
+    QTRY_COMPARE_WITH_TIMEOUT(peer.requests(QStringLiteral("GetUserList")).size(), 1, kSignalWaitMs);
+    QCOMPARE(peer.requests(command).size(), 1);
+    QCOMPARE(peer.requests(QStringLiteral("AddFile")).size(), 0);
+    QCOMPARE(peer.requests(QStringLiteral("MoveToNas")).size(), 0);
 }
 
 QTEST_GUILESS_MAIN(KeldaFileTest)
