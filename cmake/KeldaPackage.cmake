@@ -1,5 +1,5 @@
 # The installed CMake package: find_package(KeldaClient) gives the imported
-# targets of the export set, with their Qt dependencies found first.
+# targets of the export set, with their Qt and Boost dependencies found first.
 include(CMakePackageConfigHelpers)
 
 install(EXPORT KeldaClientTargets
@@ -23,7 +23,7 @@ install(FILES
 # moved anywhere.
 file(RELATIVE_PATH KELDA_PC_TO_PREFIX "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
 string(REGEX REPLACE "/$" "" KELDA_PC_TO_PREFIX "${KELDA_PC_TO_PREFIX}")
-foreach(pc keldacommon keldaclient)
+foreach(pc keldacommon keldaclientcore keldaclientwidgets keldaclient)
     configure_file(${CMAKE_CURRENT_LIST_DIR}/${pc}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${pc}.pc @ONLY)
     install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()

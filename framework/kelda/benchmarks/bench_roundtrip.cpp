@@ -90,17 +90,6 @@ struct Figures
     }
 };
 
-bool WaitForConnection(KeldaClient &client, int timeoutMs)
-{
-    if (client.IsConnected())
-        return true;
-    QEventLoop loop;
-    QObject::connect(&client, &KeldaClient::connected, &loop, &QEventLoop::quit);
-    QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
-    loop.exec();
-    return client.IsConnected();
-}
-
 Figures BlockingRoundTrips(KeldaClient &client, int calls)
 {
     Figures figures;
@@ -380,7 +369,7 @@ int main(int argc, char *argv[])
         const qint64 beforeClient = BenchTable::ResidentBytes();
         KeldaClient client(QStringLiteral("127.0.0.1"), port, QStringLiteral("bench"), QStringLiteral("bench"),
                            QStringLiteral("bench"));
-        if (!WaitForConnection(client, 10000)) {
+        if (!client.WaitForConnected(10000)) {
             err << "bench_roundtrip: the client did not connect to the in-process peer\n";
             return 1;
         }

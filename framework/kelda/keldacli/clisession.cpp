@@ -41,16 +41,7 @@ ExitCode Session::connect()
 {
     m_client = std::make_unique<KeldaClient>(m_settings.host, m_settings.port, m_settings.application,
                                              m_settings.user, m_settings.team);
-    if (m_client->IsConnected())
-        return ExitOk;
-    QEventLoop loop;
-    QTimer timer;
-    timer.setSingleShot(true);
-    QObject::connect(m_client.get(), &KeldaClient::connected, &loop, &QEventLoop::quit);
-    QObject::connect(&timer, &QTimer::timeout, &loop, &QEventLoop::quit);
-    timer.start(m_settings.connectTimeoutMs);
-    loop.exec();
-    if (m_client->IsConnected())
+    if (m_client->WaitForConnected(m_settings.connectTimeoutMs))
         return ExitOk;
     return fail(ExitUnreachable, QStringLiteral("cannot reach the archive server at %1:%2 within %3 ms "
                                                 "(is it running? see --host, --port, --connect-timeout)")

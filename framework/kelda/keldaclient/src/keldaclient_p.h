@@ -29,6 +29,13 @@ public:
 
     void StartSender(QString application, const QString &user, const QString &teamMembership);
 
+    // The private slots: the sender's signals arrive through them in the
+    // client's thread.
+    void SlotConnected(QString a_basePath);
+    void SlotDisconnected();
+    void EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath);
+    void EmitAddFileSg(QString a_sRequestId, unsigned int a_fileId);
+
     // The common preconditions of every operation that talks to the server;
     // a failure is traced as "<operation>: no kelda available" or
     // "<operation>: no commandsender available".
