@@ -1,0 +1,49 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <vector>
+
+// The command line of `kelda` as the completion scripts see it, read from
+// the same option definitions that the parsers use, so that the scripts
+// cannot fall behind the program.
+namespace KeldaCli {
+
+enum class ValueKind { None, File, FileType, Other };
+
+struct OptionSpec
+{
+    // "-t", "--type"
+    QStringList names;
+    ValueKind value = ValueKind::None;
+    // The first line of its help.
+    QString description;
+};
+
+enum class ArgumentKind { None, File, Guid, Words };
+
+struct CommandSpec
+{
+    QString name;
+    QString summary;
+    ArgumentKind arguments = ArgumentKind::None;
+    // The choices of ArgumentKind::Words.
+    QStringList words;
+    std::vector<OptionSpec> options;
+};
+
+struct CompletionSpec
+{
+    std::vector<OptionSpec> globalOptions;
+    std::vector<CommandSpec> commands;
+    // The display texts --type accepts.
+    QStringList fileTypes;
+};
+
+CompletionSpec completionSpec();
+
+// The options listed in a QCommandLineParser help text.
+std::vector<OptionSpec> optionsFromHelp(const QString &helpText);
+
+} // namespace KeldaCli
