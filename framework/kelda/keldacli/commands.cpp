@@ -406,8 +406,10 @@ ExitCode runImport(const QCommandLineParser &parser, Session &session)
 const std::vector<Command> &commands()
 {
     static const std::vector<Command> table = {
-        {"put", "FILE...", "Store local files as one new file group; prints a URL per file.", putOptions, runPut},
-        {"get", "URL", "Fetch an archived file under a read lock.", getOptions, runGet},
+        {"put", "FILE...", "Store local files (folders with -r) as a new file group; prints a URL per file.",
+         putOptions, runPut},
+        {"get", "URL|GUID", "Fetch an archived file, or every file of a group, under a read lock.", getOptions,
+         runGet},
         {"ls", "", "List the file groups that match a query.", lsOptions, runLs},
         {"files", "GUID", "List the files of a group.", groupJsonOptions, runFiles},
         {"info", "GUID", "Show the metadata of a group.", groupJsonOptions, runInfo},

@@ -1,5 +1,7 @@
 #include "commandsupport.h"
 
+#include "transferqueue.h"
+
 #include <QLocale>
 #include <QRegularExpression>
 
@@ -65,7 +67,11 @@ void addDryRunOption(QCommandLineParser &parser)
 void addJobsOption(QCommandLineParser &parser)
 {
     parser.addOption({{QStringLiteral("j"), kJobsOption},
-                      QStringLiteral("Transfer up to N files at once, 1 to %1 (default %2).").arg(kMaxJobs).arg(kDefaultJobs),
+                      QStringLiteral("Copy up to N files at once, 1 to %1 (default %2); the server's answers for "
+                                     "up to %3 times as many are awaited at once.")
+                          .arg(kMaxJobs)
+                          .arg(kDefaultJobs)
+                          .arg(TransferQueue::kAheadPerJob),
                       QStringLiteral("N"), QString::number(kDefaultJobs)});
 }
 

@@ -16,6 +16,7 @@ constexpr int kTickMs = 200;
 TransferQueue::TransferQueue(Session &session, const QString &label, int jobs, int count, qint64 totalBytes)
     : m_session(session)
     , m_jobs(jobs)
+    , m_window(jobs * kAheadPerJob)
     , m_totalBytes(totalBytes)
     , m_states(size_t(count), State::Waiting)
     , m_started(size_t(count))
@@ -104,7 +105,7 @@ void TransferQueue::startMore()
     if (m_starting)
         return;
     m_starting = true;
-    while (!m_stopped && m_running < m_jobs && m_next < int(m_states.size())) {
+    while (!m_stopped && m_running < m_window && m_next < int(m_states.size())) {
         const int index = m_next++;
         m_states[size_t(index)] = State::Running;
         m_started[size_t(index)].start();

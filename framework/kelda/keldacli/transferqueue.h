@@ -16,11 +16,12 @@ namespace KeldaCli {
 
 class Session;
 
-// Runs the transfers of many files, up to `jobs` at once, on the calling
-// thread's event loop: the subclass starts each item with a request to the
-// server or a copy, and reports it done or failed. Copies run on worker
-// threads, requests go out asynchronously, so the copies of some files
-// overlap the server's answers for others. One progress display covers the
+// Runs the transfers of many files on the calling thread's event loop: the
+// subclass starts each item with a request to the server or a copy, and
+// reports it done or failed. Up to `jobs` copies run at once on worker
+// threads, and the requests of up to kAheadPerJob times as many items are
+// out at once, so that the server commits them in few transactions and the
+// copies of some files overlap the server's answers for others. One progress display covers the
 // whole; results are reported in the items' order, whatever order they
 // finish in, so that the output does not depend on --jobs.
 class TransferQueue : public QObject
@@ -29,6 +30,8 @@ class TransferQueue : public QObject
 
 public:
     ~TransferQueue() override;
+
+    static constexpr int kAheadPerJob = 8;
 
     // Returns once every item has ended, or the connection was lost or the
     // server fell silent; the exit code of the first failure, else ExitOk.
@@ -76,6 +79,7 @@ private:
 
     Session &m_session;
     const int m_jobs;
+    const int m_window;
     const qint64 m_totalBytes;
     std::vector<State> m_states;
     std::vector<QElapsedTimer> m_started;
