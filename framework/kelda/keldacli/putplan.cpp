@@ -11,6 +11,9 @@ namespace KeldaCli {
 
 namespace {
 
+// A mistaken folder can clash in thousands of names; the first few tell.
+constexpr int kClashesShown = 10;
+
 // Hidden files count, as they do for cp -r; links to folders are not
 // followed, so that a link cannot make the walk endless.
 constexpr QDir::Filters kFileFilter = QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot;
@@ -147,12 +150,15 @@ bool PutPlan::checkNames(const Group &group)
     for (const File &file : group.files)
         sources[file.name].append(file.source);
     QString clashes;
+    int count = 0;
     for (auto it = sources.cbegin(); it != sources.cend(); ++it) {
-        if (it.value().size() > 1)
+        if (it.value().size() > 1 && ++count <= kClashesShown)
             clashes += QStringLiteral("\n  %1: %2").arg(it.key(), it.value().join(QLatin1String(", ")));
     }
-    if (clashes.isEmpty())
+    if (count == 0)
         return true;
+    if (count > kClashesShown)
+        clashes += QStringLiteral("\n  and %1 more names").arg(count - kClashesShown);
     return refuse(ExitUsage, QStringLiteral("a group holds one file per name, and these names occur more than once "
                                             "(rename them, or use --group-per-folder):")
                                  + clashes);

@@ -24,7 +24,7 @@ TransferQueue::TransferQueue(Session &session, const QString &label, int jobs, i
     , m_progress(session.progress(label))
 {
     connect(&session.client(), &Kelda::KeldaClient::disconnected, this,
-            [this] { stopAll(ExitUnreachable, Kelda::KeldaErrorString::Get(Kelda::KE_NotConnected)); });
+            [this] { stopAll(ExitUnreachable, QStringLiteral("lost the connection to the archive server")); });
     connect(&m_ticker, &QTimer::timeout, this, &TransferQueue::tick);
 }
 
