@@ -79,6 +79,7 @@ private slots:
     void groupCommands();
     void putFolder_data();
     void putFolder();
+    void oneFileRefused();
     void getGroup_data();
     void getGroup();
     void environment_data();
@@ -401,6 +402,27 @@ void KeldaToolTest::putFolder()
     for (auto it = found.cbegin(); it != found.cend(); ++it)
         stored.append(it.key() + QStringLiteral(": ") + it.value().join(QLatin1Char(' ')));
     QCOMPARE(stored, groups);
+}
+
+// The server refuses one file of a folder: that file is named with the
+// server's reason, the others are stored, and the refused copy does not stay
+// in the group's directory.
+void KeldaToolTest::oneFileRefused()
+{
+    const QString folder = writeTree(QStringLiteral("refused"), {QStringLiteral("good1"), QStringLiteral("bad\\name"),
+                                                                 QStringLiteral("good2")});
+    const Run run = kelda({QStringLiteral("put"), QStringLiteral("-r"), folder});
+    QCOMPARE(run.exitCode, 4);
+    QCOMPARE(run.err, QStringLiteral("kelda: put: %1/bad\\name: %2 (error %3)\n")
+                          .arg(folder, KeldaErrorString::Get(KE_AddFileFailed))
+                          .arg(int(KE_AddFileFailed)));
+    const QStringList urls = lines(run.out);
+    QCOMPARE(urls.size(), 2);
+    const QString guid = KeldaUrl(urls.first()).toKeldaGuid();
+    QCOMPARE(groupsNamed(QStringLiteral("refused")).value(QStringLiteral("refused")),
+             (QStringList{QStringLiteral("good1"), QStringLiteral("good2")}));
+    QDirIterator copies(m_server->basePath(), {QStringLiteral("bad*")}, QDir::Files, QDirIterator::Subdirectories);
+    QVERIFY2(!copies.hasNext(), qPrintable(copies.hasNext() ? copies.next() : guid));
 }
 
 void KeldaToolTest::getGroup_data()
