@@ -54,6 +54,8 @@ packages=(
     # keldaserver on PostgreSQL: the Qt driver, and the server programs the
     # tests start a throw-away cluster with
     libqt5sql5-psql postgresql
+    # the shells whose completion scripts kelda prints, for their syntax check
+    zsh fish
 )
 # Only for sanitizer and fuzz builds: clang with its sanitizer and libFuzzer
 # runtimes, and llvm for the symbolizer that puts names into reports.
