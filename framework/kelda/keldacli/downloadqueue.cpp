@@ -5,6 +5,7 @@
 
 #include "keldaclient.h"
 
+#include <QDir>
 #include <QFileInfo>
 
 using namespace Kelda;
@@ -16,28 +17,46 @@ DownloadQueue::DownloadQueue(Session &session, int jobs, const QString &guid, st
     , m_guid(guid)
     , m_items(std::move(items))
 {
-    connect(&session.client(), &KeldaClient::RequestFileSg, this, &DownloadQueue::answered);
+    connect(&session.client(), &KeldaClient::RequestFileSg, this, &DownloadQueue::granted);
 }
 
 void DownloadQueue::begin(int index)
 {
+    request(index);
+}
+
+// The read lock is the group's: once one request has granted it and named
+// the group's directory, the other files are read from there without a
+// request of their own, each a lock change the server would have to commit.
+// A file not found there is asked for after all.
+bool DownloadQueue::send(int index)
+{
+    const Item &item = m_items[size_t(index)];
+    const QString local = m_directory.isEmpty() ? QString() : QDir(m_directory).filePath(item.name);
+    if (!local.isEmpty() && QFileInfo(local).isFile()) {
+        copy(index, local, item.destination, CopyMode::Plain);
+        return false;
+    }
     const QString requestId = session().client().RequestFileAsync(m_items[size_t(index)].fileId, m_guid, LOCK_Read);
     if (requestId.isEmpty()) {
         fail(index, ExitUnreachable, KeldaErrorString::Get(KE_NotConnected));
-        return;
+        return false;
     }
     m_requested = true;
     m_requesting.insert(requestId, index);
-    awaitReply(index);
+    return true;
 }
 
-void DownloadQueue::answered(const QString &requestId, const QString &path, int error, const QString &text)
+void DownloadQueue::granted(const QString &requestId, const QString &path, int error, const QString &text)
 {
     const auto it = m_requesting.find(requestId);
     if (it == m_requesting.end())
         return;
     const int index = it.value();
     m_requesting.erase(it);
+    if (error == KE_NoError && !path.isEmpty() && m_directory.isEmpty())
+        m_directory = QFileInfo(path).path();
+    answered(index);
     if (error != KE_NoError || path.isEmpty()) {
         fail(index, ExitServerError, serverErrorText(error != KE_NoError ? error : KE_OpenFileFailed, text));
         return;

@@ -9,9 +9,10 @@
 
 namespace KeldaCli {
 
-// Fetches the files of one group: each is requested under a read lock and
-// copied from where the server keeps it into a local folder. The lock
-// belongs to the group: the caller gives it back once, after the last copy.
+// Fetches the files of one group into a local folder, under the group's
+// read lock: the first request takes the lock and names the directory the
+// server keeps the group in, the files are copied from there. The caller
+// gives the lock back once, after the last copy.
 class DownloadQueue : public TransferQueue
 {
     Q_OBJECT
@@ -32,16 +33,19 @@ public:
 
 protected:
     void begin(int index) override;
+    bool send(int index) override;
     void copied(int index, const QString &error) override;
     void report(int index) override;
     void abandon(int index) override;
     QString describe(int index) const override;
 
 private:
-    void answered(const QString &requestId, const QString &path, int error, const QString &text);
+    void granted(const QString &requestId, const QString &path, int error, const QString &text);
 
     QString m_guid;
     std::vector<Item> m_items;
+    // Where the first granted request found the group's files.
+    QString m_directory;
     // The RequestFile requests under way, by request id.
     QHash<QString, int> m_requesting;
     bool m_requested = false;

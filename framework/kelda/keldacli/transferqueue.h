@@ -19,9 +19,11 @@ class Session;
 // Runs the transfers of many files on the calling thread's event loop: the
 // subclass starts each item with a request to the server or a copy, and
 // reports it done or failed. Up to `jobs` copies run at once on worker
-// threads, and the requests of up to kAheadPerJob times as many items are
-// out at once, so that the server commits them in few transactions and the
-// copies of some files overlap the server's answers for others. One progress display covers the
+// threads while up to kAheadPerJob times as many items are under way, so
+// that the copies of some files overlap the server's answers for others.
+// Requests that become ready while others are out wait for those answers
+// and then leave together: the server commits what arrives together in one
+// transaction, one flush to disk for the batch instead of one per file. One progress display covers the
 // whole; results are reported in the items' order, whatever order they
 // finish in, so that the output does not depend on --jobs.
 class TransferQueue : public QObject
@@ -45,8 +47,11 @@ protected:
     Session &session() const { return m_session; }
     qint64 elapsedMs(int index) const;
 
-    // Starts item `index`: send a request (awaitReply()) or copy().
+    // Starts item `index`: request() or copy().
     virtual void begin(int index) = 0;
+    // Sends the request of item `index`. False when no answer is to be
+    // awaited: the item went on without one, or failed.
+    virtual bool send(int index) = 0;
     // A copy started with copy() has ended; `error` is empty on success.
     virtual void copied(int index, const QString &error) = 0;
     // Prints the result of a successful item; called in the items' order.
@@ -58,9 +63,11 @@ protected:
     virtual QString describe(int index) const = 0;
 
     void copy(int index, const QString &from, const QString &to, CopyMode mode);
-    // Item `index` waits for the server from now on; the wait ends with
-    // the next copy(), succeed() or fail() of that item.
-    void awaitReply(int index);
+    // Has send() called for item `index`, now or with the next batch.
+    void request(int index);
+    // The answer to item `index`'s request came; call before going on with
+    // the item.
+    void answered(int index);
     void succeed(int index);
     void fail(int index, ExitCode code, const QString &message);
 
@@ -71,6 +78,7 @@ private:
     enum class State { Waiting, Running, Succeeded, Failed };
 
     void startMore();
+    void sendBatch();
     void tick();
     void stopAll(ExitCode code, const QString &message);
     void ended(int index);
@@ -94,6 +102,10 @@ private:
     int m_failed = 0;
     int m_nextReport = 0;
     bool m_starting = false;
+    // Requests held back while others are out, and the number out.
+    std::vector<int> m_batch;
+    int m_outstanding = 0;
+    bool m_sending = false;
     bool m_stopped = false;
     ExitCode m_result = ExitOk;
 };

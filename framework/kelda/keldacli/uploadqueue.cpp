@@ -30,15 +30,20 @@ void UploadQueue::copied(int index, const QString &error)
         fail(index, ExitLocalFile, error);
         return;
     }
+    request(index);
+}
+
+bool UploadQueue::send(int index)
+{
     const Item &item = m_items[size_t(index)];
     const QString requestId = session().client().AddFileAsync(target(index), item.guid, int(item.fileId));
     if (requestId.isEmpty()) {
         removeCopy(index);
         fail(index, ExitUnreachable, KeldaErrorString::Get(KE_NotConnected));
-        return;
+        return false;
     }
     m_adding.insert(requestId, index);
-    awaitReply(index);
+    return true;
 }
 
 void UploadQueue::added(const QString &requestId, unsigned int fileId)
@@ -48,6 +53,7 @@ void UploadQueue::added(const QString &requestId, unsigned int fileId)
         return;
     const int index = it.value();
     m_adding.erase(it);
+    answered(index);
     if (fileId == 0) {
         // The signal carries no code; the client's last error is the best
         // guess, as other replies may have come in between.

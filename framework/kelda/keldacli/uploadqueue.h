@@ -31,6 +31,7 @@ public:
 
 protected:
     void begin(int index) override;
+    bool send(int index) override;
     void copied(int index, const QString &error) override;
     void report(int index) override;
     void abandon(int index) override;
