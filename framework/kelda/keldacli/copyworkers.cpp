@@ -56,13 +56,17 @@ void CopyWorkers::work()
             m_jobs.pop_front();
         }
         Finished finished{job.index, copyFile(job.from, job.to, job.mode, buffer, m_copied)};
+        bool first = false;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
+            first = m_finished.empty();
             m_finished.push_back(std::move(finished));
         }
-        // By name and without arguments: the result itself travels under the
-        // mutex above, where the thread checker sees the hand-over.
-        QMetaObject::invokeMethod(m_receiver, m_drainMethod, Qt::QueuedConnection);
+        // One wake-up until the receiver has taken what is there. By name and
+        // without arguments: the result itself travels under the mutex above,
+        // where the thread checker sees the hand-over.
+        if (first)
+            QMetaObject::invokeMethod(m_receiver, m_drainMethod, Qt::QueuedConnection);
     }
 }
 

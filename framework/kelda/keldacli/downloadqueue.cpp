@@ -22,23 +22,34 @@ DownloadQueue::DownloadQueue(Session &session, int jobs, const QString &guid, st
 
 void DownloadQueue::begin(int index)
 {
-    request(index);
+    fetch(index);
 }
 
 // The read lock is the group's: once one request has granted it and named
 // the group's directory, the other files are read from there without a
 // request of their own, each a lock change the server would have to commit.
 // A file not found there is asked for after all.
-bool DownloadQueue::send(int index)
+void DownloadQueue::fetch(int index)
 {
+    if (m_lockPending) {
+        m_held.push_back(index);
+        return;
+    }
     const Item &item = m_items[size_t(index)];
     const QString local = m_directory.isEmpty() ? QString() : QDir(m_directory).filePath(item.name);
     if (!local.isEmpty() && QFileInfo(local).isFile()) {
         copy(index, local, item.destination, CopyMode::Plain);
-        return false;
+        return;
     }
+    m_lockPending = m_directory.isEmpty();
+    request(index);
+}
+
+bool DownloadQueue::send(int index)
+{
     const QString requestId = session().client().RequestFileAsync(m_items[size_t(index)].fileId, m_guid, LOCK_Read);
     if (requestId.isEmpty()) {
+        m_lockPending = false;
         fail(index, ExitUnreachable, KeldaErrorString::Get(KE_NotConnected));
         return false;
     }
@@ -54,14 +65,24 @@ void DownloadQueue::granted(const QString &requestId, const QString &path, int e
         return;
     const int index = it.value();
     m_requesting.erase(it);
-    if (error == KE_NoError && !path.isEmpty() && m_directory.isEmpty())
-        m_directory = QFileInfo(path).path();
     answered(index);
+    m_lockPending = false;
     if (error != KE_NoError || path.isEmpty()) {
         fail(index, ExitServerError, serverErrorText(error != KE_NoError ? error : KE_OpenFileFailed, text));
-        return;
+    } else {
+        if (m_directory.isEmpty())
+            m_directory = QFileInfo(path).path();
+        copy(index, path, m_items[size_t(index)].destination, CopyMode::Plain);
     }
-    copy(index, path, m_items[size_t(index)].destination, CopyMode::Plain);
+    releaseHeld();
+}
+
+void DownloadQueue::releaseHeld()
+{
+    std::vector<int> held;
+    held.swap(m_held);
+    for (int index : held)
+        fetch(index);
 }
 
 void DownloadQueue::copied(int index, const QString &error)

@@ -40,12 +40,17 @@ protected:
     QString describe(int index) const override;
 
 private:
+    void fetch(int index);
     void granted(const QString &requestId, const QString &path, int error, const QString &text);
+    void releaseHeld();
 
     QString m_guid;
     std::vector<Item> m_items;
     // Where the first granted request found the group's files.
     QString m_directory;
+    // Items wait while the request that may name the directory is out.
+    bool m_lockPending = false;
+    std::vector<int> m_held;
     // The RequestFile requests under way, by request id.
     QHash<QString, int> m_requesting;
     bool m_requested = false;

@@ -68,36 +68,13 @@ void TransferQueue::copy(int index, const QString &from, const QString &to, Copy
 
 void TransferQueue::request(int index)
 {
-    m_batch.push_back(index);
-    if (m_outstanding == 0)
-        sendBatch();
+    if (send(index))
+        m_replyWait[size_t(index)].start();
 }
 
 void TransferQueue::answered(int index)
 {
     m_replyWait[size_t(index)].invalidate();
-    --m_outstanding;
-    if (m_outstanding == 0)
-        sendBatch();
-}
-
-void TransferQueue::sendBatch()
-{
-    // send() may fail its item, and the next item may then join the batch.
-    if (m_sending)
-        return;
-    m_sending = true;
-    while (!m_stopped && !m_batch.empty()) {
-        std::vector<int> batch;
-        batch.swap(m_batch);
-        for (int index : batch) {
-            if (send(index)) {
-                ++m_outstanding;
-                m_replyWait[size_t(index)].start();
-            }
-        }
-    }
-    m_sending = false;
 }
 
 void TransferQueue::succeed(int index)

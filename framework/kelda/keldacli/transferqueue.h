@@ -20,10 +20,7 @@ class Session;
 // subclass starts each item with a request to the server or a copy, and
 // reports it done or failed. Up to `jobs` copies run at once on worker
 // threads while up to kAheadPerJob times as many items are under way, so
-// that the copies of some files overlap the server's answers for others.
-// Requests that become ready while others are out wait for those answers
-// and then leave together: the server commits what arrives together in one
-// transaction, one flush to disk for the batch instead of one per file. One progress display covers the
+// that the copies of some files overlap the server's answers for others. One progress display covers the
 // whole; results are reported in the items' order, whatever order they
 // finish in, so that the output does not depend on --jobs.
 class TransferQueue : public QObject
@@ -63,7 +60,8 @@ protected:
     virtual QString describe(int index) const = 0;
 
     void copy(int index, const QString &from, const QString &to, CopyMode mode);
-    // Has send() called for item `index`, now or with the next batch.
+    // Calls send() for item `index` and, when it sent something, waits for
+    // the answer: the run stops when none comes in time.
     void request(int index);
     // The answer to item `index`'s request came; call before going on with
     // the item.
@@ -78,7 +76,6 @@ private:
     enum class State { Waiting, Running, Succeeded, Failed };
 
     void startMore();
-    void sendBatch();
     void tick();
     void stopAll(ExitCode code, const QString &message);
     void ended(int index);
@@ -102,10 +99,6 @@ private:
     int m_failed = 0;
     int m_nextReport = 0;
     bool m_starting = false;
-    // Requests held back while others are out, and the number out.
-    std::vector<int> m_batch;
-    int m_outstanding = 0;
-    bool m_sending = false;
     bool m_stopped = false;
     ExitCode m_result = ExitOk;
 };
