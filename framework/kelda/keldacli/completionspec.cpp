@@ -14,6 +14,8 @@ namespace {
 
 // Option names and their description are two or more blanks apart.
 const QString kColumnGap = QStringLiteral("  ");
+// Deeper than an option or argument line.
+const QString kContinuation = QStringLiteral("    ");
 const QStringList kFilePlaceholders = {QStringLiteral("DEST"), QStringLiteral("DIR"), QStringLiteral("FILE")};
 const QString kTypePlaceholder = QStringLiteral("TYPE");
 
@@ -77,9 +79,17 @@ CommandSpec commandSpec(const Command &command)
 std::vector<OptionSpec> optionsFromHelp(const QString &helpText)
 {
     std::vector<OptionSpec> options;
+    bool inOption = false;
     for (const QString &line : helpText.split(QLatin1Char('\n'))) {
-        if (line.startsWith(QLatin1String("  -")))
+        if (line.startsWith(QLatin1String("  -"))) {
             options.push_back(optionFromLine(line));
+            inOption = true;
+        } else if (inOption && line.startsWith(kContinuation)) {
+            // A description wrapped onto the lines below its option.
+            options.back().description += QLatin1Char(' ') + line.trimmed();
+        } else {
+            inOption = false;
+        }
     }
     return options;
 }

@@ -17,7 +17,7 @@ struct OptionSpec
     // "-t", "--type"
     QStringList names;
     ValueKind value = ValueKind::None;
-    // The first line of its help.
+    // Its help, joined into one line.
     QString description;
 };
 

@@ -21,6 +21,7 @@ TransferQueue::TransferQueue(Session &session, const QString &label, int jobs, i
     , m_states(size_t(count), State::Waiting)
     , m_started(size_t(count))
     , m_replyWait(size_t(count))
+    , m_durationMs(size_t(count), 0)
     , m_progress(session.progress(label))
 {
     connect(&session.client(), &Kelda::KeldaClient::disconnected, this,
@@ -38,6 +39,8 @@ ExitCode TransferQueue::run()
     if (m_running > 0)
         m_loop.exec();
     m_ticker.stop();
+    // A drop after the run is the caller's to report.
+    disconnect(&m_session.client(), &Kelda::KeldaClient::disconnected, this, nullptr);
     // Joins the copies still under way before their items are undone.
     m_workers.reset();
     for (size_t index = 0; index < m_states.size(); ++index) {
@@ -57,7 +60,7 @@ ExitCode TransferQueue::run()
 
 qint64 TransferQueue::elapsedMs(int index) const
 {
-    return m_started[size_t(index)].elapsed();
+    return m_durationMs[size_t(index)];
 }
 
 void TransferQueue::copy(int index, const QString &from, const QString &to, CopyMode mode)
@@ -123,6 +126,7 @@ void TransferQueue::startMore()
 
 void TransferQueue::ended(int index)
 {
+    m_durationMs[size_t(index)] = m_started[size_t(index)].elapsed();
     m_replyWait[size_t(index)].invalidate();
     --m_running;
     reportInOrder();

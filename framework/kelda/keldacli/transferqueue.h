@@ -42,6 +42,7 @@ protected:
     TransferQueue(Session &session, const QString &label, int jobs, int count, qint64 totalBytes);
 
     Session &session() const { return m_session; }
+    // From the start of item `index` to its end.
     qint64 elapsedMs(int index) const;
 
     // Starts item `index`: request() or copy().
@@ -89,6 +90,7 @@ private:
     std::vector<State> m_states;
     std::vector<QElapsedTimer> m_started;
     std::vector<QElapsedTimer> m_replyWait;
+    std::vector<qint64> m_durationMs;
     std::unique_ptr<CopyWorkers> m_workers;
     Progress m_progress;
     QEventLoop m_loop;
