@@ -2,7 +2,7 @@
 
 #include "clisession.h"
 #include "commandsupport.h"
-#include "completionspec.h"
+#include "completionmodel.h"
 
 #include <QCommandLineParser>
 
@@ -30,31 +30,31 @@ QString fishQuoted(const QString &text)
     return QLatin1Char('\'') + quoted + QLatin1Char('\'');
 }
 
-QStringList namesWith(const std::vector<OptionSpec> &options, ValueKind kind)
+QStringList namesWith(const std::vector<OptionInfo> &options, ValueKind kind)
 {
     QStringList names;
-    for (const OptionSpec &option : options) {
+    for (const OptionInfo &option : options) {
         if (option.value == kind)
             names += option.names;
     }
     return names;
 }
 
-QStringList allNames(const std::vector<OptionSpec> &options)
+QStringList allNames(const std::vector<OptionInfo> &options)
 {
     QStringList names;
-    for (const OptionSpec &option : options)
+    for (const OptionInfo &option : options)
         names += option.names;
     return names;
 }
 
-QStringList valuedNames(const std::vector<OptionSpec> &options)
+QStringList valuedNames(const std::vector<OptionInfo> &options)
 {
     return namesWith(options, ValueKind::File) + namesWith(options, ValueKind::FileType)
            + namesWith(options, ValueKind::Other);
 }
 
-QString argumentWord(const CommandSpec &command)
+QString argumentWord(const CommandInfo &command)
 {
     switch (command.arguments) {
     case ArgumentKind::File:
@@ -77,10 +77,10 @@ QString bashSet(const QStringList &names)
     return shellQuoted(QLatin1Char(' ') + names.join(QLatin1Char(' ')) + QLatin1Char(' '));
 }
 
-QString bashCases(const CompletionSpec &spec)
+QString bashCases(const CompletionModel &model)
 {
     QString text;
-    for (const CommandSpec &command : spec.commands) {
+    for (const CommandInfo &command : model.commands) {
         text += QStringLiteral("        %1)\n"
                                "            options=%2\n"
                                "            file_valued=%3\n"
@@ -96,10 +96,10 @@ QString bashCases(const CompletionSpec &spec)
     return text;
 }
 
-QString bashScript(const CompletionSpec &spec)
+QString bashScript(const CompletionModel &model)
 {
     QStringList commandNames;
-    for (const CommandSpec &command : spec.commands)
+    for (const CommandInfo &command : model.commands)
         commandNames.append(command.name);
     return QStringLiteral(R"SH(# bash completion for kelda, printed by 'kelda completion bash'.
 # Load it with: source <(kelda completion bash)
@@ -175,8 +175,8 @@ _kelda()
 complete -o filenames -F _kelda kelda
 )SH")
         .arg(QLatin1String(kGuidPattern), shellQuoted(commandNames.join(QLatin1Char(' '))),
-             shellQuoted(allNames(spec.globalOptions).join(QLatin1Char(' '))), bashSet(valuedNames(spec.globalOptions)),
-             QStringLiteral("$") + shellQuoted(spec.fileTypes.join(QLatin1String("\\n"))), bashCases(spec));
+             shellQuoted(allNames(model.globalOptions).join(QLatin1Char(' '))), bashSet(valuedNames(model.globalOptions)),
+             QStringLiteral("$") + shellQuoted(model.fileTypes.join(QLatin1String("\\n"))), bashCases(model));
 }
 
 // ---------------------------------------------------------------- zsh
@@ -189,10 +189,10 @@ QString zshArray(const QStringList &items)
     return QLatin1Char('(') + quoted.join(QLatin1Char(' ')) + QLatin1Char(')');
 }
 
-QString zshCases(const CompletionSpec &spec)
+QString zshCases(const CompletionModel &model)
 {
     QString text;
-    for (const CommandSpec &command : spec.commands) {
+    for (const CommandInfo &command : model.commands) {
         text += QStringLiteral("        %1)\n"
                                "            options=%2\n"
                                "            file_valued=%3\n"
@@ -208,10 +208,10 @@ QString zshCases(const CompletionSpec &spec)
     return text;
 }
 
-QString zshScript(const CompletionSpec &spec)
+QString zshScript(const CompletionModel &model)
 {
     QStringList described;
-    for (const CommandSpec &command : spec.commands)
+    for (const CommandInfo &command : model.commands)
         described.append(command.name + QLatin1Char(':') + command.summary);
     return QStringLiteral(R"SH(#compdef kelda
 # zsh completion for kelda, printed by 'kelda completion zsh'.
@@ -283,13 +283,13 @@ else
     compdef _kelda kelda
 fi
 )SH")
-        .arg(QLatin1String(kGuidPattern), zshArray(described), zshArray(allNames(spec.globalOptions)),
-             zshArray(valuedNames(spec.globalOptions)), zshArray(spec.fileTypes), zshCases(spec));
+        .arg(QLatin1String(kGuidPattern), zshArray(described), zshArray(allNames(model.globalOptions)),
+             zshArray(valuedNames(model.globalOptions)), zshArray(model.fileTypes), zshCases(model));
 }
 
 // ---------------------------------------------------------------- fish
 
-QString fishOption(const QString &condition, const OptionSpec &option, const QString &typeChoices)
+QString fishOption(const QString &condition, const OptionInfo &option, const QString &typeChoices)
 {
     QString line = QStringLiteral("complete -c kelda -n %1").arg(fishQuoted(condition));
     for (const QString &name : option.names)
@@ -306,7 +306,7 @@ QString fishOption(const QString &condition, const OptionSpec &option, const QSt
     return line + QLatin1Char('\n');
 }
 
-QString fishArguments(const QString &condition, const CommandSpec &command)
+QString fishArguments(const QString &condition, const CommandInfo &command)
 {
     const QString prefix = QStringLiteral("complete -c kelda -n %1").arg(fishQuoted(condition));
     switch (command.arguments) {
@@ -322,10 +322,10 @@ QString fishArguments(const QString &condition, const CommandSpec &command)
     return QString();
 }
 
-QString fishScript(const CompletionSpec &spec)
+QString fishScript(const CompletionModel &model)
 {
     QStringList quotedTypes;
-    for (const QString &type : spec.fileTypes)
+    for (const QString &type : model.fileTypes)
         quotedTypes.append(fishQuoted(type));
     const QString typeChoices = QLatin1Char('"') + quotedTypes.join(QLatin1Char(' ')) + QLatin1Char('"');
     QString text = QStringLiteral(R"SH(# fish completion for kelda, printed by 'kelda completion fish'.
@@ -346,16 +346,16 @@ end
 
 complete -c kelda -f
 )SH")
-                       .arg(valuedNames(spec.globalOptions).join(QLatin1Char(' ')),
+                       .arg(valuedNames(model.globalOptions).join(QLatin1Char(' ')),
                             QLatin1String(kGuidPattern));
-    for (const CommandSpec &command : spec.commands)
+    for (const CommandInfo &command : model.commands)
         text += QStringLiteral("complete -c kelda -n __fish_use_subcommand -a %1 -d %2\n")
                     .arg(command.name, fishQuoted(command.summary));
-    for (const OptionSpec &option : spec.globalOptions)
+    for (const OptionInfo &option : model.globalOptions)
         text += fishOption(QStringLiteral("__fish_use_subcommand"), option, typeChoices);
-    for (const CommandSpec &command : spec.commands) {
+    for (const CommandInfo &command : model.commands) {
         const QString condition = QStringLiteral("__fish_seen_subcommand_from ") + command.name;
-        for (const OptionSpec &option : command.options)
+        for (const OptionInfo &option : command.options)
             text += fishOption(condition, option, typeChoices);
         text += fishArguments(condition, command);
     }
@@ -366,13 +366,13 @@ complete -c kelda -f
 
 QString completionScript(const QString &shell)
 {
-    const CompletionSpec spec = completionSpec();
+    const CompletionModel model = completionModel();
     if (shell == kShells[0])
-        return bashScript(spec);
+        return bashScript(model);
     if (shell == kShells[1])
-        return zshScript(spec);
+        return zshScript(model);
     if (shell == kShells[2])
-        return fishScript(spec);
+        return fishScript(model);
     return QString();
 }
 

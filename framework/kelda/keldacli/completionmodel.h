@@ -12,7 +12,7 @@ namespace KeldaCli {
 
 enum class ValueKind { None, File, FileType, Other };
 
-struct OptionSpec
+struct OptionInfo
 {
     // "-t", "--type"
     QStringList names;
@@ -23,27 +23,27 @@ struct OptionSpec
 
 enum class ArgumentKind { None, File, Guid, Words };
 
-struct CommandSpec
+struct CommandInfo
 {
     QString name;
     QString summary;
     ArgumentKind arguments = ArgumentKind::None;
     // The choices of ArgumentKind::Words.
     QStringList words;
-    std::vector<OptionSpec> options;
+    std::vector<OptionInfo> options;
 };
 
-struct CompletionSpec
+struct CompletionModel
 {
-    std::vector<OptionSpec> globalOptions;
-    std::vector<CommandSpec> commands;
+    std::vector<OptionInfo> globalOptions;
+    std::vector<CommandInfo> commands;
     // The display texts --type accepts.
     QStringList fileTypes;
 };
 
-CompletionSpec completionSpec();
+CompletionModel completionModel();
 
 // The options listed in a QCommandLineParser help text.
-std::vector<OptionSpec> optionsFromHelp(const QString &helpText);
+std::vector<OptionInfo> optionsFromHelp(const QString &helpText);
 
 } // namespace KeldaCli

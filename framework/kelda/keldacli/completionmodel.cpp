@@ -1,4 +1,4 @@
-#include "completionspec.h"
+#include "completionmodel.h"
 
 #include "clisession.h"
 #include "commands.h"
@@ -29,7 +29,7 @@ ValueKind valueKind(const QString &placeholder)
 }
 
 // "-t, --type <TYPE>    File type: ..." from the Options block.
-OptionSpec optionFromLine(const QString &line)
+OptionInfo optionFromLine(const QString &line)
 {
     const QString body = line.mid(2);
     const int gap = body.indexOf(kColumnGap);
@@ -40,7 +40,7 @@ OptionSpec optionFromLine(const QString &line)
         placeholder = names.mid(value + 2).chopped(1);
         names.truncate(value);
     }
-    OptionSpec option;
+    OptionInfo option;
     option.names = names.split(QLatin1String(", "));
     option.value = valueKind(placeholder);
     option.description = gap < 0 ? QString() : body.mid(gap).trimmed();
@@ -60,25 +60,25 @@ ArgumentKind argumentKind(const QString &synopsis, QStringList &words)
     return ArgumentKind::None;
 }
 
-CommandSpec commandSpec(const Command &command)
+CommandInfo commandInfo(const Command &command)
 {
     QCommandLineParser parser;
     parser.addOption({{QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Show this help.")});
     addVerbosityOptions(parser);
     command.addOptions(parser);
-    CommandSpec spec;
-    spec.name = QLatin1String(command.name);
-    spec.summary = QLatin1String(command.summary);
-    spec.arguments = argumentKind(QLatin1String(command.synopsis), spec.words);
-    spec.options = optionsFromHelp(parser.helpText());
-    return spec;
+    CommandInfo info;
+    info.name = QLatin1String(command.name);
+    info.summary = QLatin1String(command.summary);
+    info.arguments = argumentKind(QLatin1String(command.synopsis), info.words);
+    info.options = optionsFromHelp(parser.helpText());
+    return info;
 }
 
 } // namespace
 
-std::vector<OptionSpec> optionsFromHelp(const QString &helpText)
+std::vector<OptionInfo> optionsFromHelp(const QString &helpText)
 {
-    std::vector<OptionSpec> options;
+    std::vector<OptionInfo> options;
     bool inOption = false;
     for (const QString &line : helpText.split(QLatin1Char('\n'))) {
         if (line.startsWith(QLatin1String("  -"))) {
@@ -94,17 +94,17 @@ std::vector<OptionSpec> optionsFromHelp(const QString &helpText)
     return options;
 }
 
-CompletionSpec completionSpec()
+CompletionModel completionModel()
 {
-    CompletionSpec spec;
+    CompletionModel model;
     QCommandLineParser global;
     addGlobalOptions(global, defaultConnectionSettings());
-    spec.globalOptions = optionsFromHelp(global.helpText());
+    model.globalOptions = optionsFromHelp(global.helpText());
     for (const Command &command : commands())
-        spec.commands.push_back(commandSpec(command));
+        model.commands.push_back(commandInfo(command));
     for (int type = 0; type <= Kelda::FT_Last; ++type)
-        spec.fileTypes.append(Kelda::FileTypeManager::GetText(Kelda::FileType(type)));
-    return spec;
+        model.fileTypes.append(Kelda::FileTypeManager::GetText(Kelda::FileType(type)));
+    return model;
 }
 
 } // namespace KeldaCli
