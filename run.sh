@@ -56,6 +56,8 @@ packages=(
     # keldaserver on PostgreSQL: the Qt driver, and the server programs the
     # tests start a throw-away cluster with
     libqt5sql5-psql postgresql
+    # the shells whose completion scripts kelda prints, for their syntax check
+    zsh fish
 )
 # Only for sanitizer and fuzz builds: clang with its sanitizer and libFuzzer
 # runtimes, and llvm for the symbolizer that puts names into reports.
@@ -367,7 +369,7 @@ run_bench() {
     configure
     local programs=(bench_protocol bench_replyparse bench_framing bench_roundtrip)
     if [ -d "$here/framework/kelda/keldaserver" ]; then
-        programs+=(bench_server)
+        programs+=(bench_server bench_cli)
     fi
     cmake --build "$build_dir" -j "$jobs" --target "${programs[@]}"
     local rows status=0

@@ -10,9 +10,21 @@
 
 #include <cstdio>
 
+#include <unistd.h>
+
 using namespace Kelda;
 
 namespace KeldaCli {
+
+QString serverErrorText(int error, const QString &serverText)
+{
+    const QString text = KeldaErrorString::Get(KeldaError(error)).trimmed();
+    QString message = text;
+    // The client's own reply texts often repeat the code's text already.
+    if (!serverText.trimmed().isEmpty() && !serverText.contains(text))
+        message += QStringLiteral(": ") + serverText.trimmed();
+    return message + QStringLiteral(" (error %1)").arg(error);
+}
 
 ConnectionSettings defaultConnectionSettings()
 {
@@ -66,12 +78,7 @@ ExitCode Session::fail(ExitCode code, const QString &message)
 
 ExitCode Session::serverError(int error, const QString &serverText)
 {
-    const QString text = KeldaErrorString::Get(KeldaError(error)).trimmed();
-    QString message = text;
-    // The client's own reply texts often repeat the code's text already.
-    if (!serverText.trimmed().isEmpty() && !serverText.contains(text))
-        message += QStringLiteral(": ") + serverText.trimmed();
-    return fail(ExitServerError, message + QStringLiteral(" (error %1)").arg(error));
+    return fail(ExitServerError, serverErrorText(error, serverText));
 }
 
 ExitCode Session::blockingFailure()
@@ -90,6 +97,23 @@ ExitCode Session::waitResult(ExitCode code)
     if (code == ExitTimeout)
         return fail(code, KeldaErrorString::Get(KE_ReplyTimeout));
     return code;
+}
+
+Progress Session::progress(const QString &label) const
+{
+    return Progress(label, stderr, m_verbosity != Verbosity::Quiet);
+}
+
+void Session::inform(const QString &line) const
+{
+    if (m_verbosity == Verbosity::Verbose || (m_verbosity == Verbosity::Normal && isatty(fileno(stderr)) == 1))
+        std::fprintf(stderr, "%s\n", qPrintable(line));
+}
+
+void Session::detail(const QString &line) const
+{
+    if (m_verbosity == Verbosity::Verbose)
+        std::fprintf(stderr, "%s\n", qPrintable(line));
 }
 
 ReplyWait::ReplyWait(KeldaClient &client)
