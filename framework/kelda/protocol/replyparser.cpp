@@ -3,18 +3,15 @@
 #include "filegroupcolumns.h"
 #include "keldaerror.h"
 #include "keldaxml.h"
+#include "replytimes.h"
 #include "trace.h"
 
 #include <QCoreApplication>
-#include <QDate>
 #include <QLocale>
-#include <QTime>
 #include <QVarLengthArray>
 
-#include <ctime>
 #include <iterator>
 #include <utility>
-#include <vector>
 
 namespace Kelda {
 
@@ -152,40 +149,6 @@ constexpr ExpectedElements RequestFileList{EndOf(Tag::RequestFileReply), Tag::Pa
 constexpr ExpectedElements ConvertFileGroupList{EndOf(Tag::ConvertFileGroup), Tag::Guid, Tag::FileType, Tag::Path};
 constexpr ExpectedElements CopyForeignFileGroupProgressList{EndOf(Tag::CopyForeignFileGroupProgress),
                                                             Tag::CopyProgress, Tag::Error, Tag::ErrorString};
-
-// Two digits of text from position at; -1 for anything else.
-int TwoDigits(const QChar *text, int at)
-{
-    const int high = text[at].unicode() - '0';
-    const int low = text[at + 1].unicode() - '0';
-    if (high < 0 || high > 9 || low < 0 || low > 9)
-        return -1;
-    return high * 10 + low;
-}
-
-// "yyyy-MM-dd hh:mm:ss" by hand: a reply of many groups holds four per
-// group, and the general format parser costs far more than the row they feed.
-bool SplitReplyDateTime(QStringView text, QDate *date, QTime *time)
-{
-    if (text.size() != 19)
-        return false;
-    const QChar *c = text.data();
-    if (c[4] != QLatin1Char('-') || c[7] != QLatin1Char('-') || c[10] != QLatin1Char(' ')
-        || c[13] != QLatin1Char(':') || c[16] != QLatin1Char(':'))
-        return false;
-    const int century = TwoDigits(c, 0);
-    const int yearInCentury = TwoDigits(c, 2);
-    const int month = TwoDigits(c, 5);
-    const int day = TwoDigits(c, 8);
-    const int hour = TwoDigits(c, 11);
-    const int minute = TwoDigits(c, 14);
-    const int second = TwoDigits(c, 17);
-    if (century < 0 || yearInCentury < 0 || month < 0 || day < 0 || hour < 0 || minute < 0 || second < 0)
-        return false;
-    *date = QDate(century * 100 + yearInCentury, month, day);
-    *time = QTime(hour, minute, second);
-    return date->isValid() && time->isValid();
-}
 
 int NextChild(QXmlStreamReader &reader, const ExpectedElements &list)
 {
@@ -428,137 +391,6 @@ private:
     }
 
     QVarLengthArray<QChar, 64> m_buffer;
-};
-
-// The C library's zone refresh and reentrant local time, as each platform
-// names them.
-void RefreshZone()
-{
-#ifdef Q_OS_WIN
-    _tzset();
-#else
-    tzset();
-#endif
-}
-
-bool LocalFields(time_t instant, tm *fields)
-{
-#ifdef Q_OS_WIN
-    return localtime_s(fields, &instant) == 0;
-#else
-    return localtime_r(&instant, fields) != nullptr;
-#endif
-}
-
-// The columns of a result row that hold a group's times, side by side.
-using TimeColumn = FileGroupColumn::Column;
-constexpr TimeColumn FirstTimeColumn = FileGroupColumn::BackupTime;
-constexpr int TimeColumnCount = FileGroupColumn::LifeCycle - FirstTimeColumn + 1;
-
-// The times of one reply as its result rows show them.
-//
-// A row prints a local QDateTime as "yyyy-MM-dd hh:mm:ss", which gives back
-// the reply's own text whenever the local zone has that wall-clock time. But
-// every way of making a local QDateTime runs mktime(), and with glibc and no
-// TZ set each mktime() checks the zone file with a system call: the largest
-// single cost of a large reply. localtime_r() makes no such check: a time
-// whose wall clock it finds at some instant goes into the row as sent. Only
-// the rest are built: texts in any other form, times in a clock change's gap
-// (QDateTime holds them invalid: an empty cell), and years outside 1971 to
-// 2036: near the ends of the 32-bit time_t range QDateTime has rules of its
-// own (from 2038 on, the clock changes of a year with the same calendar).
-class ReplyTimes
-{
-public:
-    // localtime_r() uses the zone of the last check; this reply sees the
-    // current one, as mktime() would.
-    ReplyTimes() { RefreshZone(); }
-
-    // The record's value of the time in column. A time that the row can show
-    // as sent is kept for FillRow() instead and left invalid.
-    QDateTime Read(QStringView text, TimeColumn column)
-    {
-        QString &shown = m_shown[column - FirstTimeColumn];
-        shown.clear();
-        QDate date;
-        QTime time;
-        if (!SplitReplyDateTime(text, &date, &time))
-            return QDateTime();
-        if (date.year() > 1970 && date.year() < 2037 && HasWallClock(WallSeconds(date, time))) {
-            shown = text.toString();
-            return QDateTime();
-        }
-        return Build(date, time);
-    }
-
-    // Writes the kept times into the row that starts at index row.
-    void FillRow(QStringList &table, int row)
-    {
-        for (int i = 0; i < TimeColumnCount; ++i) {
-            if (!m_shown[i].isNull())
-                table[row + FirstTimeColumn + i] = std::exchange(m_shown[i], QString());
-        }
-    }
-
-private:
-    static constexpr qint64 SecondsPerDay = 24 * 60 * 60;
-    static constexpr qint64 EpochJulianDay = 2440588;
-
-    // The wall clock as seconds since 1970-01-01 00:00 of the same clock.
-    static qint64 WallSeconds(QDate date, QTime time)
-    {
-        return (date.toJulianDay() - EpochJulianDay) * SecondsPerDay + time.msecsSinceStartOfDay() / 1000;
-    }
-
-    // True only when some instant shows the wall clock. Tries that instant
-    // at the offset of the last time, then at the offset found there; a
-    // time that two tries miss is built instead, so they decide the speed,
-    // never the result.
-    bool HasWallClock(qint64 wall)
-    {
-        time_t instant = wall - m_offset;
-        for (int attempt = 0; attempt < 2; ++attempt) {
-            tm fields;
-            if (!LocalFields(instant, &fields))
-                return false;
-            const qint64 seen = WallSeconds(QDate(fields.tm_year + 1900, fields.tm_mon + 1, fields.tm_mday),
-                                            QTime(fields.tm_hour, fields.tm_min, fields.tm_sec));
-            m_offset = seen - instant;
-            if (seen == wall)
-                return true;
-            instant = wall - m_offset;
-        }
-        return false;
-    }
-
-    // The rest, built one by one; many groups share a far life cycle time,
-    // so a small direct-mapped table keeps the recent ones.
-    QDateTime Build(QDate date, QTime time)
-    {
-        const qint64 key = WallSeconds(date, time);
-        if (m_slots.empty())
-            m_slots.resize(SlotCount);
-        // Whole days are multiples of 2^7 seconds: mix the bits before
-        // taking the slot (Fibonacci hashing).
-        const quint64 mixed = static_cast<quint64>(key) * Q_UINT64_C(0x9E3779B97F4A7C15);
-        Slot &slot = m_slots[mixed >> (64 - SlotBits)];
-        if (!slot.used || slot.key != key)
-            slot = Slot{key, true, QDateTime(date, time)};
-        return slot.value;
-    }
-
-    static constexpr int SlotBits = 12;
-    static constexpr int SlotCount = 1 << SlotBits;
-    struct Slot
-    {
-        qint64 key = 0;
-        bool used = false;
-        QDateTime value;
-    };
-
-    QString m_shown[TimeColumnCount];
-    qint64 m_offset = 0;
-    std::vector<Slot> m_slots;
 };
 
 // Reads one m:FileGroup of a query reply. m:Files is passed unread: a Files
