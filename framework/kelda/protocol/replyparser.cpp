@@ -67,88 +67,12 @@ QString MetaDataErrorText(int error)
         .arg(KeldaErrorString::Get(static_cast<KeldaError>(error)));
 }
 
-// Trace texts of the failed replies. Three name another operation; they are
-// diagnostics and are kept as they have always read.
-namespace TraceText {
-constexpr QLatin1String AddFile = Latin1Literal("Error while adding file: %1 (%2)");
-constexpr QLatin1String AddReference = Latin1Literal("Error while adding reference: %1 (%2)");
-constexpr QLatin1String CheckFileGroupExists = Latin1Literal("Error while getting QueryLocationStateProgress reply: %1 (%2)");
-constexpr QLatin1String CloseFile = Latin1Literal("Error while closing file: %1 (%2)");
-constexpr QLatin1String CreateFileGroup = Latin1Literal("Error while creating file group: %1 (%2)");
-constexpr QLatin1String DeleteFileGroup = Latin1Literal("Error while getting delete filegroup reply: %1 (%2)");
-constexpr QLatin1String DeleteFile = Latin1Literal("Error while deleting file group: %1 (%2)");
-constexpr QLatin1String ExportArchive = Latin1Literal("Error while exporting archive: %1 (%2)");
-constexpr QLatin1String ImportArchive = Latin1Literal("Error while importing archive: %1 (%2)");
-constexpr QLatin1String GetTovinFilegroupGuid = Latin1Literal("Error while getting GetTovinFilegroupGuid reply: %1 (%2)");
-constexpr QLatin1String GetApplicationList = Latin1Literal("Error while getting application list: %1 (%2)");
-constexpr QLatin1String GetUserList = Latin1Literal("Error while getting user list: %1 (%2)");
-constexpr QLatin1String GetFileList = Latin1Literal("Error while getting file list: %1 (%2)");
-constexpr QLatin1String GetBasePath = Latin1Literal("Error while getting base path: %1 (%2)");
-constexpr QLatin1String GetRemoteStorageLocation = Latin1Literal("Error while getting RemoteStorageLocation reply: %1 (%2)");
-constexpr QLatin1String MoveToNas = Latin1Literal("Error while moving to NAS: %1 (%2)");
-constexpr QLatin1String QueryFileGroups = Latin1Literal("Error while getting user list: %1 (%2)");
-constexpr QLatin1String QueryLocationStateProgress = Latin1Literal("Error while getting QueryLocationStateProgress reply: %1 (%2)");
-constexpr QLatin1String RegisterConverter = Latin1Literal("Error while getting register converter reply: %1 (%2)");
-constexpr QLatin1String RemoveAllReferences = Latin1Literal("Error while removing all references: %1 (%2)");
-constexpr QLatin1String RemoveReference = Latin1Literal("Error while removing reference: %1 (%2)");
-constexpr QLatin1String RequestFile = Latin1Literal("Error while requesting file: %1 (%2)");
-constexpr QLatin1String CopyProgress = Latin1Literal("Error while getting progress: %1 (%2)");
-} // namespace TraceText
-
 // Envelope steps, in the envelope namespace.
 constexpr ExpectedElements EnvelopeList{Tag::Envelope};
 constexpr ExpectedElements HeaderOrBodyList{Tag::Header, Tag::Body};
 constexpr ExpectedElements VersionList{Tag::Version};
 constexpr ExpectedElements RequestIdList{Tag::RequestId};
 constexpr ExpectedElements BodyList{Tag::Body};
-
-// Reply bodies. Where a reply has them, Error and ErrorString are the last
-// two entries.
-constexpr ExpectedElements AddFileList{EndOf(Tag::AddFileReply), Tag::FileId, Tag::Error, Tag::ErrorString};
-constexpr ExpectedElements AddReferenceList{EndOf(Tag::AddReferenceReply), Tag::Error, Tag::ErrorString};
-constexpr ExpectedElements CheckFileGroupExistsList{EndOf(Tag::CheckFileGroupExistsReply), Tag::Exists, Tag::Error,
-                                                    Tag::ErrorString};
-constexpr ExpectedElements CloseFileList{EndOf(Tag::CloseFileReply), Tag::Error, Tag::ErrorString};
-constexpr ExpectedElements CreateFileGroupList{EndOf(Tag::CreateFileGroupReply), Tag::Guid, Tag::Path, Tag::Error,
-                                               Tag::ErrorString};
-constexpr ExpectedElements CreateTovinFileGroupList{EndOf(Tag::CreateTovinFileGroupReply), Tag::Guid, Tag::Path,
-                                                    Tag::Error, Tag::ErrorString};
-constexpr ExpectedElements DeleteFileGroupList{EndOf(Tag::DeleteFileGroupReply), Tag::Error, Tag::ErrorString};
-constexpr ExpectedElements DeleteFileList{EndOf(Tag::DeleteFileReply), Tag::Error, Tag::ErrorString};
-constexpr ExpectedElements ExportArchiveList{EndOf(Tag::ExportArchiveReply), Tag::Error, Tag::ErrorString};
-constexpr ExpectedElements ImportArchiveList{EndOf(Tag::ImportArchiveReply), Tag::Error, Tag::ErrorString};
-constexpr ExpectedElements GetTovinFilegroupGuidList{EndOf(Tag::GetTovinFilegroupGuidReply), Tag::Guid, Tag::Error,
-                                                     Tag::ErrorString};
-constexpr ExpectedElements GetApplicationListList{EndOf(Tag::GetApplicationListReply), Tag::Applications,
-                                                  Tag::Application, EndOf(Tag::Applications), Tag::Error,
-                                                  Tag::ErrorString};
-constexpr ExpectedElements GetUserListList{EndOf(Tag::GetUserListReply), Tag::Users, Tag::User, EndOf(Tag::Users),
-                                           Tag::Error, Tag::ErrorString};
-constexpr ExpectedElements GetFileListList{EndOf(Tag::GetFileListReply), Tag::Files, Tag::File, Tag::FileId,
-                                           Tag::FileName, EndOf(Tag::File), EndOf(Tag::Files), Tag::Error,
-                                           Tag::ErrorString};
-constexpr ExpectedElements GetBasePathList{EndOf(Tag::GetBasePathReply), Tag::Path, Tag::Error, Tag::ErrorString};
-constexpr ExpectedElements GetRemoteStorageLocationList{EndOf(Tag::GetRemoteStorageLocationReply), Tag::RemoteIp,
-                                                        Tag::AttachmentUrl, Tag::Error, Tag::ErrorString};
-constexpr ExpectedElements MoveToNasList{EndOf(Tag::MoveToNasReply), Tag::Error, Tag::ErrorString};
-constexpr ExpectedElements QueryFileGroupsList{EndOf(Tag::QueryFileGroupsReply), Tag::FileGroup, Tag::Error,
-                                               Tag::ErrorString};
-constexpr ExpectedElements FileGroupList{EndOf(Tag::FileGroup), Tag::Guid, Tag::FileGroupName, Tag::FileType,
-                                         Tag::LocationState, Tag::BackupTime, Tag::CreationTime,
-                                         Tag::ModificationTime, Tag::LifeCycle, Tag::Comment, Tag::Creator,
-                                         Tag::Detail, Tag::TeamMembership, Tag::Version, Tag::ReservedStorage,
-                                         Tag::ReferenceCounter, Tag::Files};
-constexpr ExpectedElements QueryLocationStateProgressList{EndOf(Tag::QueryLocationStateProgressReply),
-                                                          Tag::LocationState, Tag::CopyProgress, Tag::Error,
-                                                          Tag::ErrorString};
-constexpr ExpectedElements RegisterConverterList{EndOf(Tag::RegisterConverterReply), Tag::Error, Tag::ErrorString};
-constexpr ExpectedElements RemoveAllReferencesList{EndOf(Tag::RemoveAllReferencesReply), Tag::Error,
-                                                   Tag::ErrorString};
-constexpr ExpectedElements RemoveReferenceList{EndOf(Tag::RemoveReferenceReply), Tag::Error, Tag::ErrorString};
-constexpr ExpectedElements RequestFileList{EndOf(Tag::RequestFileReply), Tag::Path, Tag::Error, Tag::ErrorString};
-constexpr ExpectedElements ConvertFileGroupList{EndOf(Tag::ConvertFileGroup), Tag::Guid, Tag::FileType, Tag::Path};
-constexpr ExpectedElements CopyForeignFileGroupProgressList{EndOf(Tag::CopyForeignFileGroupProgress),
-                                                            Tag::CopyProgress, Tag::Error, Tag::ErrorString};
 
 int NextChild(QXmlStreamReader &reader, const ExpectedElements &list)
 {
@@ -217,116 +141,57 @@ int FinishStatus(Status &status, QLatin1String traceText)
     return StoredErrorCode(status.error);
 }
 
-void ParseStatusReply(QXmlStreamReader &reader, const ExpectedElements &list, QLatin1String traceText,
-                      ParsedReply &out)
+// The result of a reply made of the texts of its first children.
+ReplyResult ResultOfValues(ResultKind kind, const QString &requestId, const QString *texts, const Status &status)
 {
+    switch (kind) {
+    case ResultKind::Status:
+        return StatusResult{requestId, status.error, status.errorString};
+    case ResultKind::Text:
+        return TextResult{requestId, texts[0], status.error, status.errorString};
+    case ResultKind::FileId:
+        return FileIdResult{requestId, texts[0].toUInt()};
+    case ResultKind::CreatedGroup:
+        return CreatedGroupResult{texts[0], texts[1]};
+    case ResultKind::BasePath:
+        return BasePathResult{texts[0]};
+    case ResultKind::LocationStateProgress:
+        return LocationStateProgressResult{requestId, texts[0].toInt(), texts[1].toDouble(), status.error,
+                                           status.errorString};
+    case ResultKind::Exists:
+        // Only the exact text: "TRUE" or "1" mean false.
+        return ExistsResult{requestId, texts[0] == QLatin1String("true"), status.error, status.errorString};
+    case ResultKind::RemoteStorageLocation:
+        return RemoteStorageLocationResult{requestId, texts[0], texts[1], status.error, status.errorString};
+    case ResultKind::ConvertRequest:
+        return ConvertRequestResult{texts[0], static_cast<FileType>(texts[1].toInt()), texts[2]};
+    case ResultKind::CopyProgress:
+        return CopyProgressResult{requestId, texts[0].toFloat()};
+    default:
+        return std::monostate();
+    }
+}
+
+// A server's request (ConvertFileGroup) is no reply: it carries no error to
+// store.
+void ParseValues(QXmlStreamReader &reader, const CommandDescriptor &command, ParsedReply &out)
+{
+    QString texts[MaxReplyValues];
     Status status;
-    ReadFields(reader, list, nullptr, 0, &status);
-    out.lastError = FinishStatus(status, traceText);
-    out.result = StatusResult{out.requestId, status.error, status.errorString};
+    const bool hasStatus = HasStatus(command.result);
+    ReadFields(reader, command.children, texts, ValueCount(command), hasStatus ? &status : nullptr);
+    if (hasStatus)
+        out.lastError = FinishStatus(status, command.errorTrace);
+    out.result = ResultOfValues(command.result, out.requestId, texts, status);
 }
 
-// Replies with one or two text values that the signal carries as text.
-template<int Count>
-void ParseTextReply(QXmlStreamReader &reader, const ExpectedElements &list, QLatin1String traceText,
-                    QString (&texts)[Count], Status &status, ParsedReply &out)
-{
-    ReadFields(reader, list, texts, Count, &status);
-    out.lastError = FinishStatus(status, traceText);
-}
-
-void ParseAddFile(QXmlStreamReader &reader, ParsedReply &out)
-{
-    QString texts[1];
-    Status status;
-    ParseTextReply(reader, AddFileList, TraceText::AddFile, texts, status, out);
-    out.result = FileIdResult{out.requestId, texts[0].toUInt()};
-}
-
-void ParseCheckFileGroupExists(QXmlStreamReader &reader, ParsedReply &out)
-{
-    QString texts[1];
-    Status status;
-    ParseTextReply(reader, CheckFileGroupExistsList, TraceText::CheckFileGroupExists, texts, status, out);
-    // Only the exact text: "TRUE" or "1" mean false.
-    const bool exists = texts[0] == QLatin1String("true");
-    out.result = ExistsResult{out.requestId, exists, status.error, status.errorString};
-}
-
-void ParseCreateFileGroup(QXmlStreamReader &reader, ParsedReply &out)
-{
-    QString texts[2];
-    Status status;
-    ParseTextReply(reader, CreateFileGroupList, TraceText::CreateFileGroup, texts, status, out);
-    out.result = CreatedGroupResult{texts[0], texts[1]};
-}
-
-void ParseCreateTovinFileGroup(QXmlStreamReader &reader, ParsedReply &out)
-{
-    QString texts[2];
-    Status status;
-    ParseTextReply(reader, CreateTovinFileGroupList, TraceText::CreateFileGroup, texts, status, out);
-    out.result = TextResult{out.requestId, texts[0], status.error, status.errorString};
-}
-
-void ParseSingleTextReply(QXmlStreamReader &reader, const ExpectedElements &list, QLatin1String traceText,
-                          ParsedReply &out)
-{
-    QString texts[1];
-    Status status;
-    ParseTextReply(reader, list, traceText, texts, status, out);
-    out.result = TextResult{out.requestId, texts[0], status.error, status.errorString};
-}
-
-void ParseGetBasePath(QXmlStreamReader &reader, ParsedReply &out)
-{
-    QString texts[1];
-    Status status;
-    ParseTextReply(reader, GetBasePathList, TraceText::GetBasePath, texts, status, out);
-    out.result = BasePathResult{texts[0]};
-}
-
-void ParseGetRemoteStorageLocation(QXmlStreamReader &reader, ParsedReply &out)
-{
-    QString texts[2];
-    Status status;
-    ParseTextReply(reader, GetRemoteStorageLocationList, TraceText::GetRemoteStorageLocation, texts, status, out);
-    out.result = RemoteStorageLocationResult{out.requestId, texts[0], texts[1], status.error, status.errorString};
-}
-
-void ParseQueryLocationStateProgress(QXmlStreamReader &reader, ParsedReply &out)
-{
-    QString texts[2];
-    Status status;
-    ParseTextReply(reader, QueryLocationStateProgressList, TraceText::QueryLocationStateProgress, texts, status,
-                   out);
-    out.result = LocationStateProgressResult{out.requestId, texts[0].toInt(), texts[1].toDouble(), status.error,
-                                             status.errorString};
-}
-
-void ParseCopyForeignFileGroupProgress(QXmlStreamReader &reader, ParsedReply &out)
-{
-    QString texts[1];
-    Status status;
-    ParseTextReply(reader, CopyForeignFileGroupProgressList, TraceText::CopyProgress, texts, status, out);
-    out.result = CopyProgressResult{out.requestId, texts[0].toFloat()};
-}
-
-// A request from the server, not a reply: it carries no error to store.
-void ParseConvertFileGroup(QXmlStreamReader &reader, ParsedReply &out)
-{
-    QString texts[3];
-    ReadFields(reader, ConvertFileGroupList, texts, 3, nullptr);
-    out.result = ConvertRequestResult{texts[0], static_cast<FileType>(texts[1].toInt()), texts[2]};
-}
-
-void ParseListReply(QXmlStreamReader &reader, const ExpectedElements &list, int first, int last,
-                    QLatin1String traceText, ParsedReply &out)
+void ParseList(QXmlStreamReader &reader, const CommandDescriptor &command, ParsedReply &out)
 {
     ListResult result{out.requestId, {}, 0, {}};
     Status status;
-    ReadListFields(reader, list, first, last, &result.list, &status);
-    out.lastError = FinishStatus(status, traceText);
+    ReadListFields(reader, command.children, FirstListValue(command.children), LastListValue(command.children),
+                   &result.list, &status);
+    out.lastError = FinishStatus(status, command.errorTrace);
     result.error = status.error;
     result.errorString = status.errorString;
     out.result = std::move(result);
@@ -334,7 +199,7 @@ void ParseListReply(QXmlStreamReader &reader, const ExpectedElements &list, int 
 
 // The record is read by the record's own reader, which also yields the code;
 // the reply's text is the local sentence for every code, success included.
-void ParseQueryMetaData(QXmlStreamReader &reader, ParsedReply &out)
+void ParseMetaData(QXmlStreamReader &reader, ParsedReply &out)
 {
     MetaDataResult result;
     result.requestId = out.requestId;
@@ -393,28 +258,46 @@ private:
     QVarLengthArray<QChar, 64> m_buffer;
 };
 
+// The children of a query reply's m:FileGroup, and where each sits.
+constexpr const ExpectedElements &FileGroupRecord = Descriptor(ReplyKind::QueryFileGroups).record;
+
+constexpr int PositionInGroup(QLatin1String name)
+{
+    return IndexOfStart(FileGroupRecord, name);
+}
+
 // Reads one m:FileGroup of a query reply. m:Files is passed unread: a Files
 // element with children fails the reply at its first child.
 FileGroupData ReadFileGroup(QXmlStreamReader &reader, ElementText &value, ReplyTimes &times)
 {
     FileGroupData group;
-    for (int index = NextChild(reader, FileGroupList); index != 0; index = NextChild(reader, FileGroupList)) {
+    for (int index = NextChild(reader, FileGroupRecord); index != 0; index = NextChild(reader, FileGroupRecord)) {
         switch (index) {
-        case 1: group.setGuid(reader.readElementText()); break;
-        case 2: group.setFileGroupName(reader.readElementText()); break;
-        case 3: group.setFileType(static_cast<FileType>(value.ReadInt(reader))); break;
-        case 4: group.setLocationState(static_cast<LocationState>(value.ReadInt(reader))); break;
-        case 5: group.setBackupTime(times.Read(value.Read(reader), FileGroupColumn::BackupTime)); break;
-        case 6: group.setCreationTime(times.Read(value.Read(reader), FileGroupColumn::CreationTime)); break;
-        case 7: group.setModificationTime(times.Read(value.Read(reader), FileGroupColumn::ModificationTime)); break;
-        case 8: group.setLifeCycle(times.Read(value.Read(reader), FileGroupColumn::LifeCycle)); break;
-        case 9: group.setComment(reader.readElementText()); break;
-        case 10: group.setCreator(reader.readElementText()); break;
-        case 11: group.setDetail(reader.readElementText()); break;
-        case 12: group.setTeamMembership(reader.readElementText()); break;
-        case 13: group.setVersion(reader.readElementText()); break;
-        case 14: group.setReservedStorage(value.ReadInt(reader)); break;
-        case 15: group.setReferenceCounter(value.ReadInt(reader)); break;
+        case PositionInGroup(Tag::Guid): group.setGuid(reader.readElementText()); break;
+        case PositionInGroup(Tag::FileGroupName): group.setFileGroupName(reader.readElementText()); break;
+        case PositionInGroup(Tag::FileType): group.setFileType(static_cast<FileType>(value.ReadInt(reader))); break;
+        case PositionInGroup(Tag::LocationState):
+            group.setLocationState(static_cast<LocationState>(value.ReadInt(reader)));
+            break;
+        case PositionInGroup(Tag::BackupTime):
+            group.setBackupTime(times.Read(value.Read(reader), FileGroupColumn::BackupTime));
+            break;
+        case PositionInGroup(Tag::CreationTime):
+            group.setCreationTime(times.Read(value.Read(reader), FileGroupColumn::CreationTime));
+            break;
+        case PositionInGroup(Tag::ModificationTime):
+            group.setModificationTime(times.Read(value.Read(reader), FileGroupColumn::ModificationTime));
+            break;
+        case PositionInGroup(Tag::LifeCycle):
+            group.setLifeCycle(times.Read(value.Read(reader), FileGroupColumn::LifeCycle));
+            break;
+        case PositionInGroup(Tag::Comment): group.setComment(reader.readElementText()); break;
+        case PositionInGroup(Tag::Creator): group.setCreator(reader.readElementText()); break;
+        case PositionInGroup(Tag::Detail): group.setDetail(reader.readElementText()); break;
+        case PositionInGroup(Tag::TeamMembership): group.setTeamMembership(reader.readElementText()); break;
+        case PositionInGroup(Tag::Version): group.setVersion(reader.readElementText()); break;
+        case PositionInGroup(Tag::ReservedStorage): group.setReservedStorage(value.ReadInt(reader)); break;
+        case PositionInGroup(Tag::ReferenceCounter): group.setReferenceCounter(value.ReadInt(reader)); break;
         default: break; // Files
         }
     }
@@ -422,7 +305,7 @@ FileGroupData ReadFileGroup(QXmlStreamReader &reader, ElementText &value, ReplyT
 }
 
 // The table grows group by group; a failure anywhere drops all of it.
-void ParseQueryFileGroups(QXmlStreamReader &reader, ParsedReply &out)
+void ParseTable(QXmlStreamReader &reader, const CommandDescriptor &command, ParsedReply &out)
 {
     TableResult result;
     result.requestId = out.requestId;
@@ -431,105 +314,65 @@ void ParseQueryFileGroups(QXmlStreamReader &reader, ParsedReply &out)
     Status status;
     ElementText value;
     ReplyTimes times;
-    for (int index = NextChild(reader, QueryFileGroupsList); index != 0;
-         index = NextChild(reader, QueryFileGroupsList)) {
-        if (index == 1) {
+    const int groupIndex = IndexOfStart(command.children, command.record.At(0).name);
+    const int errorIndex = command.children.Size() - 2;
+    for (int index = NextChild(reader, command.children); index != 0; index = NextChild(reader, command.children)) {
+        if (index == groupIndex) {
             const FileGroupData group = ReadFileGroup(reader, value, times);
             const int row = result.table.size();
             group.ToStringList(result.table);
             times.FillRow(result.table, row);
-        } else if (index == 2) {
+        } else if (index == errorIndex) {
             status.error = value.ReadInt(reader);
         } else {
             status.errorString = reader.readElementText();
         }
     }
-    out.lastError = FinishStatus(status, TraceText::QueryFileGroups);
+    out.lastError = FinishStatus(status, command.errorTrace);
     result.error = status.error;
     result.errorString = status.errorString;
     out.result = std::move(result);
 }
 
-// The parsers that differ only in their list of children and trace text.
-template<const ExpectedElements &List, const QLatin1String &Trace>
-void StatusReply(QXmlStreamReader &reader, ParsedReply &out)
+// Throws ReplyProtocolError; out keeps what was read before.
+void ParseBody(const CommandDescriptor &command, QXmlStreamReader &reader, ParsedReply &out)
 {
-    ParseStatusReply(reader, List, Trace, out);
+    switch (command.result) {
+    case ResultKind::None:
+        break;
+    case ResultKind::List:
+        ParseList(reader, command, out);
+        break;
+    case ResultKind::Table:
+        ParseTable(reader, command, out);
+        break;
+    case ResultKind::MetaData:
+        ParseMetaData(reader, out);
+        break;
+    default:
+        ParseValues(reader, command, out);
+        break;
+    }
 }
-
-template<const ExpectedElements &List, const QLatin1String &Trace>
-void SingleTextReply(QXmlStreamReader &reader, ParsedReply &out)
-{
-    ParseSingleTextReply(reader, List, Trace, out);
-}
-
-template<const ExpectedElements &List, int First, int Last, const QLatin1String &Trace>
-void ListReply(QXmlStreamReader &reader, ParsedReply &out)
-{
-    ParseListReply(reader, List, First, Last, Trace, out);
-}
-
-using BodyParser = void (*)(QXmlStreamReader &, ParsedReply &);
-
-struct ReplyEntry
-{
-    QLatin1String body;
-    // Throws ReplyProtocolError; out keeps what was read before. Null for a
-    // reply that is recognised but not read.
-    BodyParser parse;
-};
-
-// Every message the client recognises, by its body element, in ReplyKind
-// order.
-constexpr ReplyEntry Replies[] = {
-    {Tag::CreateFileGroupReply, ParseCreateFileGroup},
-    {Tag::AddFileReply, ParseAddFile},
-    {Tag::DeleteFileReply, StatusReply<DeleteFileList, TraceText::DeleteFile>},
-    {Tag::RequestFileReply, SingleTextReply<RequestFileList, TraceText::RequestFile>},
-    {Tag::CloseFileReply, StatusReply<CloseFileList, TraceText::CloseFile>},
-    {Tag::MoveToNasReply, StatusReply<MoveToNasList, TraceText::MoveToNas>},
-    {Tag::AddReferenceReply, StatusReply<AddReferenceList, TraceText::AddReference>},
-    {Tag::RemoveReferenceReply, StatusReply<RemoveReferenceList, TraceText::RemoveReference>},
-    {Tag::RemoveAllReferencesReply, StatusReply<RemoveAllReferencesList, TraceText::RemoveAllReferences>},
-    {Tag::QueryMetaDataReply, ParseQueryMetaData},
-    {Tag::GetApplicationListReply, ListReply<GetApplicationListList, 2, 2, TraceText::GetApplicationList>},
-    {Tag::GetFileListReply, ListReply<GetFileListList, 3, 4, TraceText::GetFileList>},
-    {Tag::GetUserListReply, ListReply<GetUserListList, 2, 2, TraceText::GetUserList>},
-    {Tag::QueryFileGroupsReply, ParseQueryFileGroups},
-    {Tag::GetBasePathReply, ParseGetBasePath},
-    {Tag::CopyForeignFileGroupProgress, ParseCopyForeignFileGroupProgress},
-    {Tag::ExportArchiveReply, StatusReply<ExportArchiveList, TraceText::ExportArchive>},
-    {Tag::ImportArchiveReply, StatusReply<ImportArchiveList, TraceText::ImportArchive>},
-    {Tag::CreateTovinFileGroupReply, ParseCreateTovinFileGroup},
-    {Tag::RegisterConverterReply, StatusReply<RegisterConverterList, TraceText::RegisterConverter>},
-    {Tag::ConvertFileGroup, ParseConvertFileGroup},
-    {Tag::DeleteFileGroupReply, StatusReply<DeleteFileGroupList, TraceText::DeleteFileGroup>},
-    {Tag::QueryLocationStateProgressReply, ParseQueryLocationStateProgress},
-    {Tag::CheckFileGroupExistsReply, ParseCheckFileGroupExists},
-    {Tag::GetRemoteStorageLocationReply, ParseGetRemoteStorageLocation},
-    {Tag::GetTovinFilegroupGuidReply, SingleTextReply<GetTovinFilegroupGuidList, TraceText::GetTovinFilegroupGuid>},
-    {Tag::QueryDiskSpaceReply, nullptr},
-};
-static_assert(std::size(Replies) == size_t(ReplyKind::Count), "one entry per reply kind");
-
-constexpr ExpectedElements BodyElements()
-{
-        ExpectedElements bodies;
-    for (const ReplyEntry &reply : Replies)
-        bodies.Append(reply.body);
-    return bodies;
-}
-
-constexpr ExpectedElements DispatchList = BodyElements();
 
 void ParseBody(ReplyKind kind, QXmlStreamReader &reader, ParsedReply &out)
 {
     const int index = static_cast<int>(kind);
-    if (index < 0 || index >= int(ReplyKind::Count))
-        return;
-    if (const BodyParser parse = Replies[index].parse)
-        parse(reader, out);
+    if (index >= 0 && index < CommandCount)
+        ParseBody(CommandDescriptors[index], reader, out);
 }
+
+// Every message the client recognises, by its body element, in ReplyKind
+// order.
+constexpr ExpectedElements BodyElements()
+{
+    ExpectedElements bodies;
+    for (const CommandDescriptor &command : CommandDescriptors)
+        bodies.Append(command.reply);
+    return bodies;
+}
+
+constexpr ExpectedElements DispatchList = BodyElements();
 
 void ReadEnvelope(QXmlStreamReader &reader, ParsedReply &out)
 {
@@ -551,19 +394,6 @@ void FailWith(const ReplyProtocolError &error, const QXmlStreamReader &reader, P
 }
 
 } // namespace
-
-QString ExpectedElements::Joined() const
-{
-    QString joined;
-    for (int i = 0; i < m_size; ++i) {
-        if (i > 0)
-            joined += QLatin1String(", ");
-        if (m_entries[i].isEnd)
-            joined += QLatin1Char('/');
-        joined += m_entries[i].name;
-    }
-    return joined;
-}
 
 int ReadNextExpected(QXmlStreamReader &reader, const ExpectedElements &expected, QLatin1String namespaceUri)
 {
@@ -625,6 +455,19 @@ ParsedReply ParseReply(ReplyKind kind, QXmlStreamReader &reader, const QString &
     out.requestId = requestId;
     try {
         ParseBody(kind, reader, out);
+    } catch (const ReplyProtocolError &error) {
+        FailWith(error, reader, out);
+    }
+    return out;
+}
+
+ParsedReply ParseReply(const CommandDescriptor &command, QXmlStreamReader &reader, const QString &requestId)
+{
+    ParsedReply out;
+    out.index = static_cast<int>(command.kind);
+    out.requestId = requestId;
+    try {
+        ParseBody(command, reader, out);
     } catch (const ReplyProtocolError &error) {
         FailWith(error, reader, out);
     }

@@ -37,7 +37,7 @@ void ReplyWriter::writeNumber(QLatin1String name, qint64 value)
 
 void ReplyWriter::writeBool(QLatin1String name, bool value)
 {
-    writeText(name, value ? QStringLiteral("true") : QStringLiteral("false"));
+    writeText(name, value ? Flag::True : Flag::False);
 }
 
 void ReplyWriter::writeStartElement(QLatin1String name)

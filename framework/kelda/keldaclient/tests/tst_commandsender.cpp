@@ -1,5 +1,8 @@
+#include "commanddescriptors.h"
 #include "commandsender.h"
 #include "filequery.h"
+#include "replyparser.h"
+#include "replysignals.h"
 #include "trace.h"
 
 #include <QtTest>
@@ -19,13 +22,22 @@ QString T(const char *text)
     return QString::fromUtf8(text);
 }
 
+// An empty reply of the element: every reply reads without children.
+QByteArray EmptyReply(QLatin1String element)
+{
+    const QByteArray name(element.data(), element.size());
+    return "<s:Envelope xmlns:s=\"http://www.w3.org/2003/05/soap-envelope\"><s:Header><s:Version>1.0</s:Version>"
+           "<s:RequestId>r-1</s:RequestId></s:Header><s:Body><m:"
+        + name + " xmlns:m=\"http://kelda.archive/8SP/KELDA\"/></s:Body></s:Envelope>";
+}
+
 } // namespace
 
 Q_DECLARE_METATYPE(Send)
 
-// What each send function writes to the trace before its request leaves. The
-// sender is never started: with no socket the bytes go nowhere, and the lock
-// identity has no address.
+// What each send function writes to the trace before its request leaves, and
+// the reply signals. The sender is never started: with no socket the bytes go
+// nowhere, and the lock identity has no address.
 class CommandSenderTest : public QObject
 {
     Q_OBJECT
@@ -35,6 +47,8 @@ private slots:
     void cleanupTestCase();
     void sendTraces_data();
     void sendTraces();
+    void replySignals_data();
+    void replySignals();
 
 private:
     QStringList m_traces;
@@ -42,6 +56,8 @@ private:
 
 void CommandSenderTest::initTestCase()
 {
+    qRegisterMetaType<Kelda::FileGroupData>();
+    qRegisterMetaType<Kelda::FileType>();
     ErrorHandler::Instance()->SetLevel(ErrorHandler::Failure | ErrorHandler::Detail);
     ErrorHandler::Instance()->SetTraceHook([this](const QString &text, const char *, int) { m_traces << text; });
 }
@@ -129,6 +145,33 @@ void CommandSenderTest::sendTraces()
     m_traces.clear();
     QVERIFY(!send(sender).isEmpty());
     QCOMPARE(m_traces, trace.isEmpty() ? QStringList() : QStringList{trace});
+}
+
+void CommandSenderTest::replySignals_data()
+{
+    QTest::addColumn<int>("kind");
+    for (const CommandDescriptor &command : CommandDescriptors)
+        QTest::newRow(command.reply.data()) << int(command.kind);
+}
+
+// The signals each descriptor names exist, the client's relays take what the
+// sender's carry, and a reply goes out through its signal once.
+void CommandSenderTest::replySignals()
+{
+    QFETCH(int, kind);
+    const CommandDescriptor &command = CommandDescriptors[kind];
+    const QMetaMethod signal = ReplySignals::SenderSignal(command.kind);
+    QCOMPARE(signal.isValid(), !command.senderSignal.isEmpty());
+    QCOMPARE(ReplySignals::ClientSignal(command.kind).isValid(), !command.clientSignal.isEmpty());
+    if (!signal.isValid())
+        return;
+
+    CommandSender sender(QStringLiteral("127.0.0.1"), 1, QString(), QString(), QString());
+    QSignalSpy emitted(&sender, signal);
+    m_traces.clear();
+    ReplySignals::Emit(&sender, ParseReplyMessage(EmptyReply(command.reply)));
+    QCOMPARE(emitted.size(), 1);
+    QCOMPARE(m_traces, QStringList());
 }
 
 QTEST_GUILESS_MAIN(CommandSenderTest)
