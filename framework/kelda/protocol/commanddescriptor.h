@@ -87,6 +87,7 @@ enum class ResultKind : quint8 {
     RemoteStorageLocation, // an address and a URL
     ConvertRequest,        // the server asks for a conversion: GUID, file type, path
     CopyProgress,          // a progress
+    Records,               // records of named fields, each field in its own column
 };
 
 // How a request field is written.
@@ -204,8 +205,8 @@ struct CommandDescriptor
     QLatin1String reply;
     ExpectedElements children;
     ResultKind result = ResultKind::None;
-    // ResultKind::Table: one record's children, position 0 the record's end
-    // tag.
+    // ResultKind::Table and Records: one record's children, position 0 the
+    // record's end tag.
     ExpectedElements record;
     // Traced when the reply reports an error: %1 the text, %2 the code.
     QLatin1String errorTrace;
@@ -415,6 +416,14 @@ constexpr int LastListValue(const ExpectedElements &list)
     return -1;
 }
 
+// The column of a record's field in a Records result; -1 when the record
+// has no such field.
+constexpr int RecordColumn(const CommandDescriptor &command, QLatin1String field)
+{
+    const int index = IndexOfStart(command.record, field);
+    return index < 1 ? -1 : index - 1;
+}
+
 constexpr bool EmitsSignal(ResultKind kind)
 {
     return kind != ResultKind::None && kind != ResultKind::BasePath;
@@ -550,7 +559,7 @@ constexpr bool ChildrenComplete(const CommandDescriptor &command)
 
 constexpr bool RecordComplete(const CommandDescriptor &command)
 {
-    if (command.result != ResultKind::Table)
+    if (command.result != ResultKind::Table && command.result != ResultKind::Records)
         return command.record.IsEmpty();
     return command.record.Size() > 1 && command.record.At(0).isEnd && !HasDuplicates(command.record)
         && IndexOfStart(command.children, command.record.At(0).name) > 0;

@@ -197,6 +197,42 @@ void ParseList(QXmlStreamReader &reader, const CommandDescriptor &command, Parse
     out.result = std::move(result);
 }
 
+// One record: each field into its column, in whatever order the fields
+// arrive; a field the record lacks stays empty, a repeated one keeps its
+// last value.
+void ReadRecord(QXmlStreamReader &reader, const ExpectedElements &record, QStringList &values)
+{
+    const int first = values.size();
+    for (int column = 1; column < record.Size(); ++column)
+        values.append(QString());
+    for (int index = NextChild(reader, record); index != 0; index = NextChild(reader, record))
+        values[first + index - 1] = reader.readElementText();
+}
+
+// Every other start tag of the reply's children wraps the records and is
+// passed.
+void ParseRecords(QXmlStreamReader &reader, const CommandDescriptor &command, ParsedReply &out)
+{
+    RecordsResult result;
+    result.requestId = out.requestId;
+    result.fieldCount = command.record.Size() - 1;
+    Status status;
+    const int recordIndex = IndexOfStart(command.children, command.record.At(0).name);
+    const int errorIndex = command.children.Size() - 2;
+    for (int index = NextChild(reader, command.children); index != 0; index = NextChild(reader, command.children)) {
+        if (index == recordIndex)
+            ReadRecord(reader, command.record, result.values);
+        else if (index == errorIndex)
+            status.error = reader.readElementText().toInt();
+        else if (index == errorIndex + 1)
+            status.errorString = reader.readElementText();
+    }
+    out.lastError = FinishStatus(status, command.errorTrace);
+    result.error = status.error;
+    result.errorString = status.errorString;
+    out.result = std::move(result);
+}
+
 // The record is read by the record's own reader, which also yields the code;
 // the reply's text is the local sentence for every code, success included.
 void ParseMetaData(QXmlStreamReader &reader, ParsedReply &out)
@@ -348,6 +384,9 @@ void ParseBody(const CommandDescriptor &command, QXmlStreamReader &reader, Parse
         break;
     case ResultKind::MetaData:
         ParseMetaData(reader, out);
+        break;
+    case ResultKind::Records:
+        ParseRecords(reader, command, out);
         break;
     default:
         ParseValues(reader, command, out);

@@ -170,10 +170,22 @@ struct CopyProgressResult
     float progress = 0.0f;
 };
 
+// A reply of records (ResultKind::Records): fieldCount texts per record, in
+// the order in which the descriptor's record names its fields
+// (RecordColumn()).
+struct RecordsResult
+{
+    QString requestId;
+    QStringList values;
+    int fieldCount = 0;
+    int error = 0;
+    QString errorString;
+};
+
 using ReplyResult = std::variant<std::monostate, StatusResult, TextResult, ListResult, TableResult,
                                  FileIdResult, CreatedGroupResult, BasePathResult, MetaDataResult,
                                  LocationStateProgressResult, ExistsResult, RemoteStorageLocationResult,
-                                 ConvertRequestResult, CopyProgressResult>;
+                                 ConvertRequestResult, CopyProgressResult, RecordsResult>;
 
 // One message as read.
 struct ParsedReply

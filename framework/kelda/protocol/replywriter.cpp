@@ -57,6 +57,14 @@ void ReplyWriter::writeStatus(int error, const QString &errorString)
         writeText(Tag::ErrorString, errorString);
 }
 
+void ReplyWriter::writeRecord(const CommandDescriptor &command, const QStringList &values)
+{
+    writeStartElement(command.record.At(0).name);
+    for (int field = 1; field < command.record.Size(); ++field)
+        writeText(command.record.At(field).name, values.value(field - 1));
+    writeEndElement();
+}
+
 void ReplyWriter::writeRaw(const QByteArray &bytes)
 {
     // Empty text closes a pending start tag, so the bytes land inside it.

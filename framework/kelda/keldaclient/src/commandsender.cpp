@@ -424,6 +424,7 @@ void CommandSender::StoreReplyValues(const ParsedReply &reply)
                    // Blocking callers read the id as its decimal text.
                    [&](const FileIdResult &r) { store({QStringLiteral("%1").arg(r.fileId), {}, 0}); },
                    [&](const CreatedGroupResult &r) { store({r.path, {}, 0}); },
+                   [&](const RecordsResult &r) { store({QString(), r.values, r.fieldCount}); },
                    [](const auto &) {},
                },
                reply.result);

@@ -50,6 +50,7 @@ auto Arguments(const RemoteStorageLocationResult &r)
 }
 auto Arguments(const ConvertRequestResult &r) { return std::tie(r.guid, r.fileType, r.path); }
 auto Arguments(const CopyProgressResult &r) { return std::tie(r.requestId, r.progress); }
+auto Arguments(const RecordsResult &r) { return std::tie(r.requestId, r.values, r.fieldCount, r.error, r.errorString); }
 
 template<typename... Values>
 bool Accepts(const QMetaMethod &signal, const std::tuple<const Values &...> &)
