@@ -14,6 +14,8 @@ namespace Kelda {
 
 namespace {
 
+const char *const kSource = FileGroupDataPrivate::TraceSource;
+
 const QLatin1String kDescriptionFileSuffix(".fgdesc");
 
 } // namespace
@@ -35,7 +37,7 @@ QString FileGroupData::toXmlFileForExport(const QString &dir) const
 
     QFile file(directory + fileName);
     if (!file.open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
-        Q_TRACE_FAILURE(FileGroupDataPrivate::TraceSource, QStringLiteral("Could not create Xml file for export of "
+        Q_TRACE_FAILURE(kSource, QStringLiteral("Could not create Xml file for export of "
                                                 "filegroup %1 with guid %2")
                                      .arg(d->fileGroupName, d->guid));
         return fileName;
@@ -49,7 +51,7 @@ bool FileGroupData::fromXmlforImport(const QString &fileName)
 {
     QFile file(fileName);
     if (!file.exists() || !file.open(QIODevice::ReadOnly)) {
-        Q_TRACE_FAILURE(FileGroupDataPrivate::TraceSource,
+        Q_TRACE_FAILURE(kSource,
                         QStringLiteral("Could not open filegroup file %1 for import").arg(fileName));
         return false;
     }

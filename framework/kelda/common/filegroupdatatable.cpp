@@ -15,6 +15,8 @@ namespace Kelda {
 
 namespace {
 
+const char *const kSource = FileGroupDataPrivate::TraceSource;
+
 const char *const kHeaders[] = {
     QT_TRANSLATE_NOOP("QObject", "File group name"),
     QT_TRANSLATE_NOOP("QObject", "File type"),
@@ -118,7 +120,7 @@ std::vector<FileGroupData> FileGroupData::fromStringList(const QStringList &list
         case FileGroupColumn::FileType:
             if (!enumFromColumn(text, FT_Last + 1, FT_Last, &FileTypeManager::GetText,
                                 record.d->fileType))
-                Q_TRACE_FAILURE(FileGroupDataPrivate::TraceSource, QStringLiteral("FileGroupData::fromStringList: "
+                Q_TRACE_FAILURE(kSource, QStringLiteral("FileGroupData::fromStringList: "
                                                         "Unkown file type \"%1\" read")
                                              .arg(text));
             break;
@@ -126,7 +128,7 @@ std::vector<FileGroupData> FileGroupData::fromStringList(const QStringList &list
             // The numeric bound is the file types' one; existing tables rely on it.
             if (!enumFromColumn(text, LS_Last + 1, FT_Last, &LocationStateString::GetText,
                                 record.d->locationState))
-                Q_TRACE_FAILURE(FileGroupDataPrivate::TraceSource, QStringLiteral("FileGroupData::fromStringList: "
+                Q_TRACE_FAILURE(kSource, QStringLiteral("FileGroupData::fromStringList: "
                                                         "Unkown location state \"%1\" read")
                                              .arg(text));
             break;

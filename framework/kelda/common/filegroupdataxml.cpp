@@ -14,6 +14,8 @@ namespace Kelda {
 
 namespace {
 
+const char *const kSource = FileGroupDataPrivate::TraceSource;
+
 void writeTextElement(QXmlStreamWriter &writer, QLatin1String name, const QString &text)
 {
     writer.writeTextElement(Tag::m(name), text);
@@ -100,7 +102,7 @@ KeldaError FileGroupData::FromHtml(QXmlStreamReader &reader)
         reader.readNext();
     }
     if (reader.hasError()) {
-        Q_TRACE_FAILURE(FileGroupDataPrivate::TraceSource, QStringLiteral("Could not read Xml file for import of filegroup. "
+        Q_TRACE_FAILURE(kSource, QStringLiteral("Could not read Xml file for import of filegroup. "
                                                 "XmlStreamReader error: %1")
                                      .arg(reader.errorString()));
         result = KE_ReadXmlFileFailed;
@@ -120,7 +122,7 @@ void FileGroupDataPrivate::readElement(QXmlStreamReader &reader, KeldaError &res
     } else if (name == Tag::FileType) {
         const int value = reader.readElementText().toInt();
         if (value > FT_Last) {
-            Q_TRACE_FAILURE(FileGroupDataPrivate::TraceSource, QStringLiteral("Unkown file type \"%1\" read").arg(value));
+            Q_TRACE_FAILURE(kSource, QStringLiteral("Unkown file type \"%1\" read").arg(value));
             result = KE_ReadXmlFileFailed;
         } else {
             fileType = FileType(value);
@@ -128,7 +130,7 @@ void FileGroupDataPrivate::readElement(QXmlStreamReader &reader, KeldaError &res
     } else if (name == Tag::LocationState) {
         const int value = reader.readElementText().toInt();
         if (value > LS_Last) {
-            Q_TRACE_FAILURE(FileGroupDataPrivate::TraceSource, QStringLiteral("Unkown location state \"%1\" read").arg(value));
+            Q_TRACE_FAILURE(kSource, QStringLiteral("Unkown location state \"%1\" read").arg(value));
             result = KE_ReadXmlFileFailed;
         } else {
             locationState = LocationState(value);
