@@ -64,7 +64,7 @@ constexpr CommandDescriptor Checksums = Describe(ReplyKind::Count, Exchange::Com
                                                       {Tag::Files, Tag::File, EndOf(Tag::Files)}, ResultKind::Records)
                                             .Record(Tag::File, {Tag::FileId, Tag::FileName, Digest})
                                             .FailureTraced("Error while listing checksums: %1 (%2)")
-                                            .Signals("listChecksumsReply");
+                                            .Signals("listChecksumsReply", "ListChecksumsSg");
 
 static_assert(IsComplete(Checksums));
 static_assert(RecordColumn(Checksums, Digest) == 2 && RecordColumn(Checksums, Tag::Path) == -1);
