@@ -95,7 +95,7 @@ public:
 
 private:
     using Handler = void (ArchiveEngine::*)(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
-    static const QHash<QString, Handler> &handlers();
+    static Handler handlerFor(const QString &command);
 
     StoredGroup requireGroup(const QString &guid);
     void refuseWhileMoving(const StoredGroup &group);

@@ -5,6 +5,7 @@
 #include "clientconfig.h"
 #include "filequery.h"
 #include "keldaclient_p.h"
+#include "replysignals.h"
 #include "trace.h"
 #include "transporttimings.h"
 #include "translationcenter.h"
@@ -106,34 +107,7 @@ void KeldaClientPrivate::StartSender(QString application, const QString &user, c
     QObject::connect(m_sender, &CommandSender::connected, q,
                      [this](QString a_basePath) { SlotConnected(a_basePath); });
     QObject::connect(m_sender, &CommandSender::disconnected, q, [this] { SlotDisconnected(); });
-    QObject::connect(m_sender, &CommandSender::createFileGroupReply, q,
-                     [this](QString a_sGuid, QString a_sPath) { EmitCreateFileGroupSg(a_sGuid, a_sPath); });
-    QObject::connect(m_sender, &CommandSender::createTovinFileGroupReply, q, &KeldaClient::CreateTovinFileGroupSg);
-    QObject::connect(m_sender, &CommandSender::addFileReply, q,
-                     [this](QString a_sRequestId, unsigned int a_fileId) { EmitAddFileSg(a_sRequestId, a_fileId); });
-    QObject::connect(m_sender, &CommandSender::deleteFileReply, q, &KeldaClient::DeleteFileNameSg);
-    QObject::connect(m_sender, &CommandSender::requestFileReply, q, &KeldaClient::RequestFileSg);
-    QObject::connect(m_sender, &CommandSender::closeFileReply, q, &KeldaClient::CloseFileSg);
-    QObject::connect(m_sender, &CommandSender::moveToNasReply, q, &KeldaClient::MoveToNasSg);
-    QObject::connect(m_sender, &CommandSender::addReferenceReply, q, &KeldaClient::AddReferenceSg);
-    QObject::connect(m_sender, &CommandSender::removeReferenceReply, q, &KeldaClient::RemoveReferenceSg);
-    QObject::connect(m_sender, &CommandSender::removeAllReferenceReply, q, &KeldaClient::RemoveAllReferenceSg);
-    QObject::connect(m_sender, &CommandSender::getApplicationListReply, q, &KeldaClient::GetApplicationListSg);
-    QObject::connect(m_sender, &CommandSender::getUserListReply, q, &KeldaClient::GetUserListSg);
-    QObject::connect(m_sender, &CommandSender::getFileListReply, q, &KeldaClient::GetFileListSg);
-    QObject::connect(m_sender, &CommandSender::copyForeignFileGroupProgess, q,
-                     &KeldaClient::copyForeignFileGroupProgess);
-    QObject::connect(m_sender, &CommandSender::exportArchiveReply, q, &KeldaClient::exportArchiveSg);
-    QObject::connect(m_sender, &CommandSender::importArchiveReply, q, &KeldaClient::importArchiveSg);
-    QObject::connect(m_sender, &CommandSender::queryFileGroupsReply, q, &KeldaClient::queryFileGroupsSg);
-    QObject::connect(m_sender, &CommandSender::queryMetaDataReply, q, &KeldaClient::QueryMetaDataSg);
-    QObject::connect(m_sender, &CommandSender::deleteFileGroupReply, q, &KeldaClient::deleteFileGroupSg);
-    QObject::connect(m_sender, &CommandSender::getRemoteStorageLocationReply, q,
-                     &KeldaClient::getRemoteStorageLocationSg);
-    QObject::connect(m_sender, &CommandSender::getTovinFilegroupGuidReply, q, &KeldaClient::getTovinFilegroupGuidSg);
-    QObject::connect(m_sender, &CommandSender::queryLocationStateProgressReply, q,
-                     &KeldaClient::queryLocationStateProgressSg);
-    QObject::connect(m_sender, &CommandSender::checkFileGroupExistsReply, q, &KeldaClient::checkFileGroupExistsSg);
+    ReplySignals::ConnectRelays(m_sender, q);
 
     m_thread.Start(m_sender);
     QMetaObject::invokeMethod(m_sender, "start");

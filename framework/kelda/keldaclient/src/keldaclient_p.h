@@ -29,8 +29,10 @@ public:
 
     void StartSender(QString application, const QString &user, const QString &teamMembership);
 
-    // The private slots: the sender's signals arrive through them in the
-    // client's thread.
+    // The private slots. The sender's connection signals arrive through the
+    // first two in the client's thread; the reply signals are relayed
+    // straight to the public ones, and the last two, which emit two of
+    // those, stay for code that names them.
     void SlotConnected(QString a_basePath);
     void SlotDisconnected();
     void EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath);
