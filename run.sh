@@ -38,6 +38,12 @@
 #   ./run.sh package build the Debian packages (build-package, optimised,
 #                    stripped) into build-package/packages: libkeldaclient,
 #                    libkeldaclient-dev, keldaserver, kelda-tools
+#   ./run.sh package-test
+#                    build the packages, then INSTALL THEM INTO THIS SYSTEM
+#                    (root; apt-get) and check them: files, libraries, the
+#                    server started as its unit starts it, kelda put and get
+#                    against it, a program built against libkeldaclient-dev;
+#                    for throw-away machines such as CI
 #
 # Environment: BUILD_DIR (default ./build, or the folder named above),
 # BUILD_TYPE (default RelWithDebInfo), JOBS (default: number of cores),
@@ -504,6 +510,12 @@ case "$command" in
         packages+=("${package_packages[@]}")
         install_missing
         run_package
+        ;;
+    package-test)
+        packages+=("${package_packages[@]}")
+        install_missing
+        run_package
+        "$here/packaging/package-test.sh" "$build_dir/packages"
         ;;
     -h|--help|help)
         usage
