@@ -42,8 +42,9 @@
 #                    build the packages, then INSTALL THEM INTO THIS SYSTEM
 #                    (root; apt-get) and check them: files, libraries, the
 #                    server started as its unit starts it, kelda put and get
-#                    against it, a program built against libkeldaclient-dev;
-#                    for throw-away machines such as CI
+#                    against it, a program built against libkeldaclient-dev,
+#                    remove and purge; for throw-away machines such as CI
+#                    (packaging/package-test.sh --help says more)
 #
 # Environment: BUILD_DIR (default ./build, or the folder named above),
 # BUILD_TYPE (default RelWithDebInfo), JOBS (default: number of cores),

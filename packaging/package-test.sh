@@ -22,6 +22,10 @@
 #   - removing keldaserver keeps the archive and its configuration, purging
 #     deletes them; the other packages are purged too, unless --keep.
 #
+# systemd (for systemd-analyze) and systemd-container (for the container)
+# are installed when missing. --put-get PORT is for the script itself: it
+# runs the put and get check alone, inside the container.
+#
 # Exit codes: 0 all checks passed, 1 a check failed, 2 bad arguments or not
 # root.
 set -euo pipefail
@@ -29,8 +33,6 @@ set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 keep=""
 dir=""
-# Internal: package-test.sh --put-get PORT runs the put and get check alone,
-# in the system under test.
 put_get_port=""
 while [ $# -gt 0 ]; do
     case "$1" in
