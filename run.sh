@@ -68,6 +68,9 @@ packages=(
     libqt5sql5-psql postgresql
     # the shells whose completion scripts kelda prints, for their syntax check
     zsh fish
+    # the TLS tests make their certificates with the openssl tool; the TLS
+    # benchmark's raw floor is OpenSSL itself
+    openssl libssl-dev
 )
 # Only for sanitizer and fuzz builds: clang with its sanitizer and libFuzzer
 # runtimes, and llvm for the symbolizer that puts names into reports.

@@ -106,6 +106,8 @@ int main(int argc, char *argv[])
     }
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("keldabrowser"));
+    if (!options.tlsCaFile.isEmpty())
+        Kelda::KeldaClient::SetTlsFiles(options.tlsCaFile, options.tlsCertFile, options.tlsKeyFile);
     Kelda::KeldaClient client(options.host, options.port, QStringLiteral("keldabrowser"), Kelda::LoginName(), QString());
     if (!options.screenshotDir.isEmpty())
         return renderAndExit(client, options);

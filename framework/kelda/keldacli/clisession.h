@@ -28,6 +28,11 @@ struct ConnectionSettings
     QString user;
     QString team;
     int connectTimeoutMs = 5000;
+    // Over the configuration's TlsCaFile, TlsCertFile and TlsKeyFile when
+    // set; an empty authority leaves TLS as configured.
+    QString tlsCaFile;
+    QString tlsCertFile;
+    QString tlsKeyFile;
 };
 
 // The defaults of the global options: host and port from the configuration,

@@ -1,5 +1,6 @@
 #include "keldaclient.h"
 #include "serverprocess.h"
+#include "testcertificates.h"
 #include "trace.h"
 
 #include <QJsonArray>
@@ -92,6 +93,8 @@ private slots:
     void completionScripts();
     void bashCompletion_data();
     void bashCompletion();
+    void tls_data();
+    void tls();
 
 private:
     Run kelda(const QStringList &arguments);
@@ -693,6 +696,47 @@ void KeldaToolTest::bashCompletion()
         QCOMPARE(offered, QStringList());
     else
         QVERIFY2(offered.contains(expected), qPrintable(offered.join(QLatin1Char(','))));
+}
+
+void KeldaToolTest::tls_data()
+{
+    QTest::addColumn<bool>("identifyClients");
+    QTest::addColumn<QString>("authority"); // none, ours or foreign
+    QTest::addColumn<bool>("withCertificate");
+    QTest::addColumn<int>("exitCode"); // 3: not reachable
+    QTest::newRow("plain client") << false << QString() << false << 3;
+    QTest::newRow("server verified") << false << QStringLiteral("ours") << false << 0;
+    QTest::newRow("server not trusted") << false << QStringLiteral("foreign") << false << 3;
+    QTest::newRow("user certificate") << true << QStringLiteral("ours") << true << 0;
+    QTest::newRow("no user certificate") << true << QStringLiteral("ours") << false << 3;
+}
+
+// --tls-ca, --tls-cert and --tls-key against a server that speaks TLS.
+void KeldaToolTest::tls()
+{
+    QFETCH(bool, identifyClients);
+    QFETCH(QString, authority);
+    QFETCH(bool, withCertificate);
+    QFETCH(int, exitCode);
+    TestCertificates *certificates = TestCertificates::shared();
+    QVERIFY(certificates);
+    QStringList serverArguments{QStringLiteral("--tls-cert"), certificates->serverCertificate(),
+                                QStringLiteral("--tls-key"), certificates->serverKey()};
+    if (identifyClients)
+        serverArguments << QStringLiteral("--tls-client-ca") << certificates->authority();
+    ServerProcess server;
+    server.setExtraArguments(serverArguments);
+    QVERIFY2(server.start(), qPrintable(server.errorString()));
+    QStringList arguments{QStringLiteral("--host"), QStringLiteral("127.0.0.1"), QStringLiteral("--port"),
+                          QString::number(server.port()), QStringLiteral("--connect-timeout"), QStringLiteral("2")};
+    if (!authority.isEmpty())
+        arguments << QStringLiteral("--tls-ca")
+                  << (authority == QLatin1String("ours") ? certificates->authority() : certificates->foreignAuthority());
+    if (withCertificate)
+        arguments << QStringLiteral("--tls-cert") << certificates->userCertificate(QStringLiteral("carol"))
+                  << QStringLiteral("--tls-key") << certificates->userKey(QStringLiteral("carol"));
+    const Run run = keldaPlain(arguments + QStringList{QStringLiteral("users")});
+    QCOMPARE(run.exitCode, exitCode);
 }
 
 QTEST_GUILESS_MAIN(KeldaToolTest)

@@ -73,6 +73,17 @@ class KeldaClientPrivate;
     during a blocking call. The reply is parsed, and the blocking caller
     woken, on the worker thread; the socket has a thread of its own.
 
+    \section tls Encrypted connections
+    Without TLS configuration the client speaks plain TCP, as the protocol
+    always did. With "TlsCaFile" in the group "KELDA" (or SetTlsFiles()) it
+    speaks TLS 1.2 or later and trusts only a server whose certificate that
+    authority signed and whose name or address the certificate names;
+    "TlsCertFile" and "TlsKeyFile" add the client's own certificate. A
+    server that fails verification is traced with the reason and the
+    connection closed; blocking calls then fail at once, as for any lost
+    connection, and the client keeps trying every 5 seconds. Both are
+    additions to the original interface.
+
     \section ownership Ownership
     The client owns its worker threads and everything on them. The
     destructor stops them and returns after about a second at most, even
@@ -148,6 +159,21 @@ public:
         -1 is zlib's default. A stored 0 reads as -1.
     */
     static int GetCompressionRate();
+
+    /*!
+        Sets the TLS files of every client constructed afterwards in this
+        process, over the keys "TlsCaFile", "TlsCertFile" and "TlsKeyFile"
+        of the group "KELDA". An addition to the original interface, see
+        \ref tls.
+
+        \a caFile is the PEM certificate of the authority that must have
+        signed the server's certificate; naming it switches TLS on. \a
+        certFile and \a keyFile (PEM, the key unencrypted) are the client's
+        own certificate, which tells a server that asks for one who the user
+        is. An empty \a caFile returns to what the configuration says.
+    */
+    static void SetTlsFiles(const QString &caFile, const QString &certFile = QString(),
+                            const QString &keyFile = QString());
     /*!
         Returns a new random GUID in lower case, 36 characters without braces;
         the same as Kelda::CreateGuid(). Thread-safe.

@@ -52,7 +52,12 @@ void CommandSender::start()
 {
     // A second start replaces the socket; the thread deletes the old one.
     m_socket.storeRelease(nullptr);
-    auto *socket = new CommandSenderSocket(m_host, m_port);
+    ClientTls tls;
+    {
+        const std::lock_guard<std::mutex> lock(m_tlsMutex);
+        tls = m_tls;
+    }
+    auto *socket = new CommandSenderSocket(m_host, m_port, tls);
     socket->SetMaxFrameLength(m_maxFrameLength.load());
     connect(socket, &CommandSenderSocket::si_newMessage, this, &CommandSender::SlotHandleXmlReply);
     connect(socket, &CommandSenderSocket::si_connected, this, &CommandSender::SlotConnected);
@@ -376,6 +381,12 @@ void CommandSender::SetUser(const QString &user)
 void CommandSender::SetTeamMembership(const QString &teamMembership)
 {
     m_teamMembership = teamMembership;
+}
+
+void CommandSender::SetTls(const ClientTls &tls)
+{
+    const std::lock_guard<std::mutex> lock(m_tlsMutex);
+    m_tls = tls;
 }
 
 void CommandSender::SetMaxFrameLength(quint32 bytes)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "asynchandler.h"
+#include "clienttls.h"
 #include "filegroupdata.h"
 #include "filetype.h"
 #include "workerthread.h"
@@ -108,6 +109,8 @@ public:
     void SetTeamMembership(const QString &teamMembership);
     // The longest message accepted from the server; set before start().
     void SetMaxFrameLength(quint32 bytes);
+    // TLS for the connection; set before start().
+    void SetTls(const ClientTls &tls);
 
 signals:
     void connected(QString a_basePath);
@@ -175,6 +178,9 @@ private:
 
     std::atomic<bool> m_connected{false};
     std::atomic<quint32> m_maxFrameLength{XmlSeparator::DefaultMaxFrameLength};
+    // Written by the client's thread before start() reads it on this one.
+    std::mutex m_tlsMutex;
+    ClientTls m_tls;
     QTimer *m_connectionCheckTimer = nullptr;
     QAtomicPointer<CommandSenderSocket> m_socket;
     // Runs the socket and deletes it. Last, so that it stops first.

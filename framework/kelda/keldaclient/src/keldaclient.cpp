@@ -99,6 +99,7 @@ void KeldaClientPrivate::StartSender(QString application, const QString &user, c
     ClientConfig *config = ClientConfig::s_shared.load();
     m_sender = new CommandSender(config->GetServerHost(), config->GetXmlPort(), application, user, teamMembership);
     m_sender->SetMaxFrameLength(config->GetMaxFrameSize());
+    m_sender->SetTls(ClientTls::current());
 
     KeldaClient *q = m_owner;
     // Queued to the client's thread, as a connection to a slot of q would be.
