@@ -80,6 +80,8 @@ docs_packages=(doxygen)
 # Only for Debian packages: the man pages, dpkg-shlibdeps, and what CPack
 # runs to find the programs' libraries.
 package_packages=(help2man dpkg-dev file binutils)
+# And for their test, which looks for processes by their parent.
+package_test_packages=(procps)
 
 sanitize=""
 quick=""
@@ -516,7 +518,7 @@ case "$command" in
         run_package
         ;;
     package-test)
-        packages+=("${package_packages[@]}")
+        packages+=("${package_packages[@]}" "${package_test_packages[@]}")
         install_missing
         run_package
         "$here/packaging/package-test.sh" "$build_dir/packages"
