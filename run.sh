@@ -35,6 +35,16 @@
 #                    start a local server with sample groups and open
 #                    keldabrowser on it; with --screenshot, render each
 #                    dialog and the browser window into DIR as PNGs and exit
+#   ./run.sh package build the Debian packages (build-package, optimised,
+#                    stripped) into build-package/packages: libkeldaclient,
+#                    libkeldaclient-dev, keldaserver, kelda-tools
+#   ./run.sh package-test
+#                    build the packages, then INSTALL THEM INTO THIS SYSTEM
+#                    (root; apt-get) and check them: files, libraries, the
+#                    server started as its unit starts it, kelda put and get
+#                    against it, a program built against libkeldaclient-dev,
+#                    remove and purge; for throw-away machines such as CI
+#                    (packaging/package-test.sh --help says more)
 #
 # Environment: BUILD_DIR (default ./build, or the folder named above),
 # BUILD_TYPE (default RelWithDebInfo), JOBS (default: number of cores),
@@ -67,6 +77,11 @@ packages=(
 clang_packages=(clang libclang-rt-dev llvm)
 # Only for the API reference.
 docs_packages=(doxygen)
+# Only for Debian packages: the man pages, dpkg-shlibdeps, and what CPack
+# runs to find the programs' libraries.
+package_packages=(help2man dpkg-dev file binutils)
+# And for their test, which looks for processes by their parent.
+package_test_packages=(procps)
 
 sanitize=""
 quick=""
@@ -396,6 +411,21 @@ run_bench() {
     return $status
 }
 
+# ---- package: Debian packages
+
+run_package() {
+    build_dir=${build_dir:-$here/build-package}
+    # Debian's own optimisation (-O2 -g); CPack strips the programs.
+    cmake_extra+=(-DBUILD_TESTING=OFF -DCMAKE_INSTALL_PREFIX=/usr -DKELDA_DEBIAN_PACKAGES=ON)
+    configure
+    cmake --build "$build_dir" -j "$jobs"
+    rm -rf "$build_dir/packages"
+    (cd "$build_dir" && cpack -B "$build_dir/packages")
+    rm -rf "$build_dir/packages/_CPack_Packages"
+    echo "== packages in $build_dir/packages:"
+    ls -1 "$build_dir/packages"/*.deb
+}
+
 fuzz_targets=(fuzz_framer fuzz_replydispatch fuzz_filegroupdata fuzz_requestreader)
 
 run_fuzz() {
@@ -481,6 +511,17 @@ case "$command" in
         install_missing
         build_browser
         run_browse "$@"
+        ;;
+    package)
+        packages+=("${package_packages[@]}")
+        install_missing
+        run_package
+        ;;
+    package-test)
+        packages+=("${package_packages[@]}" "${package_test_packages[@]}")
+        install_missing
+        run_package
+        "$here/packaging/package-test.sh" "$build_dir/packages"
         ;;
     -h|--help|help)
         usage

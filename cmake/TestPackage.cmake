@@ -5,7 +5,8 @@
 # must load no widgets.
 # Arguments: BUILD_DIR, CONSUMER_DIR, WORK_DIR, CONFIG_FILE; CXX_COMPILER and
 # LINK_FLAGS (a list) so that a consumer of sanitizer-built libraries links
-# their runtime.
+# their runtime. With PREFIX instead of BUILD_DIR, the tree installed there
+# (/usr, from the Debian packages) is checked the same way.
 file(REMOVE_RECURSE "${WORK_DIR}")
 string(REPLACE ";" " " link_flags "${LINK_FLAGS}")
 
@@ -16,9 +17,14 @@ function(step)
     endif()
 endfunction()
 
-step("${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${WORK_DIR}/prefix")
+if(PREFIX)
+    set(prefix "${PREFIX}")
+else()
+    set(prefix "${WORK_DIR}/prefix")
+    step("${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${prefix}")
+endif()
 step("${CMAKE_COMMAND}" -S "${CONSUMER_DIR}" -B "${WORK_DIR}/build" -G Ninja
-     "-DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix" "-DCMAKE_CXX_COMPILER=${CXX_COMPILER}"
+     "-DCMAKE_PREFIX_PATH=${prefix}" "-DCMAKE_CXX_COMPILER=${CXX_COMPILER}"
      "-DCMAKE_EXE_LINKER_FLAGS=${link_flags}")
 step("${CMAKE_COMMAND}" --build "${WORK_DIR}/build")
 foreach(consumer consumer consumer_core)
@@ -30,7 +36,7 @@ message(STATUS "The installed package builds and runs a full and a core consumer
 
 # Protocol internals stay inside the tree.
 foreach(internal keldaxml.h xmlseparator.h requestmessages.h keldaclientsoapmessage.h keldaclient_p.h)
-    if(EXISTS "${WORK_DIR}/prefix/include/kelda/${internal}")
+    if(EXISTS "${prefix}/include/kelda/${internal}")
         message(FATAL_ERROR "The internal header ${internal} was installed")
     endif()
 endforeach()
@@ -38,13 +44,13 @@ endforeach()
 # What only the library's own code uses stays out of the client's headers:
 # private slots (they live in the private classes) and static data.
 foreach(header keldaclient.h keldafile.h clienttreemodel.h fileselectdialog.h querydialog.h keldasaveasdlg.h)
-    file(READ "${WORK_DIR}/prefix/include/kelda/${header}" text)
+    file(READ "${prefix}/include/kelda/${header}" text)
     if(text MATCHES "private[ \t]+(Q_SLOTS|slots)[ \t]*:|\n[ \t]*static[^(\n]*;")
         message(FATAL_ERROR "${header} declares what belongs to the library: ${CMAKE_MATCH_0}")
     endif()
 endforeach()
 
-file(GLOB_RECURSE pc_files "${WORK_DIR}/prefix/*/keldaclient.pc")
+file(GLOB pc_files "${prefix}/lib/pkgconfig/keldaclient.pc" "${prefix}/lib/*/pkgconfig/keldaclient.pc")
 list(LENGTH pc_files pc_count)
 if(NOT pc_count EQUAL 1)
     message(FATAL_ERROR "Expected one installed keldaclient.pc, found: ${pc_files}")

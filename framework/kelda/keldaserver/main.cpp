@@ -77,6 +77,7 @@ int main(int argc, char *argv[])
         server.shutdown();
         QCoreApplication::exit(ServerOptions::ExitOk);
     });
+    QObject::connect(&watcher, &SignalWatcher::reopenRequested, &app, [] { ErrorHandler::Instance()->Reopen(); });
     printLine(stdout,
               QStringLiteral("keldaserver listening on %1:%2").arg(server.address().toString()).arg(server.port()));
     return app.exec();
