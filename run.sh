@@ -37,6 +37,16 @@
 #                    start a local server with sample groups and open
 #                    keldabrowser on it; with --screenshot, render each
 #                    dialog and the browser window into DIR as PNGs and exit
+#   ./run.sh package build the Debian packages (build-package, optimised,
+#                    stripped) into build-package/packages: libkeldaclient,
+#                    libkeldaclient-dev, keldaserver, kelda-tools
+#   ./run.sh package-test
+#                    build the packages, then INSTALL THEM INTO THIS SYSTEM
+#                    (root; apt-get) and check them: files, libraries, the
+#                    server started as its unit starts it, kelda put and get
+#                    against it, a program built against libkeldaclient-dev,
+#                    remove and purge; for throw-away machines such as CI
+#                    (packaging/package-test.sh --help says more)
 #
 # Environment: BUILD_DIR (default ./build, or the folder named above),
 # BUILD_TYPE (default RelWithDebInfo), JOBS (default: number of cores),
@@ -59,12 +69,22 @@ packages=(
     # go through libpq on the driver's connection), and the server programs
     # the tests start a throw-away cluster with
     libqt5sql5-psql libpq-dev postgresql
+    # the shells whose completion scripts kelda prints, for their syntax check
+    zsh fish
+    # the TLS tests make their certificates with the openssl tool; the TLS
+    # benchmark's raw floor is OpenSSL itself
+    openssl libssl-dev
 )
 # Only for sanitizer and fuzz builds: clang with its sanitizer and libFuzzer
 # runtimes, and llvm for the symbolizer that puts names into reports.
 clang_packages=(clang libclang-rt-dev llvm)
 # Only for the API reference.
 docs_packages=(doxygen)
+# Only for Debian packages: the man pages, dpkg-shlibdeps, and what CPack
+# runs to find the programs' libraries.
+package_packages=(help2man dpkg-dev file binutils)
+# And for their test, which looks for processes by their parent.
+package_test_packages=(procps)
 
 sanitize=""
 quick=""
@@ -370,7 +390,7 @@ run_bench() {
     configure
     local programs=(bench_protocol bench_replyparse bench_framing bench_roundtrip)
     if [ -d "$here/framework/kelda/keldaserver" ]; then
-        programs+=(bench_server)
+        programs+=(bench_server bench_cli)
     fi
     cmake --build "$build_dir" -j "$jobs" --target "${programs[@]}"
     local rows status=0
@@ -402,6 +422,21 @@ run_bench() {
     print_table "$rows"
     rm -f "$rows"
     return $status
+}
+
+# ---- package: Debian packages
+
+run_package() {
+    build_dir=${build_dir:-$here/build-package}
+    # Debian's own optimisation (-O2 -g); CPack strips the programs.
+    cmake_extra+=(-DBUILD_TESTING=OFF -DCMAKE_INSTALL_PREFIX=/usr -DKELDA_DEBIAN_PACKAGES=ON)
+    configure
+    cmake --build "$build_dir" -j "$jobs"
+    rm -rf "$build_dir/packages"
+    (cd "$build_dir" && cpack -B "$build_dir/packages")
+    rm -rf "$build_dir/packages/_CPack_Packages"
+    echo "== packages in $build_dir/packages:"
+    ls -1 "$build_dir/packages"/*.deb
 }
 
 fuzz_targets=(fuzz_framer fuzz_replydispatch fuzz_filegroupdata fuzz_requestreader)
@@ -489,6 +524,17 @@ case "$command" in
         install_missing
         build_browser
         run_browse "$@"
+        ;;
+    package)
+        packages+=("${package_packages[@]}")
+        install_missing
+        run_package
+        ;;
+    package-test)
+        packages+=("${package_packages[@]}" "${package_test_packages[@]}")
+        install_missing
+        run_package
+        "$here/packaging/package-test.sh" "$build_dir/packages"
         ;;
     -h|--help|help)
         usage

@@ -3,22 +3,26 @@
 set(KELDA_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/kelda)
 set(KELDA_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/KeldaClient)
 # Installed libraries find each other, and installed programs find them, from
-# wherever the prefix is.
-set(CMAKE_INSTALL_RPATH "$ORIGIN;$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+# wherever the prefix is. Packages put them where the loader looks anyway.
+if(NOT KELDA_DEBIAN_PACKAGES)
+    set(CMAKE_INSTALL_RPATH "$ORIGIN;$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+endif()
 
 # kelda_install_library(<target> <public header>...)
 # Installs a library into the package's export set and its public headers.
+# The shared library and its SONAME link are in the component "libraries",
+# what only a build needs in "development".
 function(kelda_install_library target)
     set_target_properties(${target} PROPERTIES
         VERSION ${PROJECT_VERSION}
         SOVERSION ${PROJECT_VERSION_MAJOR})
     install(TARGETS ${target} EXPORT KeldaClientTargets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libraries NAMELINK_COMPONENT development
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT libraries
         INCLUDES DESTINATION ${KELDA_INSTALL_INCLUDEDIR})
     if(ARGN)
-        install(FILES ${ARGN} DESTINATION ${KELDA_INSTALL_INCLUDEDIR})
+        install(FILES ${ARGN} DESTINATION ${KELDA_INSTALL_INCLUDEDIR} COMPONENT development)
     endif()
 endfunction()
 

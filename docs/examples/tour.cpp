@@ -37,21 +37,6 @@ int fail(ExitCode code, const QString &text)
     return code;
 }
 
-//! [connect]
-// The constructor returns at once; connected() follows when the server has
-// answered. A client needs the event loop of its thread for its signals.
-bool waitForConnection(Kelda::KeldaClient &client, int timeoutMs)
-{
-    if (client.IsConnected())
-        return true;
-    QEventLoop loop;
-    QObject::connect(&client, &Kelda::KeldaClient::connected, &loop, &QEventLoop::quit);
-    QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
-    loop.exec();
-    return client.IsConnected();
-}
-//! [connect]
-
 //! [store]
 // Stores a local file as a new file group of one file and returns its URL,
 // kelda:///<guid>/<file id>; empty on failure.
@@ -207,9 +192,15 @@ int main(int argc, char *argv[])
     if (!Kelda::KeldaClient::IsKeldaAvailable())
         return fail(Unavailable, QStringLiteral("no server configured: give --host, or set ServerHost in the "
                                                 "[KELDA] group of the configuration"));
-    if (!waitForConnection(*client, timeoutMs))
+    //! [connect]
+    // The constructor returned at once; the client connects in the background
+    // and reconnects by itself. WaitForConnected() runs a local event loop
+    // until connected() or the time limit: a client needs the event loop of
+    // its thread for its signals.
+    if (!client->WaitForConnected(timeoutMs))
         return fail(Unavailable, QStringLiteral("no connection to %1:%2 within %3 ms")
                                      .arg(client->GetHost()).arg(client->GetPort()).arg(timeoutMs));
+    //! [connect]
     say(QStringLiteral("connected to %1:%2").arg(client->GetHost()).arg(client->GetPort()));
 
     const QString url = storeFile(*client, path);

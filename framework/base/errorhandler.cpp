@@ -5,7 +5,10 @@
 #include <QThread>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <memory>
 #include <mutex>
 
 namespace {
@@ -38,12 +41,37 @@ QString ErrorHandler::EscapeControls(const QString &text)
     return escaped;
 }
 
+namespace {
+
+struct FileCloser
+{
+    void operator()(std::FILE *file) const { std::fclose(file); }
+};
+// A C stream rather than a QFile: Reopen() may replace it from any thread,
+// and a QObject belongs to the thread that made it.
+using TraceFile = std::unique_ptr<std::FILE, FileCloser>;
+
+// An open file, or null after telling stderr why not and where traces go
+// instead.
+TraceFile openTraceFile(const QString &path, const char *fallback)
+{
+    // Close-on-exec ("e"), as a QFile would: children must not hold it.
+    TraceFile file(std::fopen(QFile::encodeName(path).constData(), "ae"));
+    if (!file)
+        std::fprintf(stderr, "Cannot open trace file %s: %s; tracing to %s\n", qPrintable(path),
+                     std::strerror(errno), fallback);
+    return file;
+}
+
+} // namespace
+
 // The standard mutex rather than QMutex: thread checkers see it.
 struct ErrorHandler::Sink
 {
     std::mutex mutex;
     TraceHook hook;
-    QFile file;
+    QString path;
+    TraceFile file;
 };
 
 ErrorHandler *ErrorHandler::Instance()
@@ -56,13 +84,21 @@ ErrorHandler::ErrorHandler()
     : m_level(LevelFromText(qEnvironmentVariable("KELDA_TRACE_MASK"), kDefaultLevel))
     , m_sink(new Sink)
 {
-    const QString path = qEnvironmentVariable("KELDA_TRACE_FILE");
-    if (!path.isEmpty()) {
-        m_sink->file.setFileName(path);
-        if (!m_sink->file.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Text))
-            std::fprintf(stderr, "Cannot open trace file %s: %s; tracing to stderr\n",
-                         qPrintable(path), qPrintable(m_sink->file.errorString()));
-    }
+    m_sink->path = qEnvironmentVariable("KELDA_TRACE_FILE");
+    if (!m_sink->path.isEmpty())
+        m_sink->file = openTraceFile(m_sink->path, "stderr");
+}
+
+bool ErrorHandler::Reopen()
+{
+    const std::lock_guard<std::mutex> lock(m_sink->mutex);
+    if (m_sink->path.isEmpty())
+        return true;
+    TraceFile file = openTraceFile(m_sink->path, m_sink->file ? "the file open before" : "stderr");
+    if (!file)
+        return false;
+    m_sink->file = std::move(file);
+    return true;
 }
 
 quint32 ErrorHandler::LevelFromText(const QString &text, quint32 fallback)
@@ -96,10 +132,7 @@ void ErrorHandler::Write(const QString &text, const char *sourceFile, int line)
                                       threadName, QString::fromUtf8(sourceFile ? sourceFile : ""),
                                       QString::number(line), EscapeControls(text))
                                  .toUtf8();
-    if (m_sink->file.isOpen()) {
-        m_sink->file.write(entry);
-        m_sink->file.flush();
-    } else {
-        std::fwrite(entry.constData(), 1, size_t(entry.size()), stderr);
-    }
+    std::FILE *stream = m_sink->file ? m_sink->file.get() : stderr;
+    std::fwrite(entry.constData(), 1, size_t(entry.size()), stream);
+    std::fflush(stream);
 }

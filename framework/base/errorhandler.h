@@ -12,7 +12,8 @@
 //
 // The mask starts from the environment variable KELDA_TRACE_MASK (decimal, or
 // hexadecimal with a 0x prefix; default 0x20). Traces go to stderr, or to the
-// file named by KELDA_TRACE_FILE when that is set.
+// file named by KELDA_TRACE_FILE when that is set (appended to; Reopen()
+// starts a new file under that name once log rotation has moved the old one).
 class FRAMEWORKBASE_EXPORT ErrorHandler
 {
 public:
@@ -39,6 +40,14 @@ public:
     // is.
     void Write(const QString &text, const char *sourceFile, int line);
     static QString EscapeControls(const QString &text);
+
+    // Opens the trace file named by KELDA_TRACE_FILE again, so that a file
+    // that log rotation renamed or deleted is followed by a new one under the
+    // same name. Safe from any thread; no trace is lost or split between the
+    // files. When the file cannot be opened, traces keep going where they
+    // went, a note says why on stderr, and the result is false. Without a
+    // trace file there is nothing to do and the result is true.
+    bool Reopen();
 
     static quint32 LevelFromText(const QString &text, quint32 fallback);
 

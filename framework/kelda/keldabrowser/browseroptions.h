@@ -25,6 +25,10 @@ struct BrowserOptions
     // Non-empty: render every dialog into this folder and exit.
     QString screenshotDir;
     int connectTimeoutMs = 0;
+    // Over the configuration's TLS files when the authority is given.
+    QString tlsCaFile;
+    QString tlsCertFile;
+    QString tlsKeyFile;
 };
 
 // What the command line asks for: options to run with, a help text to

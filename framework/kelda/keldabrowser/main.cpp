@@ -21,17 +21,6 @@ void print(FILE *stream, const QString &text)
     std::fputs(qPrintable(text), stream);
 }
 
-bool waitForConnection(Kelda::KeldaClient &client, int timeoutMs)
-{
-    if (client.IsConnected())
-        return true;
-    QEventLoop loop;
-    QObject::connect(&client, &Kelda::KeldaClient::connected, &loop, &QEventLoop::quit);
-    QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
-    loop.exec();
-    return client.IsConnected();
-}
-
 // The browser's own window with the sample group's first file picked.
 void grabBrowserWindow(Kelda::KeldaClient &client, const BrowserOptions &options, ScreenshotResult &result)
 {
@@ -55,7 +44,7 @@ void grabBrowserWindow(Kelda::KeldaClient &client, const BrowserOptions &options
 
 int renderAndExit(Kelda::KeldaClient &client, const BrowserOptions &options)
 {
-    if (!waitForConnection(client, options.connectTimeoutMs)) {
+    if (!client.WaitForConnected(options.connectTimeoutMs)) {
         print(stderr, QStringLiteral("keldabrowser: cannot reach the archive server at %1:%2 within %3 s; "
                                      "is keldaserver running there?\n")
                           .arg(options.host)
@@ -117,6 +106,8 @@ int main(int argc, char *argv[])
     }
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("keldabrowser"));
+    if (!options.tlsCaFile.isEmpty())
+        Kelda::KeldaClient::SetTlsFiles(options.tlsCaFile, options.tlsCertFile, options.tlsKeyFile);
     Kelda::KeldaClient client(options.host, options.port, QStringLiteral("keldabrowser"), Kelda::LoginName(), QString());
     if (!options.screenshotDir.isEmpty())
         return renderAndExit(client, options);

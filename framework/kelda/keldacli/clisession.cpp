@@ -10,9 +10,21 @@
 
 #include <cstdio>
 
+#include <unistd.h>
+
 using namespace Kelda;
 
 namespace KeldaCli {
+
+QString serverErrorText(int error, const QString &serverText)
+{
+    const QString text = KeldaErrorString::Get(KeldaError(error)).trimmed();
+    QString message = text;
+    // The client's own reply texts often repeat the code's text already.
+    if (!serverText.trimmed().isEmpty() && !serverText.contains(text))
+        message += QStringLiteral(": ") + serverText.trimmed();
+    return message + QStringLiteral(" (error %1)").arg(error);
+}
 
 ConnectionSettings defaultConnectionSettings()
 {
@@ -39,18 +51,11 @@ Session::~Session()
 
 ExitCode Session::connect()
 {
+    if (!m_settings.tlsCaFile.isEmpty())
+        KeldaClient::SetTlsFiles(m_settings.tlsCaFile, m_settings.tlsCertFile, m_settings.tlsKeyFile);
     m_client = std::make_unique<KeldaClient>(m_settings.host, m_settings.port, m_settings.application,
                                              m_settings.user, m_settings.team);
-    if (m_client->IsConnected())
-        return ExitOk;
-    QEventLoop loop;
-    QTimer timer;
-    timer.setSingleShot(true);
-    QObject::connect(m_client.get(), &KeldaClient::connected, &loop, &QEventLoop::quit);
-    QObject::connect(&timer, &QTimer::timeout, &loop, &QEventLoop::quit);
-    timer.start(m_settings.connectTimeoutMs);
-    loop.exec();
-    if (m_client->IsConnected())
+    if (m_client->WaitForConnected(m_settings.connectTimeoutMs))
         return ExitOk;
     return fail(ExitUnreachable, QStringLiteral("cannot reach the archive server at %1:%2 within %3 ms "
                                                 "(is it running? see --host, --port, --connect-timeout)")
@@ -75,12 +80,7 @@ ExitCode Session::fail(ExitCode code, const QString &message)
 
 ExitCode Session::serverError(int error, const QString &serverText)
 {
-    const QString text = KeldaErrorString::Get(KeldaError(error)).trimmed();
-    QString message = text;
-    // The client's own reply texts often repeat the code's text already.
-    if (!serverText.trimmed().isEmpty() && !serverText.contains(text))
-        message += QStringLiteral(": ") + serverText.trimmed();
-    return fail(ExitServerError, message + QStringLiteral(" (error %1)").arg(error));
+    return fail(ExitServerError, serverErrorText(error, serverText));
 }
 
 ExitCode Session::blockingFailure()
@@ -99,6 +99,23 @@ ExitCode Session::waitResult(ExitCode code)
     if (code == ExitTimeout)
         return fail(code, KeldaErrorString::Get(KE_ReplyTimeout));
     return code;
+}
+
+Progress Session::progress(const QString &label) const
+{
+    return Progress(label, stderr, m_verbosity != Verbosity::Quiet);
+}
+
+void Session::inform(const QString &line) const
+{
+    if (m_verbosity == Verbosity::Verbose || (m_verbosity == Verbosity::Normal && isatty(fileno(stderr)) == 1))
+        std::fprintf(stderr, "%s\n", qPrintable(line));
+}
+
+void Session::detail(const QString &line) const
+{
+    if (m_verbosity == Verbosity::Verbose)
+        std::fprintf(stderr, "%s\n", qPrintable(line));
 }
 
 ReplyWait::ReplyWait(KeldaClient &client)

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "exitcode.h"
+#include "progress.h"
+#include "verbosity.h"
 
 #include "keldaerror.h"
 
@@ -26,11 +28,20 @@ struct ConnectionSettings
     QString user;
     QString team;
     int connectTimeoutMs = 5000;
+    // Over the configuration's TlsCaFile, TlsCertFile and TlsKeyFile when
+    // set; an empty authority leaves TLS as configured.
+    QString tlsCaFile;
+    QString tlsCertFile;
+    QString tlsKeyFile;
 };
 
 // The defaults of the global options: host and port from the configuration,
 // the program's name as application, the login name as user.
 ConnectionSettings defaultConnectionSettings();
+
+// The text of a server's error code, the server's own text when it says
+// more, and the number.
+QString serverErrorText(int error, const QString &serverText = QString());
 
 // One run of a subcommand: its name for messages, the output streams and,
 // once connect() succeeded, the client.
@@ -62,9 +73,19 @@ public:
     // Reports what ReplyWait::exec returned, unless it is ExitOk.
     ExitCode waitResult(ExitCode code);
 
+    void setVerbosity(Verbosity verbosity) { m_verbosity = verbosity; }
+    Verbosity verbosity() const { return m_verbosity; }
+    // A progress display that stays off with --quiet.
+    Progress progress(const QString &label) const;
+    // A summary line on stderr: on a terminal, and always with --verbose.
+    void inform(const QString &line) const;
+    // A line on stderr with --verbose only.
+    void detail(const QString &line) const;
+
 private:
     QString m_command;
     ConnectionSettings m_settings;
+    Verbosity m_verbosity = Verbosity::Normal;
     std::unique_ptr<Kelda::KeldaClient> m_client;
     QTextStream m_out;
 };

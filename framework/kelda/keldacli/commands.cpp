@@ -2,24 +2,21 @@
 
 #include "clisession.h"
 #include "cliformat.h"
+#include "commandsupport.h"
+#include "completion.h"
+#include "getcommand.h"
+#include "importcheck.h"
 #include "progress.h"
+#include "putcommand.h"
 #include "queryoptions.h"
 
 #include "filequery.h"
 #include "keldaclient.h"
-#include "keldafile.h"
 #include "keldaurl.h"
 
 #include <QCommandLineParser>
-#include <QDateTime>
-#include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
-#include <QRegularExpression>
-#include <QSaveFile>
-#include <QSet>
-
-#include <functional>
 
 using namespace Kelda;
 
@@ -28,312 +25,17 @@ namespace KeldaCli {
 namespace {
 
 const QString kJson = QStringLiteral("json");
-const QString kOutput = QStringLiteral("output");
 const QString kTo = QStringLiteral("to");
 const QString kAll = QStringLiteral("all");
 const QString kWide = QStringLiteral("wide");
-const QString kType = QStringLiteral("type");
-const QString kName = QStringLiteral("name");
-const QString kVersion = QStringLiteral("version");
-const QString kComment = QStringLiteral("comment");
-const QString kDetail = QStringLiteral("detail");
-const QString kDays = QStringLiteral("lifecycle-days");
-const QString kStdout = QStringLiteral("-");
 
-constexpr unsigned int kDefaultLifeCycleDays = 30;
 constexpr int kMovePollMs = 250;
 // A move that shows no change for this long has stalled.
 constexpr qint64 kMoveStallMs = ReplyWait::kReplyTimeoutMs;
 
-bool isGuid(const QString &text)
-{
-    static const QRegularExpression guid(QStringLiteral(
-        "^[0-9a-fA-F]{8}-[0-9a-fA-F]{4}-[0-9a-fA-F]{4}-[0-9a-fA-F]{4}-[0-9a-fA-F]{12}$"));
-    return guid.match(text).hasMatch();
-}
-
-// A GUID or a kelda URL; `url` is the group's URL for a bare GUID.
-bool readTarget(const QString &text, KeldaUrl &url)
-{
-    if (isGuid(text)) {
-        url = KeldaUrl::fromKeldaGuid(text);
-        return true;
-    }
-    url = KeldaUrl(text);
-    return url.isKeldaUrl() && isGuid(url.toKeldaGuid()) && (!url.hasKeldaFileId() || url.toKeldaFileId() > 0);
-}
-
-ExitCode expectArguments(const QCommandLineParser &parser, Session &session, int min, int max)
-{
-    const int count = parser.positionalArguments().size();
-    if (count >= min && (max < 0 || count <= max))
-        return ExitOk;
-    const QString expected = min == max ? QString::number(min)
-                             : max < 0  ? QStringLiteral("at least %1").arg(min)
-                                        : QStringLiteral("%1 to %2").arg(min).arg(max);
-    return session.fail(ExitUsage, QStringLiteral("expected %1 argument(s), got %2; see --help").arg(expected).arg(count));
-}
-
-// The single GUID argument of the group commands.
-ExitCode guidArgument(const QCommandLineParser &parser, Session &session, QString &guid)
-{
-    if (const ExitCode code = expectArguments(parser, session, 1, 1))
-        return code;
-    guid = parser.positionalArguments().constFirst();
-    if (!isGuid(guid))
-        return session.fail(ExitUsage, QStringLiteral("'%1' is not a file group GUID").arg(guid));
-    return ExitOk;
-}
-
 void addJsonOption(QCommandLineParser &parser)
 {
     parser.addOption({kJson, QStringLiteral("Print one JSON document.")});
-}
-
-// Sends one request and waits for its reply signal. `send` returns the
-// request id; `signal` is connected to `onReply`, which returns true for
-// the reply of that id.
-template <typename Signal, typename OnReply>
-ExitCode request(Session &session, Signal signal, const std::function<QString()> &send, OnReply onReply)
-{
-    // A dropped connection would otherwise only show after the full wait for
-    // operations that return no request id.
-    if (!session.client().IsConnected())
-        return session.blockingFailure();
-    ReplyWait wait(session.client());
-    QString requestId;
-    QObject::connect(&session.client(), signal, &wait, [&](auto... args) {
-        if (onReply(requestId, args...))
-            wait.finish();
-    });
-    requestId = send();
-    if (requestId.isEmpty())
-        return session.blockingFailure();
-    return session.waitResult(wait.exec());
-}
-
-// The reply of a three-argument signal (request id, error, text).
-struct Outcome
-{
-    int error = 0;
-    QString text;
-};
-
-template <typename Signal>
-ExitCode simpleRequest(Session &session, Signal signal, const std::function<QString()> &send, bool anyRequestId = false)
-{
-    Outcome outcome;
-    const ExitCode code = request(session, signal, send, [&](const QString &expected, QString id, int error, QString text) {
-        if (!anyRequestId && id != expected)
-            return false;
-        outcome = {error, text};
-        return true;
-    });
-    if (code != ExitOk)
-        return code;
-    return outcome.error == KE_NoError ? ExitOk : session.serverError(outcome.error, outcome.text);
-}
-
-// Operations that return no request id are matched by their signal alone;
-// this stands for the id so that request() sees something was sent.
-const QString kUnnamedRequest = QStringLiteral("unnamed");
-
-ExitCode queryMetaData(Session &session, const QString &guid, FileGroupData &group)
-{
-    Outcome outcome;
-    const ExitCode code = request(
-        session, &KeldaClient::QueryMetaDataSg,
-        [&] { return session.client().QueryMetaDataAsync(guid, session.settings().application); },
-        [&](const QString &expected, QString id, FileGroupData data, int error, QString text) {
-            if (id != expected)
-                return false;
-            group = data;
-            outcome = {error, text};
-            return true;
-        });
-    if (code != ExitOk)
-        return code;
-    return outcome.error == KE_NoError ? ExitOk : session.serverError(outcome.error, outcome.text);
-}
-
-// ---------------------------------------------------------------- put
-
-void putOptions(QCommandLineParser &parser)
-{
-    parser.addPositionalArgument(QStringLiteral("FILE"), QStringLiteral("Local files to store as one file group."),
-                                 QStringLiteral("FILE..."));
-    parser.addOption({{QStringLiteral("t"), kType},
-                      QStringLiteral("File type: a number or its text, e.g. 8 or \"Scan Recording\" (default 0)."),
-                      QStringLiteral("TYPE")});
-    parser.addOption({{QStringLiteral("n"), kName},
-                      QStringLiteral("File group name (default: the first file's name)."), QStringLiteral("NAME")});
-    parser.addOption({kVersion, QStringLiteral("Version text."), QStringLiteral("VERSION")});
-    parser.addOption({kComment, QStringLiteral("Comment."), QStringLiteral("TEXT")});
-    parser.addOption({kDetail, QStringLiteral("Detail text."), QStringLiteral("TEXT")});
-    parser.addOption({{QStringLiteral("days"), kDays},
-                      QStringLiteral("Life cycle in days from now (default %1).").arg(kDefaultLifeCycleDays),
-                      QStringLiteral("DAYS")});
-}
-
-ExitCode checkPutFiles(const QStringList &files, Session &session, quint64 &totalBytes)
-{
-    QSet<QString> names;
-    for (const QString &path : files) {
-        const QFileInfo info(path);
-        if (!info.isFile() || !info.isReadable())
-            return session.fail(ExitLocalFile, QStringLiteral("cannot read '%1': not a readable file").arg(path));
-        if (names.contains(info.fileName()))
-            return session.fail(ExitUsage,
-                                QStringLiteral("two files are named '%1'; a group holds one file per name")
-                                    .arg(info.fileName()));
-        names.insert(info.fileName());
-        totalBytes += quint64(info.size());
-    }
-    return ExitOk;
-}
-
-ExitCode copyFile(const QString &from, const QString &to, Session &session)
-{
-    QFile in(from);
-    if (!in.open(QIODevice::ReadOnly))
-        return session.fail(ExitLocalFile, QStringLiteral("cannot read '%1': %2").arg(from, in.errorString()));
-    QSaveFile out(to);
-    if (!out.open(QIODevice::WriteOnly))
-        return session.fail(ExitLocalFile, QStringLiteral("cannot write '%1': %2").arg(to, out.errorString()));
-    Progress progress(QFileInfo(from).fileName());
-    QString error;
-    if (!copyWithProgress(in, out, in.size(), progress, error) || !out.commit()) {
-        return session.fail(ExitLocalFile, QStringLiteral("copying '%1' to '%2': %3")
-                                               .arg(from, to, error.isEmpty() ? out.errorString() : error));
-    }
-    return ExitOk;
-}
-
-ExitCode runPut(const QCommandLineParser &parser, Session &session)
-{
-    if (const ExitCode code = expectArguments(parser, session, 1, -1))
-        return code;
-    const QStringList files = parser.positionalArguments();
-    FileType type = FT_Unknown;
-    if (parser.isSet(kType) && !parseFileType(parser.value(kType), type))
-        return session.fail(ExitUsage, QStringLiteral("unknown file type '%1'").arg(parser.value(kType)));
-    unsigned int days = kDefaultLifeCycleDays;
-    if (parser.isSet(kDays)) {
-        bool ok = false;
-        days = parser.value(kDays).toUInt(&ok);
-        if (!ok)
-            return session.fail(ExitUsage, QStringLiteral("--%1 takes a number of days").arg(kDays));
-    }
-    quint64 totalBytes = 0;
-    if (const ExitCode code = checkPutFiles(files, session, totalBytes))
-        return code;
-    if (const ExitCode code = session.connect())
-        return code;
-
-    KeldaClient &client = session.client();
-    const QString name = parser.isSet(kName) ? parser.value(kName) : QFileInfo(files.constFirst()).fileName();
-    QString groupPath;
-    const QString guid = client.CreateFileGroup(parser.value(kVersion), QDateTime::currentDateTime().addDays(days),
-                                                parser.value(kDetail), parser.value(kComment), type, totalBytes, name,
-                                                groupPath);
-    if (guid.isEmpty())
-        return session.blockingFailure();
-
-    for (const QString &path : files) {
-        const QString fileName = QFileInfo(path).fileName();
-        if (const ExitCode code = copyFile(path, QDir(groupPath).filePath(fileName), session))
-            return code;
-        const unsigned int fileId = client.AddFile(fileName, guid);
-        if (fileId == 0)
-            return session.blockingFailure();
-        session.out() << KeldaUrl::fromKeldaIds(guid, fileId).toString() << '\n';
-        session.out().flush();
-    }
-    return ExitOk;
-}
-
-// ---------------------------------------------------------------- get
-
-void getOptions(QCommandLineParser &parser)
-{
-    parser.addPositionalArgument(QStringLiteral("URL"),
-                                 QStringLiteral("kelda:///GUID/ID of the file (a group URL means its first file)."));
-    parser.addOption({{QStringLiteral("o"), kOutput},
-                      QStringLiteral("Destination file, or a directory to put the file in; - for stdout "
-                                     "(default: the file's name in the current directory)."),
-                      QStringLiteral("DEST")});
-}
-
-QString destinationFor(const QCommandLineParser &parser, const QString &archivedPath)
-{
-    const QString fileName = QFileInfo(archivedPath).fileName();
-    if (!parser.isSet(kOutput))
-        return fileName;
-    const QString dest = parser.value(kOutput);
-    return QFileInfo(dest).isDir() ? QDir(dest).filePath(fileName) : dest;
-}
-
-ExitCode copyOut(QFile &in, const QString &dest, Session &session)
-{
-    Progress progress(QFileInfo(in.fileName()).fileName());
-    QString error;
-    if (dest == kStdout) {
-        QFile out;
-        session.out().flush();
-        if (!out.open(stdout, QIODevice::WriteOnly) || !copyWithProgress(in, out, in.size(), progress, error))
-            return session.fail(ExitLocalFile, QStringLiteral("writing to stdout: %1").arg(error));
-        return ExitOk;
-    }
-    QSaveFile out(dest);
-    if (!out.open(QIODevice::WriteOnly))
-        return session.fail(ExitLocalFile, QStringLiteral("cannot write '%1': %2").arg(dest, out.errorString()));
-    if (!copyWithProgress(in, out, in.size(), progress, error) || !out.commit())
-        return session.fail(ExitLocalFile, QStringLiteral("writing '%1': %2")
-                                               .arg(dest, error.isEmpty() ? out.errorString() : error));
-    return ExitOk;
-}
-
-// Closes the file and waits for the server's answer, so that the lock is
-// gone when the program ends.
-ExitCode closeAndWait(KeldaFile &file, Session &session)
-{
-    return simpleRequest(
-        session, &KeldaClient::CloseFileSg,
-        [&] {
-            file.close();
-            return kUnnamedRequest;
-        },
-        true);
-}
-
-ExitCode runGet(const QCommandLineParser &parser, Session &session)
-{
-    if (const ExitCode code = expectArguments(parser, session, 1, 1))
-        return code;
-    KeldaUrl url;
-    if (!readTarget(parser.positionalArguments().constFirst(), url))
-        return session.fail(ExitUsage, QStringLiteral("'%1' is not a kelda:///GUID/ID URL")
-                                           .arg(parser.positionalArguments().constFirst()));
-    if (const ExitCode code = session.connect())
-        return code;
-
-    const unsigned int fileId = url.hasKeldaFileId() ? url.toKeldaFileId() : 1u;
-    KeldaFile file(&session.client(), url.toKeldaGuid(), fileId);
-    if (!file.open(QIODevice::ReadOnly)) {
-        if (file.GetError() != KE_NoError)
-            return session.serverError(file.GetError());
-        if (file.fileName().isEmpty())
-            return session.blockingFailure();
-    }
-    ExitCode code = ExitOk;
-    if (!file.isOpen()) {
-        code = session.fail(ExitLocalFile, QStringLiteral("cannot read the archived copy '%1': %2")
-                                                .arg(file.fileName(), file.errorString()));
-    } else {
-        code = copyOut(file, destinationFor(parser, file.fileName()), session);
-    }
-    const ExitCode closed = closeAndWait(file, session);
-    return code != ExitOk ? code : closed;
 }
 
 // ---------------------------------------------------------------- ls
@@ -425,6 +127,31 @@ void rmOptions(QCommandLineParser &parser)
     parser.addPositionalArgument(QStringLiteral("TARGET"),
                                  QStringLiteral("kelda:///GUID/ID deletes one file; GUID or kelda:///GUID the group."),
                                  QStringLiteral("URL|GUID"));
+    addDryRunOption(parser);
+}
+
+// The group as the server has it, for what rm --dry-run would delete.
+ExitCode describeRemoval(Session &session, const KeldaUrl &url)
+{
+    FileGroupData group;
+    if (const ExitCode code = queryMetaData(session, url.toKeldaGuid(), group))
+        return code;
+    if (!url.hasKeldaFileId()) {
+        session.out() << QStringLiteral("would delete group \"%1\" (%2) with %3\n")
+                             .arg(group.getFileGroupName(), group.getGuid(),
+                                  countText(qint64(group.getFileList().size()), "file"));
+        return ExitOk;
+    }
+    for (const FileGroupData::FileEntry &file : group.getFileList()) {
+        if (unsigned(file.second) == url.toKeldaFileId()) {
+            session.out() << QStringLiteral("would delete %1 (%2) of group \"%3\"\n")
+                                 .arg(file.first, url.toString(), group.getFileGroupName());
+            return ExitOk;
+        }
+    }
+    return session.serverError(KE_FileGroupIdNotFound, QStringLiteral("File group %1 holds no file %2")
+                                                           .arg(url.toKeldaGuid())
+                                                           .arg(url.toKeldaFileId()));
 }
 
 ExitCode runRm(const QCommandLineParser &parser, Session &session)
@@ -437,6 +164,8 @@ ExitCode runRm(const QCommandLineParser &parser, Session &session)
                                            .arg(parser.positionalArguments().constFirst()));
     if (const ExitCode code = session.connect())
         return code;
+    if (parser.isSet(kDryRunOption))
+        return describeRemoval(session, url);
     KeldaClient &client = session.client();
     if (url.hasKeldaFileId())
         return simpleRequest(session, &KeldaClient::DeleteFileNameSg, [&] { return client.DeleteFileName(url); });
@@ -657,6 +386,7 @@ void importOptions(QCommandLineParser &parser)
                                  QStringLiteral("Exported archives to import, below the server's exchange folder; a "
                                                 "relative path is taken below that folder."),
                                  QStringLiteral("DIR..."));
+    addDryRunOption(parser);
 }
 
 ExitCode runImport(const QCommandLineParser &parser, Session &session)
@@ -665,6 +395,18 @@ ExitCode runImport(const QCommandLineParser &parser, Session &session)
         return code;
     // The server resolves the paths below its exchange folder, not here.
     const QStringList items = parser.positionalArguments();
+    if (parser.isSet(kDryRunOption)) {
+        // Only what this machine sees can be checked without the server.
+        QStringList local;
+        for (const QString &dir : items) {
+            if (!QFileInfo::exists(dir))
+                return session.fail(ExitLocalFile, QStringLiteral("'%1' is not visible here; a dry run checks only "
+                                                                  "archives this machine sees")
+                                                       .arg(dir));
+            local.append(QFileInfo(dir).absoluteFilePath());
+        }
+        return checkImport(local, session);
+    }
     if (const ExitCode code = session.connect())
         return code;
     return simpleRequest(session, &KeldaClient::importArchiveSg,
@@ -676,8 +418,10 @@ ExitCode runImport(const QCommandLineParser &parser, Session &session)
 const std::vector<Command> &commands()
 {
     static const std::vector<Command> table = {
-        {"put", "FILE...", "Store local files as one new file group; prints a URL per file.", putOptions, runPut},
-        {"get", "URL", "Fetch an archived file under a read lock.", getOptions, runGet},
+        {"put", "FILE...", "Store local files (folders with -r) as a new file group; prints a URL per file.",
+         putOptions, runPut},
+        {"get", "URL|GUID", "Fetch an archived file, or every file of a group, under a read lock.", getOptions,
+         runGet},
         {"ls", "", "List the file groups that match a query.", lsOptions, runLs},
         {"files", "GUID", "List the files of a group.", groupJsonOptions, runFiles},
         {"info", "GUID", "Show the metadata of a group.", groupJsonOptions, runInfo},
@@ -692,6 +436,7 @@ const std::vector<Command> &commands()
          exportOptions, runExport},
         {"import", "DIR...", "Import exported archives from below the server's exchange folder.", importOptions,
          runImport},
+        {"completion", "bash|zsh|fish", "Print a shell completion script.", completionOptions, runCompletion},
     };
     return table;
 }

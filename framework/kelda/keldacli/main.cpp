@@ -1,6 +1,8 @@
 #include "clisession.h"
 #include "commands.h"
+#include "environment.h"
 #include "exitcode.h"
+#include "globaloptions.h"
 
 #include "errorhandler.h"
 
@@ -13,13 +15,9 @@ using namespace KeldaCli;
 
 namespace {
 
-const QString kHost = QStringLiteral("host");
-const QString kPort = QStringLiteral("port");
-const QString kApp = QStringLiteral("app");
-const QString kUser = QStringLiteral("user");
-const QString kTeam = QStringLiteral("team");
-const QString kConnectTimeout = QStringLiteral("connect-timeout");
 const QString kHelp = QStringLiteral("help");
+// Wide enough for the longest command name.
+constexpr int kCommandColumn = 10;
 
 void print(FILE *stream, const QString &text)
 {
@@ -36,49 +34,8 @@ QString commandList()
 {
     QString text = QStringLiteral("Commands:\n");
     for (const Command &command : commands())
-        text += QStringLiteral("  %1  %2\n").arg(QString::fromLatin1(command.name).leftJustified(8), QLatin1String(command.summary));
+        text += QStringLiteral("  %1  %2\n").arg(QString::fromLatin1(command.name).leftJustified(kCommandColumn), QLatin1String(command.summary));
     return text + QStringLiteral("\n'kelda COMMAND --help' describes a command and its options.\n");
-}
-
-void addGlobalOptions(QCommandLineParser &parser, const ConnectionSettings &defaults)
-{
-    parser.addOption({kHost, QStringLiteral("Archive server host (default %1).").arg(defaults.host),
-                      QStringLiteral("HOST"), defaults.host});
-    parser.addOption({kPort, QStringLiteral("Archive server port (default %1).").arg(defaults.port),
-                      QStringLiteral("PORT"), QString::number(defaults.port)});
-    parser.addOption({kApp, QStringLiteral("Application name sent with requests; ref and unref reference as it "
-                                           "(default %1).").arg(defaults.application),
-                      QStringLiteral("NAME"), defaults.application});
-    parser.addOption({kUser, QStringLiteral("User name sent with requests (default %1).").arg(defaults.user),
-                      QStringLiteral("NAME"), defaults.user});
-    parser.addOption({kTeam, QStringLiteral("Team membership sent with requests."), QStringLiteral("TEAM")});
-    parser.addOption({kConnectTimeout,
-                      QStringLiteral("Seconds to wait for the server's handshake (default %1).")
-                          .arg(defaults.connectTimeoutMs / 1000),
-                      QStringLiteral("SECONDS"), QString::number(defaults.connectTimeoutMs / 1000)});
-    parser.addOption({{QStringLiteral("h"), kHelp}, QStringLiteral("Show this help.")});
-}
-
-bool readSettings(const QCommandLineParser &parser, ConnectionSettings &settings, QString &error)
-{
-    settings.host = parser.value(kHost);
-    bool ok = false;
-    const uint port = parser.value(kPort).toUInt(&ok);
-    if (!ok || port == 0 || port > 65535) {
-        error = QStringLiteral("--port takes a TCP port (1-65535), not '%1'").arg(parser.value(kPort));
-        return false;
-    }
-    settings.port = quint16(port);
-    const double seconds = parser.value(kConnectTimeout).toDouble(&ok);
-    if (!ok || seconds <= 0 || seconds > 60) {
-        error = QStringLiteral("--connect-timeout takes 0 to 60 seconds, not '%1'").arg(parser.value(kConnectTimeout));
-        return false;
-    }
-    settings.connectTimeoutMs = int(seconds * 1000);
-    settings.application = parser.value(kApp);
-    settings.user = parser.value(kUser);
-    settings.team = parser.value(kTeam);
-    return true;
 }
 
 // The subcommand's own help: its usage line in place of the parser's, which
@@ -92,11 +49,13 @@ QString commandHelp(const Command &command, const QCommandLineParser &parser)
            + text;
 }
 
-int runCommand(const Command &command, const QStringList &arguments, const ConnectionSettings &settings)
+int runCommand(const Command &command, const QStringList &arguments, const ConnectionSettings &settings,
+               Verbosity verbosity)
 {
     QCommandLineParser parser;
     parser.setApplicationDescription(QLatin1String(command.summary));
     parser.addOption({{QStringLiteral("h"), kHelp}, QStringLiteral("Show this help.")});
+    addVerbosityOptions(parser);
     command.addOptions(parser);
     if (!parser.parse(QStringList{QLatin1String(command.name)} + arguments))
         return usageError(QStringLiteral("%1: %2").arg(QLatin1String(command.name), parser.errorText()));
@@ -104,7 +63,11 @@ int runCommand(const Command &command, const QStringList &arguments, const Conne
         print(stdout, commandHelp(command, parser));
         return ExitOk;
     }
+    const QString conflict = verbosityConflict(parser);
+    if (!conflict.isEmpty())
+        return usageError(QStringLiteral("%1: %2").arg(QLatin1String(command.name), conflict));
     Session session(QLatin1String(command.name), settings);
+    session.setVerbosity(verbosityOf(parser, verbosity));
     return command.run(parser, session);
 }
 
@@ -131,7 +94,8 @@ int main(int argc, char *argv[])
 
     const QString help = QStringLiteral("Usage: kelda [global options] COMMAND [arguments...]\n")
                          + parser.helpText().mid(parser.helpText().indexOf(QLatin1Char('\n')) + 1)
-                         + QLatin1Char('\n') + commandList() + QLatin1Char('\n') + QLatin1String(exitCodeHelp());
+                         + QLatin1Char('\n') + commandList() + QLatin1Char('\n') + QLatin1String(environmentHelp())
+                         + QLatin1Char('\n') + QLatin1String(exitCodeHelp());
     if (parser.isSet(kHelp)) {
         print(stdout, help);
         return ExitOk;
@@ -146,7 +110,7 @@ int main(int argc, char *argv[])
 
     ConnectionSettings settings = defaults;
     QString error;
-    if (!readSettings(parser, settings, error))
+    if (!readGlobalOptions(parser, settings, error))
         return usageError(error);
-    return runCommand(*command, arguments, settings);
+    return runCommand(*command, arguments, settings, verbosityOf(parser, Verbosity::Normal));
 }

@@ -19,10 +19,10 @@ QString mebibytes(qint64 bytes)
 
 } // namespace
 
-Progress::Progress(const QString &label, FILE *stream)
+Progress::Progress(const QString &label, FILE *stream, bool allowed)
     : m_label(label)
     , m_stream(stream)
-    , m_enabled(isatty(fileno(stream)) == 1)
+    , m_enabled(allowed && isatty(fileno(stream)) == 1)
 {
     m_sinceDraw.start();
 }

@@ -15,7 +15,8 @@ namespace KeldaCli {
 class Progress
 {
 public:
-    explicit Progress(const QString &label, FILE *stream = stderr);
+    // `allowed` false keeps it off even on a terminal.
+    explicit Progress(const QString &label, FILE *stream = stderr, bool allowed = true);
     ~Progress();
 
     Progress(const Progress &) = delete;

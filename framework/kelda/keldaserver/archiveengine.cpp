@@ -1,6 +1,7 @@
 #include "archiveengine.h"
 
 #include "groupresultxml.h"
+#include "commanddescriptors.h"
 #include "keldaxml.h"
 #include "replywriter.h"
 #include "requestfailure.h"
@@ -133,49 +134,62 @@ QDateTime ArchiveEngine::now()
     return QDateTime::fromMSecsSinceEpoch(ms - ms % 1000);
 }
 
-const QHash<QString, ArchiveEngine::Handler> &ArchiveEngine::handlers()
+ArchiveEngine::Handler ArchiveEngine::handlerFor(const QString &command)
 {
-    static const QHash<QString, Handler> table{
-        {Tag::GetBasePath, &ArchiveEngine::getBasePath},
-        {Tag::CreateFileGroup, &ArchiveEngine::createFileGroup},
-        {Tag::CreateTovinFileGroup, &ArchiveEngine::createTovinFileGroup},
-        {Tag::AddFile, &ArchiveEngine::addFile},
-        {Tag::RequestFile, &ArchiveEngine::requestFile},
-        {Tag::CloseFile, &ArchiveEngine::closeFile},
-        {Tag::DeleteFile, &ArchiveEngine::deleteFile},
-        {Tag::DeleteFileGroup, &ArchiveEngine::deleteFileGroup},
-        {Tag::AddReference, &ArchiveEngine::addReference},
-        {Tag::RemoveReference, &ArchiveEngine::removeReference},
-        {Tag::RemoveAllReferences, &ArchiveEngine::removeAllReferences},
-        {Tag::QueryMetaData, &ArchiveEngine::queryMetaData},
-        {Tag::GetFileList, &ArchiveEngine::getFileList},
-        {Tag::GetUserList, &ArchiveEngine::getUserList},
-        {Tag::GetApplicationList, &ArchiveEngine::getApplicationList},
-        {Tag::QueryFileGroups, &ArchiveEngine::queryFileGroups},
-        {Tag::ExportArchive, &ArchiveEngine::exportArchive},
-        {Tag::ImportArchive, &ArchiveEngine::importArchive},
-        {Tag::MoveToNas, &ArchiveEngine::moveToNas},
-        {Tag::QueryLocationStateProgress, &ArchiveEngine::queryLocationStateProgress},
-        {Tag::CheckFileGroupExists, &ArchiveEngine::checkFileGroupExists},
-        {Tag::GetRemoteStorageLocation, &ArchiveEngine::getRemoteStorageLocation},
-        {Tag::GetTovinFilegroupGuid, &ArchiveEngine::getTovinFilegroupGuid},
-        {Tag::RegisterConverter, &ArchiveEngine::registerConverter},
+    struct Row
+    {
+        ReplyKind kind;
+        Handler handler;
     };
-    return table;
+    // One row for each command that the descriptors say the server carries
+    // out, checked while building.
+    static constexpr Row rows[] = {
+        {ReplyKind::GetBasePath, &ArchiveEngine::getBasePath},
+        {ReplyKind::CreateFileGroup, &ArchiveEngine::createFileGroup},
+        {ReplyKind::CreateTovinFileGroup, &ArchiveEngine::createTovinFileGroup},
+        {ReplyKind::AddFile, &ArchiveEngine::addFile},
+        {ReplyKind::RequestFile, &ArchiveEngine::requestFile},
+        {ReplyKind::CloseFile, &ArchiveEngine::closeFile},
+        {ReplyKind::DeleteFile, &ArchiveEngine::deleteFile},
+        {ReplyKind::DeleteFileGroup, &ArchiveEngine::deleteFileGroup},
+        {ReplyKind::AddReference, &ArchiveEngine::addReference},
+        {ReplyKind::RemoveReference, &ArchiveEngine::removeReference},
+        {ReplyKind::RemoveAllReferences, &ArchiveEngine::removeAllReferences},
+        {ReplyKind::QueryMetaData, &ArchiveEngine::queryMetaData},
+        {ReplyKind::GetFileList, &ArchiveEngine::getFileList},
+        {ReplyKind::GetUserList, &ArchiveEngine::getUserList},
+        {ReplyKind::GetApplicationList, &ArchiveEngine::getApplicationList},
+        {ReplyKind::QueryFileGroups, &ArchiveEngine::queryFileGroups},
+        {ReplyKind::ExportArchive, &ArchiveEngine::exportArchive},
+        {ReplyKind::ImportArchive, &ArchiveEngine::importArchive},
+        {ReplyKind::MoveToNas, &ArchiveEngine::moveToNas},
+        {ReplyKind::QueryLocationStateProgress, &ArchiveEngine::queryLocationStateProgress},
+        {ReplyKind::CheckFileGroupExists, &ArchiveEngine::checkFileGroupExists},
+        {ReplyKind::GetRemoteStorageLocation, &ArchiveEngine::getRemoteStorageLocation},
+        {ReplyKind::GetTovinFilegroupGuid, &ArchiveEngine::getTovinFilegroupGuid},
+        {ReplyKind::RegisterConverter, &ArchiveEngine::registerConverter},
+    };
+    static_assert(OneRowPerCommand(rows, CommandDescriptors), "one handler for each command, and only for those");
+
+    const CommandDescriptor *described = FindCommand(command);
+    if (!described)
+        return nullptr;
+    for (const Row &row : rows) {
+        if (row.kind == described->kind)
+            return row.handler;
+    }
+    return nullptr;
 }
 
 bool ArchiveEngine::isReadOnly(const QString &command)
 {
-    static const QSet<QString> readers{Tag::GetBasePath, Tag::QueryFileGroups, Tag::QueryMetaData, Tag::GetFileList,
-                                       Tag::GetUserList, Tag::GetApplicationList, Tag::CheckFileGroupExists,
-                                       Tag::QueryLocationStateProgress, Tag::GetRemoteStorageLocation,
-                                       Tag::GetTovinFilegroupGuid, Tag::ExportArchive};
-    return readers.contains(command);
+    const CommandDescriptor *described = FindCommand(command);
+    return described && described->effect == Effect::Reads;
 }
 
 bool ArchiveEngine::handle(const Request &request, const RequestOrigin &origin, RequestOutcome &outcome)
 {
-    const Handler handler = handlers().value(request.command);
+    const Handler handler = handlerFor(request.command);
     if (!handler) {
         outcome.reply = ReplyWriter::status(request.command, request.requestId, KE_SoapParsingError,
                                             QStringLiteral("Unknown command %1").arg(request.command));

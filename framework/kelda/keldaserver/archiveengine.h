@@ -60,6 +60,10 @@ struct RequestOrigin
     quint64 connectionId = 0;
     quint64 sequence = 0; // position among the connection's answered requests
     QString localAddress; // the server's address on that connection
+    QString peerAddress;  // the client's address
+    // The user the client's verified certificate names; empty when clients
+    // are not identified by certificate.
+    QString certificateUser;
 };
 
 // The archive's rules: carries out one request against the store and the
@@ -91,7 +95,7 @@ public:
 
 private:
     using Handler = void (ArchiveEngine::*)(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
-    static const QHash<QString, Handler> &handlers();
+    static Handler handlerFor(const QString &command);
 
     StoredGroup requireGroup(const QString &guid);
     void refuseWhileMoving(const StoredGroup &group);

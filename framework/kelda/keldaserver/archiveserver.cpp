@@ -9,6 +9,7 @@
 #include <trace.h>
 
 #include <QDir>
+#include <QSslSocket>
 #include <QTcpSocket>
 #include <QUuid>
 
@@ -258,14 +259,22 @@ void ArchiveServer::restAccepting(const QString &why)
 
 void ArchiveServer::serveConnection(qintptr descriptor)
 {
-    auto *socket = new QTcpSocket;
+    QTcpSocket *socket = m_options.tls.isEnabled() ? new QSslSocket : new QTcpSocket;
     if (!socket->setSocketDescriptor(descriptor)) {
         ::close(int(descriptor));
         delete socket;
         return;
     }
+    if (!m_options.allow.admits(socket->peerAddress())) {
+        traceRefused(QStringLiteral("Refused client %1: its address is not allowed (--allow %2)")
+                         .arg(socket->peerAddress().toString(), m_options.allow.blocks().join(QLatin1String(", --allow "))));
+        socket->abort();
+        delete socket;
+        return;
+    }
     auto *connection = new ClientConnection(m_nextConnectionId++, socket,
-                                            ClientConnection::Limits{m_options.maxFrame, m_options.maxBacklog}, this);
+                                            ClientConnection::Limits{m_options.maxFrame, m_options.maxBacklog},
+                                            &m_options.tls, this);
     if (!admitConnection(connection)) {
         connection->close();
         connection->deleteLater();
@@ -456,6 +465,8 @@ void ArchiveServer::dispatch(Peer &peer, Request request)
     job.origin.connectionId = peer.connection->id();
     job.origin.sequence = peer.nextSequence++;
     job.origin.localAddress = peer.connection->localAddress();
+    job.origin.peerAddress = peer.connection->peerAddress().toString();
+    job.origin.certificateUser = peer.connection->certificateUser();
     job.gate = peer.connection->gate();
     job.readOnly = ArchiveEngine::isReadOnly(request.command);
     job.request = std::move(request);
@@ -530,7 +541,9 @@ void ArchiveServer::watchConnections()
     for (const Peer &peer : qAsConst(m_peers)) {
         ClientConnection *connection = peer.connection;
         QString why;
-        if (connection->frameUnderWayFor() > frameLimit)
+        if (connection->handshakeFor() > frameLimit)
+            why = QStringLiteral("took more than %1 s for its TLS handshake").arg(m_options.frameTimeoutSeconds);
+        else if (connection->frameUnderWayFor() > frameLimit)
             why = QStringLiteral("took more than %1 s to send a message").arg(m_options.frameTimeoutSeconds);
         else if (connection->stalledFor() > frameLimit)
             why = QStringLiteral("read none of its waiting answers for %1 s").arg(m_options.frameTimeoutSeconds);

@@ -2,6 +2,9 @@
 
 #include <trace.h>
 
+#include "servertls.h"
+
+#include <QSslSocket>
 #include <QTcpSocket>
 #include <QTimer>
 #include <QtEndian>
@@ -12,7 +15,8 @@ namespace {
 const char kSource[] = "framework/kelda/keldaserver/clientconnection";
 }
 
-ClientConnection::ClientConnection(quint64 id, QTcpSocket *socket, const Limits &limits, QObject *parent)
+ClientConnection::ClientConnection(quint64 id, QTcpSocket *socket, const Limits &limits, const ServerTls *tls,
+                                   QObject *parent)
     : QObject(parent)
     , m_id(id)
     , m_socket(socket)
@@ -40,6 +44,70 @@ ClientConnection::ClientConnection(quint64 id, QTcpSocket *socket, const Limits 
         }
     });
     Q_TRACE_DETAIL(kSource, QStringLiteral("Client %1 connected").arg(m_peer));
+    if (tls && tls->isEnabled())
+        startEncryption(*tls);
+}
+
+void ClientConnection::startEncryption(const ServerTls &tls)
+{
+    auto *secure = qobject_cast<QSslSocket *>(m_socket);
+    if (!secure) {
+        close();
+        return;
+    }
+    m_identifiesClients = tls.identifiesClients();
+    m_handshake.start();
+    secure->setSslConfiguration(tls.configuration());
+    connect(secure, &QSslSocket::encrypted, this, &ClientConnection::onEncrypted);
+    connect(secure, qOverload<const QList<QSslError> &>(&QSslSocket::sslErrors), this,
+            &ClientConnection::onSslErrors);
+    connect(secure, &QAbstractSocket::errorOccurred, this, &ClientConnection::onSocketError);
+    secure->startServerEncryption();
+}
+
+void ClientConnection::onEncrypted()
+{
+    m_handshake.invalidate();
+    auto *secure = qobject_cast<QSslSocket *>(m_socket);
+    if (m_identifiesClients) {
+        m_certificateUser = ServerTls::userOf(secure->peerCertificate());
+        if (m_certificateUser.isEmpty()) {
+            Q_TRACE_FAILURE(kSource, QStringLiteral("Client %1 shows a certificate without a common name; closing "
+                                                    "its connection")
+                                         .arg(m_peer));
+            close();
+            return;
+        }
+    }
+    Q_TRACE_DETAIL(kSource, QStringLiteral("Client %1 is encrypted%2")
+                                .arg(m_peer, m_certificateUser.isEmpty()
+                                                 ? QString()
+                                                 : QStringLiteral(" as %1").arg(m_certificateUser)));
+    resumeReading();
+}
+
+void ClientConnection::onSslErrors(const QList<QSslError> &errors)
+{
+    QStringList reasons;
+    for (const QSslError &error : errors)
+        reasons.append(error.errorString());
+    Q_TRACE_FAILURE(kSource, QStringLiteral("Client %1 refused: its certificate does not verify: %2")
+                                 .arg(m_peer, reasons.join(QLatin1String("; "))));
+    close();
+}
+
+void ClientConnection::onSocketError()
+{
+    if (!m_handshake.isValid() || m_closed)
+        return;
+    Q_TRACE_FAILURE(kSource, QStringLiteral("TLS handshake with client %1 failed: %2")
+                                 .arg(m_peer, m_socket->errorString()));
+    close();
+}
+
+qint64 ClientConnection::handshakeFor() const
+{
+    return m_handshake.isValid() ? m_handshake.elapsed() : -1;
 }
 
 ClientConnection::~ClientConnection() = default;
@@ -115,7 +183,7 @@ void ClientConnection::resumeReading()
 
 bool ClientConnection::mayRead() const
 {
-    return !m_closed && !m_held && !m_reader.awaitsAdmission() && !m_gate->overBacklog();
+    return !m_closed && !m_held && !m_handshake.isValid() && !m_reader.awaitsAdmission() && !m_gate->overBacklog();
 }
 
 void ClientConnection::scheduleRead()

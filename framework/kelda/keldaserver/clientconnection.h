@@ -11,9 +11,12 @@
 
 #include <memory>
 
+class QSslError;
 class QTcpSocket;
 
 namespace Kelda {
+
+class ServerTls;
 
 // One client's TCP connection: collects its frames and writes its answers.
 //
@@ -33,7 +36,10 @@ public:
         qint64 maxBacklog = 0;
     };
 
-    ClientConnection(quint64 id, QTcpSocket *socket, const Limits &limits, QObject *parent = nullptr);
+    // With tls, the socket is a QSslSocket; nothing is read before its
+    // handshake is done.
+    ClientConnection(quint64 id, QTcpSocket *socket, const Limits &limits, const ServerTls *tls,
+                     QObject *parent = nullptr);
     ~ClientConnection() override;
 
     quint64 id() const { return m_id; }
@@ -42,6 +48,10 @@ public:
     QHostAddress peerAddress() const { return m_peerAddress; }
     QString localAddress() const;
     qintptr descriptor() const;
+    // The user the client's certificate names; empty without one.
+    QString certificateUser() const { return m_certificateUser; }
+    // How long a TLS handshake has been under way; -1 when none is.
+    qint64 handshakeFor() const;
     const std::shared_ptr<ConnectionGate> &gate() const { return m_gate; }
 
     // Frames the answer with its length and queues it on the socket.
@@ -82,6 +92,10 @@ Q_SIGNALS:
     void closed(Kelda::ClientConnection *connection);
 
 private:
+    void startEncryption(const ServerTls &tls);
+    void onEncrypted();
+    void onSslErrors(const QList<QSslError> &errors);
+    void onSocketError();
     void readFrames();
     void scheduleRead();
     bool mayRead() const;
@@ -97,6 +111,9 @@ private:
     QElapsedTimer m_sinceReceived;
     QElapsedTimer m_frameUnderWay;
     QElapsedTimer m_sinceWritten;
+    QElapsedTimer m_handshake;
+    QString m_certificateUser;
+    bool m_identifiesClients = false;
     bool m_backlogged = false;
     bool m_held = false;
     bool m_inRead = false;

@@ -59,6 +59,10 @@ int main(int argc, char *argv[])
     case ServerOptions::Action::Run:
         break;
     }
+    if (!options.host.isLoopback() && options.allow.isDefault())
+        printLine(stderr, QStringLiteral("keldaserver: warning: listening on %1 admits only loopback clients; name "
+                                         "the networks of your clients with --allow")
+                              .arg(options.host.toString()));
     raiseDescriptorLimit();
     if (options.hasTraceMask)
         ErrorHandler::Instance()->SetLevel(options.traceMask);
@@ -73,6 +77,7 @@ int main(int argc, char *argv[])
         server.shutdown();
         QCoreApplication::exit(ServerOptions::ExitOk);
     });
+    QObject::connect(&watcher, &SignalWatcher::reopenRequested, &app, [] { ErrorHandler::Instance()->Reopen(); });
     printLine(stdout,
               QStringLiteral("keldaserver listening on %1:%2").arg(server.address().toString()).arg(server.port()));
     return app.exec();

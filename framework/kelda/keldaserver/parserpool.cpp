@@ -54,11 +54,14 @@ void ParserPool::stopAndWait()
     m_wake.notify_all();
     for (const auto &thread : m_threads)
         thread->wait();
-    m_threads.clear();
     // The threads end by taking the mutex: taking it here as well orders
-    // their last writes before what follows for thread checkers, which
-    // cannot see inside QThread::wait().
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    // their last accesses, their own objects' included, before the objects
+    // go, for thread checkers, which cannot see inside QThread::wait(). A
+    // thread that started only after the stop above has taken it just once.
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+    }
+    m_threads.clear();
 }
 
 void ParserPool::serve()

@@ -16,7 +16,7 @@ namespace {
 const QString kExitCodesText = QStringLiteral(
     "\nExit codes:\n"
     "  0   stopped by SIGINT or SIGTERM after finishing its work\n"
-    "  64  bad arguments\n"
+    "  64  bad arguments, or a TLS file that cannot be used\n"
     "  69  cannot listen on the address\n"
     "  70  cannot create the storage folders or open the database, or the database\n"
     "      holds a newer schema than this keldaserver knows\n"
@@ -181,8 +181,35 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
         QStringLiteral("Trace level mask, decimal or 0x hex: 0x20 failures, 0x40 every request "
                        "(default: KELDA_TRACE_MASK, else 0x20)."),
         QStringLiteral("MASK"));
+    const QCommandLineOption allowOption(
+        QStringLiteral("allow"),
+        QStringLiteral("Network clients may connect from, as ADDRESS/BITS; repeatable (default: loopback only, "
+                       "127.0.0.0/8 and ::1). Others are closed at once."),
+        QStringLiteral("CIDR"));
+    const QCommandLineOption tlsCertOption(QStringLiteral("tls-cert"),
+                                           QStringLiteral("PEM certificate (chain) of the server: speak TLS 1.2 or "
+                                                          "later on the port."),
+                                           QStringLiteral("FILE"));
+    const QCommandLineOption tlsKeyOption(QStringLiteral("tls-key"),
+                                          QStringLiteral("PEM private key of --tls-cert, unencrypted."),
+                                          QStringLiteral("FILE"));
+    const QCommandLineOption tlsClientCaOption(
+        QStringLiteral("tls-client-ca"),
+        QStringLiteral("PEM certificate of the authority that signs client certificates: clients must show one; "
+                       "its common name is the user, and ownership rules apply."),
+        QStringLiteral("FILE"));
+    const QCommandLineOption adminOption(
+        QStringLiteral("admin"),
+        QStringLiteral("User (certificate name) who may delete, move and export any group and import; "
+                       "repeatable."),
+        QStringLiteral("USER"));
+    const QCommandLineOption converterOption(
+        QStringLiteral("converter"),
+        QStringLiteral("User (certificate name) who may register as a converter; repeatable."),
+        QStringLiteral("USER"));
     parser.addOptions({helpOption, versionOption, listenOption, baseOption, dbOption, nasOption, exchangeOption,
-                       traceOption});
+                       traceOption, allowOption, tlsCertOption, tlsKeyOption, tlsClientCaOption, adminOption,
+                       converterOption});
     std::vector<QCommandLineOption> limitOptions;
     for (const LimitOption &limit : kLimits) {
         limitOptions.emplace_back(QString::fromLatin1(limit.name),
@@ -222,6 +249,17 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
                                         .arg(text));
         limit.set(options, value);
     }
+    for (const QString &block : parser.values(allowOption)) {
+        QString error;
+        if (!options.allow.add(block, &error))
+            return failure(options, error);
+    }
+    QString tlsError;
+    if (!options.tls.load(parser.value(tlsCertOption), parser.value(tlsKeyOption), parser.value(tlsClientCaOption),
+                          &tlsError))
+        return failure(options, tlsError);
+    options.admins = parser.values(adminOption);
+    options.converters = parser.values(converterOption);
     if (parser.isSet(traceOption)) {
         if (!parseUnsigned(parser.value(traceOption), &options.traceMask))
             return failure(options, QStringLiteral("--trace-mask wants a decimal or 0x number, got \"%1\"")

@@ -1,6 +1,8 @@
 #pragma once
 
+#include "addressallowlist.h"
 #include "databaselocation.h"
+#include "servertls.h"
 
 #include <QHostAddress>
 #include <QString>
@@ -57,6 +59,13 @@ struct ServerOptions
     int maxConnectionsPerAddress = DefaultMaxConnectionsPerAddress;
     int idleTimeoutSeconds = DefaultIdleTimeoutSeconds;
     int maxElements = DefaultMaxElements;
+    // Who may connect (loopback unless told), and how they prove who they
+    // are: with a client authority, the certificate's common name is the
+    // user, and the ownership rules apply.
+    AddressAllowList allow;
+    ServerTls tls;
+    QStringList admins;
+    QStringList converters;
     bool hasTraceMask = false;
     quint32 traceMask = 0;
 

@@ -6,9 +6,10 @@ class QSocketNotifier;
 
 namespace Kelda {
 
-// Turns SIGINT and SIGTERM into a Qt signal on the thread that created the
-// watcher: the handler only writes a byte into a pipe whose other end an
-// event-loop notifier watches, the one thing a signal handler may safely do.
+// Turns SIGINT and SIGTERM, and SIGHUP, into Qt signals on the thread that
+// created the watcher: the handler only writes a byte into a pipe whose other
+// end an event-loop notifier watches, the one thing a signal handler may
+// safely do.
 class SignalWatcher : public QObject
 {
     Q_OBJECT
@@ -22,6 +23,8 @@ public:
 
 Q_SIGNALS:
     void terminationRequested(int signalNumber);
+    // SIGHUP: log rotation moved the trace file away.
+    void reopenRequested();
 
 private:
     void readSignal();

@@ -1,5 +1,6 @@
 #include "keldaclient.h"
 #include "serverprocess.h"
+#include "testcertificates.h"
 #include "trace.h"
 
 #include <QJsonArray>
@@ -8,8 +9,10 @@
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QSignalSpy>
+#include <QStandardPaths>
 #include <QTcpServer>
 #include <QTemporaryDir>
+#include <QUuid>
 #include <QtTest>
 
 #include <memory>
@@ -20,6 +23,29 @@ namespace {
 
 const QString kGuid = QStringLiteral("0b7c6d3e-8a11-4c2f-9d3e-5f6a7b8c9d0e");
 const int kProcessWaitMs = 90000;
+
+bool isGuid(const QString &text)
+{
+    return QUuid(text).toString(QUuid::WithoutBraces) == text;
+}
+
+// Files below a folder: relative path and content, for comparing trees.
+QMap<QString, QByteArray> treeOf(const QString &root)
+{
+    QMap<QString, QByteArray> tree;
+    QDirIterator it(root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        QFile file(it.next());
+        if (file.open(QIODevice::ReadOnly))
+            tree.insert(QDir(root).relativeFilePath(file.fileName()), file.readAll());
+    }
+    return tree;
+}
+
+QStringList lines(const QByteArray &text)
+{
+    return QString::fromUtf8(text).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
 
 struct Run
 {
@@ -52,10 +78,36 @@ private slots:
     void roundTrip();
     void getReleasesItsLock();
     void groupCommands();
+    void putFolder_data();
+    void putFolder();
+    void oneFileRefused();
+    void getGroup_data();
+    void getGroup();
+    void environment_data();
+    void environment();
+    void verbosity_data();
+    void verbosity();
+    void dryRun_data();
+    void dryRun();
+    void completionScripts_data();
+    void completionScripts();
+    void bashCompletion_data();
+    void bashCompletion();
+    void tls_data();
+    void tls();
 
 private:
     Run kelda(const QStringList &arguments);
+    // Without --host and --port: the environment, `environment` first, and
+    // the configuration file of this test decide.
+    Run keldaPlain(const QStringList &arguments, const QStringList &environment = {});
     QString writeFile(const QString &name, const QByteArray &bytes);
+    // Makes the files, relative to a new folder `root`, each with bytes of
+    // its own; returns the folder's path.
+    QString writeTree(const QString &root, const QStringList &files);
+    // The groups whose name contains `text`: name -> sorted file names.
+    QMap<QString, QStringList> groupsNamed(const QString &text);
+    void writeConfig(quint16 port);
 
     QTemporaryDir m_dir;
     std::unique_ptr<ServerProcess> m_server;
@@ -67,22 +119,69 @@ void KeldaToolTest::initTestCase()
     ErrorHandler::Instance()->SetLevel(0);
     m_server = std::make_unique<ServerProcess>();
     QVERIFY2(m_server->start(), qPrintable(m_server->errorString()));
+    writeConfig(portNobodyListensOn());
+}
+
+void KeldaToolTest::writeConfig(quint16 port)
+{
+    QFile config(m_dir.filePath(QStringLiteral("kelda.ini")));
+    QVERIFY(config.open(QIODevice::WriteOnly));
+    config.write(QStringLiteral("[KELDA]\nServerHost=127.0.0.1\nXmlPort=%1\n").arg(port).toUtf8());
+}
+
+QString KeldaToolTest::writeTree(const QString &root, const QStringList &files)
+{
+    const QDir dir(m_dir.filePath(root));
+    for (const QString &file : files) {
+        if (!QDir().mkpath(QFileInfo(dir.filePath(file)).path()))
+            return QString();
+        QFile out(dir.filePath(file));
+        if (!out.open(QIODevice::WriteOnly) || out.write(file.toUtf8().repeated(file.size() * 100)) < 0)
+            return QString();
+    }
+    return dir.path();
+}
+
+QMap<QString, QStringList> KeldaToolTest::groupsNamed(const QString &text)
+{
+    QMap<QString, QStringList> groups;
+    const QJsonArray found = kelda({QStringLiteral("ls"), QStringLiteral("--json"), QStringLiteral("--name"), text})
+                                 .json()
+                                 .array();
+    for (const QJsonValue &group : found) {
+        const QString guid = group.toObject().value(QStringLiteral("guid")).toString();
+        QStringList names;
+        for (const QJsonValue &file : kelda({QStringLiteral("files"), QStringLiteral("--json"), guid}).json().array())
+            names.append(file.toObject().value(QStringLiteral("name")).toString());
+        names.sort();
+        groups.insert(group.toObject().value(QStringLiteral("name")).toString(), names);
+    }
+    return groups;
 }
 
 // Later options win: an argument list may name another port.
 Run KeldaToolTest::kelda(const QStringList &arguments)
 {
+    return keldaPlain(QStringList{QStringLiteral("--host"), QStringLiteral("127.0.0.1"), QStringLiteral("--port"),
+                                  QString::number(m_server->port()), QStringLiteral("--connect-timeout"),
+                                  QStringLiteral("2")}
+                      + arguments);
+}
+
+Run KeldaToolTest::keldaPlain(const QStringList &arguments, const QStringList &variables)
+{
     QProcess process;
-    // The program's own messages only, not the library's traces.
+    // The program's own messages only, not the library's traces; no setting
+    // from the environment of whoever runs the test.
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.remove(QStringLiteral("KELDA_TRACE_MASK"));
+    for (const char *name : {"KELDA_TRACE_MASK", "KELDA_HOST", "KELDA_PORT", "KELDA_USER"})
+        environment.remove(QLatin1String(name));
+    environment.insert(QStringLiteral("KELDA_CONFIG_FILE"), m_dir.filePath(QStringLiteral("kelda.ini")));
+    for (const QString &variable : variables)
+        environment.insert(variable.section(QLatin1Char('='), 0, 0), variable.section(QLatin1Char('='), 1));
     process.setProcessEnvironment(environment);
     process.setWorkingDirectory(m_dir.path());
-    process.start(QStringLiteral(KELDA_BINARY),
-                  QStringList{QStringLiteral("--host"), QStringLiteral("127.0.0.1"), QStringLiteral("--port"),
-                              QString::number(m_server->port()), QStringLiteral("--connect-timeout"),
-                              QStringLiteral("2")}
-                      + arguments);
+    process.start(QStringLiteral(KELDA_BINARY), arguments);
     Run run;
     if (!process.waitForFinished(kProcessWaitMs)) {
         process.kill();
@@ -111,8 +210,11 @@ void KeldaToolTest::help()
     for (const char *mention : {"--host", "--team", "Exit codes:", "  6  the server did not answer", "  import  "})
         QVERIFY2(tool.out.contains(mention), mention);
     QVERIFY(put.out.startsWith("Usage: kelda [global options] put [options] FILE...\n"));
-    for (const char *option : {"--type", "--name", "--version", "--comment", "--detail", "--lifecycle-days"})
+    for (const char *option : {"--type", "--name", "--version", "--comment", "--detail", "--lifecycle-days",
+                               "--recursive", "--group-per-folder", "--jobs", "--dry-run", "--quiet", "--verbose"})
         QVERIFY2(put.out.contains(option), option);
+    for (const char *variable : {"KELDA_HOST", "KELDA_PORT", "KELDA_USER", "  completion  "})
+        QVERIFY2(tool.out.contains(variable), variable);
 }
 
 void KeldaToolTest::failures_data()
@@ -132,7 +234,17 @@ void KeldaToolTest::failures_data()
     row("not a GUID", {QStringLiteral("info"), QStringLiteral("x")}, 2,
         QStringLiteral("kelda: info: 'x' is not a file group GUID"));
     row("not a kelda URL", {QStringLiteral("get"), QStringLiteral("http://h/x")}, 2,
-        QStringLiteral("kelda: get: 'http://h/x' is not a kelda:///GUID/ID URL"));
+        QStringLiteral("kelda: get: 'http://h/x' is neither a kelda:///GUID/ID URL nor a GUID"));
+    row("folder without -r", {QStringLiteral("put"), QStringLiteral(".")}, 2,
+        QStringLiteral("kelda: put: '.' is a folder; store its files with -r"));
+    row("jobs out of range", {QStringLiteral("put"), QStringLiteral("--jobs"), QStringLiteral("0"), QStringLiteral(".")},
+        2, QStringLiteral("kelda: put: --jobs takes 1 to 32, not '0'"));
+    row("group to stdout", {QStringLiteral("get"), kGuid, QStringLiteral("-o"), QStringLiteral("-")}, 2,
+        QStringLiteral("kelda: get: a whole group does not fit on stdout"));
+    row("quiet and verbose", {QStringLiteral("ls"), QStringLiteral("-q"), QStringLiteral("-v")}, 2,
+        QStringLiteral("kelda: ls: --quiet and --verbose exclude each other"));
+    row("unknown shell", {QStringLiteral("completion"), QStringLiteral("tcsh")}, 2,
+        QStringLiteral("kelda: completion: no completion for 'tcsh'; choose one of bash, zsh, fish"));
     row("file id 0", {QStringLiteral("rm"), QStringLiteral("kelda:///%1/0").arg(kGuid)}, 2,
         QStringLiteral("kelda: rm: 'kelda:///%1/0' is neither").arg(kGuid));
     row("unknown type", {QStringLiteral("put"), QStringLiteral("-t"), QStringLiteral("x"), QStringLiteral(KELDA_BINARY)},
@@ -244,6 +356,387 @@ void KeldaToolTest::groupCommands()
     const Run again = kelda({QStringLiteral("import"), QStringLiteral("export")});
     QCOMPARE(again.exitCode, 4);
     QVERIFY2(again.err.contains(QLatin1String("(error 50)")), qPrintable(again.err));
+}
+
+void KeldaToolTest::putFolder_data()
+{
+    QTest::addColumn<QString>("root");
+    QTest::addColumn<QStringList>("files");
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<int>("exitCode");
+    // Group name -> its file names; empty when nothing may be stored.
+    QTest::addColumn<QStringList>("groups");
+    const QStringList nested{QStringLiteral("top.txt"), QStringLiteral("a/x.bin"), QStringLiteral("a/b/y.bin"),
+                             QStringLiteral("a/b/c/.z")};
+    QTest::newRow("nested folder, one group")
+        << QStringLiteral("tree-one") << nested << QStringList{QStringLiteral("-r")} << 0
+        << QStringList{QStringLiteral("tree-one: .z top.txt x.bin y.bin")};
+    QTest::newRow("one group per folder")
+        << QStringLiteral("tree-per") << nested << QStringList{QStringLiteral("--group-per-folder")} << 0
+        << QStringList{QStringLiteral("tree-per: top.txt"), QStringLiteral("tree-per/a: x.bin"),
+                       QStringLiteral("tree-per/a/b: y.bin"), QStringLiteral("tree-per/a/b/c: .z")};
+    QTest::newRow("per folder, --name replaces the top")
+        << QStringLiteral("tree-named") << QStringList{QStringLiteral("a.txt"), QStringLiteral("sub/b.txt")}
+        << QStringList{QStringLiteral("--group-per-folder"), QStringLiteral("--name"), QStringLiteral("tree-named-x")}
+        << 0 << QStringList{QStringLiteral("tree-named-x: a.txt"), QStringLiteral("tree-named-x/sub: b.txt")};
+    QTest::newRow("name clash refused before sending")
+        << QStringLiteral("tree-clash")
+        << QStringList{QStringLiteral("one/same.txt"), QStringLiteral("two/same.txt"), QStringLiteral("other.txt")}
+        << QStringList{QStringLiteral("-r")} << 2 << QStringList();
+}
+
+void KeldaToolTest::putFolder()
+{
+    QFETCH(QString, root);
+    QFETCH(QStringList, files);
+    QFETCH(QStringList, options);
+    QFETCH(int, exitCode);
+    QFETCH(QStringList, groups);
+    const QString folder = writeTree(root, files);
+    QVERIFY(!folder.isEmpty());
+    const Run run = kelda(QStringList{QStringLiteral("put")} + options + QStringList{folder});
+    QCOMPARE(run.exitCode, exitCode);
+    QCOMPARE(lines(run.out).size(), exitCode == 0 ? files.size() : 0);
+    if (exitCode != 0) {
+        // Every clashing path is named, the others are not.
+        QVERIFY2(run.err.contains(QStringLiteral("%1/one/same.txt, %1/two/same.txt").arg(folder)), qPrintable(run.err));
+        QVERIFY(!run.err.contains(QStringLiteral("other.txt")));
+    }
+    QStringList stored;
+    const QMap<QString, QStringList> found = groupsNamed(root);
+    for (auto it = found.cbegin(); it != found.cend(); ++it)
+        stored.append(it.key() + QStringLiteral(": ") + it.value().join(QLatin1Char(' ')));
+    QCOMPARE(stored, groups);
+}
+
+// The server refuses one file of a folder: that file is named with the
+// server's reason, the others are stored, and the refused copy does not stay
+// in the group's directory.
+void KeldaToolTest::oneFileRefused()
+{
+    const QString folder = writeTree(QStringLiteral("refused"), {QStringLiteral("good1"), QStringLiteral("bad\\name"),
+                                                                 QStringLiteral("good2")});
+    const Run run = kelda({QStringLiteral("put"), QStringLiteral("-r"), folder});
+    QCOMPARE(run.exitCode, 4);
+    QCOMPARE(run.err, QStringLiteral("kelda: put: %1/bad\\name: %2 (error %3)\n")
+                          .arg(folder, KeldaErrorString::Get(KE_AddFileFailed))
+                          .arg(int(KE_AddFileFailed)));
+    const QStringList urls = lines(run.out);
+    QCOMPARE(urls.size(), 2);
+    const QString guid = KeldaUrl(urls.first()).toKeldaGuid();
+    QCOMPARE(groupsNamed(QStringLiteral("refused")).value(QStringLiteral("refused")),
+             (QStringList{QStringLiteral("good1"), QStringLiteral("good2")}));
+    QDirIterator copies(m_server->basePath(), {QStringLiteral("bad*")}, QDir::Files, QDirIterator::Subdirectories);
+    QVERIFY2(!copies.hasNext(), qPrintable(copies.hasNext() ? copies.next() : guid));
+}
+
+void KeldaToolTest::getGroup_data()
+{
+    QTest::addColumn<int>("jobs");
+    QTest::newRow("one at a time") << 1;
+    QTest::newRow("four at once") << 4;
+}
+
+// The same folder through put -r and get GUID -o DIR with either number of
+// jobs: the same URLs in the same order, and the same bytes back.
+void KeldaToolTest::getGroup()
+{
+    QFETCH(int, jobs);
+    const QString root = QStringLiteral("jobs%1").arg(jobs);
+    QStringList files;
+    for (int i = 0; i < 12; ++i)
+        files.append(QStringLiteral("d%1/f%2.dat").arg(i % 3).arg(i));
+    const QString folder = writeTree(root, files);
+    // Empty, and larger than one copy block.
+    QFile(QDir(folder).filePath(QStringLiteral("empty"))).open(QIODevice::WriteOnly);
+    QFile big(QDir(folder).filePath(QStringLiteral("d0/big")));
+    QVERIFY(big.open(QIODevice::WriteOnly));
+    big.write(QByteArray(3 * 1024 * 1024 + 5, 'b'));
+    big.close();
+
+    const Run put = kelda({QStringLiteral("put"), QStringLiteral("-r"), QStringLiteral("--jobs"), QString::number(jobs),
+                           folder});
+    QCOMPARE(put.err, QString());
+    QCOMPARE(put.exitCode, 0);
+    const QStringList urls = lines(put.out);
+    QCOMPARE(urls.size(), files.size() + 2);
+    const QString guid = KeldaUrl(urls.first()).toKeldaGuid();
+    for (int i = 0; i < urls.size(); ++i)
+        QCOMPARE(urls[i], QStringLiteral("kelda:///%1/%2").arg(guid).arg(i + 1));
+
+    const QString target = m_dir.filePath(root + QStringLiteral("-back/made/here"));
+    const Run get = kelda({QStringLiteral("get"), guid, QStringLiteral("-o"), target, QStringLiteral("-j"),
+                           QString::number(jobs)});
+    QCOMPARE(get.err, QString());
+    QCOMPARE(get.exitCode, 0);
+    QMap<QString, QByteArray> flattened;
+    const QMap<QString, QByteArray> source = treeOf(folder);
+    for (auto it = source.cbegin(); it != source.cend(); ++it)
+        flattened.insert(QFileInfo(it.key()).fileName(), it.value());
+    QVERIFY(treeOf(target) == flattened);
+
+    // The read locks are gone once get has ended.
+    KeldaClient client(QStringLiteral("127.0.0.1"), m_server->port(), QStringLiteral("w"), QStringLiteral("w"),
+                       QString());
+    QSignalSpy connected(&client, &KeldaClient::connected);
+    QVERIFY(client.IsConnected() || connected.wait(15000));
+    QVERIFY(!client.RequestFile(KeldaUrl(urls.first()), LOCK_Write).isEmpty());
+}
+
+void KeldaToolTest::environment_data()
+{
+    QTest::addColumn<QString>("configured");
+    QTest::addColumn<QStringList>("environment");
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("creator");
+    // "live" stands for the server's port, "dead" for one nobody listens on.
+    const QString live = QStringLiteral("live");
+    const QString dead = QStringLiteral("dead");
+    QTest::newRow("configuration") << live << QStringList() << QStringList() << 0 << QString();
+    QTest::newRow("variable over configuration")
+        << dead << QStringList{QStringLiteral("KELDA_PORT=live")} << QStringList() << 0 << QString();
+    QTest::newRow("variable wins even when it is wrong")
+        << live << QStringList{QStringLiteral("KELDA_PORT=dead")} << QStringList() << 3 << QString();
+    QTest::newRow("option over variable") << dead << QStringList{QStringLiteral("KELDA_PORT=dead")}
+                                          << QStringList{QStringLiteral("--port"), live} << 0 << QString();
+    QTest::newRow("host variable") << live << QStringList{QStringLiteral("KELDA_HOST=127.0.0.2")} << QStringList()
+                                   << 3 << QString();
+    QTest::newRow("bad port variable")
+        << live << QStringList{QStringLiteral("KELDA_PORT=x")} << QStringList() << 2 << QString();
+    QTest::newRow("user variable") << live << QStringList{QStringLiteral("KELDA_USER=from-env")} << QStringList()
+                                   << 0 << QStringLiteral("from-env");
+    QTest::newRow("user option over variable")
+        << live << QStringList{QStringLiteral("KELDA_USER=from-env")}
+        << QStringList{QStringLiteral("--user"), QStringLiteral("from-option")} << 0 << QStringLiteral("from-option");
+}
+
+void KeldaToolTest::environment()
+{
+    QFETCH(QString, configured);
+    QFETCH(QStringList, environment);
+    QFETCH(QStringList, arguments);
+    QFETCH(int, exitCode);
+    QFETCH(QString, creator);
+    const QString live = QString::number(m_server->port());
+    const QString dead = QString::number(portNobodyListensOn());
+    auto resolve = [&](QString text) {
+        return text.replace(QStringLiteral("live"), live).replace(QStringLiteral("dead"), dead);
+    };
+    writeConfig(resolve(configured).toUShort());
+    for (QString &item : environment)
+        item = resolve(item);
+    for (QString &item : arguments)
+        item = resolve(item);
+    const Run run = keldaPlain(arguments + QStringList{QStringLiteral("--connect-timeout"), QStringLiteral("1"),
+                                                       QStringLiteral("put"), writeFile(QStringLiteral("env.txt"), "e")},
+                               environment);
+    writeConfig(portNobodyListensOn());
+    QVERIFY2(run.exitCode == exitCode, qPrintable(run.err));
+    if (exitCode == 2)
+        QVERIFY2(run.err.startsWith(QStringLiteral("kelda: KELDA_PORT takes a TCP port")), qPrintable(run.err));
+    if (!creator.isEmpty()) {
+        const QString guid = KeldaUrl(QString::fromUtf8(run.out).trimmed()).toKeldaGuid();
+        const QJsonObject info = kelda({QStringLiteral("info"), QStringLiteral("--json"), guid}).json().object();
+        QCOMPARE(info.value(QStringLiteral("creator")).toString(), creator);
+    }
+}
+
+void KeldaToolTest::verbosity_data()
+{
+    QTest::addColumn<QStringList>("global");
+    QTest::addColumn<QStringList>("local");
+    QTest::addColumn<int>("detailLines");
+    QTest::newRow("default, not a terminal") << QStringList() << QStringList() << 0;
+    QTest::newRow("quiet") << QStringList{QStringLiteral("-q")} << QStringList() << 0;
+    QTest::newRow("verbose before the command") << QStringList{QStringLiteral("-v")} << QStringList() << 4;
+    QTest::newRow("verbose after the command") << QStringList() << QStringList{QStringLiteral("--verbose")} << 4;
+}
+
+void KeldaToolTest::verbosity()
+{
+    QFETCH(QStringList, global);
+    QFETCH(QStringList, local);
+    QFETCH(int, detailLines);
+    const QString folder = writeTree(QStringLiteral("verbosity%1").arg(QLatin1String(QTest::currentDataTag())).remove(QLatin1Char(' ')),
+                                     {QStringLiteral("one"), QStringLiteral("two")});
+    const Run run = kelda(global + QStringList{QStringLiteral("put"), QStringLiteral("-r")} + local
+                          + QStringList{folder});
+    QCOMPARE(run.exitCode, 0);
+    QCOMPARE(lines(run.out).size(), 2);
+    // Created group, one line per file, the summary.
+    const QStringList err = run.err.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    QCOMPARE(err.size(), detailLines);
+    if (detailLines > 0) {
+        QVERIFY2(err[1].contains(QRegularExpression(QStringLiteral("^stored .*/one as kelda:///\\S+/1 \\(.*, \\d+ ms\\)$"))),
+                 qPrintable(err[1]));
+        QVERIFY2(err.last().startsWith(QStringLiteral("stored 2 files (")), qPrintable(err.last()));
+    }
+}
+
+void KeldaToolTest::dryRun_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("said");
+    QTest::newRow("put") << QStringLiteral("put") << 0 << QStringLiteral("would create group \"dry-put\"");
+    QTest::newRow("rm group") << QStringLiteral("rm") << 0 << QStringLiteral("would delete group \"dry-rm\"");
+    QTest::newRow("rm file") << QStringLiteral("rm file") << 0 << QStringLiteral("would delete a.txt (kelda:///");
+    QTest::newRow("rm unknown group") << QStringLiteral("rm unknown") << 4 << QString();
+    QTest::newRow("import") << QStringLiteral("import") << 0 << QStringLiteral("would import group \"dry-import\"");
+    QTest::newRow("import incomplete") << QStringLiteral("import broken") << 5 << QString();
+}
+
+// A dry run says what it would do and leaves the archive as it was.
+void KeldaToolTest::dryRun()
+{
+    QFETCH(QString, command);
+    QFETCH(int, exitCode);
+    QFETCH(QString, said);
+    const QString name = QStringLiteral("dry-") + command.section(QLatin1Char(' '), 0, 0);
+    const QString folder = writeTree(name + QLatin1String(QTest::currentDataTag()), {QStringLiteral("a.txt"), QStringLiteral("b.txt")});
+    QStringList arguments{command.section(QLatin1Char(' '), 0, 0), QStringLiteral("--dry-run")};
+    if (command == QStringLiteral("put")) {
+        arguments += QStringList{QStringLiteral("-r"), QStringLiteral("--name"), name, folder};
+    } else {
+        const Run put = kelda({QStringLiteral("put"), QStringLiteral("-r"), QStringLiteral("--name"), name, folder});
+        const QString guid = KeldaUrl(lines(put.out).value(0)).toKeldaGuid();
+        QVERIFY(isGuid(guid));
+        if (command.startsWith(QStringLiteral("rm")))
+            arguments.append(command.endsWith(QStringLiteral("file"))      ? QStringLiteral("kelda:///%1/1").arg(guid)
+                             : command.endsWith(QStringLiteral("unknown")) ? kGuid
+                                                                           : guid);
+        if (command.startsWith(QStringLiteral("import"))) {
+            // Exported below the server's exchange folder, which this machine sees too.
+            const QString relative = QStringLiteral("export-") + QLatin1String(QTest::currentDataTag());
+            const QString exported = QStringLiteral("%1/exchange/%2").arg(m_server->basePath(), relative);
+            QCOMPARE(kelda({QStringLiteral("export"), guid, QStringLiteral("--to"), relative}).exitCode, 0);
+            if (command.endsWith(QStringLiteral("broken")))
+                QVERIFY(QFile::remove(QStringLiteral("%1/%2/b.txt").arg(exported, guid)));
+            arguments.append(exported);
+        }
+    }
+    const QMap<QString, QStringList> before = groupsNamed(name);
+    const Run run = kelda(arguments);
+    QCOMPARE(run.exitCode, exitCode);
+    QVERIFY2(QString::fromUtf8(run.out).contains(said), run.out.constData());
+    QCOMPARE(groupsNamed(name), before);
+}
+
+void KeldaToolTest::completionScripts_data()
+{
+    QTest::addColumn<QString>("shell");
+    QTest::addColumn<bool>("shellRequired");
+    QTest::newRow("bash") << QStringLiteral("bash") << true;
+    QTest::newRow("zsh") << QStringLiteral("zsh") << false;
+    QTest::newRow("fish") << QStringLiteral("fish") << false;
+}
+
+// Each script names every command, option and file type, and its shell
+// reads it without a syntax error.
+void KeldaToolTest::completionScripts()
+{
+    QFETCH(QString, shell);
+    QFETCH(bool, shellRequired);
+    const Run run = kelda({QStringLiteral("completion"), shell});
+    QCOMPARE(run.exitCode, 0);
+    for (const char *word : {"put", "completion", "group-per-folder", "connect-timeout", "Scan Recording", "ls"})
+        QVERIFY2(run.out.contains(word), word);
+    const QString program = QStandardPaths::findExecutable(shell);
+    if (program.isEmpty()) {
+        QVERIFY2(!shellRequired, qPrintable(shell));
+        return;
+    }
+    const QString script = writeFile(QStringLiteral("completion.") + shell, run.out);
+    QProcess check;
+    check.start(program, {QStringLiteral("-n"), script});
+    QVERIFY(check.waitForFinished(kProcessWaitMs));
+    QVERIFY2(check.exitCode() == 0, check.readAllStandardError().constData());
+}
+
+void KeldaToolTest::bashCompletion_data()
+{
+    QTest::addColumn<QString>("line");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("command") << QStringLiteral("kelda pu") << QStringLiteral("put");
+    QTest::newRow("global option") << QStringLiteral("kelda --conn") << QStringLiteral("--connect-timeout");
+    QTest::newRow("command option") << QStringLiteral("kelda --port 1 put --group") << QStringLiteral("--group-per-folder");
+    QTest::newRow("file type") << QStringLiteral("kelda put -t Sca") << QStringLiteral("Scan Recording");
+    QTest::newRow("shell") << QStringLiteral("kelda completion fi") << QStringLiteral("fish");
+    QTest::newRow("GUID from the server") << QStringLiteral("kelda --port live info ") << QStringLiteral("guid");
+    QTest::newRow("no server, no GUID") << QStringLiteral("kelda --port dead info ") << QString();
+}
+
+// The bash script at work: the words offered for the last word of a line.
+void KeldaToolTest::bashCompletion()
+{
+    QFETCH(QString, line);
+    QFETCH(QString, expected);
+    const Run put = kelda({QStringLiteral("put"), writeFile(QStringLiteral("listed.txt"), "listed")});
+    const QString guid = KeldaUrl(QString::fromUtf8(put.out).trimmed()).toKeldaGuid();
+    expected.replace(QStringLiteral("guid"), guid);
+    line.replace(QStringLiteral("live"), QString::number(m_server->port()))
+        .replace(QStringLiteral("dead"), QString::number(portNobodyListensOn()));
+    const QString script = writeFile(QStringLiteral("completion.bash"), kelda({QStringLiteral("completion"),
+                                                                               QStringLiteral("bash")}).out);
+    QProcess bash;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("PATH"), QFileInfo(QStringLiteral(KELDA_BINARY)).path() + QLatin1Char(':')
+                                                   + environment.value(QStringLiteral("PATH")));
+    environment.insert(QStringLiteral("KELDA_CONFIG_FILE"), m_dir.filePath(QStringLiteral("kelda.ini")));
+    bash.setProcessEnvironment(environment);
+    bash.start(QStringLiteral("bash"),
+               {QStringLiteral("-c"),
+                QStringLiteral("source \"$1\"; read -ra COMP_WORDS <<< \"$2\"; [[ $2 == *' ' ]] && COMP_WORDS+=(''); "
+                               "COMP_CWORD=$(( ${#COMP_WORDS[@]} - 1 )); _kelda; printf '%s\\n' \"${COMPREPLY[@]}\""),
+                QStringLiteral("bash"), script, line});
+    QVERIFY(bash.waitForFinished(kProcessWaitMs));
+    const QStringList offered = lines(bash.readAllStandardOutput());
+    if (expected.isEmpty())
+        QCOMPARE(offered, QStringList());
+    else
+        QVERIFY2(offered.contains(expected), qPrintable(offered.join(QLatin1Char(','))));
+}
+
+void KeldaToolTest::tls_data()
+{
+    QTest::addColumn<bool>("identifyClients");
+    QTest::addColumn<QString>("authority"); // none, ours or foreign
+    QTest::addColumn<bool>("withCertificate");
+    QTest::addColumn<int>("exitCode"); // 3: not reachable
+    QTest::newRow("plain client") << false << QString() << false << 3;
+    QTest::newRow("server verified") << false << QStringLiteral("ours") << false << 0;
+    QTest::newRow("server not trusted") << false << QStringLiteral("foreign") << false << 3;
+    QTest::newRow("user certificate") << true << QStringLiteral("ours") << true << 0;
+    QTest::newRow("no user certificate") << true << QStringLiteral("ours") << false << 3;
+}
+
+// --tls-ca, --tls-cert and --tls-key against a server that speaks TLS.
+void KeldaToolTest::tls()
+{
+    QFETCH(bool, identifyClients);
+    QFETCH(QString, authority);
+    QFETCH(bool, withCertificate);
+    QFETCH(int, exitCode);
+    TestCertificates *certificates = TestCertificates::shared();
+    QVERIFY(certificates);
+    QStringList serverArguments{QStringLiteral("--tls-cert"), certificates->serverCertificate(),
+                                QStringLiteral("--tls-key"), certificates->serverKey()};
+    if (identifyClients)
+        serverArguments << QStringLiteral("--tls-client-ca") << certificates->authority();
+    ServerProcess server;
+    server.setExtraArguments(serverArguments);
+    QVERIFY2(server.start(), qPrintable(server.errorString()));
+    QStringList arguments{QStringLiteral("--host"), QStringLiteral("127.0.0.1"), QStringLiteral("--port"),
+                          QString::number(server.port()), QStringLiteral("--connect-timeout"), QStringLiteral("2")};
+    if (!authority.isEmpty())
+        arguments << QStringLiteral("--tls-ca")
+                  << (authority == QLatin1String("ours") ? certificates->authority() : certificates->foreignAuthority());
+    if (withCertificate)
+        arguments << QStringLiteral("--tls-cert") << certificates->userCertificate(QStringLiteral("carol"))
+                  << QStringLiteral("--tls-key") << certificates->userKey(QStringLiteral("carol"));
+    const Run run = keldaPlain(arguments + QStringList{QStringLiteral("users")});
+    QCOMPARE(run.exitCode, exitCode);
 }
 
 QTEST_GUILESS_MAIN(KeldaToolTest)

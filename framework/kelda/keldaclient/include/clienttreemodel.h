@@ -3,7 +3,6 @@
 #include "keldaclientglobal.h"
 
 #include <QAbstractItemModel>
-#include <QList>
 #include <QScopedPointer>
 #include <QSortFilterProxyModel>
 #include <QString>
@@ -19,6 +18,7 @@
 namespace Kelda {
 
 class ClientTreeModelPrivate;
+class FileGroupTreeItemPrivate;
 class KeldaClient;
 
 /*!
@@ -92,12 +92,9 @@ public:
     void SetHasChildren(bool hasChildren);
 
 private:
-    FileGroupTreeItem *m_pParentItem;
-    QList<FileGroupTreeItem *> m_childItems;
-    QVector<QVariant> m_itemData;
-    QString m_sGuid;
-    quint32 m_uFileId;
-    bool m_bHasChildren;
+    Q_DECLARE_PRIVATE_D(d, FileGroupTreeItem)
+    // Not const: an assignment takes over the private part of a copy.
+    QScopedPointer<FileGroupTreeItemPrivate> d;
 };
 
 /*!

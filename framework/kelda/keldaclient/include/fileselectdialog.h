@@ -36,7 +36,8 @@ class KeldaFile;
 
     The dialog runs a file group query and shows the result as a tree
     (ClientTreeModel): the groups, each expanding to its files. OK is enabled
-    only while a file row is selected. The context menu's "Show columns"
+    only while the current row, however it was reached (a click or the
+    keyboard), is a file row. The context menu's "Show columns"
     lets the user choose the columns.
 
     In quick mode a file type selector and a creation or modification time
@@ -79,9 +80,16 @@ public:
         Runs the current query, then shows the dialog modally.
 
         Returns true when the user accepted a file; \a guid is then its group
-        and \a fileId the file row's stored id, the listed id plus 1 (see
-        FileGroupTreeItem::GetFileId()). Returns false, changing neither, on
-        cancel or when the query failed.
+        and \a fileId the file row's stored id. Returns false, changing
+        neither, on cancel, when the query failed, or when the dialog was
+        accepted while the current row was not a file row.
+
+        \a fileId is \b not the picked file's id: it is the id the server
+        lists for that file plus 1 (see FileGroupTreeItem::GetFileId()), as
+        existing callers expect. The picked file's id is
+        \code
+        const unsigned int pickedId = fileId - 1;
+        \endcode
     */
     bool Execute(QString &guid, unsigned int &fileId);
     //! Shows the usual columns and hides the others.
@@ -140,8 +148,17 @@ public:
         the file; without one, a plain local KeldaFile. Returns a null
         pointer on cancel or when the query failed.
 
-        \a parent, \a caption and \a types serve both dialogs (\a types as
-        FileSelectDialog's type choices); \a dir, \a filter and
+        The archived file's KeldaFile::GetFileId() is \b not the picked
+        file's id: it is the id the server lists for that file plus 1, as
+        existing callers expect, and opening the result asks the server for
+        that id. The picked file, on a client of the caller's, is
+        \code
+        Kelda::KeldaFile picked(&client, file->GetGuid(), file->GetFileId() - 1);
+        \endcode
+
+        \a parent and \a caption serve both dialogs. \a types are the archive
+        dialog's type choices (see FileSelectDialog); empty, the default,
+        means every type that FileTypeManager offers. \a dir, \a filter and
         \a selectedFilter serve the local dialog only. \a reserved is not
         used.
     */
@@ -153,9 +170,16 @@ public:
                                                     int reserved = 0);
     /*!
         Lets the user pick a file and returns its URL: "kelda:///<guid>/<file
-        id>" for an archived file (the stored id, the listed id plus 1), a
-        local file's URL without a server, an empty URL on cancel or when
-        the query failed. The arguments are those of GetOpenFile().
+        id>" for an archived file, a local file's URL without a server, an
+        empty URL on cancel or when the query failed. The arguments are those
+        of GetOpenFile().
+
+        The file id in an archived file's URL is \b not the picked file's id:
+        it is the id the server lists for that file plus 1, as existing
+        callers expect. The URL of the picked file is
+        \code
+        const Kelda::KeldaUrl picked(Kelda::KeldaUrl::fromKeldaIds(url.toKeldaGuid(), url.toKeldaFileId() - 1));
+        \endcode
     */
     static KeldaUrl GetOpenUrl(QWidget *parent, const QString &caption = QString(), const QString &dir = QString(),
                                const QString &filter = QString(), QString *selectedFilter = nullptr,

@@ -13,8 +13,6 @@
 #include <QString>
 #include <QStringList>
 
-#include <atomic>
-
 QT_BEGIN_NAMESPACE
 class QWidget;
 QT_END_NAMESPACE
@@ -75,11 +73,34 @@ class KeldaClientPrivate;
     during a blocking call. The reply is parsed, and the blocking caller
     woken, on the worker thread; the socket has a thread of its own.
 
+    \section tls Encrypted connections
+    Without TLS configuration the client speaks plain TCP, as the protocol
+    always did. With "TlsCaFile" in the group "KELDA" (or SetTlsFiles()) it
+    speaks TLS 1.2 or later and trusts only a server whose certificate that
+    authority signed and whose name or address the certificate names;
+    "TlsCertFile" and "TlsKeyFile" add the client's own certificate. A
+    server that fails verification is traced with the reason and the
+    connection closed; blocking calls then fail at once, as for any lost
+    connection, and the client keeps trying every 5 seconds. Both are
+    additions to the original interface.
+
     \section ownership Ownership
     The client owns its worker threads and everything on them. The
     destructor stops them and returns after about a second at most, even
     when one hangs. Objects that take a client pointer
     (KeldaFile, FileSelectDialog, ClientTreeModel) do not own it.
+
+    \section connection Watching the connection
+    The client connects in the background and reconnects by itself, so an
+    application that needs the server watches the connection rather than
+    making it. IsConnected() tells the state at any moment; connected() and
+    disconnected() report each change, in the client's thread, and
+    WaitForConnected() blocks until the connection is up. WaitForConnected()
+    and this way of watching the connection are additions to the original
+    interface. A program that must not start before the server answers, a
+    command-line tool for instance, calls WaitForConnected() after
+    constructing the client; an interactive one connects to connected() and
+    disconnected() to enable and disable what needs the server.
 
     \section config Configuration
     The server comes from the group "KELDA" of the configuration ("ServerHost",
@@ -97,8 +118,6 @@ class KELDACLIENT_EXPORT KeldaClient : public QObject
     Q_OBJECT
 
 public:
-    class ClientConfig;
-
     /*!
         Constructs a client for the configured server. Returns at once; the
         connection follows (connected()). Without a configured server no
@@ -140,26 +159,47 @@ public:
         -1 is zlib's default. A stored 0 reads as -1.
     */
     static int GetCompressionRate();
+
+    /*!
+        Sets the TLS files of every client constructed afterwards in this
+        process, over the keys "TlsCaFile", "TlsCertFile" and "TlsKeyFile"
+        of the group "KELDA". An addition to the original interface, see
+        \ref tls.
+
+        \a caFile is the PEM certificate of the authority that must have
+        signed the server's certificate; naming it switches TLS on. \a
+        certFile and \a keyFile (PEM, the key unencrypted) are the client's
+        own certificate, which tells a server that asks for one who the user
+        is. An empty \a caFile returns to what the configuration says.
+    */
+    static void SetTlsFiles(const QString &caFile, const QString &certFile = QString(),
+                            const QString &keyFile = QString());
     /*!
         Returns a new random GUID in lower case, 36 characters without braces;
         the same as Kelda::CreateGuid(). Thread-safe.
     */
     static QString CreateGuid();
 
-    //! \cond internal
-    // The configuration that every reader in the process shares: set by the
-    // first reader, replaced by the first client, whose constructor may
-    // override host and port. Applications use IsKeldaAvailable(),
-    // IsUseUtc() and GetCompressionRate().
-    static std::atomic<ClientConfig *> s_config;
-    //! \endcond
-
     /*!
         Returns true when a server is configured, the connection is up and
         the server has answered its first request (connected() was emitted
-        and disconnected() has not followed).
+        and disconnected() has not followed). See \ref connection.
     */
     bool IsConnected() const;
+    /*!
+        Waits until the client is connected, for at most \a msecs
+        milliseconds (a negative value waits without limit). An addition to
+        the original interface, see \ref connection.
+
+        Returns true at once when IsConnected(), and false at once when the
+        client has no server to connect to (IsKeldaAvailable() was false
+        when it was constructed). Otherwise runs a local event loop until
+        connected() is emitted or the time has passed, and returns
+        IsConnected(). The loop delivers timers, network events and queued
+        signals, this client's among them, but holds back user input until
+        it returns. Call it in the client's thread.
+    */
+    bool WaitForConnected(int msecs = 30000);
     /*!
         Returns the error code of the last reply, or of the last failed
         connection check (KE_NotConnected); KE_NoError when no server is
@@ -447,15 +487,30 @@ public:
         titled \a title over \a parent, offering the types of
         FileTypeManager. Runs modally; each query blocks up to 60 s.
 
-        Returns true when the user accepted; then \a guid is the group and
-        \a fileId the dialog's stored id of the file (the listed id plus 1).
-        False on cancel or when the query failed.
+        Returns true when the user accepted a file; then \a guid is its group.
+        False on cancel, when the query failed, or when the dialog was
+        accepted on a group row.
+
+        \a fileId is \b not the picked file's id: it is the id the server
+        lists for that file plus 1, as existing callers expect. The picked
+        file's id is
+        \code
+        const unsigned int pickedId = fileId - 1;
+        \endcode
+
+        This member shows a dialog, so it is defined in keldaclientwidgets, not
+        in keldaclientcore with the rest of the class: an application that
+        calls it links keldaclientwidgets or keldaclient.
     */
     bool GetSelectedFile(QWidget *parent, const QString &title, QString &guid, unsigned int &fileId);
     /*!
         \overload
         Sets \a url to the choice as "kelda:///<guid>/<file id>", also after a
-        cancel, then with an empty GUID and file id 0.
+        cancel, then with an empty GUID and file id 0. Its file id, too, is the
+        listed id plus 1; the URL of the picked file is
+        \code
+        const Kelda::KeldaUrl picked(Kelda::KeldaUrl::fromKeldaIds(url.toKeldaGuid(), url.toKeldaFileId() - 1));
+        \endcode
     */
     bool GetSelectedFile(QWidget *parent, const QString &title, KeldaUrl &url);
 
@@ -576,15 +631,13 @@ signals:
     */
     void getTovinFilegroupGuidSg(QString a_sRequestId, QString a_guid, int a_iError, QString a_sErrorString);
 
-private Q_SLOTS:
-    void SlotConnected(QString a_basePath);
-    void SlotDisconnected();
-    void EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath);
-    void EmitAddFileSg(QString a_sRequestId, unsigned int a_fileId);
-
 private:
     Q_DECLARE_PRIVATE_D(d, KeldaClient)
     const QScopedPointer<KeldaClientPrivate> d;
+    Q_PRIVATE_SLOT(d_func(), void SlotConnected(QString a_basePath))
+    Q_PRIVATE_SLOT(d_func(), void SlotDisconnected())
+    Q_PRIVATE_SLOT(d_func(), void EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath))
+    Q_PRIVATE_SLOT(d_func(), void EmitAddFileSg(QString a_sRequestId, unsigned int a_fileId))
 };
 
 } // namespace Kelda

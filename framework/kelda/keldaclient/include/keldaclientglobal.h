@@ -4,15 +4,17 @@
 
 /*!
     \file keldaclientglobal.h
-    \brief The export macro of the client library.
+    \brief The export macro of the client libraries.
 */
 
 /*!
     \def KELDACLIENT_EXPORT
-    \brief Marks a class of the client library (keldaclient) as exported; an
-    application sees it as imported.
+    \brief Marks a class of the client libraries (keldaclientcore and
+    keldaclientwidgets) as exported; an application sees it as imported.
 
-    The library's own build defines KELDACLIENT_LIBRARY.
+    The builds of both libraries define KELDACLIENT_LIBRARY: one macro serves
+    both, since on ELF platforms export and import are the same default
+    visibility.
 */
 #if defined(KELDACLIENT_LIBRARY)
 #define KELDACLIENT_EXPORT Q_DECL_EXPORT

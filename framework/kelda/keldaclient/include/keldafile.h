@@ -70,7 +70,11 @@ public:
         the object is the local file \a name.
 
         On failure GetError() holds the client's error, or KE_AddFileFailed
-        when the copy into the group's directory failed.
+        when the copy into the group's directory failed. When no reply to the
+        group's creation came (in time, or before the connection was lost),
+        it holds KE_ReplyTimeout; then GetGuid() stays empty and nothing more
+        is sent, neither the file nor, at destruction, the move to network
+        storage.
     */
     KeldaFile(KeldaClient *client, const QString &name, const QString &version, unsigned int &lifeCycleDays,
               const QString &detail, const QString &comment, FileType fileType, quint64 reservedStorage);

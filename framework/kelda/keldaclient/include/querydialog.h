@@ -2,14 +2,9 @@
 
 #include "keldaclientglobal.h"
 
-#include <QDateTime>
 #include <QDialog>
 #include <QScopedPointer>
 #include <QStringList>
-
-QT_BEGIN_NAMESPACE
-class QDateTimeEdit;
-QT_END_NAMESPACE
 
 /*!
     \file querydialog.h
@@ -65,20 +60,10 @@ public:
     //! Fills the referencing application list with "None" and \a applications.
     void SetRefApplications(const QStringList &applications);
 
-private Q_SLOTS:
-    void ResetControls();
-
 private:
-    void ReadControls(FileQuery &query);
-    void WriteControls(FileQuery &query);
-    void AdjustDefaultDateTimeMax();
-    QDateTime ReadDateTimeMin(QDateTimeEdit *edit) const;
-    QDateTime ReadDateTimeMax(QDateTimeEdit *edit) const;
-    void WriteDateTimeMin(QDateTimeEdit *edit, const QDateTime &value);
-    void WriteDateTimeMax(QDateTimeEdit *edit, const QDateTime &value);
-
     Q_DECLARE_PRIVATE_D(d, QueryDialog)
     const QScopedPointer<QueryDialogPrivate> d;
+    Q_PRIVATE_SLOT(d_func(), void ResetControls())
 };
 
 } // namespace Kelda

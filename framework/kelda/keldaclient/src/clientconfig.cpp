@@ -2,6 +2,7 @@
 
 #include "configuredserver.h"
 #include "icfg.h"
+#include "keldaclient.h"
 #include "trace.h"
 #include "xmlseparator.h"
 
@@ -31,16 +32,16 @@ quint32 frameSizeFromConfiguration(int value)
 
 // The first reader's copy becomes the shared one unless a client has already
 // installed its own.
-KeldaClient::ClientConfig *sharedConfig(KeldaClient::ClientConfig &candidate)
+ClientConfig *sharedConfig(ClientConfig &candidate)
 {
-    KeldaClient::ClientConfig *expected = nullptr;
-    KeldaClient::s_config.compare_exchange_strong(expected, &candidate);
-    return KeldaClient::s_config.load();
+    ClientConfig *expected = nullptr;
+    ClientConfig::s_shared.compare_exchange_strong(expected, &candidate);
+    return ClientConfig::s_shared.load();
 }
 
 } // namespace
 
-std::atomic<KeldaClient::ClientConfig *> KeldaClient::s_config{nullptr};
+std::atomic<ClientConfig *> ClientConfig::s_shared{nullptr};
 
 bool KeldaClient::IsKeldaAvailable()
 {
@@ -60,7 +61,7 @@ int KeldaClient::GetCompressionRate()
     return sharedConfig(config)->GetCompressionRate();
 }
 
-KeldaClient::ClientConfig::ClientConfig()
+ClientConfig::ClientConfig()
 {
     Q_TRACE_DETAIL(kTraceSource, QStringLiteral("ClientConfig::ClientConfig: Start "));
     try {
@@ -71,59 +72,59 @@ KeldaClient::ClientConfig::ClientConfig()
     Q_TRACE_DETAIL(kTraceSource, QStringLiteral("ClientConfig::ClientConfig: End"));
 }
 
-KeldaClient::ClientConfig::~ClientConfig()
+ClientConfig::~ClientConfig()
 {
     Q_TRACE_DETAIL(kTraceSource, QStringLiteral("ClientConfig::~ClientConfig: Destroyed"));
 }
 
-QString KeldaClient::ClientConfig::GetServerHost() const
+QString ClientConfig::GetServerHost() const
 {
     const std::lock_guard<std::mutex> lock(m_hostMutex);
     return m_sServerHost;
 }
 
-void KeldaClient::ClientConfig::SetServerHost(const QString &host)
+void ClientConfig::SetServerHost(const QString &host)
 {
     const std::lock_guard<std::mutex> lock(m_hostMutex);
     m_sServerHost = host;
 }
 
-quint16 KeldaClient::ClientConfig::GetXmlPort() const
+quint16 ClientConfig::GetXmlPort() const
 {
     return m_uXmlPort.load();
 }
 
-void KeldaClient::ClientConfig::SetXmlPort(quint16 port)
+void ClientConfig::SetXmlPort(quint16 port)
 {
     m_uXmlPort.store(port);
 }
 
-bool KeldaClient::ClientConfig::IsAvailable() const
+bool ClientConfig::IsAvailable() const
 {
     return m_bAvailable.load();
 }
 
-void KeldaClient::ClientConfig::SetAvailable(bool available)
+void ClientConfig::SetAvailable(bool available)
 {
     m_bAvailable.store(available);
 }
 
-bool KeldaClient::ClientConfig::IsUseUtc() const
+bool ClientConfig::IsUseUtc() const
 {
     return m_bUseUtc.load();
 }
 
-int KeldaClient::ClientConfig::GetCompressionRate() const
+int ClientConfig::GetCompressionRate() const
 {
     return m_iCompressionRate.load();
 }
 
-quint32 KeldaClient::ClientConfig::GetMaxFrameSize() const
+quint32 ClientConfig::GetMaxFrameSize() const
 {
     return m_uMaxFrameSize.load();
 }
 
-void KeldaClient::ClientConfig::ReadConfiguration()
+void ClientConfig::ReadConfiguration()
 {
     const std::unique_ptr<ICfg> cfg = ConfiguredServer::OpenGroup();
     if (!cfg)

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "keldaclient.h"
 #include "xmlseparator.h"
 
 #include <QString>
@@ -13,9 +12,15 @@ namespace Kelda {
 // The client settings of the process, read once from the configuration group
 // "KELDA". The client constructors write host, port and availability before
 // other threads use them; the fields may be read from any thread.
-class KeldaClient::ClientConfig
+class ClientConfig
 {
 public:
+    // The copy that every reader in the process shares: set by the first
+    // reader, replaced by the first client, whose constructor may override
+    // host and port. Applications reach it through KeldaClient's
+    // IsKeldaAvailable(), IsUseUtc() and GetCompressionRate().
+    static std::atomic<ClientConfig *> s_shared;
+
     ClientConfig();
     ~ClientConfig();
 

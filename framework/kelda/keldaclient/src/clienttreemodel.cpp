@@ -3,6 +3,8 @@
 #include "keldaclient.h"
 #include "trace.h"
 
+#include <QList>
+
 namespace Kelda {
 
 namespace {
@@ -14,27 +16,41 @@ const QString kFilterSeparator = QStringLiteral(";;");
 
 // ---------------------------------------------------------------- FileGroupTreeItem
 
+class FileGroupTreeItemPrivate
+{
+public:
+    FileGroupTreeItemPrivate(const QVector<QVariant> &data, const QString &guid, unsigned int fileId,
+                             bool hasChildren, FileGroupTreeItem *parent)
+        : m_pParentItem(parent)
+        , m_itemData(data)
+        , m_sGuid(guid)
+        , m_uFileId(fileId)
+        , m_bHasChildren(hasChildren)
+    {
+    }
+
+    FileGroupTreeItem *m_pParentItem;
+    QList<FileGroupTreeItem *> m_childItems;
+    QVector<QVariant> m_itemData;
+    QString m_sGuid;
+    quint32 m_uFileId;
+    bool m_bHasChildren;
+};
+
 FileGroupTreeItem::FileGroupTreeItem(const QVector<QVariant> &data, const QString &guid, unsigned int fileId,
                                      bool hasChildren, FileGroupTreeItem *parent)
-    : m_pParentItem(parent)
-    , m_itemData(data)
-    , m_sGuid(guid)
-    , m_uFileId(fileId)
-    , m_bHasChildren(hasChildren)
+    : d(new FileGroupTreeItemPrivate(data, guid, fileId, hasChildren, parent))
 {
 }
 
 FileGroupTreeItem::FileGroupTreeItem(const FileGroupTreeItem &other)
-    : m_pParentItem(other.m_pParentItem)
-    , m_itemData(other.m_itemData)
-    , m_sGuid(other.m_sGuid)
-    , m_uFileId(other.m_uFileId)
-    , m_bHasChildren(other.m_bHasChildren)
+    : d(new FileGroupTreeItemPrivate(other.d->m_itemData, other.d->m_sGuid, other.d->m_uFileId,
+                                     other.d->m_bHasChildren, other.d->m_pParentItem))
 {
-    for (const FileGroupTreeItem *child : other.m_childItems) {
+    for (const FileGroupTreeItem *child : qAsConst(other.d->m_childItems)) {
         auto *copy = new FileGroupTreeItem(*child);
-        copy->m_pParentItem = this;
-        m_childItems.append(copy);
+        copy->d->m_pParentItem = this;
+        d->m_childItems.append(copy);
     }
 }
 
@@ -42,110 +58,107 @@ FileGroupTreeItem &FileGroupTreeItem::operator=(const FileGroupTreeItem &other)
 {
     if (this == &other)
         return *this;
-    // The copy takes the old children with it when it goes.
+    // The copy is made before anything changes, since other may be one of
+    // this item's children; it takes the old values and children with it
+    // when it goes.
     FileGroupTreeItem copy(other);
-    m_childItems.swap(copy.m_childItems);
-    for (FileGroupTreeItem *child : qAsConst(m_childItems))
-        child->m_pParentItem = this;
-    m_pParentItem = other.m_pParentItem;
-    m_itemData = other.m_itemData;
-    m_sGuid = other.m_sGuid;
-    m_uFileId = other.m_uFileId;
-    m_bHasChildren = other.m_bHasChildren;
+    d.swap(copy.d);
+    for (FileGroupTreeItem *child : qAsConst(d->m_childItems))
+        child->d->m_pParentItem = this;
     return *this;
 }
 
 FileGroupTreeItem::~FileGroupTreeItem()
 {
-    qDeleteAll(m_childItems);
+    qDeleteAll(d->m_childItems);
 }
 
 FileGroupTreeItem *FileGroupTreeItem::Child(int row) const
 {
-    return row < 0 || row >= m_childItems.size() ? nullptr : m_childItems.at(row);
+    return row < 0 || row >= d->m_childItems.size() ? nullptr : d->m_childItems.at(row);
 }
 
 int FileGroupTreeItem::ChildCount() const
 {
-    return m_childItems.size();
+    return d->m_childItems.size();
 }
 
 int FileGroupTreeItem::ColumnCount() const
 {
-    return m_itemData.size();
+    return d->m_itemData.size();
 }
 
 int FileGroupTreeItem::ChildNumber() const
 {
-    if (!m_pParentItem)
+    if (!d->m_pParentItem)
         return 0;
-    return m_pParentItem->m_childItems.indexOf(const_cast<FileGroupTreeItem *>(this));
+    return d->m_pParentItem->d->m_childItems.indexOf(const_cast<FileGroupTreeItem *>(this));
 }
 
 QVariant FileGroupTreeItem::Data(int column) const
 {
-    return column < 0 || column >= m_itemData.size() ? QVariant() : m_itemData.at(column);
+    return column < 0 || column >= d->m_itemData.size() ? QVariant() : d->m_itemData.at(column);
 }
 
 bool FileGroupTreeItem::SetData(int column, const QVariant &value)
 {
-    if (column < 0 || column >= m_itemData.size())
+    if (column < 0 || column >= d->m_itemData.size())
         return false;
-    m_itemData[column] = value;
+    d->m_itemData[column] = value;
     return true;
 }
 
 bool FileGroupTreeItem::InsertChildren(int position, int count, int columns)
 {
-    if (position < 0 || position > m_childItems.size())
+    if (position < 0 || position > d->m_childItems.size())
         return false;
     for (int row = 0; row < count; ++row)
-        m_childItems.insert(position, new FileGroupTreeItem(QVector<QVariant>(columns), QString(), 0, false, this));
+        d->m_childItems.insert(position, new FileGroupTreeItem(QVector<QVariant>(columns), QString(), 0, false, this));
     return true;
 }
 
 bool FileGroupTreeItem::RemoveChildren(int position, int count)
 {
-    if (position < 0 || position + count > m_childItems.size())
+    if (position < 0 || position + count > d->m_childItems.size())
         return false;
     for (int row = 0; row < count; ++row)
-        delete m_childItems.takeAt(position);
+        delete d->m_childItems.takeAt(position);
     return true;
 }
 
 FileGroupTreeItem *FileGroupTreeItem::Parent() const
 {
-    return m_pParentItem;
+    return d->m_pParentItem;
 }
 
 QString FileGroupTreeItem::GetGuid() const
 {
-    return m_sGuid;
+    return d->m_sGuid;
 }
 
 void FileGroupTreeItem::SetGuid(const QString &guid)
 {
-    m_sGuid = guid;
+    d->m_sGuid = guid;
 }
 
 unsigned int FileGroupTreeItem::GetFileId() const
 {
-    return m_uFileId;
+    return d->m_uFileId;
 }
 
 void FileGroupTreeItem::SetFileId(unsigned int fileId)
 {
-    m_uFileId = fileId;
+    d->m_uFileId = fileId;
 }
 
 bool FileGroupTreeItem::GetHasChildren() const
 {
-    return m_bHasChildren;
+    return d->m_bHasChildren;
 }
 
 void FileGroupTreeItem::SetHasChildren(bool hasChildren)
 {
-    m_bHasChildren = hasChildren;
+    d->m_bHasChildren = hasChildren;
 }
 
 // ---------------------------------------------------------------- ClientTreeModel

@@ -3,6 +3,7 @@
 #include "commandsendersocket.h"
 #include "keldaerror.h"
 #include "replyparser.h"
+#include "replysignals.h"
 #include "requestmessages.h"
 #include "threadhandover.h"
 #include "trace.h"
@@ -19,11 +20,6 @@ constexpr int kConnectionCheckMs = 180000;
 // Values of replies that no blocking call took (asynchronous calls, late
 // replies after a timeout) are dropped oldest first beyond this many.
 constexpr int kMaxKeptReplies = 256;
-
-QString boolText(bool value)
-{
-    return value ? QStringLiteral("true") : QStringLiteral("false");
-}
 
 } // namespace
 
@@ -52,7 +48,12 @@ void CommandSender::start()
 {
     // A second start replaces the socket; the thread deletes the old one.
     m_socket.storeRelease(nullptr);
-    auto *socket = new CommandSenderSocket(m_host, m_port);
+    ClientTls tls;
+    {
+        const std::lock_guard<std::mutex> lock(m_tlsMutex);
+        tls = m_tls;
+    }
+    auto *socket = new CommandSenderSocket(m_host, m_port, tls);
     socket->SetMaxFrameLength(m_maxFrameLength.load());
     connect(socket, &CommandSenderSocket::si_newMessage, this, &CommandSender::SlotHandleXmlReply);
     connect(socket, &CommandSenderSocket::si_connected, this, &CommandSender::SlotConnected);
@@ -68,18 +69,43 @@ void CommandSender::start()
     m_connectionCheckTimer->start();
 }
 
-QString CommandSender::Send(const KeldaClientSOAPMessage &message)
+QString CommandSender::Send(CommandRequest request)
 {
+    FillIdentity(request);
+    if (!request.Command().sendTrace.isEmpty())
+        Q_TRACE_DETAIL(kSource, request.SendTrace());
     // Through the meta-object rather than a lambda: Qt copies the bytes into
     // the queued call itself, so the hand-over to the socket thread is wholly
     // Qt's, where thread checkers can be told to trust it, instead of
     // lambda captures written here and read there by our own code.
     static const QMetaMethod sendMessage = CommandSenderSocket::staticMetaObject.method(
         CommandSenderSocket::staticMetaObject.indexOfSlot("sl_sendMessage(QByteArray)"));
-    const QByteArray bytes = message.ToXml();
+    const QByteArray bytes = request.ToXml();
     if (CommandSenderSocket *socket = m_socket.loadAcquire())
         sendMessage.invoke(socket, Qt::QueuedConnection, Q_ARG(QByteArray, bytes));
-    return message.GetRequestId();
+    return request.GetRequestId();
+}
+
+void CommandSender::FillIdentity(CommandRequest &request)
+{
+    for (const RequestField &field : request.Command().fields) {
+        switch (field.source) {
+        case FieldSource::ClientApplication:
+            request.SetText(field.name, m_application);
+            break;
+        case FieldSource::User:
+            request.SetText(field.name, m_user);
+            break;
+        case FieldSource::Team:
+            request.SetText(field.name, m_teamMembership);
+            break;
+        case FieldSource::LockIdentity:
+            request.SetText(field.name, GetClientKey());
+            break;
+        default:
+            break;
+        }
+    }
 }
 
 QString CommandSender::GetClientKey()
@@ -96,239 +122,172 @@ QString CommandSender::CreateFileGroup(const QString &guid, const QString &versi
                                        const QString &detail, const QString &comment, FileType fileType,
                                        quint64 reservedStorage, const QString &fileGroupName, const QString &path)
 {
-    CreateFileGroupMessage message;
-    message.SetGroupGuid(guid);
-    message.SetFileGroupVersion(version);
-    message.SetLifeCycle(lifeCycle);
-    message.SetDetail(detail);
-    message.SetComment(comment);
-    message.SetFileType(fileType);
-    message.SetReservedStorage(reservedStorage);
-    message.SetFileGroupName(fileGroupName);
-    message.SetPath(path);
-    message.SetTeamMembership(m_teamMembership);
-    message.SetUserName(m_user);
-    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CreateFG: guid='%1' group='%2' path='%3' detail='%4' "
-                                           "comment='%5' user='%6' type='%7'")
-                                .arg(guid, fileGroupName, path, detail, comment, m_user,
-                                     QString::number(int(fileType))));
-    return Send(message);
+    CreateFileGroupMessage request;
+    request.SetGroupGuid(guid);
+    request.SetFileGroupVersion(version);
+    request.SetLifeCycle(lifeCycle);
+    request.SetDetail(detail);
+    request.SetComment(comment);
+    request.SetFileType(fileType);
+    request.SetReservedStorage(reservedStorage);
+    request.SetFileGroupName(fileGroupName);
+    request.SetPath(path);
+    return Send(request);
 }
 
 QString CommandSender::CreateTovinFileGroup(const QString &guid, const QString &subsystem, const QString &tovinId,
                                             const QString &recordId, const QString &version, const QString &detail,
                                             const QString &comment, FileType fileType, const QString &path)
 {
-    CreateTovinFileGroupMessage message;
-    message.SetGuid(guid);
-    message.SetSubSystemName(subsystem);
-    message.SetTovinId(tovinId);
-    message.SetRecordId(recordId);
-    message.SetFileGroupVersion(version);
-    message.SetDetail(detail);
-    message.SetComment(comment);
-    message.SetFileType(fileType);
-    message.SetPath(path);
-    message.SetTeamMembership(m_teamMembership);
-    message.SetUserName(m_user);
-    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CreateTovinFG: guid='%1' tovin='%2' record='%3' detail='%4' "
-                                           "comment='%5' user='%6' subsystem='%7' type='%8' filepath='%9'")
-                                .arg(guid, tovinId, recordId, detail, comment, m_user, subsystem,
-                                     QString::number(int(fileType)), path));
-    return Send(message);
+    CreateTovinFileGroupMessage request;
+    request.SetGuid(guid);
+    request.SetSubSystemName(subsystem);
+    request.SetTovinId(tovinId);
+    request.SetRecordId(recordId);
+    request.SetFileGroupVersion(version);
+    request.SetDetail(detail);
+    request.SetComment(comment);
+    request.SetFileType(fileType);
+    request.SetPath(path);
+    return Send(request);
 }
 
 QString CommandSender::AddFile(const QString &guid, const QString &fileName, int fileId)
 {
-    AddFileMessage message;
-    message.SetGuid(guid);
-    message.SetFileName(fileName);
-    message.SetFileId(fileId);
-    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::AddFile: guid='%1' fileid='%2' filename='%3'")
-                                .arg(guid, QString::number(fileId), fileName));
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::AddFile)
+                    .SetText(Tag::Guid, guid)
+                    .SetText(Tag::FileName, fileName)
+                    .SetNumber(Tag::FileId, fileId));
 }
 
 QString CommandSender::DeleteFile(const QString &guid, int fileId)
 {
-    DeleteFileMessage message;
-    message.SetGuid(guid);
-    message.SetFileId(fileId);
-    Q_TRACE_DETAIL(kSource,
-                   QStringLiteral("KeldaClient::DeleteFile: guid='%1' fileid='%2'").arg(guid, QString::number(fileId)));
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::DeleteFile).SetText(Tag::Guid, guid).SetNumber(Tag::FileId, fileId));
 }
 
 QString CommandSender::RequestFile(const QString &guid, int fileId, bool writeLock)
 {
-    RequestFileMessage message;
-    message.SetGuid(guid);
-    message.SetFileId(fileId);
-    message.SetWriteLock(writeLock);
-    const QString lockIdentity = GetClientKey();
-    message.SetUserName(lockIdentity);
-    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::RequestFile: guid='%1' fileid='%2' lock='%3' lockid='%4'")
-                                .arg(guid, QString::number(fileId), boolText(writeLock), lockIdentity));
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::RequestFile)
+                    .SetText(Tag::Guid, guid)
+                    .SetNumber(Tag::FileId, fileId)
+                    .SetFlag(Tag::WriteLock, writeLock));
 }
 
 QString CommandSender::CloseFile(const QString &guid, int fileId)
 {
-    CloseFileMessage message;
-    message.SetGuid(guid);
-    message.SetUserName(GetClientKey());
-    // The id only reaches the trace: the server closes by lock identity.
-    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CloseFile: guid='%1' fileid='%2'")
-                                .arg(guid, QString::number(fileId)));
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::CloseFile).SetText(Tag::Guid, guid).SetNumber(Tag::FileId, fileId));
 }
 
 QString CommandSender::MoveToNas(const QString &guid)
 {
-    MoveToNasMessage message;
-    message.SetGuid(guid);
-    message.SetUserName(m_user);
-    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::MoveToNas: guid='%1' user='%2'").arg(guid, m_user));
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::MoveToNas).SetText(Tag::Guid, guid));
 }
 
 QString CommandSender::AddReference(const QString &guid)
 {
-    AddReferenceMessage message;
-    message.SetGuid(guid);
-    message.SetApplication(m_application);
-    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::AddRef: guid='%1' app='%2'").arg(guid, m_application));
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::AddReference).SetText(Tag::Guid, guid));
 }
 
 QString CommandSender::RemoveReference(const QString &guid)
 {
-    RemoveReferenceMessage message;
-    message.SetGuid(guid);
-    message.SetApplication(m_application);
-    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::RemoveReference: guid='%1'").arg(guid));
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::RemoveReference).SetText(Tag::Guid, guid));
 }
 
 QString CommandSender::RemoveAllReferences(const QString &guid)
 {
-    RemoveAllReferencesMessage message;
-    message.SetGuid(guid);
-    message.SetApplication(m_application);
-    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::RemoveAllReferences: guid='%1'").arg(guid));
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::RemoveAllReferences).SetText(Tag::Guid, guid));
 }
 
 QString CommandSender::QueryMetaData(const QString &guid, const QString &application)
 {
-    QueryMetaDataMessage message;
-    message.SetGuid(guid);
-    message.SetApplication(application);
-    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::QueryMetaData: guid='%1' app='%2'").arg(guid, application));
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::QueryMetaData)
+                    .SetText(Tag::Guid, guid)
+                    .SetText(Tag::Application, application));
 }
 
 QString CommandSender::GetApplicationList()
 {
-    return Send(GetApplicationListMessage());
+    return Send(CommandRequest(ReplyKind::GetApplicationList));
 }
 
 QString CommandSender::GetUserList()
 {
-    return Send(GetUserListMessage());
+    return Send(CommandRequest(ReplyKind::GetUserList));
 }
 
 QString CommandSender::GetFileList(const QString &guid)
 {
-    GetFileListMessage message;
-    message.SetGuid(guid);
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::GetFileList).SetText(Tag::Guid, guid));
 }
 
 QString CommandSender::QueryFileGroups(const FileQuery &query)
 {
-    QueryFileGroupsMessage message;
-    message.SetQuery(query);
-    return Send(message);
+    QueryFileGroupsMessage request;
+    request.SetQuery(query);
+    return Send(request);
 }
 
 QString CommandSender::GetBasePath()
 {
-    return Send(GetBasePathMessage());
+    return Send(CommandRequest(ReplyKind::GetBasePath));
 }
 
 QString CommandSender::ExportArchive(const QStringList &guids, const QString &target)
 {
-    ExportArchiveMessage message;
-    message.SetGuids(guids);
-    message.SetPath(target);
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::ExportArchive).SetTexts(Tag::Guid, guids).SetText(Tag::Path, target));
 }
 
 QString CommandSender::ImportArchive(const QStringList &paths)
 {
-    ImportArchiveMessage message;
-    message.SetPaths(paths);
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::ImportArchive).SetTexts(Tag::Path, paths));
 }
 
 QString CommandSender::RegisterConverter(const QString &converterId, const QVector<FileType> &fileTypes)
 {
-    RegisterConverterMessage message;
-    message.SetConverterId(converterId);
-    message.SetFileTypes(fileTypes);
-    return Send(message);
+    RegisterConverterMessage request;
+    request.SetConverterId(converterId);
+    request.SetFileTypes(fileTypes);
+    return Send(request);
 }
 
 QString CommandSender::ConvertFileGroupReply(const QString &guid, int error, const QString &errorString)
 {
-    ConvertFileGroupReplyMessage message;
-    message.SetGuid(guid);
-    message.SetError(error);
-    message.SetErrorString(errorString);
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::ConvertFileGroup)
+                    .SetText(Tag::Guid, guid)
+                    .SetNumber(Tag::Error, error)
+                    .SetText(Tag::ErrorString, errorString));
 }
 
 QString CommandSender::DeleteFileGroup(const QString &guid, bool shallowDelete)
 {
-    DeleteFileGroupMessage message;
-    message.SetGuid(guid);
-    message.SetShallowDelete(shallowDelete);
-    Q_TRACE_DETAIL(kSource,
-                   QStringLiteral("KeldaClient::DeleteFG: guid='%1' shallow='%2'").arg(guid, boolText(shallowDelete)));
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::DeleteFileGroup)
+                    .SetText(Tag::Guid, guid)
+                    .SetFlag(Tag::ShallowDelete, shallowDelete));
 }
 
 QString CommandSender::QueryLocationStateProgress(const QString &guid)
 {
-    QueryLocationStateProgressMessage message;
-    message.SetGuid(guid);
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::QueryLocationStateProgress).SetText(Tag::Guid, guid));
 }
 
 QString CommandSender::CheckFileGroupExists(const QString &guid)
 {
-    CheckFileGroupExistsMessage message;
-    message.SetGuid(guid);
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::CheckFileGroupExists).SetText(Tag::Guid, guid));
 }
 
 QString CommandSender::GetRemoteStorageLocation(const QString &guid, int fileId)
 {
-    GetRemoteStorageLocationMessage message;
-    message.SetGuid(guid);
-    message.SetFileId(fileId);
-    return Send(message);
+    return Send(CommandRequest(ReplyKind::GetRemoteStorageLocation)
+                    .SetText(Tag::Guid, guid)
+                    .SetNumber(Tag::FileId, fileId));
 }
 
 QString CommandSender::GetTovinFilegroupGuid(const QString &tovinId, const QString &recordId)
 {
-    GetTovinFilegroupGuidMessage message;
-    message.SetTovinId(tovinId);
-    message.SetRecordId(recordId);
-    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::SendGetTovinFilegroupGuidAsync: tovin id='%1' recordId='%2'")
-                                .arg(tovinId, recordId));
-    return Send(message);
+    GetTovinFilegroupGuidMessage request;
+    request.SetTovinId(tovinId);
+    request.SetRecordId(recordId);
+    return Send(request);
 }
 
 bool CommandSender::CheckIsConnected()
@@ -376,6 +335,12 @@ void CommandSender::SetUser(const QString &user)
 void CommandSender::SetTeamMembership(const QString &teamMembership)
 {
     m_teamMembership = teamMembership;
+}
+
+void CommandSender::SetTls(const ClientTls &tls)
+{
+    const std::lock_guard<std::mutex> lock(m_tlsMutex);
+    m_tls = tls;
 }
 
 void CommandSender::SetMaxFrameLength(quint32 bytes)
@@ -449,48 +414,6 @@ void CommandSender::HandleBasePath(const QString &path)
 
 namespace {
 
-using StatusSignal = void (CommandSender::*)(QString, int, QString);
-using TextSignal = void (CommandSender::*)(QString, QString, int, QString);
-using ListSignal = void (CommandSender::*)(QString, QStringList, int, QString);
-
-// The replies that share a result shape, told apart by their kind.
-StatusSignal StatusSignalOf(ReplyKind kind)
-{
-    switch (kind) {
-    case ReplyKind::DeleteFile: return &CommandSender::deleteFileReply;
-    case ReplyKind::CloseFile: return &CommandSender::closeFileReply;
-    case ReplyKind::MoveToNas: return &CommandSender::moveToNasReply;
-    case ReplyKind::AddReference: return &CommandSender::addReferenceReply;
-    case ReplyKind::RemoveReference: return &CommandSender::removeReferenceReply;
-    case ReplyKind::RemoveAllReferences: return &CommandSender::removeAllReferenceReply;
-    case ReplyKind::ExportArchive: return &CommandSender::exportArchiveReply;
-    case ReplyKind::ImportArchive: return &CommandSender::importArchiveReply;
-    case ReplyKind::RegisterConverter: return &CommandSender::registerConverterReply;
-    case ReplyKind::DeleteFileGroup: return &CommandSender::deleteFileGroupReply;
-    default: return nullptr;
-    }
-}
-
-TextSignal TextSignalOf(ReplyKind kind)
-{
-    switch (kind) {
-    case ReplyKind::RequestFile: return &CommandSender::requestFileReply;
-    case ReplyKind::CreateTovinFileGroup: return &CommandSender::createTovinFileGroupReply;
-    case ReplyKind::GetTovinFilegroupGuid: return &CommandSender::getTovinFilegroupGuidReply;
-    default: return nullptr;
-    }
-}
-
-ListSignal ListSignalOf(ReplyKind kind)
-{
-    switch (kind) {
-    case ReplyKind::GetApplicationList: return &CommandSender::getApplicationListReply;
-    case ReplyKind::GetFileList: return &CommandSender::getFileListReply;
-    case ReplyKind::GetUserList: return &CommandSender::getUserListReply;
-    default: return nullptr;
-    }
-}
-
 template <class... Handlers>
 struct Overloaded : Handlers...
 {
@@ -512,58 +435,20 @@ void CommandSender::StoreReplyValues(const ParsedReply &reply)
                    // Blocking callers read the id as its decimal text.
                    [&](const FileIdResult &r) { store({QStringLiteral("%1").arg(r.fileId), {}, 0}); },
                    [&](const CreatedGroupResult &r) { store({r.path, {}, 0}); },
+                   [&](const RecordsResult &r) { store({QString(), r.values, r.fieldCount}); },
                    [](const auto &) {},
                },
                reply.result);
 }
 
-// Every result type but the three shared ones belongs to one reply, so the
-// type alone picks the signal.
+// The base path is the connection's handshake; every other result goes out
+// with the signal its descriptor names.
 void CommandSender::EmitReply(const ParsedReply &reply)
 {
-    const ReplyKind kind = reply.Kind();
-    std::visit(Overloaded{
-                   [](std::monostate) {},
-                   [&](const StatusResult &r) {
-                       if (const StatusSignal signal = StatusSignalOf(kind))
-                           emit(this->*signal)(r.requestId, r.error, r.errorString);
-                   },
-                   [&](const TextResult &r) {
-                       if (const TextSignal signal = TextSignalOf(kind))
-                           emit(this->*signal)(r.requestId, r.text, r.error, r.errorString);
-                   },
-                   [&](const ListResult &r) {
-                       if (const ListSignal signal = ListSignalOf(kind))
-                           emit(this->*signal)(r.requestId, r.list, r.error, r.errorString);
-                   },
-                   [&](const TableResult &r) {
-                       emit queryFileGroupsReply(r.requestId, r.table, r.columnCount, r.error, r.errorString);
-                   },
-                   [&](const FileIdResult &r) {
-                       emit addFileReply(r.requestId, r.fileId);
-                   },
-                   [&](const CreatedGroupResult &r) {
-                       emit createFileGroupReply(r.guid, r.path);
-                   },
-                   [&](const BasePathResult &r) { HandleBasePath(r.path); },
-                   [&](const MetaDataResult &r) {
-                       emit queryMetaDataReply(r.requestId, r.metaData, r.error, r.errorString);
-                   },
-                   [&](const LocationStateProgressResult &r) {
-                       emit queryLocationStateProgressReply(r.requestId, r.locationState, r.progress, r.error,
-                                                            r.errorString);
-                   },
-                   [&](const ExistsResult &r) {
-                       emit checkFileGroupExistsReply(r.requestId, r.exists, r.error, r.errorString);
-                   },
-                   [&](const RemoteStorageLocationResult &r) {
-                       emit getRemoteStorageLocationReply(r.requestId, r.remoteIp, r.attachmentUrl, r.error,
-                                                          r.errorString);
-                   },
-                   [&](const ConvertRequestResult &r) { emit convertFileGroupRequested(r.guid, r.fileType, r.path); },
-                   [&](const CopyProgressResult &r) { emit copyForeignFileGroupProgess(r.requestId, r.progress); },
-               },
-               reply.result);
+    if (const auto *basePath = std::get_if<BasePathResult>(&reply.result))
+        HandleBasePath(basePath->path);
+    else
+        ReplySignals::Emit(this, reply);
 }
 
 } // namespace Kelda

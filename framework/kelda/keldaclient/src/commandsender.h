@@ -1,6 +1,7 @@
 #pragma once
 
 #include "asynchandler.h"
+#include "clienttls.h"
 #include "filegroupdata.h"
 #include "filetype.h"
 #include "workerthread.h"
@@ -23,15 +24,17 @@ class QTimer;
 
 namespace Kelda {
 
+class CommandRequest;
 class CommandSenderSocket;
 class FileQuery;
 struct ParsedReply;
 
-// The worker between the client object and the command socket. Send functions
-// run on the caller's thread: they build the request, hand its bytes to the
-// socket thread by a queued call and return the request id. Replies are parsed
-// on this object's own thread ("commandSenderThread"), emitted as the reply
-// signals and then announced with si_requestHandled.
+// The worker between the client object and the command socket. Send() runs on
+// the caller's thread: it completes the request, hands its bytes to the
+// socket thread by a queued call and returns the request id. Replies are
+// parsed on this object's own thread ("commandSenderThread"), emitted as the
+// reply signals their descriptors name and then announced with
+// si_requestHandled.
 class CommandSender : public QObject
 {
     Q_OBJECT
@@ -41,7 +44,14 @@ public:
                   const QString &teamMembership);
     ~CommandSender() override;
 
-    // Send functions: each returns the request id of the message it sent.
+    // The one way out for every request: fills in the fields its descriptor
+    // takes from this sender (user, team membership, application, lock
+    // identity), traces its send trace and hands its bytes to the socket
+    // thread. Returns the request id.
+    QString Send(CommandRequest request);
+
+    // Typed wrappers over Send() for the client object's operations; each
+    // returns the request id of the message it sent.
     QString CreateFileGroup(const QString &guid, const QString &version, const QDateTime &lifeCycle,
                             const QString &detail, const QString &comment, FileType fileType,
                             quint64 reservedStorage, const QString &fileGroupName, const QString &path);
@@ -108,6 +118,8 @@ public:
     void SetTeamMembership(const QString &teamMembership);
     // The longest message accepted from the server; set before start().
     void SetMaxFrameLength(quint32 bytes);
+    // TLS for the connection; set before start().
+    void SetTls(const ClientTls &tls);
 
 signals:
     void connected(QString a_basePath);
@@ -152,7 +164,7 @@ public slots:
     void SlotCheckConnection();
 
 private:
-    QString Send(const class KeldaClientSOAPMessage &message);
+    void FillIdentity(CommandRequest &request);
     void StoreReplyValues(const QString &requestId, ReplyValues values);
     void StoreReplyValues(const ParsedReply &reply);
     void EmitReply(const ParsedReply &reply);
@@ -175,6 +187,9 @@ private:
 
     std::atomic<bool> m_connected{false};
     std::atomic<quint32> m_maxFrameLength{XmlSeparator::DefaultMaxFrameLength};
+    // Written by the client's thread before start() reads it on this one.
+    std::mutex m_tlsMutex;
+    ClientTls m_tls;
     QTimer *m_connectionCheckTimer = nullptr;
     QAtomicPointer<CommandSenderSocket> m_socket;
     // Runs the socket and deletes it. Last, so that it stops first.

@@ -12,6 +12,8 @@
 #include <QDateTime>
 #include <QDir>
 #include <QHostAddress>
+#include <QSslError>
+#include <QSslSocket>
 #include <QTcpSocket>
 #include <QThread>
 #include <QTimer>
@@ -52,11 +54,18 @@ QString addressText(const QHostAddress &address)
 
 } // namespace
 
-CommandSenderSocket::CommandSenderSocket(const QString &host, quint16 port)
+CommandSenderSocket::CommandSenderSocket(const QString &host, quint16 port, const ClientTls &tls)
     : m_sHost(host)
     , m_uPort(port)
+    , m_tls(tls)
 {
     setUpMessageLog();
+    if (isSecure()) {
+        QString error;
+        m_bTlsUsable = m_tls.makeConfiguration(&m_sslConfiguration, &error);
+        if (!m_bTlsUsable)
+            Q_TRACE_FAILURE(kTraceSource, QStringLiteral("CommandSenderSocket: TLS cannot be used: %1").arg(error));
+    }
     // Queued, so that the first attempt runs on the thread the owner moves
     // this object to before that thread's event loop turns.
     QMetaObject::invokeMethod(this, &CommandSenderSocket::sl_connect, Qt::QueuedConnection);
@@ -195,7 +204,18 @@ void CommandSenderSocket::sl_connect()
         return;
     }
 
-    m_pSocket->connectToHost(m_sHost, m_uPort, QIODevice::ReadWrite, QAbstractSocket::AnyIPProtocol);
+    if (isSecure()) {
+        // Without its files a TLS client must not fall back to plain TCP.
+        if (!m_bTlsUsable) {
+            startReconnectTimer();
+            return;
+        }
+        auto *secure = static_cast<QSslSocket *>(m_pSocket);
+        secure->setSslConfiguration(m_sslConfiguration);
+        secure->connectToHostEncrypted(m_sHost, m_uPort, QIODevice::ReadWrite, QAbstractSocket::AnyIPProtocol);
+    } else {
+        m_pSocket->connectToHost(m_sHost, m_uPort, QIODevice::ReadWrite, QAbstractSocket::AnyIPProtocol);
+    }
     if (!m_pSocket) {
         // An error reported from inside connectToHost has closed the socket.
         Q_TRACE_FAILURE(kTraceSource,
@@ -246,16 +266,38 @@ void CommandSenderSocket::sl_handleTcpError(QAbstractSocket::SocketError)
 
 void CommandSenderSocket::sl_stateChanged(QAbstractSocket::SocketState state)
 {
-    m_bConnected.store(m_pSocket && m_pSocket->isValid() && state == QAbstractSocket::ConnectedState);
+    // Over TLS the connection is made once the handshake is.
+    const bool secured = !isSecure() || (m_pSocket && static_cast<QSslSocket *>(m_pSocket)->isEncrypted());
+    m_bConnected.store(m_pSocket && m_pSocket->isValid() && state == QAbstractSocket::ConnectedState && secured);
     updateAddresses();
+}
+
+void CommandSenderSocket::sl_handleSslErrors(const QList<QSslError> &errors)
+{
+    QStringList reasons;
+    for (const QSslError &error : errors)
+        reasons.append(error.errorString());
+    Q_TRACE_FAILURE(kTraceSource, QStringLiteral("CommandSenderSocket: the server %1:%2 is not trusted: %3")
+                                      .arg(m_sHost)
+                                      .arg(m_uPort)
+                                      .arg(reasons.join(QLatin1String("; "))));
+    // The error that follows the refused handshake closes the connection
+    // and starts the reconnect timer as for any failure.
 }
 
 QTcpSocket *CommandSenderSocket::createSocket()
 {
-    auto *socket = new (std::nothrow) QTcpSocket(this);
+    QTcpSocket *socket = isSecure() ? new (std::nothrow) QSslSocket(this) : new (std::nothrow) QTcpSocket(this);
     if (!socket)
         return nullptr;
-    connect(socket, &QTcpSocket::connected, this, &CommandSenderSocket::sl_connected);
+    if (isSecure()) {
+        auto *secure = static_cast<QSslSocket *>(socket);
+        connect(secure, &QSslSocket::encrypted, this, &CommandSenderSocket::sl_connected);
+        connect(secure, qOverload<const QList<QSslError> &>(&QSslSocket::sslErrors), this,
+                &CommandSenderSocket::sl_handleSslErrors);
+    } else {
+        connect(socket, &QTcpSocket::connected, this, &CommandSenderSocket::sl_connected);
+    }
     connect(socket, &QTcpSocket::disconnected, this, &CommandSenderSocket::sl_disconnected);
     connect(socket, &QTcpSocket::errorOccurred, this, &CommandSenderSocket::sl_handleTcpError);
     connect(socket, &QTcpSocket::stateChanged, this, &CommandSenderSocket::sl_stateChanged);

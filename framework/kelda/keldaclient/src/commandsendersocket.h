@@ -4,14 +4,17 @@
 #include <QByteArray>
 #include <QFile>
 #include <QObject>
+#include <QSslConfiguration>
 #include <QString>
 
+#include "clienttls.h"
 #include "xmlseparator.h"
 
 #include <atomic>
 #include <deque>
 #include <mutex>
 
+class QSslError;
 class QTcpSocket;
 class QTimer;
 
@@ -33,7 +36,9 @@ class CommandSenderSocket : public QObject
     Q_OBJECT
 
 public:
-    CommandSenderSocket(const QString &host, quint16 port);
+    // With tls enabled, the connection is TLS: it counts as made once the
+    // handshake verified the server against the authority.
+    CommandSenderSocket(const QString &host, quint16 port, const ClientTls &tls = ClientTls());
     ~CommandSenderSocket() override;
 
     QString GetHost() const;
@@ -69,11 +74,13 @@ private Q_SLOTS:
     void sl_disconnected();
     void sl_handleTcpError(QAbstractSocket::SocketError error);
     void sl_stateChanged(QAbstractSocket::SocketState state);
+    void sl_handleSslErrors(const QList<QSslError> &errors);
 
 private:
     enum class Direction { Sent, Received };
 
     QTcpSocket *createSocket();
+    bool isSecure() const { return m_tls.isEnabled(); }
     void setUpMessageLog();
     void writeLogEntry(Direction direction, const QByteArray &message);
     void writeLogPiece(const QString &text);
@@ -98,6 +105,10 @@ private:
     mutable std::mutex m_mutex;
     const QString m_sHost;
     const quint16 m_uPort;
+    const ClientTls m_tls;
+    // Made once from the files; a TLS client without it cannot connect.
+    QSslConfiguration m_sslConfiguration;
+    bool m_bTlsUsable = false;
     QString m_sLocalAddress;
     QString m_sPeerAddress;
 };

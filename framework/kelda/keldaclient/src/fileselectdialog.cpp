@@ -15,7 +15,6 @@
 #include <QComboBox>
 #include <QContextMenuEvent>
 #include <QDateTimeEdit>
-#include <QEventLoop>
 #include <QFileDialog>
 #include <QGroupBox>
 #include <QHBoxLayout>
@@ -25,7 +24,6 @@
 #include <QMenu>
 #include <QMessageBox>
 #include <QPushButton>
-#include <QTimer>
 #include <QTreeView>
 #include <QVBoxLayout>
 
@@ -63,18 +61,21 @@ public:
     WaitCursor &operator=(const WaitCursor &) = delete;
 };
 
-// A client of its own must finish its handshake before the dialog's first
-// query, or that query fails at once with "not connected". Waits at most
-// kConnectWaitMs; an unreachable server then shows as that failure.
-void waitForConnection(KeldaClient &client)
+// The open-file helpers' quick dialog on a client of their own. That client
+// must finish its handshake before the dialog's first query, or the query
+// fails at once with "not connected"; it gets kConnectWaitMs, after which an
+// unreachable server shows as that failure. No types mean whatever is
+// offered, as no filter means every file.
+bool pickArchivedFile(KeldaClient &client, QWidget *parent, const QString &caption,
+                      const QVector<FileType> &types, int reserved, QString &guid, unsigned int &fileId)
 {
-    if (client.IsConnected())
-        return;
-    WaitCursor waitCursor;
-    QEventLoop loop;
-    QObject::connect(&client, &KeldaClient::connected, &loop, &QEventLoop::quit);
-    QTimer::singleShot(kConnectWaitMs, &loop, &QEventLoop::quit);
-    loop.exec(QEventLoop::ExcludeUserInputEvents);
+    {
+        WaitCursor waitCursor;
+        client.WaitForConnected(kConnectWaitMs);
+    }
+    FileSelectDialog dialog(&client, parent, caption, FileSelectDialog::tr("Open"), false,
+                            types.isEmpty() ? FileTypeManager::Instance()->GetTypes() : types, reserved, QString());
+    return dialog.Execute(guid, fileId);
 }
 
 QPushButton *newButton(const QString &text, QWidget *parent, int fixedWidth = 0)
@@ -212,7 +213,9 @@ QLayout *FileSelectDialogPrivate::BuildTimeRow()
 
 void FileSelectDialogPrivate::Connect()
 {
-    QObject::connect(m_view, &QTreeView::clicked, q, &FileSelectDialog::EnableOkButton);
+    // The current row, not the last click: the keyboard moves it too.
+    QObject::connect(m_view->selectionModel(), &QItemSelectionModel::currentChanged, q,
+                     &FileSelectDialog::EnableOkButton);
     QObject::connect(m_view, &QTreeView::expanded, q, &FileSelectDialog::ResizeExpanded);
     QObject::connect(m_ok, &QPushButton::clicked, q, &QDialog::accept);
     QObject::connect(m_cancel, &QPushButton::clicked, q, &QDialog::reject);
@@ -241,6 +244,8 @@ bool FileSelectDialogPrivate::RunQuery(QStringList &table, unsigned int &columns
 
 void FileSelectDialogPrivate::DeleteModel()
 {
+    // A reset model leaves no current row, and says nothing about it.
+    m_ok->setEnabled(false);
     m_sortModel->setSourceModel(nullptr);
     delete m_model;
     m_model = nullptr;
@@ -385,7 +390,6 @@ void FileSelectDialog::OpenQueryDialog()
 
 bool FileSelectDialog::Execute(QString &guid, unsigned int &fileId)
 {
-    d->m_ok->setEnabled(false);
     d->DeleteModel();
     QStringList table;
     unsigned int columns = 0;
@@ -401,9 +405,13 @@ bool FileSelectDialog::Execute(QString &guid, unsigned int &fileId)
     if (!d->m_model || !current.isValid())
         return false;
     const FileGroupTreeItem *item = d->m_model->GetItem(current);
+    const QString groupGuid = item->Parent() ? item->Parent()->GetGuid() : QString();
+    // Only a file row names a file: accept() may come from elsewhere than OK.
+    if (item->GetFileId() == 0 || groupGuid.isEmpty())
+        return false;
     // The stored id goes on as it is, plus 1 included.
     fileId = item->GetFileId();
-    guid = item->Parent() ? item->Parent()->GetGuid() : QString();
+    guid = groupGuid;
     return true;
 }
 
@@ -502,12 +510,9 @@ boost::shared_ptr<KeldaFile> KeldaFileDialog::GetOpenFile(QWidget *parent, const
 {
     if (KeldaClient::IsKeldaAvailable()) {
         auto *client = new KeldaClient;
-        waitForConnection(*client);
-        FileSelectDialog dialog(client, parent, caption, FileSelectDialog::tr("Open"), false, types, reserved,
-                                QString());
         QString guid;
         unsigned int fileId = 0;
-        if (!dialog.Execute(guid, fileId)) {
+        if (!pickArchivedFile(*client, parent, caption, types, reserved, guid, fileId)) {
             delete client;
             return {};
         }
@@ -529,12 +534,9 @@ KeldaUrl KeldaFileDialog::GetOpenUrl(QWidget *parent, const QString &caption, co
 {
     if (KeldaClient::IsKeldaAvailable()) {
         KeldaClient client;
-        waitForConnection(client);
-        FileSelectDialog dialog(&client, parent, caption, FileSelectDialog::tr("Open"), false, types, reserved,
-                                QString());
         QString guid;
         unsigned int fileId = 0;
-        if (dialog.Execute(guid, fileId))
+        if (pickArchivedFile(client, parent, caption, types, reserved, guid, fileId))
             return KeldaUrl(KeldaUrl::fromKeldaIds(guid, fileId));
         return KeldaUrl();
     }

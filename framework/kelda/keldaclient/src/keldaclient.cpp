@@ -5,12 +5,15 @@
 #include "clientconfig.h"
 #include "filequery.h"
 #include "keldaclient_p.h"
+#include "replysignals.h"
 #include "trace.h"
 #include "transporttimings.h"
 #include "translationcenter.h"
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QEventLoop>
+#include <QTimer>
 
 namespace Kelda {
 
@@ -70,8 +73,8 @@ KeldaClientPrivate::KeldaClientPrivate(KeldaClient *owner)
 {
     // Every client shares this copy, so that the host and port a constructor
     // sets reach every later reader.
-    static KeldaClient::ClientConfig config;
-    KeldaClient::s_config.store(&config);
+    static ClientConfig config;
+    ClientConfig::s_shared.store(&config);
     static const bool registered = [] {
         qRegisterMetaType<Kelda::FileGroupData>("Kelda::FileGroupData");
         qRegisterMetaType<Kelda::FileType>("FileType");
@@ -94,39 +97,17 @@ void KeldaClientPrivate::StartSender(QString application, const QString &user, c
     if (application.isEmpty())
         application = CfgCenter::GetAppName();
 
-    KeldaClient::ClientConfig *config = KeldaClient::s_config.load();
+    ClientConfig *config = ClientConfig::s_shared.load();
     m_sender = new CommandSender(config->GetServerHost(), config->GetXmlPort(), application, user, teamMembership);
     m_sender->SetMaxFrameLength(config->GetMaxFrameSize());
+    m_sender->SetTls(ClientTls::current());
 
     KeldaClient *q = m_owner;
-    QObject::connect(m_sender, &CommandSender::connected, q, &KeldaClient::SlotConnected);
-    QObject::connect(m_sender, &CommandSender::disconnected, q, &KeldaClient::SlotDisconnected);
-    QObject::connect(m_sender, &CommandSender::createFileGroupReply, q, &KeldaClient::EmitCreateFileGroupSg);
-    QObject::connect(m_sender, &CommandSender::createTovinFileGroupReply, q, &KeldaClient::CreateTovinFileGroupSg);
-    QObject::connect(m_sender, &CommandSender::addFileReply, q, &KeldaClient::EmitAddFileSg);
-    QObject::connect(m_sender, &CommandSender::deleteFileReply, q, &KeldaClient::DeleteFileNameSg);
-    QObject::connect(m_sender, &CommandSender::requestFileReply, q, &KeldaClient::RequestFileSg);
-    QObject::connect(m_sender, &CommandSender::closeFileReply, q, &KeldaClient::CloseFileSg);
-    QObject::connect(m_sender, &CommandSender::moveToNasReply, q, &KeldaClient::MoveToNasSg);
-    QObject::connect(m_sender, &CommandSender::addReferenceReply, q, &KeldaClient::AddReferenceSg);
-    QObject::connect(m_sender, &CommandSender::removeReferenceReply, q, &KeldaClient::RemoveReferenceSg);
-    QObject::connect(m_sender, &CommandSender::removeAllReferenceReply, q, &KeldaClient::RemoveAllReferenceSg);
-    QObject::connect(m_sender, &CommandSender::getApplicationListReply, q, &KeldaClient::GetApplicationListSg);
-    QObject::connect(m_sender, &CommandSender::getUserListReply, q, &KeldaClient::GetUserListSg);
-    QObject::connect(m_sender, &CommandSender::getFileListReply, q, &KeldaClient::GetFileListSg);
-    QObject::connect(m_sender, &CommandSender::copyForeignFileGroupProgess, q,
-                     &KeldaClient::copyForeignFileGroupProgess);
-    QObject::connect(m_sender, &CommandSender::exportArchiveReply, q, &KeldaClient::exportArchiveSg);
-    QObject::connect(m_sender, &CommandSender::importArchiveReply, q, &KeldaClient::importArchiveSg);
-    QObject::connect(m_sender, &CommandSender::queryFileGroupsReply, q, &KeldaClient::queryFileGroupsSg);
-    QObject::connect(m_sender, &CommandSender::queryMetaDataReply, q, &KeldaClient::QueryMetaDataSg);
-    QObject::connect(m_sender, &CommandSender::deleteFileGroupReply, q, &KeldaClient::deleteFileGroupSg);
-    QObject::connect(m_sender, &CommandSender::getRemoteStorageLocationReply, q,
-                     &KeldaClient::getRemoteStorageLocationSg);
-    QObject::connect(m_sender, &CommandSender::getTovinFilegroupGuidReply, q, &KeldaClient::getTovinFilegroupGuidSg);
-    QObject::connect(m_sender, &CommandSender::queryLocationStateProgressReply, q,
-                     &KeldaClient::queryLocationStateProgressSg);
-    QObject::connect(m_sender, &CommandSender::checkFileGroupExistsReply, q, &KeldaClient::checkFileGroupExistsSg);
+    // Queued to the client's thread, as a connection to a slot of q would be.
+    QObject::connect(m_sender, &CommandSender::connected, q,
+                     [this](QString a_basePath) { SlotConnected(a_basePath); });
+    QObject::connect(m_sender, &CommandSender::disconnected, q, [this] { SlotDisconnected(); });
+    ReplySignals::ConnectRelays(m_sender, q);
 
     m_thread.Start(m_sender);
     QMetaObject::invokeMethod(m_sender, "start");
@@ -194,9 +175,9 @@ KeldaClient::KeldaClient(const QString &host, quint16 port)
 {
     Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::KeldaClient: Start"));
     if (!host.isEmpty())
-        s_config.load()->SetServerHost(host);
+        ClientConfig::s_shared.load()->SetServerHost(host);
     if (port != 0)
-        s_config.load()->SetXmlPort(port);
+        ClientConfig::s_shared.load()->SetXmlPort(port);
     d->StartSender(QString(), QString(), QString());
     Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::KeldaClient: End"));
 }
@@ -208,7 +189,7 @@ KeldaClient::KeldaClient(const QString &host, quint16 port, const QString &appli
 {
     Q_TRACE_DETAIL(kSource,
                    QStringLiteral("KeldaClient::KeldaClient: Start (%1, %2)").arg(host, QString::number(port)));
-    ClientConfig *config = s_config.load();
+    ClientConfig *config = ClientConfig::s_shared.load();
     config->SetServerHost(host);
     config->SetXmlPort(port);
     config->SetAvailable(true);
@@ -234,6 +215,25 @@ QString KeldaClient::CreateGuid()
 bool KeldaClient::IsConnected() const
 {
     return IsKeldaAvailable() && d->m_sender && d->m_sender->IsConnected() && d->m_connected.load();
+}
+
+bool KeldaClient::WaitForConnected(int msecs)
+{
+    if (IsConnected())
+        return true;
+    if (!d->m_sender)
+        return false;
+    QEventLoop loop;
+    connect(this, &KeldaClient::connected, &loop, &QEventLoop::quit);
+    QTimer timer;
+    timer.setSingleShot(true);
+    connect(&timer, &QTimer::timeout, &loop, &QEventLoop::quit);
+    if (msecs >= 0)
+        timer.start(msecs);
+    // The caller waits for the server, not for the user: clicks meanwhile
+    // could start what needs the connection.
+    loop.exec(QEventLoop::ExcludeUserInputEvents);
+    return IsConnected();
 }
 
 KeldaError KeldaClient::GetError() const
@@ -285,29 +285,29 @@ void KeldaClient::Reconnect()
 {
 }
 
-void KeldaClient::SlotConnected(QString a_basePath)
+void KeldaClientPrivate::SlotConnected(QString a_basePath)
 {
-    d->m_connected.store(true);
-    d->m_basePath = a_basePath;
+    m_connected.store(true);
+    m_basePath = a_basePath;
     if (a_basePath.isEmpty() || !QDir(a_basePath).exists())
         Q_TRACE_FAILURE(kSource, QStringLiteral("Directory does not exist: ") + a_basePath);
-    emit connected();
+    emit m_owner->connected();
 }
 
-void KeldaClient::SlotDisconnected()
+void KeldaClientPrivate::SlotDisconnected()
 {
-    d->m_connected.store(false);
-    emit disconnected();
+    m_connected.store(false);
+    emit m_owner->disconnected();
 }
 
-void KeldaClient::EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath)
+void KeldaClientPrivate::EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath)
 {
-    emit CreateFileGroupSg(a_sGuid, a_sPath);
+    emit m_owner->CreateFileGroupSg(a_sGuid, a_sPath);
 }
 
-void KeldaClient::EmitAddFileSg(QString a_sRequestId, unsigned int a_fileId)
+void KeldaClientPrivate::EmitAddFileSg(QString a_sRequestId, unsigned int a_fileId)
 {
-    emit AddFileSg(a_sRequestId, a_fileId);
+    emit m_owner->AddFileSg(a_sRequestId, a_fileId);
 }
 
 // ---------------------------------------------------------------- file groups
@@ -688,3 +688,7 @@ QString KeldaClient::CheckFileGroupExists(const QString &guid)
 }
 
 } // namespace Kelda
+
+// The private slots are called by the meta-object code, which needs the
+// private class.
+#include "moc_keldaclient.cpp"

@@ -29,6 +29,15 @@ public:
 
     void StartSender(QString application, const QString &user, const QString &teamMembership);
 
+    // The private slots. The sender's connection signals arrive through the
+    // first two in the client's thread; the reply signals are relayed
+    // straight to the public ones, and the last two, which emit two of
+    // those, stay for code that names them.
+    void SlotConnected(QString a_basePath);
+    void SlotDisconnected();
+    void EmitCreateFileGroupSg(QString a_sGuid, QString a_sPath);
+    void EmitAddFileSg(QString a_sRequestId, unsigned int a_fileId);
+
     // The common preconditions of every operation that talks to the server;
     // a failure is traced as "<operation>: no kelda available" or
     // "<operation>: no commandsender available".

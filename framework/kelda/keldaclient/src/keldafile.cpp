@@ -159,7 +159,12 @@ void KeldaFilePrivate::CreateInArchive(const QString &name, unsigned int lifeCyc
     m_sGuid = m_pClient->CreateFileGroup(version, lifecycle, detail, comment, fileType, reservedStorage,
                                                fileGroupNameOf(fileName), localPath, QString());
     TakeClientError();
-    if (m_lastError != KE_NoError) {
+    if (m_sGuid.isEmpty() || m_lastError != KE_NoError) {
+        // A call that got no reply, in time or at all, leaves the client's
+        // error as it was.
+        if (m_lastError == KE_NoError)
+            m_lastError = KE_ReplyTimeout;
+        m_sGuid.clear();
         Q_TRACE_FAILURE(kSource, QStringLiteral("KeldaFile::KeldaFile: %1").arg(KeldaErrorString::Get(m_lastError)));
         return;
     }

@@ -90,6 +90,15 @@ public:
     QLineEdit *AddSearchTerm(QFormLayout *form, const QString &objectName, const QString &label);
     QList<QDateTimeEdit *> TimeEdits() const;
 
+    void ResetControls();
+    void ReadControls(FileQuery &query);
+    void WriteControls(FileQuery &query);
+    void AdjustDefaultDateTimeMax();
+    QDateTime ReadDateTimeMin(QDateTimeEdit *edit) const;
+    QDateTime ReadDateTimeMax(QDateTimeEdit *edit) const;
+    void WriteDateTimeMin(QDateTimeEdit *edit, const QDateTime &value);
+    void WriteDateTimeMax(QDateTimeEdit *edit, const QDateTime &value);
+
     QueryDialog *q;
     QDateTime m_defaultMin;
     QDateTime m_defaultMax;
@@ -239,7 +248,7 @@ QLayout *QueryDialogPrivate::BuildButtons()
     reset->setAutoDefault(false);
     cancel->setAutoDefault(false);
     accept->setDefault(true);
-    QObject::connect(reset, &QPushButton::clicked, q, &QueryDialog::ResetControls);
+    QObject::connect(reset, &QPushButton::clicked, q, [this] { ResetControls(); });
     QObject::connect(accept, &QPushButton::clicked, q, &QDialog::accept);
     QObject::connect(cancel, &QPushButton::clicked, q, &QDialog::reject);
 
@@ -255,6 +264,116 @@ QList<QDateTimeEdit *> QueryDialogPrivate::TimeEdits() const
 {
     return {m_creation.min, m_creation.max, m_modification.min,
             m_modification.max, m_lifeCycle.min, m_lifeCycle.max};
+}
+
+// The window moves on by whole days: its upper end is the first day step from
+// the lower default that is not before now.
+void QueryDialogPrivate::AdjustDefaultDateTimeMax()
+{
+    const QDateTime now = QDateTime::currentDateTime();
+    m_defaultMax = m_defaultMin;
+    while (m_defaultMax < now)
+        m_defaultMax = m_defaultMax.addDays(1);
+}
+
+QDateTime QueryDialogPrivate::ReadDateTimeMin(QDateTimeEdit *edit) const
+{
+    const QDateTime fallback = m_defaultMin.toTimeSpec(edit->timeSpec());
+    return edit->dateTime() != fallback ? edit->dateTime() : fallback;
+}
+
+QDateTime QueryDialogPrivate::ReadDateTimeMax(QDateTimeEdit *edit) const
+{
+    const QDateTime fallback = m_defaultMax.toTimeSpec(edit->timeSpec());
+    return edit->dateTime() != fallback ? edit->dateTime() : fallback;
+}
+
+// An edit takes date and time as they are and applies its own time spec, so
+// the value is brought into that spec first.
+void QueryDialogPrivate::WriteDateTimeMin(QDateTimeEdit *edit, const QDateTime &value)
+{
+    edit->setDateTime(value.toTimeSpec(edit->timeSpec()));
+}
+
+void QueryDialogPrivate::WriteDateTimeMax(QDateTimeEdit *edit, const QDateTime &value)
+{
+    edit->setDateTime(value.toTimeSpec(edit->timeSpec()));
+}
+
+void QueryDialogPrivate::WriteControls(FileQuery &query)
+{
+    const auto writeRange = [this](const RangeRow &row, const QDateTime &min, const QDateTime &max) {
+        if (min.isValid())
+            WriteDateTimeMin(row.min, min);
+        if (max.isValid())
+            WriteDateTimeMax(row.max, max);
+    };
+    writeRange(m_creation, query.GetCreationTimeMin(), query.GetCreationTimeMax());
+    writeRange(m_modification, query.GetModificationTimeMin(), query.GetModificationTimeMax());
+    writeRange(m_lifeCycle, query.GetLifeCycleTimeMin(), query.GetLifeCycleTimeMax());
+
+    m_comment->setText(query.GetCommentSearchText());
+    m_creator->setText(query.GetCreatorSearchText());
+    m_detail->setText(query.GetDetailSearchText());
+    m_fileGroup->setText(query.GetFileGroupSearchText());
+    m_teamMembership->setText(query.GetTeamMembershipSearchText());
+    m_version->setText(query.GetVersionSearchText());
+
+    FileTypeManager *types = FileTypeManager::Instance();
+    for (int i = 0; i < m_fileTypeBoxes.size(); ++i)
+        m_fileTypeBoxes.at(i)->setChecked(query.IsFileTypeListed(types->GetType(i)));
+
+    m_location->setCurrentIndex(query.GetLocationState());
+    m_lockState->setCurrentIndex(query.GetLockState());
+    selectChoice(m_lockUsers, query.GetLockUser());
+    selectChoice(m_applications, query.GetReferencingApplication());
+}
+
+void QueryDialogPrivate::ReadControls(FileQuery &query)
+{
+    // An unchecked range is open on both sides, whatever its edits show.
+    const auto readRange = [this](const RangeRow &row, auto setMin, auto setMax, FileQuery &target) {
+        const bool on = row.enabled->isChecked();
+        (target.*setMin)(on ? ReadDateTimeMin(row.min) : QDateTime());
+        (target.*setMax)(on ? ReadDateTimeMax(row.max) : QDateTime());
+    };
+    readRange(m_creation, &FileQuery::SetCreationTimeMin, &FileQuery::SetCreationTimeMax, query);
+    readRange(m_lifeCycle, &FileQuery::SetLifeCycleTimeMin, &FileQuery::SetLifeCycleTimeMax, query);
+    readRange(m_modification, &FileQuery::SetModificationTimeMin, &FileQuery::SetModificationTimeMax, query);
+
+    query.SetCommentSearchText(m_comment->text().trimmed());
+    query.SetCreatorSearchText(m_creator->text().trimmed());
+    query.SetDetailSearchText(m_detail->text().trimmed());
+    query.SetFileGroupSearchText(m_fileGroup->text().trimmed());
+    query.SetTeamMembershipSearchText(m_teamMembership->text().trimmed());
+    query.SetVersionSearchText(m_version->text().trimmed());
+
+    query.ClearFileTypeList();
+    FileTypeManager *types = FileTypeManager::Instance();
+    for (int i = 0; i < m_fileTypeBoxes.size(); ++i) {
+        if (m_fileTypeBoxes.at(i)->isChecked())
+            query.AddFileType(types->GetType(i));
+    }
+
+    query.SetLocationState(LocationState(m_location->currentIndex()));
+    query.SetLockState(LockState(m_lockState->currentIndex()));
+    query.SetLockUser(readChoice(m_lockUsers));
+    query.SetReferencingApplication(readChoice(m_applications));
+}
+
+void QueryDialogPrivate::ResetControls()
+{
+    for (const RangeRow *row : {&m_creation, &m_modification, &m_lifeCycle}) {
+        WriteDateTimeMin(row->min, m_defaultMin);
+        WriteDateTimeMax(row->max, m_defaultMax);
+    }
+    for (QLineEdit *edit : {m_comment, m_creator, m_detail, m_fileGroup, m_teamMembership,
+                            m_version})
+        edit->clear();
+    for (QCheckBox *box : qAsConst(m_fileTypeBoxes))
+        box->setChecked(false);
+    m_lockUsers->setCurrentRow(kNoneRow);
+    m_applications->setCurrentRow(kNoneRow);
 }
 
 // ---------------------------------------------------------------- QueryDialog
@@ -278,8 +397,8 @@ QueryDialog::QueryDialog(QWidget *parent)
     layout->addWidget(d->BuildLists(), 1);
     layout->addLayout(d->BuildButtons());
 
-    AdjustDefaultDateTimeMax();
-    ResetControls();
+    d->AdjustDefaultDateTimeMax();
+    d->ResetControls();
 }
 
 QueryDialog::~QueryDialog() = default;
@@ -288,11 +407,11 @@ bool QueryDialog::Edit(FileQuery &query, bool useUtc)
 {
     for (QDateTimeEdit *edit : d->TimeEdits())
         edit->setTimeSpec(useUtc ? Qt::UTC : Qt::LocalTime);
-    AdjustDefaultDateTimeMax();
-    WriteControls(query);
+    d->AdjustDefaultDateTimeMax();
+    d->WriteControls(query);
     if (exec() != QDialog::Accepted)
         return false;
-    ReadControls(query);
+    d->ReadControls(query);
     return true;
 }
 
@@ -306,114 +425,8 @@ void QueryDialog::SetRefApplications(const QStringList &applications)
     fillChoiceList(d->m_applications, applications);
 }
 
-// The window moves on by whole days: its upper end is the first day step from
-// the lower default that is not before now.
-void QueryDialog::AdjustDefaultDateTimeMax()
-{
-    const QDateTime now = QDateTime::currentDateTime();
-    d->m_defaultMax = d->m_defaultMin;
-    while (d->m_defaultMax < now)
-        d->m_defaultMax = d->m_defaultMax.addDays(1);
-}
-
-QDateTime QueryDialog::ReadDateTimeMin(QDateTimeEdit *edit) const
-{
-    const QDateTime fallback = d->m_defaultMin.toTimeSpec(edit->timeSpec());
-    return edit->dateTime() != fallback ? edit->dateTime() : fallback;
-}
-
-QDateTime QueryDialog::ReadDateTimeMax(QDateTimeEdit *edit) const
-{
-    const QDateTime fallback = d->m_defaultMax.toTimeSpec(edit->timeSpec());
-    return edit->dateTime() != fallback ? edit->dateTime() : fallback;
-}
-
-// An edit takes date and time as they are and applies its own time spec, so
-// the value is brought into that spec first.
-void QueryDialog::WriteDateTimeMin(QDateTimeEdit *edit, const QDateTime &value)
-{
-    edit->setDateTime(value.toTimeSpec(edit->timeSpec()));
-}
-
-void QueryDialog::WriteDateTimeMax(QDateTimeEdit *edit, const QDateTime &value)
-{
-    edit->setDateTime(value.toTimeSpec(edit->timeSpec()));
-}
-
-void QueryDialog::WriteControls(FileQuery &query)
-{
-    const auto writeRange = [this](const RangeRow &row, const QDateTime &min, const QDateTime &max) {
-        if (min.isValid())
-            WriteDateTimeMin(row.min, min);
-        if (max.isValid())
-            WriteDateTimeMax(row.max, max);
-    };
-    writeRange(d->m_creation, query.GetCreationTimeMin(), query.GetCreationTimeMax());
-    writeRange(d->m_modification, query.GetModificationTimeMin(), query.GetModificationTimeMax());
-    writeRange(d->m_lifeCycle, query.GetLifeCycleTimeMin(), query.GetLifeCycleTimeMax());
-
-    d->m_comment->setText(query.GetCommentSearchText());
-    d->m_creator->setText(query.GetCreatorSearchText());
-    d->m_detail->setText(query.GetDetailSearchText());
-    d->m_fileGroup->setText(query.GetFileGroupSearchText());
-    d->m_teamMembership->setText(query.GetTeamMembershipSearchText());
-    d->m_version->setText(query.GetVersionSearchText());
-
-    FileTypeManager *types = FileTypeManager::Instance();
-    for (int i = 0; i < d->m_fileTypeBoxes.size(); ++i)
-        d->m_fileTypeBoxes.at(i)->setChecked(query.IsFileTypeListed(types->GetType(i)));
-
-    d->m_location->setCurrentIndex(query.GetLocationState());
-    d->m_lockState->setCurrentIndex(query.GetLockState());
-    selectChoice(d->m_lockUsers, query.GetLockUser());
-    selectChoice(d->m_applications, query.GetReferencingApplication());
-}
-
-void QueryDialog::ReadControls(FileQuery &query)
-{
-    // An unchecked range is open on both sides, whatever its edits show.
-    const auto readRange = [this](const RangeRow &row, auto setMin, auto setMax, FileQuery &target) {
-        const bool on = row.enabled->isChecked();
-        (target.*setMin)(on ? ReadDateTimeMin(row.min) : QDateTime());
-        (target.*setMax)(on ? ReadDateTimeMax(row.max) : QDateTime());
-    };
-    readRange(d->m_creation, &FileQuery::SetCreationTimeMin, &FileQuery::SetCreationTimeMax, query);
-    readRange(d->m_lifeCycle, &FileQuery::SetLifeCycleTimeMin, &FileQuery::SetLifeCycleTimeMax, query);
-    readRange(d->m_modification, &FileQuery::SetModificationTimeMin, &FileQuery::SetModificationTimeMax, query);
-
-    query.SetCommentSearchText(d->m_comment->text().trimmed());
-    query.SetCreatorSearchText(d->m_creator->text().trimmed());
-    query.SetDetailSearchText(d->m_detail->text().trimmed());
-    query.SetFileGroupSearchText(d->m_fileGroup->text().trimmed());
-    query.SetTeamMembershipSearchText(d->m_teamMembership->text().trimmed());
-    query.SetVersionSearchText(d->m_version->text().trimmed());
-
-    query.ClearFileTypeList();
-    FileTypeManager *types = FileTypeManager::Instance();
-    for (int i = 0; i < d->m_fileTypeBoxes.size(); ++i) {
-        if (d->m_fileTypeBoxes.at(i)->isChecked())
-            query.AddFileType(types->GetType(i));
-    }
-
-    query.SetLocationState(LocationState(d->m_location->currentIndex()));
-    query.SetLockState(LockState(d->m_lockState->currentIndex()));
-    query.SetLockUser(readChoice(d->m_lockUsers));
-    query.SetReferencingApplication(readChoice(d->m_applications));
-}
-
-void QueryDialog::ResetControls()
-{
-    for (const RangeRow *row : {&d->m_creation, &d->m_modification, &d->m_lifeCycle}) {
-        WriteDateTimeMin(row->min, d->m_defaultMin);
-        WriteDateTimeMax(row->max, d->m_defaultMax);
-    }
-    for (QLineEdit *edit : {d->m_comment, d->m_creator, d->m_detail, d->m_fileGroup, d->m_teamMembership,
-                            d->m_version})
-        edit->clear();
-    for (QCheckBox *box : qAsConst(d->m_fileTypeBoxes))
-        box->setChecked(false);
-    d->m_lockUsers->setCurrentRow(kNoneRow);
-    d->m_applications->setCurrentRow(kNoneRow);
-}
-
 } // namespace Kelda
+
+// The private slot is called by the meta-object code, which needs the
+// private class.
+#include "moc_querydialog.cpp"

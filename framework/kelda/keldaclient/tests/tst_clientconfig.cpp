@@ -1,11 +1,13 @@
 #include "clientconfig.h"
 #include "configuredserver.h"
+#include "keldaclient.h"
 
 #include <QFile>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
 
+using Kelda::ClientConfig;
 using Kelda::KeldaClient;
 
 class TestClientConfig : public QObject
@@ -35,23 +37,23 @@ void TestClientConfig::writeIni(const QByteArray &content)
 // Runs first: the function-local copies exist once per process.
 void TestClientConfig::staticsShareOneConfiguration()
 {
-    QVERIFY(!KeldaClient::s_config.load());
+    QVERIFY(!ClientConfig::s_shared.load());
     writeIni("[KELDA]\nServerHost=first\nCompressionRate=7\n");
     QVERIFY(KeldaClient::IsKeldaAvailable());
-    KeldaClient::ClientConfig *const first = KeldaClient::s_config.load();
+    ClientConfig *const first = ClientConfig::s_shared.load();
 
     // Another reader builds its own copy from the changed store, yet answers from the shared one.
     writeIni("[KELDA]\nCompressionRate=3\n");
     QCOMPARE(KeldaClient::GetCompressionRate(), 7);
-    QCOMPARE(KeldaClient::s_config.load(), first);
+    QCOMPARE(ClientConfig::s_shared.load(), first);
 
     // A client installs its copy for every reader, overrides included.
-    KeldaClient::ClientConfig clientCopy;
+    ClientConfig clientCopy;
     clientCopy.SetAvailable(true);
-    KeldaClient::s_config.store(&clientCopy);
+    ClientConfig::s_shared.store(&clientCopy);
     QCOMPARE(KeldaClient::GetCompressionRate(), 3);
     QVERIFY(KeldaClient::IsKeldaAvailable());
-    KeldaClient::s_config.store(first);
+    ClientConfig::s_shared.store(first);
 }
 
 void TestClientConfig::readsStore_data()
@@ -80,7 +82,7 @@ void TestClientConfig::readsStore()
     QFETCH(QString, expected);
 
     writeIni(ini);
-    const KeldaClient::ClientConfig config;
+    const ClientConfig config;
     const QVariant stored = QSettings(m_iniPath, QSettings::IniFormat).value(QStringLiteral("KELDA/CompressionRate"));
     QCOMPARE(QStringLiteral("%1:%2 available=%3 utc=%4 rate=%5 stored=%6 frame=%7")
                  .arg(config.GetServerHost()).arg(config.GetXmlPort())

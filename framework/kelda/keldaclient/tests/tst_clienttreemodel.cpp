@@ -74,6 +74,7 @@ private slots:
     void sorting();
     void itemCopies_data();
     void itemCopies();
+    void itemIsOnePointer();
 
 private:
     ScriptedPeer *m_peer = nullptr;
@@ -304,6 +305,13 @@ void ClientTreeModelTest::itemCopies()
     QCOMPARE(shape(*result), copied);
     result->Child(0)->SetData(0, QStringLiteral("changed"));
     QCOMPARE(shape(original), QStringLiteral("g(a,b(c))"));
+}
+
+// The exported item keeps its data behind a pointer, so that the data can
+// change without breaking applications built against an older library.
+void ClientTreeModelTest::itemIsOnePointer()
+{
+    QCOMPARE(sizeof(FileGroupTreeItem), sizeof(void *));
 }
 
 QTEST_MAIN(ClientTreeModelTest)

@@ -88,6 +88,8 @@ private slots:
     void quickQuery();
     void selectedFile_data();
     void selectedFile();
+    void keyboardMoves_data();
+    void keyboardMoves();
     void openFromTheArchive_data();
     void openFromTheArchive();
     void queryErrors_data();
@@ -200,35 +202,84 @@ void FileSelectDialogTest::selectedFile()
                                         QStringLiteral("Detail"), QStringLiteral("Team")}));
 }
 
+void FileSelectDialogTest::keyboardMoves_data()
+{
+    QTest::addColumn<int>("startRow");
+    QTest::addColumn<int>("key");
+    QTest::addColumn<bool>("picked");
+    QTest::addColumn<QUrl>("url");
+
+    // A start row of -1 is the group itself; its files are 4 and 9, stored plus 1.
+    QTest::newRow("file, up to its group")
+        << 0 << int(Qt::Key_Up) << false << KeldaUrl::fromKeldaIds(QString(), 0);
+    QTest::newRow("group, down to a file") << -1 << int(Qt::Key_Down) << true << KeldaUrl::fromKeldaIds(kGuidB, 5);
+    QTest::newRow("file, down to the next") << 0 << int(Qt::Key_Down) << true << KeldaUrl::fromKeldaIds(kGuidB, 10);
+}
+
+// OK follows the current row however it moves; an accept that bypasses OK
+// still yields nothing for a group row.
+void FileSelectDialogTest::keyboardMoves()
+{
+    QFETCH(int, startRow);
+    QFETCH(int, key);
+    QFETCH(bool, picked);
+    QFETCH(QUrl, url);
+
+    bool okEnabled = false;
+    whenModal<FileSelectDialog>([&](FileSelectDialog *dialog) {
+        pick(dialog, kGuidB, startRow);
+        QTest::keyClick(viewOf(dialog), Qt::Key(key));
+        okEnabled = dialog->findChild<QPushButton *>(QStringLiteral("OkButton"))->isEnabled();
+        dialog->accept();
+    });
+    KeldaUrl chosen;
+    QCOMPARE(m_client->GetSelectedFile(nullptr, QStringLiteral("Pick"), chosen), picked);
+    QCOMPARE(okEnabled, picked);
+    QCOMPARE(QUrl(chosen), url);
+}
+
 void FileSelectDialogTest::openFromTheArchive_data()
 {
     QTest::addColumn<bool>("asFile");
-    QTest::newRow("GetOpenUrl") << false;
-    QTest::newRow("GetOpenFile") << true;
+    QTest::addColumn<QVector<FileType>>("types");
+
+    const QVector<FileType> one{FT_ScanRecording};
+    QTest::newRow("GetOpenUrl") << false << one;
+    QTest::newRow("GetOpenFile") << true << one;
+    QTest::newRow("GetOpenUrl, no types") << false << QVector<FileType>();
+    QTest::newRow("GetOpenFile, no types") << true << QVector<FileType>();
 }
 
-// Each helper has a client of its own, which connects before the dialog shows.
+// Each helper has a client of its own, which connects before the dialog
+// shows. No types means every offered one.
 void FileSelectDialogTest::openFromTheArchive()
 {
     QFETCH(bool, asFile);
+    QFETCH(QVector<FileType>, types);
 
-    whenModal<FileSelectDialog>([](FileSelectDialog *dialog) {
+    QVector<FileType> offered;
+    whenModal<FileSelectDialog>([&offered](FileSelectDialog *dialog) {
+        const auto *combo = dialog->findChild<QComboBox *>(QStringLiteral("TypeComboBox"));
+        for (int i = 0; i < combo->count(); ++i)
+            offered.append(FileType(combo->itemData(i).toInt()));
         pick(dialog, kGuidA, 0);
         dialog->findChild<QPushButton *>(QStringLiteral("OkButton"))->click();
     });
     QString name;
     if (asFile) {
         const boost::shared_ptr<KeldaFile> file =
-            KeldaFileDialog::GetOpenFile(nullptr, QStringLiteral("Open"), QString(), QString(), nullptr,
-                                         {FT_ScanRecording});
+            KeldaFileDialog::GetOpenFile(nullptr, QStringLiteral("Open"), QString(), QString(), nullptr, types);
         QVERIFY(file);
         name = file->GetName();
     } else {
-        name = KeldaFileDialog::GetOpenUrl(nullptr, QStringLiteral("Open"), QString(), QString(), nullptr,
-                                           {FT_ScanRecording})
+        name = KeldaFileDialog::GetOpenUrl(nullptr, QStringLiteral("Open"), QString(), QString(), nullptr, types)
                    .toString();
     }
     QCOMPARE(name, QStringLiteral("kelda:///%1/5").arg(kGuidA));
+    const QVector<FileType> expected = types.isEmpty() ? FileTypeManager::Instance()->GetTypes() : types;
+    QCOMPARE(offered, expected);
+    const QByteArray sent = m_peer->requests(QStringLiteral("QueryFileGroups")).last().document;
+    QCOMPARE(requestField(sent, QStringLiteral("FileType")), QString::number(expected.first()));
 }
 
 void FileSelectDialogTest::queryErrors_data()

@@ -5,9 +5,16 @@
 
 #include <QFile>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <QtTest>
 
 using namespace Kelda;
+
+namespace {
+
+const int kSignalWaitMs = 10000;
+
+} // namespace
 
 // A process whose configuration names no server: the client never starts a
 // sender, and every operation fails at once without sending anything. The
@@ -88,6 +95,12 @@ void NoServerTest::stateOfAClientThatNeverStarted()
     QCOMPARE(client.GetError(), KE_NoError);
     QCOMPARE(client.GetErrorString(), QStringLiteral("No error"));
     QCOMPARE(KeldaClient::GetCompressionRate(), -1);
+    // Nothing to wait for: no event loop runs, so a zero timer stays pending.
+    QTimer zero;
+    zero.setSingleShot(true);
+    zero.start(0);
+    QVERIFY(!client.WaitForConnected(kSignalWaitMs));
+    QVERIFY(zero.isActive());
 }
 
 void NoServerTest::onlyTheExplicitClientConnects()
@@ -96,9 +109,10 @@ void NoServerTest::onlyTheExplicitClientConnects()
     KeldaClient explicitServer(QStringLiteral("127.0.0.1"), m_peer->port(), QStringLiteral("app"),
                                QStringLiteral("user"), QString());
     QSignalSpy connected(&explicitServer, &KeldaClient::connected);
-    QVERIFY(connected.wait(10000));
+    QVERIFY(connected.wait(kSignalWaitMs));
     QCOMPARE(m_peer->connectionCount(), 1);
     QVERIFY(!idle.IsConnected());
+    QVERIFY(!idle.WaitForConnected(kSignalWaitMs));
 }
 
 QTEST_GUILESS_MAIN(NoServerTest)

@@ -1,5 +1,8 @@
 #include "e2ehelpers.h"
 
+#include "serverprocess.h"
+#include "testcertificates.h"
+
 #include <QDeadlineTimer>
 #include <QFile>
 #include <QTest>
@@ -9,6 +12,10 @@ namespace E2e {
 std::unique_ptr<Kelda::KeldaClient> connectClient(quint16 port, const QString &user, const QString &application,
                                                   const QString &team)
 {
+    if (ServerProcess::usesTls()) {
+        if (const TestCertificates *certificates = TestCertificates::shared())
+            Kelda::KeldaClient::SetTlsFiles(certificates->authority());
+    }
     auto client = std::make_unique<Kelda::KeldaClient>(QStringLiteral("127.0.0.1"), port, application, user, team);
     QSignalSpy connected(client.get(), &Kelda::KeldaClient::connected);
     if (!client->IsConnected())

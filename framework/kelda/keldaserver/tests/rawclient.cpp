@@ -1,14 +1,27 @@
 #include "rawclient.h"
 
 #include "keldaxml.h"
+#include "serverprocess.h"
+#include "testcertificates.h"
 
 #include <QDeadlineTimer>
+#include <QSslConfiguration>
 #include <QtEndian>
 
 bool RawClient::connectTo(quint16 port, int timeoutMs)
 {
-    m_socket.connectToHost(QStringLiteral("127.0.0.1"), port);
-    return m_socket.waitForConnected(timeoutMs);
+    if (!ServerProcess::usesTls()) {
+        m_socket.connectToHost(QStringLiteral("127.0.0.1"), port);
+        return m_socket.waitForConnected(timeoutMs);
+    }
+    const TestCertificates *certificates = TestCertificates::shared();
+    if (!certificates)
+        return false;
+    QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+    tls.setCaCertificates(QSslCertificate::fromPath(certificates->authority()));
+    m_socket.setSslConfiguration(tls);
+    m_socket.connectToHostEncrypted(QStringLiteral("127.0.0.1"), port);
+    return m_socket.waitForEncrypted(timeoutMs);
 }
 
 void RawClient::sendFrame(const QByteArray &payload)

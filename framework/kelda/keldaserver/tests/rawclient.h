@@ -2,7 +2,7 @@
 
 #include <QByteArray>
 #include <QString>
-#include <QTcpSocket>
+#include <QSslSocket>
 
 // A bare protocol peer for tests: frames documents with the 4-byte
 // little-endian length by its own code and reads framed answers with
@@ -22,6 +22,7 @@ public:
     static QByteArray request(const QString &command, const QString &requestId, const QString &children);
 
 private:
-    QTcpSocket m_socket;
+    // Plain TCP unless the test runs over TLS.
+    QSslSocket m_socket;
     QByteArray m_input;
 };

@@ -1,6 +1,7 @@
 #include "serverprocess.h"
 
 #include "postgrescluster.h"
+#include "testcertificates.h"
 
 #include <QCoreApplication>
 #include <QCryptographicHash>
@@ -55,6 +56,11 @@ ServerProcess::~ServerProcess()
     stop();
 }
 
+bool ServerProcess::usesTls()
+{
+    return qEnvironmentVariable("KELDA_TEST_TLS") == QLatin1String("1");
+}
+
 bool ServerProcess::usesPostgres()
 {
     return qEnvironmentVariable("KELDA_TEST_BACKEND") == QLatin1String("postgresql");
@@ -100,6 +106,15 @@ bool ServerProcess::launch(int timeoutMs)
         if (url.isEmpty())
             return false;
         arguments << QStringLiteral("--db") << url;
+    }
+    if (usesTls() && !m_extraArguments.contains(QStringLiteral("--tls-cert"))) {
+        TestCertificates *certificates = TestCertificates::shared();
+        if (!certificates) {
+            m_error = QStringLiteral("No test certificates");
+            return false;
+        }
+        arguments << QStringLiteral("--tls-cert") << certificates->serverCertificate() << QStringLiteral("--tls-key")
+                  << certificates->serverKey();
     }
     arguments += m_extraArguments;
     m_process.start(programPath(), arguments);

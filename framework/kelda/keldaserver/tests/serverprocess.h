@@ -63,6 +63,10 @@ public:
     static QString programPath();
 
     static bool usesPostgres();
+    // With KELDA_TEST_TLS=1 the server speaks TLS with the test
+    // certificates (see TestCertificates), and the test helpers' clients
+    // trust their authority.
+    static bool usesTls();
     // The --db URL for a base path on the shared cluster; empty with *error
     // set when there is none.
     static QString postgresUrl(const QString &basePath, QString *error);

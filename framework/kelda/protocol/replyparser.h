@@ -1,5 +1,7 @@
 #pragma once
 
+#include "commanddescriptors.h"
+#include "expectedelements.h"
 #include "filegroupdata.h"
 #include "filetype.h"
 
@@ -10,21 +12,19 @@
 #include <QStringView>
 #include <QXmlStreamReader>
 
-#include <initializer_list>
 #include <optional>
-#include <stdexcept>
 #include <variant>
 
 // Reading of the server's messages: the envelope, the dispatch by body
-// element, and one parser per reply. Everything here is plain code over a
-// QXmlStreamReader, with no QObject, socket or thread, so that the command
-// sender only stores the error code and emits the signal that matches the
-// result:
+// element, and each reply read as its descriptor (commanddescriptors.h)
+// says. Everything here is plain code over a QXmlStreamReader, with no
+// QObject, socket or thread, so that the command sender only stores the
+// error code and emits the signal that the descriptor names:
 //
 //     const ParsedReply parsed = ParseReplyMessage(bytes);
 //     if (!parsed.IsValid())            -> SlotHandleXmlError(parsed.error, true)
 //     if (parsed.lastError)             -> last error = *parsed.lastError
-//     switch (parsed.Kind())            -> emit the reply signal from parsed.result
+//     Descriptor(parsed.Kind())         -> emit its signal from parsed.result
 //     ReplyKind::QueryDiskSpace         -> "Unknown command: 26" (no result)
 //     then                              -> emit si_requestHandled(parsed.requestId)
 //
@@ -46,99 +46,12 @@ private:
     QString m_sText;
 };
 
-// The names one read step accepts. An entry made with EndOf() stands for the
-// end tag of that element ("/Name" in error texts). Position 0 of every
-// reply's list is the reply's own end tag.
-//
-// Lists are constants, built at compile time and never destroyed: a sender
-// thread that a client abandoned may still be parsing while the process
-// runs its exit-time destructors.
-class ExpectedElements
-{
-public:
-    struct Entry
-    {
-        constexpr Entry() = default;
-        constexpr Entry(QLatin1String n, bool end = false)
-            : name(n)
-            , isEnd(end)
-        {
-        }
-        QLatin1String name;
-        bool isEnd = false;
-    };
-
-    // Enough for the dispatch list, the longest.
-    static constexpr int Capacity = 32;
-
-    constexpr ExpectedElements() = default;
-    constexpr ExpectedElements(std::initializer_list<Entry> entries)
-    {
-        for (const Entry &entry : entries)
-            Append(entry);
-    }
-
-    // A list longer than Capacity does not compile when built as a constant.
-    constexpr void Append(Entry entry)
-    {
-        if (m_size == Capacity)
-            throw std::length_error("ExpectedElements: more entries than Capacity");
-        m_entries[m_size++] = entry;
-    }
-
-    constexpr int Size() const { return m_size; }
-    constexpr const Entry &At(int index) const { return m_entries[index]; }
-    // The entries joined by ", ", for error texts.
-    QString Joined() const;
-
-private:
-    Entry m_entries[Capacity] = {};
-    int m_size = 0;
-};
-
-constexpr ExpectedElements::Entry EndOf(QLatin1String name)
-{
-    return ExpectedElements::Entry(name, true);
-}
-
 // Advances to the next start element, or end element, named in expected and
 // in namespaceUri, and returns its index. Whitespace, comments, declarations
 // and end tags not listed are skipped. Throws ReplyProtocolError for a start
 // element that is not listed or in another namespace, for text that is not
 // whitespace, at the end of the document and on a reader error.
 int ReadNextExpected(QXmlStreamReader &reader, const ExpectedElements &expected, QLatin1String namespaceUri);
-
-// Positions in the dispatch list of body elements.
-enum class ReplyKind : int {
-    CreateFileGroup = 0,
-    AddFile,
-    DeleteFile,
-    RequestFile,
-    CloseFile,
-    MoveToNas,
-    AddReference,
-    RemoveReference,
-    RemoveAllReferences,
-    QueryMetaData,
-    GetApplicationList,
-    GetFileList,
-    GetUserList,
-    QueryFileGroups,
-    GetBasePath,
-    CopyForeignFileGroupProgress,
-    ExportArchive,
-    ImportArchive,
-    CreateTovinFileGroup,
-    RegisterConverter,
-    ConvertFileGroup,
-    DeleteFileGroup,
-    QueryLocationStateProgress,
-    CheckFileGroupExists,
-    GetRemoteStorageLocation,
-    GetTovinFilegroupGuid,
-    QueryDiskSpace, // listed, but has no parser
-    Count
-};
 
 // Result values, member order = argument order of the reply signal.
 
@@ -257,10 +170,22 @@ struct CopyProgressResult
     float progress = 0.0f;
 };
 
+// A reply of records (ResultKind::Records): fieldCount texts per record, in
+// the order in which the descriptor's record names its fields
+// (RecordColumn()).
+struct RecordsResult
+{
+    QString requestId;
+    QStringList values;
+    int fieldCount = 0;
+    int error = 0;
+    QString errorString;
+};
+
 using ReplyResult = std::variant<std::monostate, StatusResult, TextResult, ListResult, TableResult,
                                  FileIdResult, CreatedGroupResult, BasePathResult, MetaDataResult,
                                  LocationStateProgressResult, ExistsResult, RemoteStorageLocationResult,
-                                 ConvertRequestResult, CopyProgressResult>;
+                                 ConvertRequestResult, CopyProgressResult, RecordsResult>;
 
 // One message as read.
 struct ParsedReply
@@ -290,6 +215,8 @@ ParsedReply ParseReplyMessage(const QByteArray &message);
 // Runs the parser of kind on a reader positioned inside its body element,
 // as the envelope reading leaves it.
 ParsedReply ParseReply(ReplyKind kind, QXmlStreamReader &reader, const QString &requestId);
+// The same for any descriptor, also one that is not in the table.
+ParsedReply ParseReply(const CommandDescriptor &command, QXmlStreamReader &reader, const QString &requestId);
 
 // The code stored as the last error for a received code.
 int StoredErrorCode(int error);

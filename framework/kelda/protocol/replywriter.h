@@ -1,8 +1,11 @@
 #pragma once
 
+#include "commanddescriptor.h"
+
 #include <QByteArray>
 #include <QLatin1String>
 #include <QString>
+#include <QStringList>
 #include <QXmlStreamWriter>
 
 namespace Kelda {
@@ -29,6 +32,9 @@ public:
     void writeEndElement();
     // Error, and ErrorString when there is a text.
     void writeStatus(int error, const QString &errorString);
+    // One record of a command whose reply lists records: the descriptor's
+    // record element holding each of its fields, values in the same order.
+    void writeRecord(const CommandDescriptor &command, const QStringList &values);
 
     QXmlStreamWriter &xml() { return m_writer; }
 

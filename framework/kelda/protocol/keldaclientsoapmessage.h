@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QByteArray>
-#include <QDateTime>
 #include <QLatin1String>
 #include <QString>
 #include <QXmlStreamWriter>
@@ -12,8 +11,9 @@ namespace Kelda {
 // carries the protocol version and the request id, and whose body holds one
 // command element in the message namespace.
 //
-// Messages are plain values: the send functions build one on the stack, call
-// ToXml() and keep GetRequestId() as the identifier of the request.
+// Messages are plain values: a CommandRequest (commandrequest.h) is built on
+// the stack, and the sender sends ToXml() and keeps GetRequestId() as the
+// identifier of the request.
 class KeldaClientSOAPMessage
 {
 public:
@@ -64,11 +64,6 @@ protected:
 
     // "m:<name>" holding the value; an empty value still gives start and end tag.
     static void WriteText(QXmlStreamWriter &writer, QLatin1String name, const QString &value);
-    static void WriteNumber(QXmlStreamWriter &writer, QLatin1String name, qint64 value);
-    static void WriteUnsigned(QXmlStreamWriter &writer, QLatin1String name, quint64 value);
-    static void WriteBool(QXmlStreamWriter &writer, QLatin1String name, bool value);
-    // Converted to UTC, "yyyy-MM-dd hh:mm:ss.zzz"; an unset time gives empty text.
-    static void WriteDateTime(QXmlStreamWriter &writer, QLatin1String name, const QDateTime &value);
     static void WriteStartElement(QXmlStreamWriter &writer, QLatin1String name);
 
 private:

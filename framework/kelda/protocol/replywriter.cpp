@@ -37,7 +37,7 @@ void ReplyWriter::writeNumber(QLatin1String name, qint64 value)
 
 void ReplyWriter::writeBool(QLatin1String name, bool value)
 {
-    writeText(name, value ? QStringLiteral("true") : QStringLiteral("false"));
+    writeText(name, value ? Flag::True : Flag::False);
 }
 
 void ReplyWriter::writeStartElement(QLatin1String name)
@@ -55,6 +55,14 @@ void ReplyWriter::writeStatus(int error, const QString &errorString)
     writeNumber(Tag::Error, error);
     if (!errorString.isEmpty())
         writeText(Tag::ErrorString, errorString);
+}
+
+void ReplyWriter::writeRecord(const CommandDescriptor &command, const QStringList &values)
+{
+    writeStartElement(command.record.At(0).name);
+    for (int field = 1; field < command.record.Size(); ++field)
+        writeText(command.record.At(field).name, values.value(field - 1));
+    writeEndElement();
 }
 
 void ReplyWriter::writeRaw(const QByteArray &bytes)

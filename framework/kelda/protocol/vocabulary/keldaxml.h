@@ -30,6 +30,12 @@ constexpr QLatin1String PrefixS = Latin1Literal("s");
 constexpr QLatin1String PrefixM = Latin1Literal("m");
 } // namespace Ns
 
+// The texts of a flag.
+namespace Flag {
+constexpr QLatin1String True = Latin1Literal("true");
+constexpr QLatin1String False = Latin1Literal("false");
+} // namespace Flag
+
 namespace Tag {
 
 // Envelope (prefix s:).

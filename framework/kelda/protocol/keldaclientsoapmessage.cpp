@@ -55,29 +55,6 @@ void KeldaClientSOAPMessage::WriteText(QXmlStreamWriter &writer, QLatin1String n
     writer.writeTextElement(Tag::m(name), value);
 }
 
-void KeldaClientSOAPMessage::WriteNumber(QXmlStreamWriter &writer, QLatin1String name, qint64 value)
-{
-    WriteText(writer, name, QString::number(value));
-}
-
-void KeldaClientSOAPMessage::WriteUnsigned(QXmlStreamWriter &writer, QLatin1String name, quint64 value)
-{
-    WriteText(writer, name, QString::number(value));
-}
-
-void KeldaClientSOAPMessage::WriteBool(QXmlStreamWriter &writer, QLatin1String name, bool value)
-{
-    WriteText(writer, name, value ? QStringLiteral("true") : QStringLiteral("false"));
-}
-
-void KeldaClientSOAPMessage::WriteDateTime(QXmlStreamWriter &writer, QLatin1String name, const QDateTime &value)
-{
-    QString text;
-    if (value.isValid())
-        text = value.toUTC().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz"));
-    WriteText(writer, name, text);
-}
-
 void KeldaClientSOAPMessage::WriteStartElement(QXmlStreamWriter &writer, QLatin1String name)
 {
     writer.writeStartElement(Tag::m(name));

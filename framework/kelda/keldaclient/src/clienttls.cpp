@@ -1,0 +1,128 @@
+#include "clienttls.h"
+
+#include "configuredserver.h"
+#include "keldaclient.h"
+#include "icfg.h"
+
+#include <QFile>
+#include <QSslCertificate>
+#include <QSslConfiguration>
+#include <QSslKey>
+
+#include <memory>
+#include <mutex>
+
+namespace Kelda {
+
+namespace {
+
+const QLatin1String kCaFileKey("TlsCaFile");
+const QLatin1String kCertFileKey("TlsCertFile");
+const QLatin1String kKeyFileKey("TlsKeyFile");
+
+std::mutex &overrideMutex()
+{
+    static std::mutex mutex;
+    return mutex;
+}
+
+ClientTls &overridden()
+{
+    static ClientTls tls;
+    return tls;
+}
+
+ClientTls configured()
+{
+    ClientTls tls;
+    const std::unique_ptr<ICfg> cfg = ConfiguredServer::OpenGroup();
+    if (!cfg)
+        return tls;
+    tls.caFile = cfg->GetString(kCaFileKey, QString());
+    tls.certFile = cfg->GetString(kCertFileKey, QString());
+    tls.keyFile = cfg->GetString(kKeyFileKey, QString());
+    return tls;
+}
+
+bool readPem(const QString &path, QByteArray *pem, QString *error)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = QStringLiteral("Cannot read %1: %2").arg(path, file.errorString());
+        return false;
+    }
+    *pem = file.readAll();
+    return true;
+}
+
+QSslKey keyFrom(const QByteArray &pem)
+{
+    for (const QSsl::KeyAlgorithm algorithm : {QSsl::Rsa, QSsl::Ec, QSsl::Dsa}) {
+        const QSslKey key(pem, algorithm, QSsl::Pem, QSsl::PrivateKey);
+        if (!key.isNull())
+            return key;
+    }
+    return QSslKey();
+}
+
+} // namespace
+
+void KeldaClient::SetTlsFiles(const QString &caFile, const QString &certFile, const QString &keyFile)
+{
+    ClientTls::setOverride(ClientTls{caFile, certFile, keyFile});
+}
+
+ClientTls ClientTls::current()
+{
+    {
+        const std::lock_guard<std::mutex> lock(overrideMutex());
+        if (overridden().isEnabled())
+            return overridden();
+    }
+    return configured();
+}
+
+void ClientTls::setOverride(const ClientTls &tls)
+{
+    const std::lock_guard<std::mutex> lock(overrideMutex());
+    overridden() = tls;
+}
+
+bool ClientTls::makeConfiguration(QSslConfiguration *configuration, QString *error) const
+{
+    QByteArray pem;
+    if (!readPem(caFile, &pem, error))
+        return false;
+    const QList<QSslCertificate> authorities = QSslCertificate::fromData(pem, QSsl::Pem);
+    if (authorities.isEmpty()) {
+        *error = QStringLiteral("%1 holds no PEM certificate").arg(caFile);
+        return false;
+    }
+    QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+    // Only the named authority vouches for the server, not the system's.
+    tls.setCaCertificates(authorities);
+    tls.setProtocol(QSsl::TlsV1_2OrLater);
+    tls.setPeerVerifyMode(QSslSocket::VerifyPeer);
+    if (!certFile.isEmpty() || !keyFile.isEmpty()) {
+        if (!readPem(certFile, &pem, error))
+            return false;
+        const QList<QSslCertificate> chain = QSslCertificate::fromData(pem, QSsl::Pem);
+        if (chain.isEmpty()) {
+            *error = QStringLiteral("%1 holds no PEM certificate").arg(certFile);
+            return false;
+        }
+        if (!readPem(keyFile, &pem, error))
+            return false;
+        const QSslKey key = keyFrom(pem);
+        if (key.isNull()) {
+            *error = QStringLiteral("%1 holds no unencrypted PEM private key").arg(keyFile);
+            return false;
+        }
+        tls.setLocalCertificateChain(chain);
+        tls.setPrivateKey(key);
+    }
+    *configuration = tls;
+    return true;
+}
+
+} // namespace Kelda
