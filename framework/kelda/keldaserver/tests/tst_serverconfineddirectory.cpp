@@ -144,7 +144,7 @@ void TestServerConfinedDirectory::onlyRegularFilesAreRead()
     const std::optional<ConfinedDirectory::Digest> digest = directory.digestFile(name, &error);
     QCOMPARE(digest.has_value(), regular);
     if (regular) {
-        const QByteArray whole = read(directory.path() + QLatin1Char('/') + name);
+        const QByteArray whole = TestServerConfinedDirectory::read(directory.path() + QLatin1Char('/') + name);
         QCOMPARE(digest->sha256, QCryptographicHash::hash(whole, QCryptographicHash::Sha256));
         QCOMPARE(digest->size, qint64(whole.size()));
     }
