@@ -36,6 +36,9 @@ struct MoveOrder
     QStringList files;
     QString sourceRoot;
     QString targetRoot;
+    // The digests recorded when the files were added, by name; a file
+    // without one (never verified yet) is checked against its own source.
+    QHash<QString, QByteArray> digests;
 };
 
 // What carrying out one request produced. Side effects outside the database

@@ -1,5 +1,8 @@
 #include "confineddirectory.h"
 
+#include "filedigest.h"
+#include "readpace.h"
+
 #include <QDir>
 #include <QFile>
 
@@ -21,6 +24,13 @@ namespace {
 // descriptors and stack a planted tree can take.
 constexpr int kMaxDepth = 32;
 constexpr size_t kCopyBuffer = 256 * 1024;
+// Large enough that a read's cost is the digest's, not the system call's.
+constexpr size_t kDigestBuffer = 1024 * 1024;
+
+qint64 modifiedNs(const struct stat &status)
+{
+    return qint64(status.st_mtim.tv_sec) * 1000000000 + status.st_mtim.tv_nsec;
+}
 
 QByteArray encoded(const QString &name)
 {
@@ -318,12 +328,51 @@ bool ConfinedDirectory::writeNewFile(const QString &name, const QByteArray &cont
     return true;
 }
 
-bool ConfinedDirectory::copyFileTo(const QString &name, const ConfinedDirectory &target, QString *error) const
+std::optional<ConfinedDirectory::Digest> ConfinedDirectory::digestFile(const QString &name, QString *error,
+                                                                      const ReadControl &control) const
+{
+    struct stat before;
+    const FileDescriptor fd = openRegular(name, &before, error);
+    if (!fd.isValid())
+        return std::nullopt;
+    ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    FileDigest digest;
+    std::vector<char> buffer(kDigestBuffer);
+    qint64 read = 0;
+    for (;;) {
+        if (control.stop && *control.stop) {
+            setError(error, QStringLiteral("Stopped while reading %1").arg(childPath(name)));
+            return std::nullopt;
+        }
+        const ssize_t got = readSome(fd.get(), buffer.data(), buffer.size());
+        if (got < 0) {
+            setError(error, describe(childPath(name), errno));
+            return std::nullopt;
+        }
+        if (got == 0)
+            break;
+        digest.add(buffer.data(), size_t(got));
+        read += got;
+        if (control.pace)
+            control.pace->consumed(got, control.stop);
+    }
+    struct stat after;
+    if (::fstat(fd.get(), &after) != 0 || after.st_size != before.st_size || read != after.st_size
+        || modifiedNs(after) != modifiedNs(before)) {
+        setError(error, QStringLiteral("%1 changed while it was read").arg(childPath(name)));
+        return std::nullopt;
+    }
+    return Digest{read, modifiedNs(after), digest.finish()};
+}
+
+bool ConfinedDirectory::copyFileTo(const QString &name, const ConfinedDirectory &target, QString *error,
+                                   Digest *copied, const ReadControl &control) const
 {
     struct stat status;
     const FileDescriptor in = openRegular(name, &status, error);
     if (!in.isValid())
         return false;
+    ::posix_fadvise(in.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     const QString to = target.childPath(name);
     const QByteArray child = encoded(name);
     const FileDescriptor out(::openat(target.m_fd.get(), child.constData(),
@@ -338,16 +387,27 @@ bool ConfinedDirectory::copyFileTo(const QString &name, const ConfinedDirectory 
         ::unlinkat(target.m_fd.get(), child.constData(), 0);
         return false;
     };
+    FileDigest digest;
+    qint64 total = 0;
     std::vector<char> buffer(kCopyBuffer);
     for (;;) {
+        if (control.stop && *control.stop)
+            return fail(EINTR);
         const ssize_t got = readSome(in.get(), buffer.data(), buffer.size());
         if (got == 0)
             break;
         if (got < 0 || !writeAll(out.get(), buffer.data(), size_t(got)))
             return fail(errno);
+        if (copied)
+            digest.add(buffer.data(), size_t(got));
+        total += got;
+        if (control.pace)
+            control.pace->consumed(got, control.stop);
     }
     if (::fsync(out.get()) != 0)
         return fail(errno);
+    if (copied)
+        *copied = Digest{total, modifiedNs(status), digest.finish()};
     return true;
 }
 

@@ -8,9 +8,20 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <optional>
 
 namespace Kelda {
+
+class ReadPace;
+
+// How a long read is steered from outside; both optional. A stopped read
+// fails.
+struct ReadControl
+{
+    const std::atomic<bool> *stop = nullptr;
+    ReadPace *pace = nullptr;
+};
 
 // A directory below one of the server's roots (base path, network storage,
 // exchange folder), reached one path component at a time from the root
@@ -30,6 +41,14 @@ class ConfinedDirectory
 public:
     enum class Creation { Existing, CreateMissing };
     enum class Kind { Missing, Regular, Directory, Link, Other };
+
+    // What reading a whole file found.
+    struct Digest
+    {
+        qint64 size = 0;
+        qint64 modifiedNs = 0; // since the epoch
+        QByteArray sha256;
+    };
 
     ConfinedDirectory() = default;
 
@@ -60,10 +79,15 @@ public:
     std::optional<QByteArray> readFile(const QString &name, qint64 maxBytes, QString *error) const;
     // Writes a file that must not exist yet.
     bool writeNewFile(const QString &name, const QByteArray &content, QString *error) const;
+    // Reads the regular file name once and digests it. A file that changes
+    // while it is read (its size or time moves) fails.
+    std::optional<Digest> digestFile(const QString &name, QString *error, const ReadControl &control = {}) const;
     // Copies the regular file name into target under the same name, which
     // must not exist there yet; the copy is flushed to disk before this
-    // returns, so that its source may be removed.
-    bool copyFileTo(const QString &name, const ConfinedDirectory &target, QString *error) const;
+    // returns, so that its source may be removed. *copied, when given,
+    // receives the digest of the bytes copied.
+    bool copyFileTo(const QString &name, const ConfinedDirectory &target, QString *error, Digest *copied = nullptr,
+                    const ReadControl &control = {}) const;
     // Removes name when it is a regular file; a missing file counts as
     // removed, anything else is left and refused.
     bool removeFile(const QString &name, QString *error) const;

@@ -1,5 +1,7 @@
 #include "groupmover.h"
 
+#include "filedigest.h"
+
 #include <trace.h>
 
 namespace Kelda {
@@ -95,7 +97,8 @@ bool GroupMover::moveGroup(const MoveOrder &order, const Progress &progress, con
         if (stop && *stop)
             return false;
         bool fresh = false;
-        const bool carried = carryFile(source, target, file, &fresh, &error);
+        const bool carried = carryFile(source, target, file, order.digests.value(file), ReadControl{stop, nullptr},
+                                       &fresh, &error);
         if (fresh)
             copied.append(file);
         if (!carried) {
@@ -121,40 +124,46 @@ bool GroupMover::moveGroup(const MoveOrder &order, const Progress &progress, con
 }
 
 bool GroupMover::carryFile(const ConfinedDirectory &source, const ConfinedDirectory &target, const QString &name,
-                           bool *copied, QString *error)
+                           const QByteArray &recorded, const ReadControl &control, bool *copied, QString *error)
 {
     const ConfinedDirectory::Kind kind
         = source.isOpen() ? source.kindOf(name) : ConfinedDirectory::Kind::Missing;
     if (kind == ConfinedDirectory::Kind::Missing) {
-        // Sources go only once every copy is in place: a missing source
-        // was carried by an earlier run.
-        if (target.kindOf(name) == ConfinedDirectory::Kind::Regular)
-            return true;
-        *error = QStringLiteral("%1 is missing from %2").arg(name, source.path());
-        return false;
+        // Sources go only once every copy is in place and checked: a
+        // missing source was carried by an earlier run. Its copy must still
+        // be the recorded file.
+        if (target.kindOf(name) != ConfinedDirectory::Kind::Regular) {
+            *error = QStringLiteral("%1 is missing from %2").arg(name, source.path());
+            return false;
+        }
+        const std::optional<ConfinedDirectory::Digest> copy = target.digestFile(name, error, control);
+        return copy && copyMatches(target, name, *copy, recorded, control, error);
     }
     // A copy left by a run that was cut short is made again.
+    ConfinedDirectory::Digest read;
     if (!source.checkRegularFile(name, error) || !target.removeFile(name, error)
-        || !source.copyFileTo(name, target, error))
+        || !source.copyFileTo(name, target, error, &read, control))
         return false;
     *copied = true;
-    return copyMatches(source, target, name, error);
+    return copyMatches(target, name, read, recorded, control, error);
 }
 
-bool GroupMover::copyMatches(const ConfinedDirectory &source, const ConfinedDirectory &target, const QString &name,
-                             QString *error)
+bool GroupMover::copyMatches(const ConfinedDirectory &target, const QString &name, const ConfinedDirectory::Digest &read,
+                             const QByteArray &recorded, const ReadControl &control, QString *error)
 {
-    // Every copy is checked here before any source is removed; a
-    // comparison of digests belongs here as well.
-    const std::optional<qint64> sourceSize = source.regularFileSize(name, error);
-    const std::optional<qint64> targetSize = target.regularFileSize(name, error);
-    if (!sourceSize || !targetSize)
+    // What was read must be what was added, and what landed on the network
+    // storage must be what was read: only then may a source go.
+    if (!recorded.isEmpty() && read.sha256 != recorded) {
+        *error = QStringLiteral("%1 no longer matches its recorded digest (%2, read %3)")
+                     .arg(name, FileDigest::hex(recorded), FileDigest::hex(read.sha256));
         return false;
-    if (*sourceSize != *targetSize) {
-        *error = QStringLiteral("the copy of %1 holds %2 bytes instead of %3")
-                     .arg(name)
-                     .arg(*targetSize)
-                     .arg(*sourceSize);
+    }
+    const std::optional<ConfinedDirectory::Digest> copy = target.digestFile(name, error, control);
+    if (!copy)
+        return false;
+    if (copy->sha256 != read.sha256) {
+        *error = QStringLiteral("the copy of %1 in %2 differs from its source (%3, copy %4)")
+                     .arg(name, target.path(), FileDigest::hex(read.sha256), FileDigest::hex(copy->sha256));
         return false;
     }
     return true;

@@ -44,9 +44,9 @@ protected:
 private:
     void serve();
     static bool carryFile(const ConfinedDirectory &source, const ConfinedDirectory &target, const QString &name,
-                          bool *copied, QString *error);
-    static bool copyMatches(const ConfinedDirectory &source, const ConfinedDirectory &target, const QString &name,
-                            QString *error);
+                          const QByteArray &recorded, const ReadControl &control, bool *copied, QString *error);
+    static bool copyMatches(const ConfinedDirectory &target, const QString &name, const ConfinedDirectory::Digest &read,
+                            const QByteArray &recorded, const ReadControl &control, QString *error);
 
     Progress m_progress;
     Finished m_finished;

@@ -1,6 +1,7 @@
 #include "confineddirectory.h"
 #include "groupmover.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -139,6 +140,17 @@ void TestServerConfinedDirectory::onlyRegularFilesAreRead()
     QVERIFY(timer.elapsed() < 2000);
     QCOMPARE(read.value_or(QByteArray()), content);
     QCOMPARE(directory.checkRegularFile(name, &error), regular);
+    // Digests read the same files, and only those, whatever their size.
+    const std::optional<ConfinedDirectory::Digest> digest = directory.digestFile(name, &error);
+    QCOMPARE(digest.has_value(), regular);
+    if (regular) {
+        const QByteArray whole = TestServerConfinedDirectory::read(directory.path() + QLatin1Char('/') + name);
+        QCOMPARE(digest->sha256, QCryptographicHash::hash(whole, QCryptographicHash::Sha256));
+        QCOMPARE(digest->size, qint64(whole.size()));
+    }
+    const std::atomic<bool> stopped{true};
+    QVERIFY(!directory.digestFile(name, &error, ReadControl{&stopped, nullptr}));
+    QVERIFY(timer.elapsed() < 2000);
 }
 
 void TestServerConfinedDirectory::nothingIsOverwritten_data()
@@ -190,16 +202,21 @@ void TestServerConfinedDirectory::removalStaysInside()
 void TestServerConfinedDirectory::moveCarriesRegisteredFilesOnly_data()
 {
     QTest::addColumn<QString>("before"); // what an earlier run did, or what was planted
+    QTest::addColumn<QByteArray>("recorded"); // the content f had when added; empty: never digested
     QTest::addColumn<bool>("moved");
-    QTest::newRow("fresh") << QString() << true;
-    QTest::newRow("resumed after a source went") << QStringLiteral("resumed") << true;
-    QTest::newRow("a source replaced by a link") << QStringLiteral("link") << false;
-    QTest::newRow("a source missing everywhere") << QStringLiteral("missing") << false;
+    QTest::newRow("fresh") << QString() << QByteArray() << true;
+    QTest::newRow("fresh, digest matches") << QString() << QByteArray("mine") << true;
+    QTest::newRow("source differs from its digest") << QString() << QByteArray("mind") << false;
+    QTest::newRow("resumed after a source went") << QStringLiteral("resumed") << QByteArray() << true;
+    QTest::newRow("resumed, the carried copy rotted") << QStringLiteral("resumed") << QByteArray("mind") << false;
+    QTest::newRow("a source replaced by a link") << QStringLiteral("link") << QByteArray() << false;
+    QTest::newRow("a source missing everywhere") << QStringLiteral("missing") << QByteArray() << false;
 }
 
 void TestServerConfinedDirectory::moveCarriesRegisteredFilesOnly()
 {
     QFETCH(QString, before);
+    QFETCH(QByteArray, recorded);
     QFETCH(bool, moved);
     const QString from = root(QStringLiteral("a/b/c/"));
     const QString to = outside(QStringLiteral("nas/g/"));
@@ -214,12 +231,21 @@ void TestServerConfinedDirectory::moveCarriesRegisteredFilesOnly()
     if (before == QLatin1String("link"))
         QVERIFY(QFile::link(outside(QStringLiteral("secret")), from + QStringLiteral("g")));
 
-    const MoveOrder order{QStringLiteral("g"), from, to, {QStringLiteral("f"), QStringLiteral("g")},
-                          root(), outside(QStringLiteral("nas"))};
+    MoveOrder order{QStringLiteral("g"), from, to, {QStringLiteral("f"), QStringLiteral("g")},
+                    root(), outside(QStringLiteral("nas")), {}};
+    // What AddFile recorded: the file as it is, or as it was before a bit
+    // rotted behind the server's back.
+    if (!recorded.isEmpty())
+        order.digests.insert(QStringLiteral("f"), QCryptographicHash::hash(recorded, QCryptographicHash::Sha256));
     QCOMPARE(GroupMover::moveGroup(order, nullptr, nullptr), moved);
-    QCOMPARE(read(to + QStringLiteral("f")), moved ? QByteArray("mine") : QByteArray("<missing>"));
-    QCOMPARE(read(to + QStringLiteral("g")), moved ? QByteArray("second") : QByteArray("<missing>"));
-    QCOMPARE(QFileInfo::exists(from + QStringLiteral("f")), !moved);
+    // A failed move takes back only its own copies: what an earlier run
+    // carried stays where it went.
+    const bool carriedBefore = before == QLatin1String("resumed");
+    QCOMPARE(read(to + QStringLiteral("f")), moved || carriedBefore ? QByteArray("mine") : QByteArray("<missing>"));
+    QCOMPARE(read(to + QStringLiteral("g")), moved           ? QByteArray("second")
+                                             : carriedBefore ? QByteArray("se")
+                                                             : QByteArray("<missing>"));
+    QCOMPARE(QFileInfo::exists(from + QStringLiteral("f")), !moved && !carriedBefore);
     QVERIFY(!QFileInfo::exists(to + QStringLiteral("stranger")));
     QCOMPARE(read(from + QStringLiteral("stranger")), QByteArray("stays"));
     QCOMPARE(read(outside(QStringLiteral("secret"))), QByteArray("secret"));
