@@ -50,6 +50,7 @@ ArchiveServer::ArchiveServer(const ServerOptions &options, QObject *parent)
     , m_instanceId(QUuid::createUuid().toString(QUuid::WithoutBraces))
     , m_descriptorLimit(descriptorLimit())
 {
+    m_clock.start();
     connect(this, &ArchiveServer::outboxFilled, this, &ArchiveServer::drainOutbox, Qt::QueuedConnection);
     connect(&m_watch, &QTimer::timeout, this, &ArchiveServer::watchConnections);
 }
@@ -104,7 +105,8 @@ void ArchiveServer::startMover()
             job.percent = percent;
             writer->post(std::move(job));
         },
-        [writer](const QString &guid, const QString &directory, bool ok) {
+        [writer, metrics = &m_metrics](const QString &guid, const QString &directory, bool ok) {
+            ++(ok ? metrics->movesCompleted : metrics->movesFailed);
             DatabaseJob job;
             job.kind = DatabaseJob::Kind::MoveFinished;
             job.guid = guid;
@@ -455,7 +457,7 @@ void ArchiveServer::onUnreadable(Peer &peer, const RequestReader::Result &read)
         finishUnanswered(peer);
         return;
     }
-    answer(peer, peer.nextSequence++,
+    answer(peer, startRequest(peer, command),
            ReplyWriter::status(command, read.request.requestId, KE_SoapParsingError, read.error));
 }
 
@@ -463,7 +465,7 @@ void ArchiveServer::dispatch(Peer &peer, Request request)
 {
     DatabaseJob job;
     job.origin.connectionId = peer.connection->id();
-    job.origin.sequence = peer.nextSequence++;
+    job.origin.sequence = startRequest(peer, request.command);
     job.origin.localAddress = peer.connection->localAddress();
     job.origin.peerAddress = peer.connection->peerAddress().toString();
     job.origin.certificateUser = peer.connection->certificateUser();
@@ -601,8 +603,10 @@ void ArchiveServer::deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &
         for (const NewGroupNotice &notice : done.newGroups)
             notifyConverters(notice);
         if (m_mover) {
-            for (const MoveOrder &order : done.moves)
+            for (const MoveOrder &order : done.moves) {
                 m_mover->post(order);
+                ++m_metrics.movesStarted;
+            }
         }
         auto peer = m_peers.find(done.connectionId);
         if (done.connectionId == 0 || peer == m_peers.end())
@@ -625,16 +629,41 @@ void ArchiveServer::answer(Peer &peer, quint64 sequence, const QByteArray &reply
         peer.waiting.insert(sequence, reply);
         return;
     }
+    sendInOrder(peer, reply);
+    for (auto it = peer.waiting.begin(); it != peer.waiting.end() && it.key() == peer.nextToSend;
+         it = peer.waiting.erase(it))
+        sendInOrder(peer, it.value());
+    updateHold(peer);
+}
+
+void ArchiveServer::sendInOrder(Peer &peer, const QByteArray &reply)
+{
     peer.connection->send(reply);
+    const auto started = peer.started.find(peer.nextToSend);
+    if (started != peer.started.end()) {
+        m_metrics.requestAnswered(started->command, replyCode(reply), m_clock.nsecsElapsed() - started->atNs);
+        peer.started.erase(started);
+    }
     ++peer.nextToSend;
     --peer.underWay;
-    for (auto it = peer.waiting.begin(); it != peer.waiting.end() && it.key() == peer.nextToSend;
-         it = peer.waiting.erase(it)) {
-        peer.connection->send(it.value());
-        ++peer.nextToSend;
-        --peer.underWay;
-    }
-    updateHold(peer);
+}
+
+int ArchiveServer::replyCode(const QByteArray &reply)
+{
+    // The status closes every reply this server writes: look from the end.
+    static const QByteArray open = '<' + Tag::m(Tag::Error).toLatin1() + '>';
+    const int at = reply.lastIndexOf(open);
+    if (at < 0)
+        return -1;
+    const int from = at + open.size();
+    return reply.mid(from, reply.indexOf('<', from) - from).toInt();
+}
+
+quint64 ArchiveServer::startRequest(Peer &peer, const QString &command)
+{
+    const quint64 sequence = peer.nextSequence++;
+    peer.started.insert(sequence, {command, m_clock.nsecsElapsed()});
+    return sequence;
 }
 
 void ArchiveServer::notifyConverters(const NewGroupNotice &notice)

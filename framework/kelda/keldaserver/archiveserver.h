@@ -5,6 +5,7 @@
 #include "groupmover.h"
 #include "parserpool.h"
 #include "serveroptions.h"
+#include "servermetrics.h"
 
 #include <QElapsedTimer>
 #include <QHash>
@@ -101,6 +102,14 @@ private:
         bool awaitingRoom = false;
         QElapsedTimer lastUnreadableTrace;
         int unreadableUntraced = 0;
+        // Requests not yet answered: their command and arrival, for the
+        // metrics.
+        struct Started
+        {
+            QString command;
+            qint64 atNs = 0;
+        };
+        QHash<quint64, Started> started;
     };
 
     // Results handed back from other threads.
@@ -137,6 +146,10 @@ private:
     void drainOutbox();
     void deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &answers, bool fromWriter);
     void answer(Peer &peer, quint64 sequence, const QByteArray &reply);
+    void sendInOrder(Peer &peer, const QByteArray &reply);
+    // Numbers a request of the peer and notes when it arrived.
+    quint64 startRequest(Peer &peer, const QString &command);
+    static int replyCode(const QByteArray &reply);
     void notifyConverters(const NewGroupNotice &notice);
     DatabaseWorker &writerFor(quint64 connectionId);
 
@@ -179,6 +192,8 @@ private:
     QElapsedTimer m_lastRefusalTrace;
     int m_refusalsUntraced = 0;
     bool m_stopping = false;
+    ServerMetrics m_metrics;
+    QElapsedTimer m_clock;
     QString m_error;
     int m_exitCode = ServerOptions::ExitOk;
 };

@@ -88,6 +88,22 @@ bool parseListenAddress(const QString &text, QHostAddress *host, quint16 *port)
     return true;
 }
 
+bool parseLoopbackAddress(const QString &text, QHostAddress *host, quint16 *port)
+{
+    const QString trimmed = text.trimmed();
+    const bool bare = !trimmed.contains(QLatin1Char(':'));
+    if (bare || trimmed.startsWith(QLatin1Char(':'))) {
+        bool ok = false;
+        const uint number = (bare ? trimmed : trimmed.mid(1)).toUInt(&ok, 10);
+        if (!ok || number == 0 || number > 65535)
+            return false;
+        *host = QHostAddress(QHostAddress::LocalHost);
+        *port = quint16(number);
+        return true;
+    }
+    return parseListenAddress(trimmed, host, port) && *port != 0;
+}
+
 QString ServerOptions::defaultBasePath()
 {
     const QString data = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
@@ -207,9 +223,14 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
         QStringLiteral("converter"),
         QStringLiteral("User (certificate name) who may register as a converter; repeatable."),
         QStringLiteral("USER"));
+    const QCommandLineOption metricsOption(
+        QStringLiteral("metrics"),
+        QStringLiteral("Serve GET /metrics (Prometheus text) and GET /healthz on this address; loopback when only "
+                       "a port is given (default: off)."),
+        QStringLiteral("HOST:PORT"));
     parser.addOptions({helpOption, versionOption, listenOption, baseOption, dbOption, nasOption, exchangeOption,
                        traceOption, allowOption, tlsCertOption, tlsKeyOption, tlsClientCaOption, adminOption,
-                       converterOption});
+                       converterOption, metricsOption});
     std::vector<QCommandLineOption> limitOptions;
     for (const LimitOption &limit : kLimits) {
         limitOptions.emplace_back(QString::fromLatin1(limit.name),
@@ -249,6 +270,10 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
                                         .arg(text));
         limit.set(options, value);
     }
+    if (parser.isSet(metricsOption)
+        && !parseLoopbackAddress(parser.value(metricsOption), &options.metricsHost, &options.metricsPort))
+        return failure(options, QStringLiteral("--metrics wants HOST:PORT or PORT with a numeric address, got \"%1\"")
+                                    .arg(parser.value(metricsOption)));
     for (const QString &block : parser.values(allowOption)) {
         QString error;
         if (!options.allow.add(block, &error))

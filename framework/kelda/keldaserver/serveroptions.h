@@ -66,6 +66,9 @@ struct ServerOptions
     ServerTls tls;
     QStringList admins;
     QStringList converters;
+    // The monitoring endpoint; off unless a port is given.
+    QHostAddress metricsHost = QHostAddress(QHostAddress::LocalHost);
+    quint16 metricsPort = 0;
     bool hasTraceMask = false;
     quint32 traceMask = 0;
 
@@ -78,5 +81,8 @@ struct ServerOptions
 
 // "HOST:PORT", "[v6]:PORT" or ":PORT"; false for anything else.
 bool parseListenAddress(const QString &text, QHostAddress *host, quint16 *port);
+// The same, but a missing host means loopback rather than every address,
+// and a bare PORT is accepted.
+bool parseLoopbackAddress(const QString &text, QHostAddress *host, quint16 *port);
 
 } // namespace Kelda
