@@ -21,8 +21,10 @@
 #   ./run.sh bench [--quick]
 #                    release build (build-release), run every benchmark program,
 #                    end with one table: figure, limit, ratio, target;
-#                    bench_server also on a throw-away PostgreSQL cluster
-#                    (one server, then two) when PostgreSQL is installed
+#                    bench_server over archives of 100,000 and 1,000,000
+#                    groups (--quick: 1,000 and 2,000), also on a throw-away
+#                    PostgreSQL cluster (pgbench -N first, then one server,
+#                    two, and the large archives) when PostgreSQL is installed
 #   ./run.sh fuzz SECONDS
 #                    run each fuzz target that long from its seed corpus (clang,
 #                    build-asan); a finding is saved below
@@ -63,9 +65,10 @@ packages=(
     libboost-dev
     # keldaserver expands compressed requests with a bounded zlib stream
     zlib1g-dev
-    # keldaserver on PostgreSQL: the Qt driver, and the server programs the
-    # tests start a throw-away cluster with
-    libqt5sql5-psql postgresql
+    # keldaserver on PostgreSQL: the Qt driver, libpq's headers (statements
+    # go through libpq on the driver's connection), and the server programs
+    # the tests start a throw-away cluster with
+    libqt5sql5-psql libpq-dev postgresql
     # the shells whose completion scripts kelda prints, for their syntax check
     zsh fish
     # the TLS tests make their certificates with the openssl tool; the TLS
@@ -377,8 +380,8 @@ print_table() {
     echo
     echo "== summary ($(nproc) cores, $(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -1))"
     awk -F '\t' '
-        BEGIN { printf "%-46s %-22s %-28s %-8s %s\n", "figure", "measured", "limit (same run)", "ratio", "target" }
-        $1 == "table" { printf "%-46s %-22s %-28s %-8s %s\n", $2, $3, $4, $5, $6 }' "$1"
+        BEGIN { printf "%-66s %-22s %-28s %-8s %s\n", "figure", "measured", "limit (same run)", "ratio", "target" }
+        $1 == "table" { printf "%-66s %-22s %-28s %-8s %s\n", $2, $3, $4, $5, $6 }' "$1"
 }
 
 run_bench() {
@@ -391,17 +394,27 @@ run_bench() {
     fi
     cmake --build "$build_dir" -j "$jobs" --target "${programs[@]}"
     local rows status=0
+    # The server's figures over a million groups; the short run keeps to
+    # a few thousand.
+    local server_scale=(--groups 1000000)
+    if [ -n "$quick" ]; then
+        server_scale=(--quick)
+    fi
     rows=$(mktemp "${TMPDIR:-/tmp}/kelda-bench.XXXXXX")
     for p in "${programs[@]}"; do
-        echo "== $p${quick:+ --quick}"
-        if ! "$build_dir/framework/kelda/benchmarks/$p" ${quick:+--quick} | tee -a "$rows"; then
+        local arguments=(${quick:+--quick})
+        if [ "$p" = bench_server ]; then
+            arguments=("${server_scale[@]}")
+        fi
+        echo "== $p ${arguments[*]}"
+        if ! "$build_dir/framework/kelda/benchmarks/$p" ${arguments[@]+"${arguments[@]}"} | tee -a "$rows"; then
             echo "error: $p failed" >&2
             status=1
         fi
     done
     if [[ " ${programs[*]} " == *" bench_server "* ]] && have_postgres; then
-        echo "== bench_server --postgres${quick:+ --quick}"
-        if ! "$build_dir/framework/kelda/benchmarks/bench_server" --postgres ${quick:+--quick} | tee -a "$rows"; then
+        echo "== bench_server --postgres ${server_scale[*]} (pgbench -N on the same cluster first)"
+        if ! "$build_dir/framework/kelda/benchmarks/bench_server" --postgres "${server_scale[@]}" | tee -a "$rows"; then
             echo "error: bench_server --postgres failed" >&2
             status=1
         fi

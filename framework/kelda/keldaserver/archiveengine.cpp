@@ -1,8 +1,8 @@
 #include "archiveengine.h"
 
+#include "groupresultxml.h"
 #include "commanddescriptors.h"
 #include "keldaxml.h"
-#include "localtimetext.h"
 #include "replywriter.h"
 #include "requestfailure.h"
 
@@ -118,67 +118,6 @@ QString descriptionName(const FileGroupData &data)
     for (const QChar separator : {QChar(QLatin1Char('/')), QChar(QLatin1Char('\\')), QChar(0)})
         name.replace(separator, QLatin1Char('_'));
     return name;
-}
-
-QByteArray qualified(QLatin1String name)
-{
-    return Tag::m(name).toLatin1();
-}
-
-// The children of a group's query result that never change after creation,
-// as FileGroupData::ToHtml writes them. The client reads the children in any
-// order, so the changing ones follow them.
-QByteArray fixedResultXml(const FileGroupData &data)
-{
-    static const QByteArray guid = qualified(Tag::Guid);
-    static const QByteArray name = qualified(Tag::FileGroupName);
-    static const QByteArray type = qualified(Tag::FileType);
-    static const QByteArray reserved = qualified(Tag::ReservedStorage);
-    static const std::pair<QByteArray, QString (FileGroupData::*)() const> texts[] = {
-        {qualified(Tag::Comment), &FileGroupData::getComment},
-        {qualified(Tag::Creator), &FileGroupData::getCreator},
-        {qualified(Tag::Detail), &FileGroupData::getDetail},
-        {qualified(Tag::TeamMembership), &FileGroupData::getTeamMembership},
-        {qualified(Tag::Version), &FileGroupData::getVersion}};
-    QByteArray out;
-    ReplyWriter::appendTextElement(out, guid, data.getGuid());
-    ReplyWriter::appendTextElement(out, name, data.getFileGroupName());
-    ReplyWriter::appendPlainElement(out, type, QByteArray::number(data.getFileType()));
-    for (const auto &text : texts) {
-        const QString value = (data.*text.second)();
-        if (!value.isEmpty())
-            ReplyWriter::appendTextElement(out, text.first, value);
-    }
-    ReplyWriter::appendPlainElement(out, reserved, QByteArray::number(qMax(0, data.getReservedStorage())));
-    return out;
-}
-
-// The "m:FileGroup" element of a query result: without the file list,
-// copied together from the row.
-void appendGroupRow(QByteArray &out, const SearchRow &row)
-{
-    static const QByteArray open = '<' + qualified(Tag::FileGroup) + '>';
-    static const QByteArray close = "</" + qualified(Tag::FileGroup) + '>';
-    static const QByteArray location = qualified(Tag::LocationState);
-    static const std::pair<SearchRow::Column, QByteArray> times[] = {
-        {SearchRow::Backup, qualified(Tag::BackupTime)},
-        {SearchRow::Creation, qualified(Tag::CreationTime)},
-        {SearchRow::Modification, qualified(Tag::ModificationTime)},
-        {SearchRow::LifeCycle, qualified(Tag::LifeCycle)}};
-    static const QByteArray references = qualified(Tag::ReferenceCounter);
-
-    out += open;
-    out += row.bytes(SearchRow::FixedXml);
-    const qint64 state = row.number(SearchRow::Location);
-    if (state > LS_Undefined)
-        ReplyWriter::appendPlainElement(out, location, QByteArray::number(state));
-    for (const auto &time : times) {
-        if (!row.isNull(time.first))
-            ReplyWriter::appendPlainElement(out, time.second, localTimeText(row.number(time.first)));
-    }
-    ReplyWriter::appendPlainElement(out, references,
-                                    QByteArray::number(qMax<qint64>(0, row.number(SearchRow::References))));
-    out += close;
 }
 
 } // namespace
@@ -306,32 +245,28 @@ void ArchiveEngine::getBasePath(const Request &, const RequestOrigin &, ReplyWri
     writer.writeStatus(KE_NoError, QString());
 }
 
-void ArchiveEngine::checkNewGroup(const StoredGroup &group)
+QString ArchiveEngine::claimNewGroup(const StoredGroup &group, const QString &requestedPath, const QDateTime &created)
 {
     const QString guid = group.data.getGuid();
     if (guid.trimmed().isEmpty())
         refuse(KE_GuidNotFound, QStringLiteral("The request names no file group"));
     if (!StorageLayout::isGuid(guid))
         refuse(KE_AddFileGroupFailed, QStringLiteral("\"%1\" is not a GUID in lower-case text form").arg(guid));
-    if (m_store.group(guid))
-        refuse(KE_AddFileGroupFailed, QStringLiteral("File group %1 exists already").arg(guid));
-    const int type = group.data.getFileType();
-    if (type < FT_Unknown || type > FT_Last)
-        refuse(KE_AddFileGroupFailed, QStringLiteral("Unknown file type %1").arg(type));
-}
-
-QString ArchiveEngine::claimGroupDirectory(const QString &guid, const QString &requestedPath, const QDateTime &created)
-{
     QString directory = m_layout.defaultGroupDirectory(guid, created);
     if (!requestedPath.trimmed().isEmpty())
         directory = QDir::cleanPath(QDir::fromNativeSeparators(requestedPath.trimmed()));
     QString refusal = m_layout.refusedGroupDirectory(directory, guid);
-    // A directory shared with another group would let deleting one remove
-    // the other's files.
-    if (refusal.isEmpty()) {
-        if (const std::optional<QString> other = m_store.groupAround(directory))
-            refusal = QStringLiteral("%1 lies in or around the directory of file group %2").arg(directory, *other);
-    }
+    // One look at the table for both: the GUID, and a directory shared
+    // with another group, which would let deleting one remove the other's
+    // files.
+    const NewGroupConflicts conflicts = m_store.newGroupConflicts(guid, refusal.isEmpty() ? directory : QString());
+    if (conflicts.exists)
+        refuse(KE_AddFileGroupFailed, QStringLiteral("File group %1 exists already").arg(guid));
+    const int type = group.data.getFileType();
+    if (type < FT_Unknown || type > FT_Last)
+        refuse(KE_AddFileGroupFailed, QStringLiteral("Unknown file type %1").arg(type));
+    if (refusal.isEmpty() && conflicts.around)
+        refusal = QStringLiteral("%1 lies in or around the directory of file group %2").arg(directory, *conflicts.around);
     if (!refusal.isEmpty())
         refuse(KE_CreatePathFailed, refusal);
     QString error;
@@ -347,24 +282,21 @@ void ArchiveEngine::registerGroup(StoredGroup group, const QString &directory, c
     const int type = group.data.getFileType();
     group.path = directory;
     group.data.setPath(directory);
-    group.fixedResultXml = fixedResultXml(group.data);
+    group.fixedResultXml = GroupResultXml::fixedPart(group.data);
     // Imported groups keep the times they had where they came from.
     if (!group.data.getCreationTime().isValid())
         group.data.setCreationTime(created);
     if (!group.data.getModificationTime().isValid())
         group.data.setModificationTime(created);
-    m_store.insertGroup(group);
-    m_store.rememberUser(group.data.getCreator());
-    m_store.announceGroup(guid, type, StorageLayout::directoryForReply(directory));
+    m_store.addGroup(group, {m_store.database().instanceId(), guid, type, StorageLayout::directoryForReply(directory)});
     outcome.newGroups.push_back({guid, type, StorageLayout::directoryForReply(directory)});
     Q_TRACE_DETAIL(kSource, QStringLiteral("Created file group %1 in %2").arg(guid, directory));
 }
 
 QString ArchiveEngine::createGroup(StoredGroup group, const QString &requestedPath, RequestOutcome &outcome)
 {
-    checkNewGroup(group);
     const QDateTime created = now();
-    const QString directory = claimGroupDirectory(group.data.getGuid(), requestedPath, created);
+    const QString directory = claimNewGroup(group, requestedPath, created);
     registerGroup(group, directory, created, outcome);
     return directory;
 }
@@ -458,18 +390,17 @@ void ArchiveEngine::addFile(const Request &request, const RequestOrigin &, Reply
                                                  "first (%3)")
                                       .arg(name, StorageLayout::directoryForReply(group.path), error));
     const QString guid = group.data.getGuid();
-    if (m_store.hasFileNamed(guid, name))
-        refuse(KE_AddFileFailed, QStringLiteral("File group %1 holds a file named %2 already").arg(guid, name));
     const qint64 wanted = request.number(Tag::FileId);
+    const FileFacts facts = m_store.fileFacts(guid, name, wanted);
+    if (facts.nameTaken)
+        refuse(KE_AddFileFailed, QStringLiteral("File group %1 holds a file named %2 already").arg(guid, name));
     int fileId = int(wanted);
-    if (wanted <= 0 || wanted > INT_MAX || m_store.hasFileId(guid, fileId)) {
-        const int highest = m_store.maxFileId(guid);
-        if (highest == INT_MAX)
+    if (wanted <= 0 || wanted > INT_MAX || facts.idTaken) {
+        if (facts.highestId == INT_MAX)
             refuse(KE_AddFileFailed, QStringLiteral("File group %1 has no free file id left").arg(guid));
-        fileId = highest + 1;
+        fileId = facts.highestId + 1;
     }
-    m_store.insertFile(guid, fileId, name);
-    m_store.touch(guid, now().toMSecsSinceEpoch());
+    m_store.addFile(guid, fileId, name, now().toMSecsSinceEpoch());
     writer.writeNumber(Tag::FileId, fileId);
     writer.writeStatus(KE_NoError, QString());
 }
@@ -480,8 +411,9 @@ void ArchiveEngine::requestFile(const Request &request, const RequestOrigin &, R
     refuseWhileMoving(group);
     const QString guid = group.data.getGuid();
     const qint64 fileId = request.number(Tag::FileId, -1);
-    const std::optional<QString> name = fileId > 0 && fileId <= INT_MAX ? m_store.fileName(guid, int(fileId))
-                                                                          : std::nullopt;
+    // The file's name and the group's locks in one look.
+    const FileAccess access = fileId > 0 && fileId <= INT_MAX ? m_store.fileAccess(guid, int(fileId)) : FileAccess();
+    const std::optional<QString> &name = access.name;
     if (!name)
         refuse(KE_FileGroupIdNotFound, QStringLiteral("File group %1 holds no file %2").arg(guid).arg(fileId));
     const QString path = StorageLayout::fileInside(group.path, *name);
@@ -497,7 +429,7 @@ void ArchiveEngine::requestFile(const Request &request, const RequestOrigin &, R
         refuse(KE_AddLockFailed, QStringLiteral("The request names no lock identity"));
     const bool write = request.flag(Tag::WriteLock);
     bool holdsWrite = false;
-    for (const LockHolder &other : m_store.locks(guid)) {
+    for (const LockHolder &other : access.locks) {
         if (other.holder == holder) {
             holdsWrite = other.write;
             continue;
@@ -705,7 +637,7 @@ void ArchiveEngine::queryFileGroups(const Request &request, const RequestOrigin 
     QByteArray rows;
     int count = 0;
     m_store.search(criteria, [&rows, &count](const SearchRow &row) {
-        appendGroupRow(rows, row);
+        GroupResultXml::append(rows, row);
         ++count;
     });
     writer.writeRaw(rows);
@@ -863,8 +795,7 @@ QString ArchiveEngine::importDescription(const QString &description, RequestOutc
     const QDateTime created = now();
     QString directory;
     try {
-        checkNewGroup(group);
-        directory = claimGroupDirectory(guid, QString(), created);
+        directory = claimNewGroup(group, QString(), created);
     } catch (const RequestFailure &failure) {
         return failure.text;
     }

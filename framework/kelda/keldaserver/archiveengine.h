@@ -127,8 +127,8 @@ private:
     void registerConverter(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
 
     QString createGroup(StoredGroup group, const QString &requestedPath, RequestOutcome &outcome);
-    void checkNewGroup(const StoredGroup &group);
-    QString claimGroupDirectory(const QString &guid, const QString &requestedPath, const QDateTime &created);
+    // Checks a new group and creates its directory; returns the directory.
+    QString claimNewGroup(const StoredGroup &group, const QString &requestedPath, const QDateTime &created);
     void registerGroup(StoredGroup group, const QString &directory, const QDateTime &created, RequestOutcome &outcome);
     QString groupFilesRefusal(const QString &directory, const QStringList &names, bool missingAllowed) const;
     MoveOrder moveOrder(const StoredGroup &group);

@@ -68,15 +68,21 @@ bool ArchiveServer::openDatabase()
             post([&](Outbox &outbox) { outbox.answers.emplace_back(std::move(answers), fromWriter); });
         };
     };
-    // The writer creates the tables; the reader opens them after it.
-    m_writer = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Writer, m_options.database, m_instanceId, layout,
-                                                delivery(true), [this](DatabaseJob job) {
-                                                    if (m_reader)
-                                                        m_reader->post(std::move(job));
-                                                });
-    if (!m_writer->open()) {
-        m_error = m_writer->errorString();
-        return false;
+    // The first writer creates the tables; the others and the reader open
+    // them after it.
+    const int writers = m_options.database.isPostgres() ? PostgresWriters : 1;
+    for (int index = 0; index < writers; ++index) {
+        auto writer = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Writer, m_options.database, m_instanceId,
+                                                       layout, delivery(true), [this](DatabaseJob job) {
+                                                           if (m_reader)
+                                                               m_reader->post(std::move(job));
+                                                       });
+        writer->setWriterIndex(index);
+        m_writers.push_back(std::move(writer));
+        if (!m_writers.back()->open()) {
+            m_error = m_writers.back()->errorString();
+            return false;
+        }
     }
     m_reader = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Reader, m_options.database, m_instanceId,
                                                 layout, delivery(false));
@@ -89,7 +95,7 @@ bool ArchiveServer::openDatabase()
 
 void ArchiveServer::startMover()
 {
-    DatabaseWorker *writer = m_writer.get();
+    DatabaseWorker *writer = m_writers.front().get();
     m_mover = std::make_unique<GroupMover>(
         [writer](const QString &guid, double percent) {
             DatabaseJob job;
@@ -107,7 +113,7 @@ void ArchiveServer::startMover()
             writer->post(std::move(job));
         });
     m_mover->start();
-    for (const MoveOrder &order : m_writer->unfinishedMoves())
+    for (const MoveOrder &order : m_writers.front()->unfinishedMoves())
         m_mover->post(order);
 }
 
@@ -191,14 +197,14 @@ void ArchiveServer::shutdown()
     // are dropped, so that however many wait, the server stops promptly.
     if (m_reader)
         m_reader->abandonReads();
-    for (auto *worker : {&m_writer, &m_reader}) {
-        if (*worker)
-            (*worker)->finishAndWait();
-    }
+    for (auto &writer : m_writers)
+        writer->finishAndWait();
+    if (m_reader)
+        m_reader->finishAndWait();
     // Their last answers wait in the outbox; send them before the
     // connections close.
     drainOutbox();
-    m_writer.reset();
+    m_writers.clear();
     m_reader.reset();
     m_parsers.reset();
     const auto peers = m_peers;
@@ -472,7 +478,14 @@ void ArchiveServer::dispatch(Peer &peer, Request request)
     }
     if (!job.readOnly)
         ++peer.changesUnderWay;
-    m_writer->post(std::move(job));
+    writerFor(job.origin.connectionId).post(std::move(job));
+}
+
+DatabaseWorker &ArchiveServer::writerFor(quint64 connectionId)
+{
+    // Always the same one: a connection's changes stay in order, and its
+    // reads wait for them there.
+    return *m_writers.at(connectionId % m_writers.size());
 }
 
 void ArchiveServer::finishUnanswered(Peer &peer)

@@ -138,6 +138,10 @@ private:
     void deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &answers, bool fromWriter);
     void answer(Peer &peer, quint64 sequence, const QByteArray &reply);
     void notifyConverters(const NewGroupNotice &notice);
+    DatabaseWorker &writerFor(quint64 connectionId);
+
+    // Writing connections to a shared database.
+    static constexpr int PostgresWriters = 4;
 
     ServerOptions m_options;
     // Binds and listens; the connections are taken by this server's own
@@ -145,7 +149,12 @@ private:
     QTcpServer m_listener;
     QSocketNotifier *m_acceptNotifier = nullptr;
     QTimer m_watch;
-    std::unique_ptr<DatabaseWorker> m_writer;
+    // One on SQLite, which has one writer at a time. A shared database
+    // takes changes from several connections at once and flushes their
+    // commits together, while one connection waits for each of its commits
+    // in turn: there each writer carries out the changes of a share of the
+    // client connections, in their order, and the first also the moves.
+    std::vector<std::unique_ptr<DatabaseWorker>> m_writers;
     std::unique_ptr<DatabaseWorker> m_reader;
     std::unique_ptr<GroupMover> m_mover;
     std::unique_ptr<GroupListener> m_listenerThread;

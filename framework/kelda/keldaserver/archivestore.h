@@ -1,20 +1,19 @@
 #pragma once
 
-#include "databaselocation.h"
+#include "archivedatabase.h"
 #include "filegroupdata.h"
 #include "filetype.h"
-#include "requestfailure.h"
+#include "groupannouncement.h"
+#include "groupsearch.h"
+#include "resultrows.h"
+#include "trigramstatistics.h"
 
-#include <QHash>
-#include <QSqlDatabase>
-#include <QSqlError>
-#include <QSqlQuery>
+#include <QElapsedTimer>
+
 #include <QString>
 #include <QStringList>
-#include <QVariant>
 
 #include <functional>
-#include <memory>
 #include <optional>
 #include <vector>
 
@@ -41,6 +40,29 @@ struct LockHolder
     bool write = false;
 };
 
+// What stands in the way of a new group: a group of the same GUID, and one
+// whose directory lies at, above or below the one wanted.
+struct NewGroupConflicts
+{
+    bool exists = false;
+    std::optional<QString> around;
+};
+
+// What adding a file to a group must know of the files it holds.
+struct FileFacts
+{
+    bool nameTaken = false;
+    bool idTaken = false;
+    int highestId = 0;
+};
+
+// What a request for one file of a group must know.
+struct FileAccess
+{
+    std::optional<QString> name; // absent when the group holds no such file
+    std::vector<LockHolder> locks;
+};
+
 // One row of a group, read column by column.
 class GroupRow
 {
@@ -49,16 +71,17 @@ public:
         Guid, Name, FileType, Location, Backup, Creation, Modification, LifeCycle, Comment, Creator, Detail, Team,
         Version, Reserved, References, Path, TovinId, RecordId, Progress
     };
-    explicit GroupRow(const QSqlQuery &query)
-        : m_query(query)
+    explicit GroupRow(const ResultRows &rows)
+        : m_rows(rows)
     {
     }
-    QString text(Column column) const { return m_query.value(column).toString(); }
-    qint64 number(Column column) const { return m_query.value(column).toLongLong(); }
-    bool isNull(Column column) const { return m_query.isNull(column); }
+    QString text(Column column) const { return m_rows.text(column); }
+    qint64 number(Column column) const { return m_rows.number(column); }
+    double real(Column column) const { return m_rows.real(column); }
+    bool isNull(Column column) const { return m_rows.isNull(column); }
 
 private:
-    const QSqlQuery &m_query;
+    const ResultRows &m_rows;
 };
 
 // One row of a search: the fixed part of the result element and the
@@ -67,98 +90,68 @@ class SearchRow
 {
 public:
     enum Column { FixedXml, Location, Backup, Creation, Modification, LifeCycle, References };
-    explicit SearchRow(const QSqlQuery &query)
-        : m_query(query)
+    explicit SearchRow(const ResultRows &rows)
+        : m_rows(rows)
     {
     }
-    QByteArray bytes(Column column) const { return m_query.value(column).toByteArray(); }
-    qint64 number(Column column) const { return m_query.value(column).toLongLong(); }
-    bool isNull(Column column) const { return m_query.isNull(column); }
+    QByteArray bytes(Column column) const { return m_rows.bytes(column); }
+    qint64 number(Column column) const { return m_rows.number(column); }
+    bool isNull(Column column) const { return m_rows.isNull(column); }
 
 private:
-    const QSqlQuery &m_query;
+    const ResultRows &m_rows;
 };
 
-// Criteria of a group search, already parsed. Empty texts and zero states
-// mean "any"; time bounds are UTC milliseconds, absent when open.
-struct GroupSearch
-{
-    QString name, comment, detail, creator, team, version, lockUser, referencingApplication;
-    std::vector<int> fileTypes;
-    int locationState = 0;
-    int lockState = 0;
-    struct Range
-    {
-        std::optional<qint64> min, max;
-    };
-    Range backup, creation, lifeCycle, modification;
-};
-
-// The metadata tables of the archive, reached through Qt SQL, in SQLite or
-// PostgreSQL. One set of statements serves both; where they differ (setup,
-// row locks, notifications) the store asks isPostgres(). The SQLite
-// connection runs in WAL mode with synchronous=FULL so that a commit
-// survives power loss.
+// The archive's metadata as the rules need it: groups, their files, locks
+// and references, and searches. The statements are the same on SQLite and
+// PostgreSQL wherever the two agree; the connection, schema and
+// transactions are the ArchiveDatabase's, whose transaction control the
+// store passes on to its callers.
 //
 // On PostgreSQL several servers share the tables. Whatever decides locks,
 // file ids, references or deletions is read with the group's row locked
 // (see setLocksGroups), so the changes of one group are carried out one
 // after another across all servers.
-//
-// Every failing statement throws RequestFailure with the code its caller
-// names, so the handlers stay linear. One thread owns an instance.
 class ArchiveStore
 {
 public:
-    ArchiveStore();
-    ~ArchiveStore();
+    ArchiveStore() = default;
     ArchiveStore(const ArchiveStore &) = delete;
     ArchiveStore &operator=(const ArchiveStore &) = delete;
 
-    // The schema this build writes; a database with a newer one is refused.
-    static constexpr int SchemaVersion = 1;
+    ArchiveDatabase &database() { return m_db; }
 
-    // Opens (creating when missing) the database and its tables; false with
-    // errorString() on failure, and schemaTooNew() when the reason is a
-    // schema of a later build.
-    bool open(const DatabaseLocation &location);
-    // Drops the connection and opens it again, after it was lost.
-    bool reopen();
-    QString errorString() const { return m_error; }
-    bool schemaTooNew() const { return m_schemaTooNew; }
-    bool isPostgres() const { return m_location.isPostgres(); }
-    // A statement failed because the connection to the database is gone;
-    // nothing works until reopen() succeeds.
-    bool connectionLost() const { return m_connectionLost; }
+    void setInstanceId(const QString &id) { m_db.setInstanceId(id); }
+    // Reads of a group lock its row until the transaction ends, and the
+    // connection stands for the server: for the writer of a shared
+    // database.
+    void setLocksGroups(bool locks);
 
-    // This server among those sharing the database: names its commit marks,
-    // its move claims and its notifications. Set before open().
-    void setInstanceId(const QString &id) { m_instanceId = id; }
-    // Reads of a group lock its row until the transaction ends: for the
-    // writer of a shared database.
-    void setLocksGroups(bool locks) { m_locksGroups = locks; }
+    bool open(const DatabaseLocation &location) { return m_db.open(location); }
+    bool reopen() { return m_db.reopen(); }
+    QString errorString() const { return m_db.errorString(); }
+    bool schemaTooNew() const { return m_db.schemaTooNew(); }
+    bool isPostgres() const { return m_db.isPostgres(); }
+    bool connectionLost() const { return m_db.connectionLost(); }
 
-    // Commit marks tell whether a transaction whose COMMIT got no answer
-    // was saved: the writer records one before committing and looks for it
-    // after reconnecting.
-    void writeCommitMark(qint64 token);
-    bool hasCommitMark(qint64 token);
-    // At a clean stop: every answer is out, the mark has served.
-    void dropCommitMark();
-
-    void begin();
-    bool commit();
-    void rollback();
-    void savepoint();
-    void releaseSavepoint();
-    void rollbackToSavepoint();
+    void begin() { m_db.begin(); }
+    bool commit() { return m_db.commit(); }
+    void rollback() { m_db.rollback(); }
+    void savepoint() { m_db.savepoint(); }
+    void releaseSavepoint() { m_db.releaseSavepoint(); }
+    void rollbackToSavepoint() { m_db.rollbackToSavepoint(); }
+    void writeCommitMark(qint64 token) { m_db.writeCommitMark(token); }
+    bool hasCommitMark(qint64 token) { return m_db.hasCommitMark(token); }
+    void dropCommitMark() { m_db.dropCommitMark(); }
 
     std::optional<StoredGroup> group(const QString &guid);
-    void insertGroup(const StoredGroup &group);
+    // An empty directory asks only for the GUID.
+    NewGroupConflicts newGroupConflicts(const QString &guid, const QString &directory);
+    // Stores a new group, remembers its creator and, on a shared database,
+    // tells every server listening of it when the transaction commits.
+    void addGroup(const StoredGroup &group, const GroupAnnouncement &announcement);
     void deleteGroup(const QString &guid);
     void updateLocation(const QString &guid, int locationState, const QString &path, double copyProgress);
-    // A group whose directory is directory, lies above it or below it.
-    std::optional<QString> groupAround(const QString &directory);
     void touch(const QString &guid, qint64 utcMs);
     std::optional<QString> tovinGroup(const QString &tovinId, const QString &recordId);
     // Groups whose move to network storage was under way.
@@ -168,16 +161,15 @@ public:
     void recordMoveClaim(const QString &guid);
     bool claimMove(const QString &guid);
     void dropMoveClaim(const QString &guid);
-    // Tells every server listening on the database of a new group, when
-    // the transaction commits.
-    void announceGroup(const QString &guid, int fileType, const QString &path);
 
     FileGroupData::FileList files(const QString &guid);
     std::optional<QString> fileName(const QString &guid, int fileId);
-    bool hasFileNamed(const QString &guid, const QString &name);
-    bool hasFileId(const QString &guid, int fileId);
-    int maxFileId(const QString &guid);
+    // wantedId outside 1..INT_MAX is never taken.
+    FileFacts fileFacts(const QString &guid, const QString &name, qint64 wantedId);
+    FileAccess fileAccess(const QString &guid, int fileId);
     void insertFile(const QString &guid, int fileId, const QString &name);
+    // Inserts the file and sets the group's modification time.
+    void addFile(const QString &guid, int fileId, const QString &name, qint64 utcMs);
     void deleteFile(const QString &guid, int fileId);
 
     std::vector<LockHolder> locks(const QString &guid);
@@ -195,34 +187,27 @@ public:
     // Calls visit for every match, ordered by creation time and GUID.
     void search(const GroupSearch &criteria, const std::function<void(const SearchRow &)> &visit);
 
-    // Lower-cased form kept beside every searchable text.
-    static QString searchKey(const QString &text);
+    // How long a sample of the search keys serves before it is taken again;
+    // a sample of a small archive, which grows fast in proportion, soon.
+    static constexpr int SampleAgeMs = 5 * 60 * 1000;
+    static constexpr int SmallSampleAgeMs = 10 * 1000;
 
 private:
-    bool connect();
-    void prepareSqlite();
-    void createSchema();
-    void holdLiveness();
-    bool ownerAlive(const QString &owner);
-    RequestFailure failure(const QSqlError &error, KeldaError code);
-    QSqlQuery &prepared(const QString &sql);
-    void transactionControl(const QString &sql);
-    void exec(QSqlQuery &query, KeldaError code);
-    void execDirect(const QString &sql, KeldaError code);
     StoredGroup groupFromRow(const GroupRow &row) const;
-    QString pathColumn() const;
-    std::optional<QString> firstGuid(QSqlQuery &query);
+    QStringList firstColumn(ResultRows &rows);
+    QStringList names(const QString &sql);
     void refreshCounters(const QString &guid);
+    QString forUpdate() const;
+    void sampleSearchKeys();
+    // Counts the trigrams of a sample of the table's rows per column, and
+    // per row under the name of the table's index.
+    void sampleTable(const QString &table, const QStringList &columns, const QString &index);
+    int samplePercent(const QString &table);
 
-    QString m_connectionName;
-    DatabaseLocation m_location;
-    QSqlDatabase m_db;
-    QString m_error;
-    QString m_instanceId;
-    bool m_schemaTooNew = false;
-    bool m_connectionLost = false;
+    ArchiveDatabase m_db;
     bool m_locksGroups = false;
-    QHash<QString, std::shared_ptr<QSqlQuery>> m_statements;
+    TrigramStatistics m_statistics;
+    QElapsedTimer m_sampled;
 };
 
 } // namespace Kelda

@@ -116,11 +116,15 @@ void DatabaseWorker::serve()
     ArchiveStore store;
     store.setInstanceId(m_instanceId);
     store.setLocksGroups(m_role == Role::Writer && m_database.isPostgres());
+    if (m_writerIndex > 0) {
+        store.database().setHoldsLiveness(false);
+        store.database().setCommitMarkId(QStringLiteral("%1/%2").arg(m_instanceId).arg(m_writerIndex));
+    }
     ArchiveEngine engine(store, m_layout);
     const bool opened = store.open(m_database);
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (opened && m_role == Role::Writer) {
+        if (opened && m_role == Role::Writer && m_writerIndex == 0) {
             try {
                 store.begin();
                 m_unfinishedMoves = engine.unfinishedMoves();

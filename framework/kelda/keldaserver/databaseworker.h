@@ -54,14 +54,15 @@ struct DatabaseAnswer
 
 // A thread with a database connection of its own.
 //
-// The writer is the one thread that changes the database. It drains its
-// queue in batches: everything that arrived together is carried out in one
-// transaction, each request inside a savepoint of its own, and committed
-// with one flush; only then do the answers leave. A failing request rolls
-// back only itself; a failing commit turns every answer of the batch into an
-// error, so nothing unsaved is ever confirmed. Read-only requests that wait
-// behind a change of their connection are handed to the reader once that
-// change is committed.
+// A writer is a thread that changes the database (the only one on SQLite;
+// on PostgreSQL each of a server's writers serves its share of the client
+// connections). It drains its queue in batches: everything that arrived
+// together is carried out in one transaction, each request inside a
+// savepoint of its own, and committed with one flush; only then do the
+// answers leave. A failing request rolls back only itself; a failing commit
+// turns every answer of the batch into an error, so nothing unsaved is ever
+// confirmed. Read-only requests that wait behind a change of their
+// connection are handed to the reader once that change is committed.
 //
 // A reader carries out read-only requests on a snapshot of committed data,
 // so that long queries and exports never hold up changes. It builds no
@@ -90,6 +91,11 @@ public:
     DatabaseWorker(Role role, const DatabaseLocation &database, const QString &instanceId,
                    const StorageLayout &layout, Delivery delivery, HandOff handOff = HandOff());
     ~DatabaseWorker() override;
+
+    // Of several writers on a shared database, the first resumes the moves
+    // and stands for the server; the others only carry out changes. Set
+    // before open().
+    void setWriterIndex(int index) { m_writerIndex = index; }
 
     // Starts the thread and waits until the database is open; false with
     // errorString() when it cannot be.
@@ -151,6 +157,7 @@ private:
     static DatabaseAnswer failedAnswer(const DatabaseJob &job, const QString &text);
 
     const Role m_role;
+    int m_writerIndex = 0;
     const DatabaseLocation m_database;
     const QString m_instanceId;
     const StorageLayout m_layout;

@@ -81,7 +81,8 @@ PostgresCluster *PostgresCluster::shared(QString *error)
     return cluster.get();
 }
 
-bool PostgresCluster::run(const QString &program, const QStringList &arguments, QString *error, int timeoutMs)
+bool PostgresCluster::run(const QString &program, const QStringList &arguments, QString *error, int timeoutMs,
+                          QString *output)
 {
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
@@ -92,8 +93,11 @@ bool PostgresCluster::run(const QString &program, const QStringList &arguments, 
     else
         process.start(program, arguments);
     const bool finished = process.waitForStarted(timeoutMs) && process.waitForFinished(timeoutMs);
-    if (finished && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0)
+    if (finished && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0) {
+        if (output)
+            *output = QString::fromLocal8Bit(process.readAll());
         return true;
+    }
     if (!finished)
         process.kill();
     if (error)
@@ -181,6 +185,15 @@ bool PostgresCluster::createDatabase(const QString &name, QString *error)
         return false;
     m_databases.insert(name);
     return true;
+}
+
+bool PostgresCluster::pgbench(const QString &database, const QStringList &arguments, QString *output, QString *error,
+                              int timeoutMs)
+{
+    const QStringList connection{QStringLiteral("-h"), m_socketDirectory, QStringLiteral("-p"), QString::number(m_port),
+                                 QStringLiteral("-U"), QStringLiteral("postgres")};
+    return run(QDir(binDirectory()).filePath(QStringLiteral("pgbench")), connection + arguments + QStringList{database},
+               error, timeoutMs, output);
 }
 
 QString PostgresCluster::url(const QString &database) const

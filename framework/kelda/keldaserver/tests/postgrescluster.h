@@ -49,10 +49,17 @@ public:
     QString socketUrl(const QString &database) const;
     quint16 port() const { return m_port; }
 
+    // pgbench on a database of this cluster as its superuser, through the
+    // socket folder: the engine's own measure of what the cluster carries.
+    // False with *error set when it fails.
+    bool pgbench(const QString &database, const QStringList &arguments, QString *output, QString *error,
+                 int timeoutMs = Wait);
+
     static constexpr int Wait = 120000;
 
 private:
-    bool run(const QString &program, const QStringList &arguments, QString *error, int timeoutMs = Wait);
+    bool run(const QString &program, const QStringList &arguments, QString *error, int timeoutMs = Wait,
+             QString *output = nullptr);
     bool superuserSql(const QString &sql, QString *error);
 
     std::unique_ptr<QTemporaryDir> m_folder;

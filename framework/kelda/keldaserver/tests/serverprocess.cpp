@@ -88,6 +88,11 @@ QString ServerProcess::programPath()
 
 bool ServerProcess::start(int timeoutMs)
 {
+    return launch(timeoutMs) && waitUntilReady(timeoutMs);
+}
+
+bool ServerProcess::launch(int timeoutMs)
+{
     if (isRunning()) {
         m_error = QStringLiteral("The server runs already");
         return false;
@@ -117,6 +122,11 @@ bool ServerProcess::start(int timeoutMs)
         m_error = QStringLiteral("Cannot start %1: %2").arg(programPath(), m_process.errorString());
         return false;
     }
+    return true;
+}
+
+bool ServerProcess::waitUntilReady(int timeoutMs)
+{
     static const QRegularExpression readyLine(QStringLiteral("^keldaserver listening on (.+):(\\d+)$"));
     QDeadlineTimer deadline(timeoutMs);
     while (!deadline.hasExpired()) {

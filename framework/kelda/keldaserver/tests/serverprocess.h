@@ -36,6 +36,9 @@ public:
     // Starts the program and waits for its ready line; false with
     // errorString() when it did not come within timeoutMs.
     bool start(int timeoutMs = 15000);
+    // The two halves of start(), for servers that must start together.
+    bool launch(int timeoutMs = 15000);
+    bool waitUntilReady(int timeoutMs = 15000);
     // SIGTERM, then waits for the exit; SIGKILL when it takes longer.
     void stop(int timeoutMs = 15000);
     // SIGKILL at once, as a crash would end it.

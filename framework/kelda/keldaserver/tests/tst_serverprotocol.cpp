@@ -1,3 +1,4 @@
+#include "archiveschema.h"
 #include "databaseworker.h"
 #include "groupannouncement.h"
 #include "filequery.h"
@@ -455,7 +456,7 @@ void TestServerProtocol::refusesNewerSchema()
         QVERIFY(db.open());
         QSqlQuery bump(db);
         QVERIFY(bump.exec(QStringLiteral("INSERT INTO schema_version (version) VALUES (%1)")
-                              .arg(ArchiveStore::SchemaVersion + 1)));
+                              .arg(ArchiveSchema::Version + 1)));
         bump.finish();
         db.close();
     }
@@ -463,7 +464,7 @@ void TestServerProtocol::refusesNewerSchema()
     ArchiveStore store;
     QVERIFY(!store.open(database));
     QVERIFY(store.schemaTooNew());
-    QVERIFY2(store.errorString().contains(QString::number(ArchiveStore::SchemaVersion + 1)),
+    QVERIFY2(store.errorString().contains(QString::number(ArchiveSchema::Version + 1)),
              qPrintable(store.errorString()));
 }
 

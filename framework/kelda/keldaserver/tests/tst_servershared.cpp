@@ -5,6 +5,7 @@
 #include "keldaxml.h"
 #include "postgrescluster.h"
 #include "rawclient.h"
+#include "replyfields.h"
 #include "serverprocess.h"
 
 #include <QDir>
@@ -28,6 +29,7 @@ private slots:
     void locksAcrossServers_data();
     void locksAcrossServers();
     void simultaneousAddsGetConsecutiveIds();
+    void addsThroughConnectionsOfOneServerGetConsecutiveIds();
     void groupOfOneServerHandledThroughTheOther();
     void converterHearsGroupsOfTheOtherServer();
     void moveClaimsFollowLiveServers();
@@ -140,6 +142,42 @@ void TestServerShared::simultaneousAddsGetConsecutiveIds()
         expected.append(uint(i));
     QCOMPARE(ids, expected);
     QCOMPARE(m_bob->GetFileList(guid).size(), 2 * Files);
+}
+
+void TestServerShared::addsThroughConnectionsOfOneServerGetConsecutiveIds()
+{
+    // Connections of one server are served by several writing connections
+    // to the database: their changes of one group meet as those of two
+    // servers do.
+    constexpr int Connections = 6;
+    constexpr int FilesEach = 4;
+    QString directory;
+    const QString guid = createGroup(*m_alice, QStringLiteral("Busy"), FT_Image, &directory);
+    QVERIFY(!guid.isEmpty());
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (int c = 0; c < Connections; ++c) {
+        clients.push_back(std::make_unique<RawClient>());
+        QVERIFY(clients.back()->connectTo(m_first->port()));
+    }
+    for (int i = 0; i < FilesEach; ++i) {
+        for (int c = 0; c < Connections; ++c) {
+            const QString name = QStringLiteral("c%1-%2.bin").arg(c).arg(i);
+            QVERIFY(writeFile(directory + name, name.toUtf8()));
+            clients[size_t(c)]->sendFrame(RawClient::request(
+                Tag::AddFile, name,
+                QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>%2</m:FileName><m:FileId>0</m:FileId>").arg(guid, name)));
+        }
+    }
+    QList<uint> ids;
+    for (auto &client : clients) {
+        for (int i = 0; i < FilesEach; ++i)
+            ids.append(ReplyFields::read(client->receive(Wait)).value(Tag::FileId).toUInt());
+    }
+    std::sort(ids.begin(), ids.end());
+    QList<uint> expected;
+    for (int i = 1; i <= Connections * FilesEach; ++i)
+        expected.append(uint(i));
+    QCOMPARE(ids, expected);
 }
 
 void TestServerShared::groupOfOneServerHandledThroughTheOther()

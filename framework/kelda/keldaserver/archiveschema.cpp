@@ -1,0 +1,287 @@
+#include "archiveschema.h"
+
+#include "archivedatabase.h"
+#include "requestfailure.h"
+
+#include <trace.h>
+
+#include <QElapsedTimer>
+
+#include <iterator>
+
+namespace Kelda {
+
+namespace {
+
+const char kSource[] = "framework/kelda/keldaserver/archiveschema";
+
+// Version 1, as its build wrote it: history, never to be edited.
+const QStringList kVersion1{
+    QStringLiteral("CREATE TABLE IF NOT EXISTS file_groups ("
+                   " guid VARCHAR(64) PRIMARY KEY,"
+                   " name TEXT NOT NULL, name_key TEXT NOT NULL,"
+                   " file_type INTEGER NOT NULL,"
+                   " location_state INTEGER NOT NULL,"
+                   " backup_time BIGINT, creation_time BIGINT, modification_time BIGINT, life_cycle BIGINT,"
+                   " comment TEXT NOT NULL, comment_key TEXT NOT NULL,"
+                   " creator TEXT NOT NULL, creator_key TEXT NOT NULL,"
+                   " detail TEXT NOT NULL, detail_key TEXT NOT NULL,"
+                   " team TEXT NOT NULL, team_key TEXT NOT NULL,"
+                   " version TEXT NOT NULL, version_key TEXT NOT NULL,"
+                   " reserved_storage BIGINT NOT NULL,"
+                   " reference_counter INTEGER NOT NULL,"
+                   " path TEXT NOT NULL,"
+                   " tovin_id TEXT, record_id TEXT,"
+                   " copy_progress DOUBLE PRECISION NOT NULL,"
+                   " fixed_result_xml BYTEA NOT NULL)"),
+    QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_creation ON file_groups (creation_time, guid)"),
+    QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_modification ON file_groups (modification_time)"),
+    QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_life_cycle ON file_groups (life_cycle)"),
+    QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_backup ON file_groups (backup_time)"),
+    QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_type ON file_groups (file_type)"),
+    QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_location ON file_groups (location_state)"),
+    QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_tovin ON file_groups (tovin_id, record_id)"),
+    QStringLiteral("CREATE TABLE IF NOT EXISTS group_files ("
+                   " guid VARCHAR(64) NOT NULL, file_id INTEGER NOT NULL, name TEXT NOT NULL,"
+                   " PRIMARY KEY (guid, file_id))"),
+    QStringLiteral("CREATE TABLE IF NOT EXISTS group_locks ("
+                   " guid VARCHAR(64) NOT NULL, holder TEXT NOT NULL, holder_key TEXT NOT NULL,"
+                   " write_lock INTEGER NOT NULL, PRIMARY KEY (guid, holder))"),
+    QStringLiteral("CREATE TABLE IF NOT EXISTS group_references ("
+                   " guid VARCHAR(64) NOT NULL, application TEXT NOT NULL, application_key TEXT NOT NULL,"
+                   " ref_count INTEGER NOT NULL, PRIMARY KEY (guid, application))"),
+    QStringLiteral("CREATE TABLE IF NOT EXISTS known_users (name TEXT PRIMARY KEY)"),
+    QStringLiteral("CREATE TABLE IF NOT EXISTS known_applications (name TEXT PRIMARY KEY)"),
+    QStringLiteral("CREATE TABLE IF NOT EXISTS commit_marks (server_id TEXT PRIMARY KEY, token BIGINT NOT NULL)"),
+    QStringLiteral("CREATE TABLE IF NOT EXISTS move_claims (guid VARCHAR(64) PRIMARY KEY, owner TEXT NOT NULL)"),
+};
+
+// Version 2 on SQLite: the tables with text criteria get an integer key
+// that stays put (an implicit rowid may change on VACUUM), for their FTS5
+// indexes to name rows by.
+const QString kGroupsVersion2 = QStringLiteral(
+    "guid VARCHAR(64) NOT NULL UNIQUE,"
+    " name TEXT NOT NULL, name_key TEXT NOT NULL,"
+    " file_type INTEGER NOT NULL,"
+    " location_state INTEGER NOT NULL,"
+    " backup_time BIGINT, creation_time BIGINT, modification_time BIGINT, life_cycle BIGINT,"
+    " comment TEXT NOT NULL, comment_key TEXT NOT NULL,"
+    " creator TEXT NOT NULL, creator_key TEXT NOT NULL,"
+    " detail TEXT NOT NULL, detail_key TEXT NOT NULL,"
+    " team TEXT NOT NULL, team_key TEXT NOT NULL,"
+    " version TEXT NOT NULL, version_key TEXT NOT NULL,"
+    " reserved_storage BIGINT NOT NULL,"
+    " reference_counter INTEGER NOT NULL,"
+    " path TEXT NOT NULL,"
+    " tovin_id TEXT, record_id TEXT,"
+    " copy_progress DOUBLE PRECISION NOT NULL,"
+    " fixed_result_xml BYTEA NOT NULL");
+const QString kGroupsColumns = QStringLiteral(
+    "guid, name, name_key, file_type, location_state, backup_time, creation_time, modification_time, life_cycle,"
+    " comment, comment_key, creator, creator_key, detail, detail_key, team, team_key, version, version_key,"
+    " reserved_storage, reference_counter, path, tovin_id, record_id, copy_progress, fixed_result_xml");
+const QStringList kGroupsKeys{QStringLiteral("name_key"),    QStringLiteral("comment_key"),
+                              QStringLiteral("detail_key"),  QStringLiteral("creator_key"),
+                              QStringLiteral("team_key"),    QStringLiteral("version_key")};
+const QString kLocksVersion2 = QStringLiteral(
+    "guid VARCHAR(64) NOT NULL, holder TEXT NOT NULL, holder_key TEXT NOT NULL, write_lock INTEGER NOT NULL,"
+    " UNIQUE (guid, holder)");
+const QString kReferencesVersion2 = QStringLiteral(
+    "guid VARCHAR(64) NOT NULL, application TEXT NOT NULL, application_key TEXT NOT NULL,"
+    " ref_count INTEGER NOT NULL, UNIQUE (guid, application)");
+
+// Lock state criteria start from the few locked groups.
+const QString kWriteLocksIndex
+    = QStringLiteral("CREATE INDEX IF NOT EXISTS group_locks_write ON group_locks (write_lock, guid)");
+
+// Servers wait this long for another's upgrade of a large archive.
+const QString kUpgradeLockTimeout = QStringLiteral("SET LOCAL lock_timeout = '30min'");
+
+} // namespace
+
+const QString ArchiveSchema::GroupTextIndex = QStringLiteral("file_groups_text");
+const QString ArchiveSchema::LockTextIndex = QStringLiteral("group_locks_text");
+const QString ArchiveSchema::ReferenceTextIndex = QStringLiteral("group_references_text");
+
+// Steps[v] brings version v to v + 1.
+const ArchiveSchema::Step ArchiveSchema::Steps[] = {
+    &ArchiveSchema::createVersion1,
+    &ArchiveSchema::indexSearchCriteria,
+};
+
+ArchiveSchema::ArchiveSchema(ArchiveDatabase &database)
+    : m_db(database)
+{
+}
+
+void ArchiveSchema::run(const QString &sql)
+{
+    m_db.execute(sql, KE_DatabaseNotAvailable);
+}
+
+QString ArchiveSchema::pathColumn() const
+{
+    // Directories compare byte by byte, as the file system names them;
+    // PostgreSQL would otherwise order by the database's language.
+    return m_db.isPostgres() ? QStringLiteral("path COLLATE \"C\"") : QStringLiteral("path");
+}
+
+void ArchiveSchema::update()
+{
+    m_db.begin();
+    try {
+        upgrade();
+    } catch (const RequestFailure &) {
+        m_db.rollback();
+        throw;
+    }
+    if (!m_db.commit())
+        throw RequestFailure{KE_DatabaseNotAvailable, m_db.errorString()};
+}
+
+void ArchiveSchema::upgrade()
+{
+    static_assert(std::size(Steps) == Version, "every schema version needs its step");
+    if (m_db.isPostgres()) {
+        run(kUpgradeLockTimeout);
+        run(QStringLiteral("SELECT pg_advisory_xact_lock(%1, 0)").arg(ArchiveDatabase::AdvisoryClass));
+    }
+    run(QStringLiteral("CREATE TABLE IF NOT EXISTS schema_version (version INTEGER NOT NULL)"));
+    const int found = storedVersion();
+    if (found > Version) {
+        m_tooNew = true;
+        throw RequestFailure{KE_DatabaseNotAvailable,
+                             QStringLiteral("The database %1 holds schema version %2, newer than version %3 that "
+                                            "this keldaserver knows; run a keldaserver of the build that wrote it")
+                                 .arg(m_db.location().displayName())
+                                 .arg(found)
+                                 .arg(Version)};
+    }
+    QElapsedTimer timer;
+    timer.start();
+    for (int version = found; version < Version; ++version) {
+        (this->*Steps[version])();
+        run(QStringLiteral("INSERT INTO schema_version (version) VALUES (%1)").arg(version + 1));
+    }
+    if (found > 0 && found < Version)
+        Q_TRACE_FAILURE(kSource, QStringLiteral("Upgraded the database %1 from schema version %2 to %3 in %4 ms")
+                                     .arg(m_db.location().displayName())
+                                     .arg(found)
+                                     .arg(Version)
+                                     .arg(timer.elapsed()));
+    if (m_db.isPostgres())
+        ensureTrigramIndexes();
+}
+
+int ArchiveSchema::storedVersion()
+{
+    ResultRows &rows = m_db.run(QStringLiteral("SELECT MAX(version) FROM schema_version"), {},
+                                KE_DatabaseNotAvailable);
+    const int found = rows.next() ? int(rows.number(0)) : 0;
+    rows.finish();
+    return found;
+}
+
+void ArchiveSchema::createVersion1()
+{
+    for (const QString &statement : kVersion1)
+        run(statement);
+    run(QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_path ON file_groups (%1)").arg(pathColumn()));
+}
+
+void ArchiveSchema::indexSearchCriteria()
+{
+    if (!m_db.isPostgres()) {
+        QStringList groupIndexes = kVersion1.filter(QStringLiteral("ON file_groups"));
+        groupIndexes.append(QStringLiteral("CREATE INDEX file_groups_path ON file_groups (path)"));
+        rebuildWithRowIds(QStringLiteral("file_groups"), kGroupsVersion2, kGroupsColumns, groupIndexes);
+        rebuildWithRowIds(QStringLiteral("group_locks"), kLocksVersion2,
+                          QStringLiteral("guid, holder, holder_key, write_lock"), {});
+        rebuildWithRowIds(QStringLiteral("group_references"), kReferencesVersion2,
+                          QStringLiteral("guid, application, application_key, ref_count"), {});
+        // A whole group's keys in one index: a column filter picks the
+        // criterion, and knowing only the columns a trigram occurs in
+        // (not where) keeps it small; the exact test follows anyway.
+        createTextIndex(QStringLiteral("file_groups"), GroupTextIndex, kGroupsKeys, QStringLiteral("column"));
+        createTextIndex(QStringLiteral("group_locks"), LockTextIndex, {QStringLiteral("holder_key")},
+                        QStringLiteral("none"));
+        createTextIndex(QStringLiteral("group_references"), ReferenceTextIndex,
+                        {QStringLiteral("application_key")}, QStringLiteral("none"));
+    }
+    run(kWriteLocksIndex);
+}
+
+void ArchiveSchema::rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,
+                                      const QStringList &indexes)
+{
+    const QString old = table + QStringLiteral("_before");
+    run(QStringLiteral("ALTER TABLE %1 RENAME TO %2").arg(table, old));
+    run(QStringLiteral("CREATE TABLE %1 (id INTEGER PRIMARY KEY, %2)").arg(table, definition));
+    // In creation order, so that a range of ids is a range of time.
+    const QString order = table == QLatin1String("file_groups") ? QStringLiteral(" ORDER BY creation_time, guid")
+                                                                 : QString();
+    run(QStringLiteral("INSERT INTO %1 (%2) SELECT %2 FROM %3%4").arg(table, columns, old, order));
+    run(QStringLiteral("DROP TABLE %1").arg(old));
+    for (const QString &index : indexes)
+        run(index);
+}
+
+void ArchiveSchema::createTextIndex(const QString &table, const QString &index, const QStringList &columns,
+                                    const QString &detail)
+{
+    const QString names = columns.join(QLatin1String(", "));
+    QStringList newValues;
+    QStringList oldValues;
+    for (const QString &column : columns) {
+        newValues.append(QStringLiteral("new.") + column);
+        oldValues.append(QStringLiteral("old.") + column);
+    }
+    const QString insert = QStringLiteral("INSERT INTO %1 (rowid, %2) VALUES (new.id, %3);")
+                               .arg(index, names, newValues.join(QLatin1String(", ")));
+    const QString remove = QStringLiteral("INSERT INTO %1 (%1, rowid, %2) VALUES ('delete', old.id, %3);")
+                               .arg(index, names, oldValues.join(QLatin1String(", ")));
+    run(QStringLiteral("CREATE VIRTUAL TABLE %1 USING fts5(%2, content='%3', content_rowid='id',"
+                       " tokenize='trigram', detail='%4')")
+            .arg(index, names, table, detail));
+    // Kept in step by the statements that change the table, inside their
+    // transaction.
+    run(QStringLiteral("CREATE TRIGGER %1_insert AFTER INSERT ON %2 BEGIN %3 END").arg(index, table, insert));
+    run(QStringLiteral("CREATE TRIGGER %1_delete AFTER DELETE ON %2 BEGIN %3 END").arg(index, table, remove));
+    run(QStringLiteral("CREATE TRIGGER %1_update AFTER UPDATE OF %2 ON %3 BEGIN %4 %5 END")
+            .arg(index, names, table, remove, insert));
+    run(QStringLiteral("INSERT INTO %1 (%1) VALUES ('rebuild')").arg(index));
+}
+
+void ArchiveSchema::ensureTrigramIndexes()
+{
+    // pg_trgm is a trusted extension: the database's owner may create it.
+    const QString refusal = tryRun({
+        QStringLiteral("CREATE EXTENSION IF NOT EXISTS pg_trgm"),
+        QStringLiteral("CREATE INDEX IF NOT EXISTS %1 ON file_groups USING gin (%2)")
+            .arg(GroupTextIndex, kGroupsKeys.join(QLatin1String(" gin_trgm_ops, ")) + QLatin1String(" gin_trgm_ops")),
+        QStringLiteral("CREATE INDEX IF NOT EXISTS %1 ON group_locks USING gin (holder_key gin_trgm_ops)")
+            .arg(LockTextIndex),
+        QStringLiteral("CREATE INDEX IF NOT EXISTS %1 ON group_references USING gin (application_key gin_trgm_ops)")
+            .arg(ReferenceTextIndex),
+    });
+    if (!refusal.isEmpty())
+        Q_TRACE_FAILURE(kSource, QStringLiteral("Text criteria on %1 scan whole tables: no trigram index (%2)")
+                                     .arg(m_db.location().displayName(), refusal));
+}
+
+QString ArchiveSchema::tryRun(const QStringList &statements)
+{
+    run(QStringLiteral("SAVEPOINT schema_step"));
+    try {
+        for (const QString &statement : statements)
+            run(statement);
+    } catch (const RequestFailure &failure) {
+        run(QStringLiteral("ROLLBACK TO SAVEPOINT schema_step"));
+        run(QStringLiteral("RELEASE SAVEPOINT schema_step"));
+        return failure.text;
+    }
+    run(QStringLiteral("RELEASE SAVEPOINT schema_step"));
+    return QString();
+}
+
+} // namespace Kelda

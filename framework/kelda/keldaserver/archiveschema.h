@@ -1,0 +1,62 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+namespace Kelda {
+
+class ArchiveDatabase;
+
+// The tables of the archive and their history. Each schema version is one
+// step from the version before it; a database is brought from whatever
+// version it holds to this build's, in one transaction, and every version
+// reached is recorded in schema_version. A database of a later build is
+// refused, so that it stays as that build left it.
+//
+// Servers that share a PostgreSQL database may start together: the first
+// to take the schema lock upgrades, the others wait for it and find the
+// work done.
+class ArchiveSchema
+{
+public:
+    // The version this build writes; adding one means adding its step.
+    static constexpr int Version = 2;
+
+    // SQLite's trigram indexes: FTS5 tables over the search keys, whose
+    // rowid is the id of the row they index.
+    static const QString GroupTextIndex;
+    static const QString LockTextIndex;
+    static const QString ReferenceTextIndex;
+
+    explicit ArchiveSchema(ArchiveDatabase &database);
+
+    // Throws RequestFailure; tooNew() tells when the reason is a schema
+    // newer than Version.
+    void update();
+    bool tooNew() const { return m_tooNew; }
+
+private:
+    using Step = void (ArchiveSchema::*)();
+    static const Step Steps[];
+
+    void upgrade();
+    int storedVersion();
+    void createVersion1();
+    void indexSearchCriteria();
+    void ensureTrigramIndexes();
+
+    void rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,
+                           const QStringList &indexes);
+    void createTextIndex(const QString &table, const QString &index, const QStringList &columns,
+                         const QString &detail);
+    // The statements in a savepoint of their own; the reason they failed,
+    // or empty.
+    QString tryRun(const QStringList &statements);
+    void run(const QString &sql);
+    QString pathColumn() const;
+
+    ArchiveDatabase &m_db;
+    bool m_tooNew = false;
+};
+
+} // namespace Kelda
