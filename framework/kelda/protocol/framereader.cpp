@@ -7,39 +7,30 @@
 
 namespace Kelda {
 
-FrameReader::FrameReader(quint32 maxFrame)
+namespace {
+
+// The first piece of a payload whose bytes have not arrived yet: small
+// enough that an announcement costs little, large enough that small frames
+// take one allocation.
+constexpr qint64 kFirstPiece = 64 * 1024;
+
+} // namespace
+
+FrameReader::FrameReader(quint32 maxFrame, ByteOrder order)
     : m_maxFrame(maxFrame)
+    , m_order(order)
 {
 }
 
 FrameReader::Step FrameReader::read(QIODevice &device)
 {
     switch (m_state) {
-    case State::Header: {
-        const qint64 got = device.read(reinterpret_cast<char *>(m_header) + m_headerBytes, 4 - m_headerBytes);
-        if (got > 0)
-            m_headerBytes += int(got);
-        if (m_headerBytes < 4)
-            return Step::NeedData;
-        m_length = qFromLittleEndian<quint32>(m_header);
-        if (m_length > m_maxFrame) {
-            m_state = State::Refused;
-            return Step::TooLarge;
-        }
-        m_state = State::Announced;
-        return Step::Announced;
-    }
+    case State::Header:
+        return readHeader(device);
     case State::Announced:
         return Step::Announced;
-    case State::Payload: {
-        const qint64 got = device.read(m_payload.data() + m_received, qint64(m_length) - m_received);
-        if (got > 0)
-            m_received += got;
-        if (m_received < qint64(m_length))
-            return Step::NeedData;
-        m_state = State::Complete;
-        return Step::Complete;
-    }
+    case State::Payload:
+        return readPayload(device);
     case State::Complete:
         return Step::Complete;
     case State::Refused:
@@ -48,18 +39,63 @@ FrameReader::Step FrameReader::read(QIODevice &device)
     return Step::NeedData;
 }
 
+FrameReader::Step FrameReader::readHeader(QIODevice &device)
+{
+    const qint64 got = device.read(reinterpret_cast<char *>(m_header) + m_headerBytes, 4 - m_headerBytes);
+    if (got > 0)
+        m_headerBytes += int(got);
+    if (m_headerBytes < 4)
+        return Step::NeedData;
+    m_length = m_order == ByteOrder::LittleEndian ? qFromLittleEndian<quint32>(m_header)
+                                                  : qFromBigEndian<quint32>(m_header);
+    if (m_length > m_maxFrame) {
+        m_state = State::Refused;
+        return Step::TooLarge;
+    }
+    m_state = State::Announced;
+    return Step::Announced;
+}
+
+FrameReader::Step FrameReader::readPayload(QIODevice &device)
+{
+    for (;;) {
+        if (!makeRoom(device.bytesAvailable())) {
+            m_state = State::Refused;
+            return Step::TooLarge;
+        }
+        const qint64 got = device.read(m_payload.data() + m_received, m_payload.size() - m_received);
+        if (got <= 0)
+            break;
+        m_received += got;
+        if (m_received == qint64(m_length)) {
+            m_state = State::Complete;
+            return Step::Complete;
+        }
+    }
+    return Step::NeedData;
+}
+
+bool FrameReader::makeRoom(qint64 available)
+{
+    const qint64 size = m_payload.size();
+    if (size - m_received > 0)
+        return true;
+    // Doubling keeps the copies of a growing buffer linear in the frame;
+    // large buffers are mapped memory, which realloc moves without copying.
+    const qint64 wanted = qMax(qMax(m_received + available, 2 * size), kFirstPiece);
+    try {
+        m_payload.resize(int(qMin(wanted, qint64(m_length))));
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    return true;
+}
+
 void FrameReader::admit()
 {
     if (m_state != State::Announced)
         return;
-    try {
-        // Uninitialised: pages are only touched, and so only counted
-        // against the process, as the bytes arrive.
-        m_payload = QByteArray(int(m_length), Qt::Uninitialized);
-    } catch (const std::bad_alloc &) {
-        m_state = State::Refused;
-        return;
-    }
+    m_payload = QByteArray();
     m_received = 0;
     m_state = m_length == 0 ? State::Complete : State::Payload;
 }
@@ -70,11 +106,17 @@ QByteArray FrameReader::takeFrame()
         return QByteArray();
     QByteArray payload;
     payload.swap(m_payload);
+    reset();
+    return payload;
+}
+
+void FrameReader::reset()
+{
+    m_payload = QByteArray();
     m_state = State::Header;
     m_headerBytes = 0;
     m_length = 0;
     m_received = 0;
-    return payload;
 }
 
 } // namespace Kelda

@@ -1,5 +1,7 @@
 #include "xmlseparator.h"
 
+#include "framereader.h"
+
 #include <QIODevice>
 #include <QTimer>
 #include <QXmlStreamReader>
@@ -19,6 +21,12 @@ constexpr int kMinimalZlibStream = 8;
 // corrupt, and trusting it would let one bad frame allocate gigabytes.
 constexpr qint64 kMaxDeflateRatio = 1032;
 constexpr qint64 kExpansionSlack = 1024;
+
+Kelda::FrameReader::ByteOrder byteOrder(qint32 mode)
+{
+    return mode == XmlSeparator::BigEndianMode ? Kelda::FrameReader::ByteOrder::BigEndian
+                                               : Kelda::FrameReader::ByteOrder::LittleEndian;
+}
 
 bool isXmlSpace(char c)
 {
@@ -53,6 +61,7 @@ XmlSeparator::XmlSeparator(QIODevice *device, qint32 mode, QObject *parent)
     : QObject(parent)
     , m_iMode(knownMode(mode))
     , m_pReader(new QXmlStreamReader)
+    , m_pFrames(new Kelda::FrameReader(DefaultMaxFrameLength, byteOrder(m_iMode)))
     , m_pDevice(device)
 {
     connectDevice();
@@ -89,6 +98,7 @@ quint32 XmlSeparator::maxFrameLength() const
 void XmlSeparator::setMaxFrameLength(quint32 bytes)
 {
     m_uMaxFrameLength = qMin(bytes, LargestMaxFrameLength);
+    m_pFrames->setMaxFrame(m_uMaxFrameLength);
 }
 
 bool XmlSeparator::isPlausiblyCompressed(const QByteArray &payload)
@@ -105,7 +115,7 @@ bool XmlSeparator::isPlausiblyCompressed(const QByteArray &payload)
 
 qint64 XmlSeparator::bufferedCapacity() const
 {
-    return qint64(m_input.capacity()) + qint64(m_message.capacity());
+    return qint64(m_input.capacity()) + qint64(m_message.capacity()) + m_pFrames->bufferedCapacity();
 }
 
 bool XmlSeparator::sendXml(const QByteArray &message)
@@ -164,6 +174,7 @@ void XmlSeparator::resume()
 void XmlSeparator::reset()
 {
     m_pReader->clear();
+    m_pFrames->reset();
     m_message.clear();
     m_input.clear();
     m_iInputOffset = 0;
@@ -185,6 +196,7 @@ void XmlSeparator::refuseFrame(quint64 length)
 {
     disconnectDevice();
     m_pReader->clear();
+    m_pFrames->reset();
     m_message = QByteArray();
     m_input = QByteArray();
     m_iInputOffset = 0;
@@ -193,16 +205,14 @@ void XmlSeparator::refuseFrame(quint64 length)
 
 void XmlSeparator::frameNewData()
 {
-    appendDeviceData();
-    if (m_iMode == DetectMode) {
-        if (!detectMode())
-            return;
-        appendDeviceData();
-    }
+    if (m_iMode == DetectMode && !detectMode())
+        return;
 
     switch (m_iMode) {
     case PlainXmlMode:
+        appendDeviceData();
         frameXmlDocuments();
+        compactInput();
         break;
     case BigEndianMode:
     case LittleEndianMode:
@@ -211,7 +221,6 @@ void XmlSeparator::frameNewData()
     default:
         break;
     }
-    compactInput();
 }
 
 void XmlSeparator::connectDevice()
@@ -240,17 +249,19 @@ void XmlSeparator::appendDeviceData()
 
 bool XmlSeparator::detectMode()
 {
-    if (pendingInput() < kLengthSize)
+    // Only looked at: the framing chosen reads the bytes itself.
+    char head[kLengthSize];
+    if (!m_pDevice || !m_pDevice->isReadable() || m_pDevice->peek(head, kLengthSize) < kLengthSize)
         return false;
     // A big-endian length below 16 MiB starts with a zero byte, a
     // little-endian one ends with one; XML text contains no zero bytes.
-    const char *head = m_input.constData() + m_iInputOffset;
     if (head[0] == 0)
         m_iMode = BigEndianMode;
     else if (head[3] == 0)
         m_iMode = LittleEndianMode;
     else
         m_iMode = PlainXmlMode;
+    m_pFrames->setByteOrder(byteOrder(m_iMode));
     return true;
 }
 
@@ -306,21 +317,9 @@ XmlSeparator::ParseResult XmlSeparator::parseFedData()
 
 void XmlSeparator::frameLengthPrefixed()
 {
-    if (pendingInput() < kLengthSize)
+    QByteArray payload;
+    if (!takeLengthPrefixed(payload))
         return;
-    const auto *head = reinterpret_cast<const uchar *>(m_input.constData()) + m_iInputOffset;
-    const quint32 length = m_iMode == BigEndianMode ? qFromBigEndian<quint32>(head) : qFromLittleEndian<quint32>(head);
-    // Refused on the announcement alone, so that memory stays bounded by the
-    // bytes actually received.
-    if (length > m_uMaxFrameLength) {
-        refuseFrame(length);
-        return;
-    }
-    if (pendingInput() - kLengthSize < qint64(length))
-        return;
-
-    const QByteArray payload = m_input.mid(m_iInputOffset + kLengthSize, int(length));
-    m_iInputOffset += kLengthSize + int(length);
     if (m_bTryDecompress && isPlausiblyCompressed(payload)) {
         const quint32 expandedSize = qFromBigEndian<quint32>(payload.constData());
         if (expandedSize > m_uMaxFrameLength) {
@@ -332,8 +331,31 @@ void XmlSeparator::frameLengthPrefixed()
 
     // One message per event-loop turn: a burst of replies reaches the owner
     // spread out, interleaved with its other events.
-    if (pendingInput() > 0)
+    if (m_pDevice && m_pDevice->bytesAvailable() > 0)
         scheduleNextFrame();
+}
+
+bool XmlSeparator::takeLengthPrefixed(QByteArray &payload)
+{
+    if (!m_pDevice || !m_pDevice->isReadable())
+        return false;
+    for (;;) {
+        switch (m_pFrames->read(*m_pDevice)) {
+        case Kelda::FrameReader::Step::NeedData:
+            return false;
+        case Kelda::FrameReader::Step::Announced:
+            // Refused on the announcement alone, so that memory stays
+            // bounded by the bytes actually received.
+            m_pFrames->admit();
+            break;
+        case Kelda::FrameReader::Step::TooLarge:
+            refuseFrame(m_pFrames->announcedLength());
+            return false;
+        case Kelda::FrameReader::Step::Complete:
+            payload = m_pFrames->takeFrame();
+            return true;
+        }
+    }
 }
 
 QByteArray XmlSeparator::expandPayload(const QByteArray &payload)

@@ -7,6 +7,10 @@
 
 #include <memory>
 
+namespace Kelda {
+class FrameReader;
+}
+
 class QIODevice;
 class QXmlStreamReader;
 
@@ -95,6 +99,7 @@ private:
     void frameXmlDocuments();
     ParseResult parseFedData();
     void frameLengthPrefixed();
+    bool takeLengthPrefixed(QByteArray &payload);
     QByteArray expandPayload(const QByteArray &payload);
     QByteArray takePiece(bool skipWhiteSpace);
     qint64 pendingInput() const;
@@ -103,6 +108,9 @@ private:
 
     qint32 m_iMode;
     std::unique_ptr<QXmlStreamReader> m_pReader;
+    // Length-prefixed payloads go from the device straight into the buffer
+    // that is handed out; m_input serves plain XML only.
+    std::unique_ptr<Kelda::FrameReader> m_pFrames;
     QPointer<QIODevice> m_pDevice;
     QByteArray m_message;
     QByteArray m_input;

@@ -191,13 +191,14 @@ void TestXmlSeparator::oversizedMessageIsRefused()
     device.feed(stream);
     QTRY_COMPARE(messages(received), expected);
     QCOMPARE(refused.count(), refusedLength ? 1 : 0);
+    const qint64 unread = device.bytesAvailable();
     device.feed(le("<after/>"));
     if (!refusedLength) {
         QTRY_COMPARE(received.count(), expected.size() + 1);
         return;
     }
     QCOMPARE(refused.first().first().toULongLong(), refusedLength);
-    QCOMPARE(device.bytesAvailable(), qint64(le("<after/>").size())); // reading has stopped
+    QCOMPARE(device.bytesAvailable(), unread + le("<after/>").size()); // reading has stopped
 }
 
 void TestXmlSeparator::hugeAnnouncementHoldsOnlyWhatArrived_data()
