@@ -49,6 +49,21 @@ private:
 
 namespace {
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define KELDA_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define KELDA_SANITIZED 1
+#endif
+#endif
+#ifdef KELDA_SANITIZED
+// Shadow memory and the sanitizers' quarantines grow with the server's own
+// allocations: its resident size says nothing of its limits there.
+constexpr bool ResidentSizeTells = false;
+#else
+constexpr bool ResidentSizeTells = true;
+#endif
+
 constexpr int Prompt = 2000;
 constexpr qint64 MiB = 1024;
 
@@ -251,7 +266,7 @@ void TestServerLimits::attack()
         QTRY_COMPARE_WITH_TIMEOUT(int(outcome), expected, 20000);
     probe(server.port(), guid, fileId);
     const qint64 growth = server.peakResidentKiB() - baseline;
-    QVERIFY2(growth < growthKiB, qPrintable(QStringLiteral("the server grew by %1 KiB").arg(growth)));
+    QVERIFY2(!ResidentSizeTells || growth < growthKiB, qPrintable(QStringLiteral("the server grew by %1 KiB").arg(growth)));
     // While the attackers still hold on.
     stopPromptly(server);
 }
