@@ -78,6 +78,10 @@ int main(int argc, char *argv[])
         QCoreApplication::exit(ServerOptions::ExitOk);
     });
     QObject::connect(&watcher, &SignalWatcher::reopenRequested, &app, [] { ErrorHandler::Instance()->Reopen(); });
+    if (server.servesMetrics())
+        printLine(stdout, QStringLiteral("keldaserver metrics on %1:%2")
+                              .arg(server.metricsAddress().toString())
+                              .arg(server.metricsPort()));
     printLine(stdout,
               QStringLiteral("keldaserver listening on %1:%2").arg(server.address().toString()).arg(server.port()));
     return app.exec();

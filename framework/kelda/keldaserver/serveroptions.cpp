@@ -95,13 +95,13 @@ bool parseLoopbackAddress(const QString &text, QHostAddress *host, quint16 *port
     if (bare || trimmed.startsWith(QLatin1Char(':'))) {
         bool ok = false;
         const uint number = (bare ? trimmed : trimmed.mid(1)).toUInt(&ok, 10);
-        if (!ok || number == 0 || number > 65535)
+        if (!ok || number > 65535)
             return false;
         *host = QHostAddress(QHostAddress::LocalHost);
         *port = quint16(number);
         return true;
     }
-    return parseListenAddress(trimmed, host, port) && *port != 0;
+    return parseListenAddress(trimmed, host, port);
 }
 
 QString ServerOptions::defaultBasePath()
@@ -226,7 +226,7 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
     const QCommandLineOption metricsOption(
         QStringLiteral("metrics"),
         QStringLiteral("Serve GET /metrics (Prometheus text) and GET /healthz on this address; loopback when only "
-                       "a port is given (default: off)."),
+                       "a port is given, port 0 picks a free one (default: off)."),
         QStringLiteral("HOST:PORT"));
     parser.addOptions({helpOption, versionOption, listenOption, baseOption, dbOption, nasOption, exchangeOption,
                        traceOption, allowOption, tlsCertOption, tlsKeyOption, tlsClientCaOption, adminOption,
@@ -274,6 +274,7 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
         && !parseLoopbackAddress(parser.value(metricsOption), &options.metricsHost, &options.metricsPort))
         return failure(options, QStringLiteral("--metrics wants HOST:PORT or PORT with a numeric address, got \"%1\"")
                                     .arg(parser.value(metricsOption)));
+    options.metrics = parser.isSet(metricsOption);
     for (const QString &block : parser.values(allowOption)) {
         QString error;
         if (!options.allow.add(block, &error))

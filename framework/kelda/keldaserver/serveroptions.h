@@ -66,7 +66,8 @@ struct ServerOptions
     ServerTls tls;
     QStringList admins;
     QStringList converters;
-    // The monitoring endpoint; off unless a port is given.
+    // The monitoring endpoint; off unless asked for (port 0 picks one).
+    bool metrics = false;
     QHostAddress metricsHost = QHostAddress(QHostAddress::LocalHost);
     quint16 metricsPort = 0;
     bool hasTraceMask = false;
