@@ -110,6 +110,21 @@ QString ServerOptions::defaultBasePath()
     return QDir(data.isEmpty() ? QDir::homePath() : data).filePath(QStringLiteral("keldaserver"));
 }
 
+QString ServerOptions::defaultDatabaseFile(const QString &basePath)
+{
+    return QDir(basePath).filePath(QStringLiteral("keldaserver.sqlite"));
+}
+
+QString ServerOptions::defaultNasPath(const QString &basePath)
+{
+    return QDir(basePath).filePath(QStringLiteral("nas"));
+}
+
+QString ServerOptions::defaultExchangePath(const QString &basePath)
+{
+    return QDir(basePath).filePath(QStringLiteral("exchange"));
+}
+
 namespace {
 
 // A numeric limit: its option, the field it sets and the range it takes.
@@ -300,15 +315,14 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
     QString databaseError;
     if (!DatabaseLocation::parse(parser.isSet(dbOption)
                                      ? parser.value(dbOption)
-                                     : QDir(options.basePath).filePath(QStringLiteral("keldaserver.sqlite")),
+                                     : defaultDatabaseFile(options.basePath),
                                  &options.database, &databaseError))
         return failure(options, databaseError);
     const auto folder = [&](const QCommandLineOption &option, const QString &fallback) {
-        return parser.isSet(option) ? QDir::cleanPath(QDir(parser.value(option)).absolutePath())
-                                    : QDir(options.basePath).filePath(fallback);
+        return parser.isSet(option) ? QDir::cleanPath(QDir(parser.value(option)).absolutePath()) : fallback;
     };
-    options.nasPath = folder(nasOption, QStringLiteral("nas"));
-    options.exchangePath = folder(exchangeOption, QStringLiteral("exchange"));
+    options.nasPath = folder(nasOption, defaultNasPath(options.basePath));
+    options.exchangePath = folder(exchangeOption, defaultExchangePath(options.basePath));
     return options;
 }
 
