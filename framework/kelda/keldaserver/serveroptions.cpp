@@ -13,7 +13,12 @@ namespace Kelda {
 
 namespace {
 
-const QString kExitCodesText = QStringLiteral(
+const QString kHelpTail = QStringLiteral(
+    "\nCommands:\n"
+    "  backup    copy an SQLite archive, also while it is served, with a manifest\n"
+    "            of its files' digests (keldaserver backup --help)\n"
+    "  restore   check a backup against its manifest and put it in place\n"
+    "            (keldaserver restore --help)\n"
     "\nExit codes:\n"
     "  0   stopped by SIGINT or SIGTERM after finishing its work\n"
     "  64  bad arguments, or a TLS file that cannot be used\n"
@@ -253,7 +258,7 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
                                   QString::fromLatin1(limit.valueName));
         parser.addOption(limitOptions.back());
     }
-    options.helpText = parser.helpText() + kExitCodesText;
+    options.helpText = parser.helpText() + kHelpTail;
 
     if (!parser.parse(arguments))
         return failure(options, parser.errorText());
