@@ -65,6 +65,8 @@ packages=(
     libboost-dev
     # keldaserver expands compressed requests with a bounded zlib stream
     zlib1g-dev
+    # keldaserver backup: SQLite's online backup, on the Qt driver's handle
+    libsqlite3-dev
     # keldaserver on PostgreSQL: the Qt driver, libpq's headers (statements
     # go through libpq on the driver's connection), and the server programs
     # the tests start a throw-away cluster with

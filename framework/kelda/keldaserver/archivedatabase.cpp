@@ -101,8 +101,11 @@ bool ArchiveDatabase::reopen()
     close();
     m_connectionLost = false;
     m_error.clear();
-    if (open(m_location))
+    if (open(m_location)) {
+        if (m_reconnectCounter)
+            ++*m_reconnectCounter;
         return true;
+    }
     m_connectionLost = true;
     return false;
 }
@@ -210,6 +213,8 @@ RequestFailure ArchiveDatabase::failure(const QString &state, const QString &tex
                                         KeldaError code)
 {
     RequestFailure result{code, text};
+    if (m_errorCounter)
+        ++*m_errorCounter;
     if (!isPostgres())
         return result;
     // Deadlock and serialization failures: another server changed the same

@@ -10,6 +10,7 @@
 #include <QString>
 #include <QVariantList>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 
@@ -51,6 +52,13 @@ public:
     // can tell whether the server is still there (see ownerAlive). For the
     // writer of a shared database.
     void setHoldsLiveness(bool holds) { m_holdsLiveness = holds; }
+    // Counters, shared with the server's metrics, of failed statements and
+    // of connections made again after a loss; either may be null.
+    void setTroubleCounters(std::atomic<quint64> *errors, std::atomic<quint64> *reconnects)
+    {
+        m_errorCounter = errors;
+        m_reconnectCounter = reconnects;
+    }
 
     // Opens (creating when missing) the database and brings its schema up
     // to date; false with errorString() on failure, and schemaTooNew() when
@@ -125,6 +133,8 @@ private:
     bool m_holdsLiveness = false;
     bool m_schemaTooNew = false;
     bool m_connectionLost = false;
+    std::atomic<quint64> *m_errorCounter = nullptr;
+    std::atomic<quint64> *m_reconnectCounter = nullptr;
     QHash<QString, std::shared_ptr<SqliteStatement>> m_statements;
     // The statement whose rows are being read: ended before the next runs.
     ResultRows *m_current = nullptr;

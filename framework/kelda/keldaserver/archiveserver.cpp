@@ -1,6 +1,7 @@
 #include "archiveserver.h"
 
 #include "clientconnection.h"
+#include "commanddescriptors.h"
 #include "keldaurl.h"
 #include "keldaxml.h"
 #include "replywriter.h"
@@ -79,6 +80,7 @@ bool ArchiveServer::openDatabase()
                                                                m_reader->post(std::move(job));
                                                        });
         writer->setWriterIndex(index);
+        writer->setTroubleCounters(&m_metrics.databaseErrors, &m_metrics.databaseReconnects);
         m_writers.push_back(std::move(writer));
         if (!m_writers.back()->open()) {
             m_error = m_writers.back()->errorString();
@@ -87,6 +89,7 @@ bool ArchiveServer::openDatabase()
     }
     m_reader = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Reader, m_options.database, m_instanceId,
                                                 layout, delivery(false));
+    m_reader->setTroubleCounters(&m_metrics.databaseErrors, &m_metrics.databaseReconnects);
     if (!m_reader->open()) {
         m_error = m_reader->errorString();
         return false;
@@ -150,7 +153,82 @@ bool ArchiveServer::start()
     m_parsers = std::make_unique<ParserPool>(
         ParserThreads, RequestDecoder::Limits{m_options.maxFrame, m_options.maxElements},
         [this](ParserPool::Result result) { post([&](Outbox &outbox) { outbox.parsed.push_back(std::move(result)); }); });
-    return listen();
+    return listen() && serveMetrics();
+}
+
+bool ArchiveServer::serveMetrics()
+{
+    if (!m_options.metrics)
+        return true;
+    m_storageUsage = std::make_unique<StorageUsage>(std::vector<std::pair<QString, QString>>{
+        {QStringLiteral("base"), m_options.basePath},
+        {QStringLiteral("nas"), m_options.nasPath},
+        {QStringLiteral("exchange"), m_options.exchangePath}});
+    m_storageUsage->refresh();
+    m_metricsEndpoint = std::make_unique<MetricsEndpoint>(
+        [this] { return renderMetrics(); },
+        [this](std::function<void(bool)> done) { checkHealth(done); });
+    if (!m_metricsEndpoint->listen(m_options.metricsHost, m_options.metricsPort, &m_error)) {
+        m_metricsEndpoint.reset();
+        m_exitCode = ServerOptions::ExitUnavailable;
+        return false;
+    }
+    return true;
+}
+
+QHostAddress ArchiveServer::metricsAddress() const
+{
+    return m_metricsEndpoint ? m_metricsEndpoint->address() : QHostAddress();
+}
+
+quint16 ArchiveServer::metricsPort() const
+{
+    return m_metricsEndpoint ? m_metricsEndpoint->port() : 0;
+}
+
+void ArchiveServer::checkHealth(const std::function<void(bool)> &done)
+{
+    if (!m_reader || m_stopping) {
+        done(false);
+        return;
+    }
+    m_healthWaiting.push_back(done);
+    if (m_pingUnderWay != 0)
+        return;
+    const quint64 ping = m_pingUnderWay = ++m_lastPing;
+    QTimer::singleShot(HealthTimeoutMs, this, [this, ping] { healthKnown(ping, false); });
+    DatabaseJob job;
+    job.kind = DatabaseJob::Kind::Ping;
+    job.pinged = [this, ping](bool up) { post([&](Outbox &outbox) { outbox.pings.emplace_back(ping, up); }); };
+    m_reader->postFirst(std::move(job));
+}
+
+void ArchiveServer::healthKnown(quint64 ping, bool up)
+{
+    // Answered already, by the reader or by the timeout.
+    if (ping != m_pingUnderWay)
+        return;
+    m_pingUnderWay = 0;
+    m_databaseUp = up;
+    for (const auto &done : std::exchange(m_healthWaiting, {}))
+        done(up);
+}
+
+QByteArray ArchiveServer::renderMetrics()
+{
+    // The scrape shows what the last looks found and starts the next ones:
+    // nothing here waits for the database or a file system.
+    if (m_pingUnderWay == 0)
+        checkHealth([](bool) {});
+    m_storageUsage->refresh();
+    ServerMetrics::Gauges gauges;
+    gauges.connections = m_peers.size();
+    for (const Peer &peer : qAsConst(m_peers))
+        gauges.backlogBytes += peer.connection->gate()->backlog();
+    gauges.pendingBytes = m_pendingBytes;
+    gauges.databaseUp = m_databaseUp;
+    gauges.storage = m_storageUsage->latest();
+    return m_metrics.render(gauges);
 }
 
 bool ArchiveServer::listen()
@@ -176,6 +254,8 @@ bool ArchiveServer::listen()
 void ArchiveServer::shutdown()
 {
     m_stopping = true;
+    m_metricsEndpoint.reset();
+    m_healthWaiting.clear();
     m_watch.stop();
     if (m_acceptNotifier) {
         m_acceptNotifier->setEnabled(false);
@@ -565,7 +645,7 @@ void ArchiveServer::post(const std::function<void(Outbox &)> &fill)
     bool first = false;
     {
         const std::lock_guard<std::mutex> lock(m_outboxMutex);
-        first = m_outbox.answers.empty() && m_outbox.parsed.empty();
+        first = m_outbox.answers.empty() && m_outbox.parsed.empty() && m_outbox.pings.empty();
         fill(m_outbox);
     }
     // One wake-up per batch of deliveries: the first to arrive in an empty
@@ -595,6 +675,8 @@ void ArchiveServer::drainOutbox()
     }
     for (const auto &delivery : posted.answers)
         deliver(delivery.first, delivery.second);
+    for (const auto &ping : posted.pings)
+        healthKnown(ping.first, ping.second);
 }
 
 void ArchiveServer::deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &answers, bool fromWriter)
@@ -662,7 +744,10 @@ int ArchiveServer::replyCode(const QByteArray &reply)
 quint64 ArchiveServer::startRequest(Peer &peer, const QString &command)
 {
     const quint64 sequence = peer.nextSequence++;
-    peer.started.insert(sequence, {command, m_clock.nsecsElapsed()});
+    // Commands are named by clients: only those of the protocol get a
+    // label of their own, so that no client can grow the metrics.
+    static const QString unknown = QStringLiteral("unknown");
+    peer.started.insert(sequence, {FindCommand(command) ? command : unknown, m_clock.nsecsElapsed()});
     return sequence;
 }
 

@@ -3,9 +3,11 @@
 #include "databaseworker.h"
 #include "grouplistener.h"
 #include "groupmover.h"
+#include "metricsendpoint.h"
 #include "parserpool.h"
 #include "serveroptions.h"
 #include "servermetrics.h"
+#include "storageusage.h"
 
 #include <QElapsedTimer>
 #include <QHash>
@@ -50,6 +52,13 @@ public:
     int exitCode() const { return m_exitCode; }
     QHostAddress address() const { return m_listener.serverAddress(); }
     quint16 port() const { return m_listener.serverPort(); }
+    // The monitoring endpoint's address, when --metrics asked for one.
+    bool servesMetrics() const { return m_metricsEndpoint != nullptr; }
+    QHostAddress metricsAddress() const;
+    quint16 metricsPort() const;
+    // For the parts of the server that report into the metrics, such as
+    // fixity checks (ServerMetrics::countFixity); any thread.
+    ServerMetrics &metrics() { return m_metrics; }
 
     // Stops accepting, carries out and commits the changes received (reads
     // not yet started are dropped), sends the answers, then closes every
@@ -66,6 +75,9 @@ public:
     // Descriptors kept free for the database, files and moves: a connection
     // that would take one of them is refused.
     static constexpr int SpareDescriptors = 32;
+    // Longest wait for the database to answer a health check; beyond it
+    // the database counts as down.
+    static constexpr int HealthTimeoutMs = 3000;
 
 Q_SIGNALS:
     // From a database or parser thread: results wait in the outbox.
@@ -117,11 +129,19 @@ private:
     {
         std::vector<std::pair<std::shared_ptr<std::vector<DatabaseAnswer>>, bool>> answers;
         std::vector<ParserPool::Result> parsed;
+        // Health checks answered by the reader: their number and outcome.
+        std::vector<std::pair<quint64, bool>> pings;
     };
 
     bool openDatabase();
     void startMover();
     bool listen();
+    bool serveMetrics();
+    // Asks the reader whether the database answers; done is called on this
+    // thread within HealthTimeoutMs.
+    void checkHealth(const std::function<void(bool)> &done);
+    void healthKnown(quint64 ping, bool up);
+    QByteArray renderMetrics();
     void acceptConnections();
     void serveConnection(qintptr descriptor);
     bool admitConnection(ClientConnection *connection);
@@ -193,6 +213,14 @@ private:
     int m_refusalsUntraced = 0;
     bool m_stopping = false;
     ServerMetrics m_metrics;
+    std::unique_ptr<StorageUsage> m_storageUsage;
+    std::unique_ptr<MetricsEndpoint> m_metricsEndpoint;
+    // Health checks share one look at the database: its number (0 while
+    // none is under way) and who waits for it.
+    quint64 m_pingUnderWay = 0;
+    quint64 m_lastPing = 0;
+    std::vector<std::function<void(bool)>> m_healthWaiting;
+    bool m_databaseUp = true;
     QElapsedTimer m_clock;
     QString m_error;
     int m_exitCode = ServerOptions::ExitOk;

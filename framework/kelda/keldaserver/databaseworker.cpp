@@ -56,6 +56,15 @@ void DatabaseWorker::post(DatabaseJob job)
     m_wake.notify_one();
 }
 
+void DatabaseWorker::postFirst(DatabaseJob job)
+{
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_queue.push_front(std::move(job));
+    }
+    m_wake.notify_one();
+}
+
 void DatabaseWorker::finish()
 {
     {
@@ -120,6 +129,7 @@ void DatabaseWorker::serve()
         store.database().setHoldsLiveness(false);
         store.database().setCommitMarkId(QStringLiteral("%1/%2").arg(m_instanceId).arg(m_writerIndex));
     }
+    store.database().setTroubleCounters(m_errorCounter, m_reconnectCounter);
     ArchiveEngine engine(store, m_layout);
     const bool opened = store.open(m_database);
     {
@@ -220,6 +230,10 @@ void DatabaseWorker::read(std::deque<DatabaseJob> &batch)
     ensureConnected();
     readHeld(answers);
     for (DatabaseJob &job : batch) {
+        if (job.kind == DatabaseJob::Kind::Ping) {
+            job.pinged(ping());
+            continue;
+        }
         if (job.kind != DatabaseJob::Kind::Request || m_abandonReads || isDropped(job))
             continue;
         const auto held = m_held.find(job.origin.connectionId);
@@ -308,6 +322,25 @@ QByteArray DatabaseWorker::readOne(const DatabaseJob &job)
     return outcome.reply;
 }
 
+bool DatabaseWorker::ping()
+{
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (m_store->connectionLost() && !ensureConnected())
+            return false;
+        bool answered = false;
+        try {
+            m_store->database().visit(QStringLiteral("SELECT 1"), {}, KE_DatabaseNotAvailable,
+                                      [&answered](const ResultRows &) { answered = true; });
+            return answered;
+        } catch (const RequestFailure &) {
+            // A connection lost while idle shows only now: one fresh try.
+            if (!m_store->connectionLost())
+                return false;
+        }
+    }
+    return false;
+}
+
 std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::carryOut(std::deque<DatabaseJob> &batch)
 {
     QSet<quint64> writers;
@@ -321,7 +354,7 @@ std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::carryOut(std::deque
     }
     std::vector<DatabaseJob> deferred;
     for (auto it = batch.begin(); it != batch.end();) {
-        if (it->kind == DatabaseJob::Kind::Wake || isDropped(*it)) {
+        if (it->kind == DatabaseJob::Kind::Wake || it->kind == DatabaseJob::Kind::Ping || isDropped(*it)) {
             it = batch.erase(it);
         } else if (it->readOnly) {
             deferred.push_back(std::move(*it));
@@ -461,6 +494,7 @@ bool DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
             m_engine->moveFinished(job.guid, job.directory, job.ok);
             break;
         case DatabaseJob::Kind::Wake:
+        case DatabaseJob::Kind::Ping:
             break;
         }
     } catch (const RequestFailure &failure) {

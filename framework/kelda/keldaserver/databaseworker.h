@@ -20,11 +20,11 @@
 namespace Kelda {
 
 // Work for a database thread: a request to carry out, a step of a running
-// move, or a nudge to look at the requests held back for their clients'
-// backlogs.
+// move, a nudge to look at the requests held back for their clients'
+// backlogs, or (for a reader) a look whether the database answers.
 struct DatabaseJob
 {
-    enum class Kind { Request, MoveProgress, MoveFinished, Wake };
+    enum class Kind { Request, MoveProgress, MoveFinished, Wake, Ping };
     Kind kind = Kind::Request;
     RequestOrigin origin;
     Request request;
@@ -38,6 +38,8 @@ struct DatabaseJob
     QString directory;
     double percent = 0;
     bool ok = false;
+    // Ping: told on the reader's thread whether the database answered.
+    std::function<void(bool)> pinged;
 };
 
 // What goes back to the network thread for one job.
@@ -96,6 +98,13 @@ public:
     // and stands for the server; the others only carry out changes. Set
     // before open().
     void setWriterIndex(int index) { m_writerIndex = index; }
+    // Where the connection counts its failed statements and reconnects
+    // (see ArchiveDatabase::setTroubleCounters). Set before open().
+    void setTroubleCounters(std::atomic<quint64> *errors, std::atomic<quint64> *reconnects)
+    {
+        m_errorCounter = errors;
+        m_reconnectCounter = reconnects;
+    }
 
     // Starts the thread and waits until the database is open; false with
     // errorString() when it cannot be.
@@ -104,6 +113,9 @@ public:
 
     // Thread-safe.
     void post(DatabaseJob job);
+    // Thread-safe: a Ping goes ahead of the reads queued, so that a busy
+    // reader still tells soon whether the database answers.
+    void postFirst(DatabaseJob job);
     // Carries out what is queued, commits, and ends the thread.
     void finish();
     // From now on, requests that only read are dropped unanswered: a
@@ -147,6 +159,7 @@ private:
     bool readOrHold(DatabaseJob &job, std::vector<DatabaseAnswer> &answers);
     void deliverReads(std::vector<DatabaseAnswer> &answers, bool always);
     QByteArray readOne(const DatabaseJob &job);
+    bool ping();
     static bool isDropped(const DatabaseJob &job);
     std::vector<DatabaseJob *> transact(const std::vector<DatabaseJob *> &jobs, bool mayRetry,
                                         std::vector<DatabaseAnswer> &answers);
@@ -158,6 +171,8 @@ private:
 
     const Role m_role;
     int m_writerIndex = 0;
+    std::atomic<quint64> *m_errorCounter = nullptr;
+    std::atomic<quint64> *m_reconnectCounter = nullptr;
     const DatabaseLocation m_database;
     const QString m_instanceId;
     const StorageLayout m_layout;

@@ -1,4 +1,6 @@
 #include "archiveserver.h"
+#include "backupcommand.h"
+#include "restorecommand.h"
 #include "serveroptions.h"
 #include "signalwatcher.h"
 
@@ -45,7 +47,12 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationName(QStringLiteral("keldaserver"));
     QCoreApplication::setApplicationVersion(QStringLiteral(KELDA_VERSION));
 
-    const ServerOptions options = ServerOptions::parse(QCoreApplication::arguments());
+    const QStringList arguments = QCoreApplication::arguments();
+    if (arguments.value(1) == QLatin1String("backup"))
+        return BackupCommand::run(arguments);
+    if (arguments.value(1) == QLatin1String("restore"))
+        return RestoreCommand::run(arguments);
+    const ServerOptions options = ServerOptions::parse(arguments);
     switch (options.action) {
     case ServerOptions::Action::ShowHelp:
         printLine(stdout, options.helpText);
@@ -78,6 +85,10 @@ int main(int argc, char *argv[])
         QCoreApplication::exit(ServerOptions::ExitOk);
     });
     QObject::connect(&watcher, &SignalWatcher::reopenRequested, &app, [] { ErrorHandler::Instance()->Reopen(); });
+    if (server.servesMetrics())
+        printLine(stdout, QStringLiteral("keldaserver metrics on %1:%2")
+                              .arg(server.metricsAddress().toString())
+                              .arg(server.metricsPort()));
     printLine(stdout,
               QStringLiteral("keldaserver listening on %1:%2").arg(server.address().toString()).arg(server.port()));
     return app.exec();

@@ -69,6 +69,21 @@ void ServerMetrics::requestAnswered(const QString &command, int code, qint64 nan
     latency.sum += seconds;
 }
 
+void ServerMetrics::countFixity(FixityResult result)
+{
+    switch (result) {
+    case FixityResult::Ok:
+        ++fixityOk;
+        return;
+    case FixityResult::Mismatch:
+        ++fixityMismatch;
+        return;
+    case FixityResult::Missing:
+        ++fixityMissing;
+        return;
+    }
+}
+
 QByteArray ServerMetrics::render(const Gauges &gauges) const
 {
     QByteArray out;

@@ -36,6 +36,11 @@ public:
     std::atomic<quint64> fixityMismatch{0};
     std::atomic<quint64> fixityMissing{0};
 
+    // What a re-read of a stored file found.
+    enum class FixityResult { Ok, Mismatch, Missing };
+    // Any thread.
+    void countFixity(FixityResult result);
+
     // Read at the moment of the scrape.
     struct Gauges
     {

@@ -13,7 +13,12 @@ namespace Kelda {
 
 namespace {
 
-const QString kExitCodesText = QStringLiteral(
+const QString kHelpTail = QStringLiteral(
+    "\nCommands:\n"
+    "  backup    copy an SQLite archive, also while it is served, with a manifest\n"
+    "            of its files' digests (keldaserver backup --help)\n"
+    "  restore   check a backup against its manifest and put it in place\n"
+    "            (keldaserver restore --help)\n"
     "\nExit codes:\n"
     "  0   stopped by SIGINT or SIGTERM after finishing its work\n"
     "  64  bad arguments, or a TLS file that cannot be used\n"
@@ -95,19 +100,34 @@ bool parseLoopbackAddress(const QString &text, QHostAddress *host, quint16 *port
     if (bare || trimmed.startsWith(QLatin1Char(':'))) {
         bool ok = false;
         const uint number = (bare ? trimmed : trimmed.mid(1)).toUInt(&ok, 10);
-        if (!ok || number == 0 || number > 65535)
+        if (!ok || number > 65535)
             return false;
         *host = QHostAddress(QHostAddress::LocalHost);
         *port = quint16(number);
         return true;
     }
-    return parseListenAddress(trimmed, host, port) && *port != 0;
+    return parseListenAddress(trimmed, host, port);
 }
 
 QString ServerOptions::defaultBasePath()
 {
     const QString data = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
     return QDir(data.isEmpty() ? QDir::homePath() : data).filePath(QStringLiteral("keldaserver"));
+}
+
+QString ServerOptions::defaultDatabaseFile(const QString &basePath)
+{
+    return QDir(basePath).filePath(QStringLiteral("keldaserver.sqlite"));
+}
+
+QString ServerOptions::defaultNasPath(const QString &basePath)
+{
+    return QDir(basePath).filePath(QStringLiteral("nas"));
+}
+
+QString ServerOptions::defaultExchangePath(const QString &basePath)
+{
+    return QDir(basePath).filePath(QStringLiteral("exchange"));
 }
 
 namespace {
@@ -226,7 +246,7 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
     const QCommandLineOption metricsOption(
         QStringLiteral("metrics"),
         QStringLiteral("Serve GET /metrics (Prometheus text) and GET /healthz on this address; loopback when only "
-                       "a port is given (default: off)."),
+                       "a port is given, port 0 picks a free one (default: off)."),
         QStringLiteral("HOST:PORT"));
     parser.addOptions({helpOption, versionOption, listenOption, baseOption, dbOption, nasOption, exchangeOption,
                        traceOption, allowOption, tlsCertOption, tlsKeyOption, tlsClientCaOption, adminOption,
@@ -238,7 +258,7 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
                                   QString::fromLatin1(limit.valueName));
         parser.addOption(limitOptions.back());
     }
-    options.helpText = parser.helpText() + kExitCodesText;
+    options.helpText = parser.helpText() + kHelpTail;
 
     if (!parser.parse(arguments))
         return failure(options, parser.errorText());
@@ -274,6 +294,7 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
         && !parseLoopbackAddress(parser.value(metricsOption), &options.metricsHost, &options.metricsPort))
         return failure(options, QStringLiteral("--metrics wants HOST:PORT or PORT with a numeric address, got \"%1\"")
                                     .arg(parser.value(metricsOption)));
+    options.metrics = parser.isSet(metricsOption);
     for (const QString &block : parser.values(allowOption)) {
         QString error;
         if (!options.allow.add(block, &error))
@@ -299,15 +320,14 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
     QString databaseError;
     if (!DatabaseLocation::parse(parser.isSet(dbOption)
                                      ? parser.value(dbOption)
-                                     : QDir(options.basePath).filePath(QStringLiteral("keldaserver.sqlite")),
+                                     : defaultDatabaseFile(options.basePath),
                                  &options.database, &databaseError))
         return failure(options, databaseError);
     const auto folder = [&](const QCommandLineOption &option, const QString &fallback) {
-        return parser.isSet(option) ? QDir::cleanPath(QDir(parser.value(option)).absolutePath())
-                                    : QDir(options.basePath).filePath(fallback);
+        return parser.isSet(option) ? QDir::cleanPath(QDir(parser.value(option)).absolutePath()) : fallback;
     };
-    options.nasPath = folder(nasOption, QStringLiteral("nas"));
-    options.exchangePath = folder(exchangeOption, QStringLiteral("exchange"));
+    options.nasPath = folder(nasOption, defaultNasPath(options.basePath));
+    options.exchangePath = folder(exchangeOption, defaultExchangePath(options.basePath));
     return options;
 }
 

@@ -20,7 +20,8 @@ struct ServerOptions
         ExitOk = 0,
         ExitUsage = 64,       // bad arguments
         ExitUnavailable = 69, // cannot listen on the address
-        ExitStorage = 70      // cannot create the storage folders or open the database, or its schema is newer
+        ExitStorage = 70,     // cannot create the storage folders or open the database, or its schema is newer
+        ExitBadBackup = 65    // restore: the backup does not match its manifest
     };
 
     static constexpr quint16 DefaultPort = 5223;
@@ -66,7 +67,8 @@ struct ServerOptions
     ServerTls tls;
     QStringList admins;
     QStringList converters;
-    // The monitoring endpoint; off unless a port is given.
+    // The monitoring endpoint; off unless asked for (port 0 picks one).
+    bool metrics = false;
     QHostAddress metricsHost = QHostAddress(QHostAddress::LocalHost);
     quint16 metricsPort = 0;
     bool hasTraceMask = false;
@@ -77,6 +79,11 @@ struct ServerOptions
 
     // The per-user default storage root.
     static QString defaultBasePath();
+    // The defaults below a storage root, the same for the server and for
+    // its backup and restore.
+    static QString defaultDatabaseFile(const QString &basePath);
+    static QString defaultNasPath(const QString &basePath);
+    static QString defaultExchangePath(const QString &basePath);
 };
 
 // "HOST:PORT", "[v6]:PORT" or ":PORT"; false for anything else.

@@ -98,6 +98,7 @@ bool ServerProcess::launch(int timeoutMs)
         return false;
     }
     m_port = 0;
+    m_metricsPort = 0;
     m_error.clear();
     QStringList arguments{QStringLiteral("--listen"), QStringLiteral("127.0.0.1:0"), QStringLiteral("--base-path"),
                           m_basePath};
@@ -128,10 +129,14 @@ bool ServerProcess::launch(int timeoutMs)
 bool ServerProcess::waitUntilReady(int timeoutMs)
 {
     static const QRegularExpression readyLine(QStringLiteral("^keldaserver listening on (.+):(\\d+)$"));
+    static const QRegularExpression metricsLine(QStringLiteral("^keldaserver metrics on (.+):(\\d+)$"));
     QDeadlineTimer deadline(timeoutMs);
     while (!deadline.hasExpired()) {
         while (m_process.canReadLine()) {
             const QString line = QString::fromLocal8Bit(m_process.readLine()).trimmed();
+            const QRegularExpressionMatch metrics = metricsLine.match(line);
+            if (metrics.hasMatch())
+                m_metricsPort = quint16(metrics.captured(2).toUInt());
             const QRegularExpressionMatch match = readyLine.match(line);
             if (match.hasMatch()) {
                 m_port = quint16(match.captured(2).toUInt());

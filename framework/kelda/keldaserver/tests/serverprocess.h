@@ -46,6 +46,9 @@ public:
 
     bool isRunning() const;
     quint16 port() const { return m_port; }
+    // The monitoring port the program named before its ready line; 0
+    // without --metrics.
+    quint16 metricsPort() const { return m_metricsPort; }
     qint64 processId() const { return m_process.processId(); }
     QString basePath() const { return m_basePath; }
     QString errorString() const { return m_error; }
@@ -97,5 +100,6 @@ private:
     QStringList m_extraArguments;
     ChildProcess m_process;
     quint16 m_port = 0;
+    quint16 m_metricsPort = 0;
     QString m_error;
 };

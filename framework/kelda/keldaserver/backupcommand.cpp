@@ -1,0 +1,185 @@
+#include "backupcommand.h"
+
+#include "databaselocation.h"
+#include "filecopier.h"
+#include "serveroptions.h"
+#include "sqlitebackup.h"
+#include "storagelayout.h"
+
+#include <QCommandLineParser>
+#include <QDir>
+#include <QDirIterator>
+#include <QSaveFile>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace Kelda {
+
+namespace {
+
+void printLine(FILE *stream, const QString &text)
+{
+    std::fputs(text.toLocal8Bit().constData(), stream);
+    std::fputc('\n', stream);
+}
+
+int fail(int code, const QString &text)
+{
+    printLine(stderr, QStringLiteral("keldaserver backup: %1").arg(text));
+    return code;
+}
+
+QString absolute(const QString &path)
+{
+    return QDir::cleanPath(QDir(path).absolutePath());
+}
+
+} // namespace
+
+int BackupCommand::run(const QStringList &arguments)
+{
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral(
+        "keldaserver backup: copy an SQLite archive, also while a server runs on it, into a new folder: the "
+        "database through SQLite's online backup, then every file below the base path and the network storage "
+        "folder, with a manifest of their sizes and SHA-256 digests (written last). For a PostgreSQL archive "
+        "use pg_dump and copy the storage folders; the README shows how."));
+    const QCommandLineOption helpOption(QStringList{QStringLiteral("h"), QStringLiteral("help")},
+                                        QStringLiteral("Show this help and exit."));
+    const QCommandLineOption toOption(QStringLiteral("to"),
+                                      QStringLiteral("The backup folder; must not exist or be empty (required)."),
+                                      QStringLiteral("DIR"));
+    const QCommandLineOption baseOption(
+        QStringLiteral("base-path"),
+        QStringLiteral("Storage root of the archive (default %1).").arg(ServerOptions::defaultBasePath()),
+        QStringLiteral("DIR"));
+    const QCommandLineOption dbOption(QStringLiteral("db"),
+                                      QStringLiteral("SQLite database file (default BASE/keldaserver.sqlite)."),
+                                      QStringLiteral("FILE"));
+    const QCommandLineOption nasOption(QStringLiteral("nas-path"),
+                                       QStringLiteral("Network storage folder (default BASE/nas)."),
+                                       QStringLiteral("DIR"));
+    const QCommandLineOption exchangeOption(
+        QStringLiteral("exchange-path"),
+        QStringLiteral("Exchange folder, left out of the backup (default BASE/exchange)."), QStringLiteral("DIR"));
+    parser.addOptions({helpOption, toOption, baseOption, dbOption, nasOption, exchangeOption});
+    const QString help = parser.helpText()
+        + QStringLiteral("\nExit codes:\n"
+                         "  0   the backup is complete\n"
+                         "  64  bad arguments, or the backup folder is not empty\n"
+                         "  70  the database or a storage file cannot be read, or the backup not written\n");
+    QStringList rest = arguments;
+    rest.removeAt(1);
+    if (!parser.parse(rest))
+        return fail(ServerOptions::ExitUsage, parser.errorText() + QStringLiteral("\nTry 'keldaserver backup --help'."));
+    if (parser.isSet(helpOption)) {
+        printLine(stdout, help);
+        return ServerOptions::ExitOk;
+    }
+    if (!parser.positionalArguments().isEmpty())
+        return fail(ServerOptions::ExitUsage,
+                    QStringLiteral("Unexpected argument: %1").arg(parser.positionalArguments().first()));
+    if (parser.value(toOption).isEmpty())
+        return fail(ServerOptions::ExitUsage, QStringLiteral("--to DIR names the backup folder"));
+    Options options;
+    options.basePath = absolute(parser.isSet(baseOption) ? parser.value(baseOption) : ServerOptions::defaultBasePath());
+    const QString db = parser.isSet(dbOption) ? parser.value(dbOption) : ServerOptions::defaultDatabaseFile(options.basePath);
+    if (DatabaseLocation::isPostgresUrl(db))
+        return fail(ServerOptions::ExitUsage, QStringLiteral("a PostgreSQL archive is backed up with pg_dump and a "
+                                                             "copy of the storage folders; see the README"));
+    options.databaseFile = absolute(db);
+    options.nasPath = parser.isSet(nasOption) ? absolute(parser.value(nasOption))
+                                              : ServerOptions::defaultNasPath(options.basePath);
+    options.exchangePath = parser.isSet(exchangeOption) ? absolute(parser.value(exchangeOption))
+                                                        : ServerOptions::defaultExchangePath(options.basePath);
+    options.target = absolute(parser.value(toOption));
+    return backUp(options);
+}
+
+int BackupCommand::backUp(const Options &options)
+{
+    const QDir target(options.target);
+    if (target.exists() && !target.isEmpty(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System))
+        return fail(ServerOptions::ExitUsage, QStringLiteral("%1 is not empty").arg(options.target));
+    if (StorageLayout::isAtOrBelow(options.basePath, options.target)
+        || StorageLayout::isAtOrBelow(options.nasPath, options.target))
+        return fail(ServerOptions::ExitUsage,
+                    QStringLiteral("%1 lies inside the storage folders it would copy").arg(options.target));
+    if (!QDir().mkpath(options.target))
+        return fail(ServerOptions::ExitStorage, QStringLiteral("Cannot create %1").arg(options.target));
+
+    BackupManifest manifest;
+    manifest.created = QDateTime::currentDateTimeUtc();
+    manifest.basePath = options.basePath;
+    manifest.nasPath = options.nasPath;
+    manifest.database.path = BackupManifest::databaseName();
+    const QString databaseCopy = BackupManifest::storedPath(options.target, manifest.database);
+    QString error;
+    if (!SqliteBackup::copy(options.databaseFile, databaseCopy, &error))
+        return fail(ServerOptions::ExitStorage, error);
+    const FileCopier::Result copied = FileCopier::digest(databaseCopy);
+    if (!copied.ok)
+        return fail(ServerOptions::ExitStorage, copied.error);
+    manifest.database.size = copied.size;
+    manifest.database.sha256 = copied.sha256;
+
+    // The live database and its journals are the server's, not archive
+    // files; its copy is above.
+    QStringList skip{options.exchangePath, options.target};
+    for (const char *suffix : {"", "-wal", "-shm", "-journal"})
+        skip.append(options.databaseFile + QLatin1String(suffix));
+    if (!copyFolder(options.nasPath, BackupManifest::nasRoot(), skip, options.target, &manifest, &error))
+        return fail(ServerOptions::ExitStorage, error);
+    skip.append(options.nasPath);
+    if (!copyFolder(options.basePath, BackupManifest::baseRoot(), skip, options.target, &manifest, &error))
+        return fail(ServerOptions::ExitStorage, error);
+
+    QSaveFile file(QDir(options.target).filePath(BackupManifest::manifestName()));
+    const QByteArray json = manifest.toJson();
+    if (!file.open(QIODevice::WriteOnly) || file.write(json) != json.size() || !file.commit())
+        return fail(ServerOptions::ExitStorage,
+                    QStringLiteral("Cannot write %1: %2").arg(file.fileName(), file.errorString()));
+    qint64 bytes = manifest.database.size;
+    for (const BackupManifest::Entry &entry : manifest.files)
+        bytes += entry.size;
+    printLine(stdout, QStringLiteral("Backed up %1 and %2 files, %3 bytes in all, to %4")
+                          .arg(options.databaseFile)
+                          .arg(manifest.files.size())
+                          .arg(bytes)
+                          .arg(options.target));
+    return ServerOptions::ExitOk;
+}
+
+bool BackupCommand::copyFolder(const QString &root, const QString &rootName, const QStringList &skip,
+                               const QString &target, BackupManifest *manifest, QString *error)
+{
+    const QDir rootDir(root);
+    QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::System | QDir::NoSymLinks, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = QDir::cleanPath(it.next());
+        const bool skipped = std::any_of(skip.cbegin(), skip.cend(), [&path](const QString &left) {
+            return path == left || StorageLayout::isBelow(left, path);
+        });
+        if (skipped || !it.fileInfo().isFile())
+            continue;
+        BackupManifest::Entry entry;
+        entry.root = rootName;
+        entry.path = rootDir.relativeFilePath(path);
+        const FileCopier::Result copied = FileCopier::copy(path, BackupManifest::storedPath(target, entry));
+        // Deleted since the walk found it: it was deleted after the
+        // database copy was taken as well.
+        if (copied.missing)
+            continue;
+        if (!copied.ok) {
+            *error = copied.error;
+            return false;
+        }
+        entry.size = copied.size;
+        entry.sha256 = copied.sha256;
+        manifest->files.push_back(entry);
+    }
+    return true;
+}
+
+} // namespace Kelda
