@@ -150,7 +150,28 @@ bool ArchiveServer::start()
     m_parsers = std::make_unique<ParserPool>(
         ParserThreads, RequestDecoder::Limits{m_options.maxFrame, m_options.maxElements},
         [this](ParserPool::Result result) { post([&](Outbox &outbox) { outbox.parsed.push_back(std::move(result)); }); });
+    startServices();
     return listen();
+}
+
+void ArchiveServer::startServices()
+{
+    const StorageLayout layout(m_options.basePath, m_options.nasPath, m_options.exchangePath,
+                               m_options.maxImportBytes);
+    m_digests = std::make_unique<DigestPool>(DigestThreads, m_options.database, m_instanceId, layout,
+                                             [this](DatabaseJob job) {
+                                                 post([&](Outbox &outbox) { outbox.read.push_back(std::move(job)); });
+                                             });
+    if (m_options.verifyIntervalHours <= 0)
+        return;
+    FixityChecker::Settings settings;
+    settings.intervalMs = std::max<qint64>(1, qint64(m_options.verifyIntervalHours * 3600 * 1000));
+    settings.bytesPerSecond = qint64(m_options.verifyRateMBps * ServerOptions::MB);
+    DatabaseWorker *writer = m_writers.front().get();
+    m_fixity = std::make_unique<FixityChecker>(
+        m_options.database, m_instanceId, layout, settings, [writer](DatabaseJob job) { writer->post(std::move(job)); },
+        m_checkObserver);
+    m_fixity->start();
 }
 
 bool ArchiveServer::listen()
@@ -186,6 +207,14 @@ void ArchiveServer::shutdown()
         m_listener.close();
     if (m_parsers)
         m_parsers->stopAndWait();
+    if (m_fixity)
+        m_fixity->stopAndWait();
+    // Requests whose files were being read are answered (as not read) by
+    // the writers below.
+    if (m_digests) {
+        m_digests->stopAndWait();
+        drainOutbox();
+    }
     if (m_listenerThread) {
         m_listenerThread->stop();
         m_listenerThread->wait();
@@ -209,6 +238,9 @@ void ArchiveServer::shutdown()
     m_writers.clear();
     m_reader.reset();
     m_parsers.reset();
+    // Its results may have waited in a writer's queue until now.
+    m_fixity.reset();
+    m_digests.reset();
     const auto peers = m_peers;
     m_peers.clear();
     for (const Peer &peer : peers) {
@@ -463,6 +495,10 @@ void ArchiveServer::onUnreadable(Peer &peer, const RequestReader::Result &read)
 
 void ArchiveServer::dispatch(Peer &peer, Request request)
 {
+    if (!ArchiveEngine::isKnown(request.command)) {
+        answer(peer, startRequest(peer, request.command), ArchiveEngine::unknownCommandReply(request));
+        return;
+    }
     DatabaseJob job;
     job.origin.connectionId = peer.connection->id();
     job.origin.sequence = startRequest(peer, request.command);
@@ -472,6 +508,45 @@ void ArchiveServer::dispatch(Peer &peer, Request request)
     job.gate = peer.connection->gate();
     job.readOnly = ArchiveEngine::isReadOnly(request.command);
     job.request = std::move(request);
+    route(peer, std::move(job));
+}
+
+void ArchiveServer::route(Peer &peer, DatabaseJob job)
+{
+    if (peer.reading) {
+        peer.afterReading.push_back(std::move(job));
+        return;
+    }
+    if (m_digests && DigestPool::readsFilesFor(job.request.command)) {
+        peer.reading = true;
+        m_digests->post(std::move(job));
+        return;
+    }
+    toDatabase(peer, std::move(job));
+}
+
+void ArchiveServer::onRead(DatabaseJob job)
+{
+    const auto peer = m_peers.find(job.origin.connectionId);
+    if (peer == m_peers.end())
+        return;
+    peer->reading = false;
+    toDatabase(*peer, std::move(job));
+    std::deque<DatabaseJob> waiting;
+    waiting.swap(peer->afterReading);
+    while (!waiting.empty()) {
+        route(*peer, std::move(waiting.front()));
+        waiting.pop_front();
+        if (peer->reading) {
+            for (DatabaseJob &later : waiting)
+                peer->afterReading.push_back(std::move(later));
+            return;
+        }
+    }
+}
+
+void ArchiveServer::toDatabase(Peer &peer, DatabaseJob job)
+{
     // A read may overtake nothing of its own connection: while a change of
     // it is under way, the writer hands the read on after its commit.
     if (job.readOnly && peer.changesUnderWay == 0) {
@@ -565,7 +640,7 @@ void ArchiveServer::post(const std::function<void(Outbox &)> &fill)
     bool first = false;
     {
         const std::lock_guard<std::mutex> lock(m_outboxMutex);
-        first = m_outbox.answers.empty() && m_outbox.parsed.empty();
+        first = m_outbox.answers.empty() && m_outbox.parsed.empty() && m_outbox.read.empty();
         fill(m_outbox);
     }
     // One wake-up per batch of deliveries: the first to arrive in an empty
@@ -593,6 +668,8 @@ void ArchiveServer::drainOutbox()
         if (still != m_peers.end() && !m_stopping)
             decodeNext(*still);
     }
+    for (DatabaseJob &job : posted.read)
+        onRead(std::move(job));
     for (const auto &delivery : posted.answers)
         deliver(delivery.first, delivery.second);
 }

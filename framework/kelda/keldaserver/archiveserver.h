@@ -1,6 +1,8 @@
 #pragma once
 
 #include "databaseworker.h"
+#include "digestpool.h"
+#include "fixitychecker.h"
 #include "grouplistener.h"
 #include "groupmover.h"
 #include "parserpool.h"
@@ -51,6 +53,10 @@ public:
     QHostAddress address() const { return m_listener.serverAddress(); }
     quint16 port() const { return m_listener.serverPort(); }
 
+    // Told the outcome of each file the background check records, on the
+    // thread that committed it; for the metrics. Set before start().
+    void setCheckObserver(FixityChecker::Observer observer) { m_checkObserver = std::move(observer); }
+
     // Stops accepting, carries out and commits the changes received (reads
     // not yet started are dropped), sends the answers, then closes every
     // connection.
@@ -61,6 +67,8 @@ public:
     static constexpr quint32 SmallFrame = 64 * 1024;
     // Threads that decode large requests.
     static constexpr int ParserThreads = 2;
+    // Threads that read the files of AddFile and VerifyFileGroup.
+    static constexpr int DigestThreads = 2;
     // Longest command name worth answering.
     static constexpr int MaxCommandLength = 128;
     // Descriptors kept free for the database, files and moves: a connection
@@ -94,6 +102,10 @@ private:
         int underWay = 0;
         std::deque<Frame> frames;
         bool parsing = false;
+        // A job of this connection is with the digest pool; its later
+        // requests wait here, in order, until it is back.
+        bool reading = false;
+        std::deque<DatabaseJob> afterReading;
         qint64 parsingReserved = 0;
         bool tryExpand = true;
         // Pending bytes held by the frame being received.
@@ -117,6 +129,7 @@ private:
     {
         std::vector<std::pair<std::shared_ptr<std::vector<DatabaseAnswer>>, bool>> answers;
         std::vector<ParserPool::Result> parsed;
+        std::vector<DatabaseJob> read; // jobs whose files the digest pool read
     };
 
     bool openDatabase();
@@ -136,6 +149,12 @@ private:
     void onDecoded(Peer &peer, RequestDecoder::Decoded decoded);
     void onUnreadable(Peer &peer, const RequestReader::Result &read);
     void dispatch(Peer &peer, Request request);
+    // Sends a job on its way: to the digest pool first when its files are
+    // to be read, then to a writer or the reader.
+    void route(Peer &peer, DatabaseJob job);
+    void toDatabase(Peer &peer, DatabaseJob job);
+    void onRead(DatabaseJob job);
+    void startServices();
     void finishUnanswered(Peer &peer);
     void updateHold(Peer &peer);
     void wakeHeldReads(const std::shared_ptr<ConnectionGate> &gate);
@@ -172,6 +191,9 @@ private:
     std::unique_ptr<GroupMover> m_mover;
     std::unique_ptr<GroupListener> m_listenerThread;
     std::unique_ptr<ParserPool> m_parsers;
+    std::unique_ptr<DigestPool> m_digests;
+    std::unique_ptr<FixityChecker> m_fixity;
+    FixityChecker::Observer m_checkObserver;
     // Names this process among the servers sharing a database.
     QString m_instanceId;
     // Open files this process may have.

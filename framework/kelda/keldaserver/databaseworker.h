@@ -24,7 +24,7 @@ namespace Kelda {
 // backlogs.
 struct DatabaseJob
 {
-    enum class Kind { Request, MoveProgress, MoveFinished, Wake };
+    enum class Kind { Request, MoveProgress, MoveFinished, RecordReadings, Wake };
     Kind kind = Kind::Request;
     RequestOrigin origin;
     Request request;
@@ -38,6 +38,9 @@ struct DatabaseJob
     QString directory;
     double percent = 0;
     bool ok = false;
+    // RecordReadings: told what was recorded of the files in
+    // origin.readings once it is committed (on the database thread).
+    std::function<void(const std::vector<FileCheck> &)> recorded;
 };
 
 // What goes back to the network thread for one job.
@@ -152,6 +155,7 @@ private:
                                         std::vector<DatabaseAnswer> &answers);
     bool carryOutOne(DatabaseJob &job, DatabaseAnswer &answer, std::vector<std::function<void()>> &afterCommit);
     bool commitBatch();
+    void recordReadings(const DatabaseJob &job, RequestOutcome &outcome);
     bool ensureConnected();
     bool reconnect();
     static DatabaseAnswer failedAnswer(const DatabaseJob &job, const QString &text);
