@@ -83,7 +83,8 @@ void DigestPool::serve()
         // Without readings the handler refuses the request as unread.
         if (opened && !m_cutShort && !(job.gate && job.gate->closed.load())) {
             try {
-                job.origin.readings = std::make_shared<const std::vector<FileReading>>(read(store, job.request));
+                job.origin.readings = std::make_shared<const std::vector<FileReading>>(read(store, m_layout, job.request,
+                                                                                           &m_cutShort));
             } catch (const RequestFailure &failure) {
                 Q_TRACE_FAILURE(kSource, failure.text);
             }
@@ -92,7 +93,8 @@ void DigestPool::serve()
     }
 }
 
-std::vector<FileReading> DigestPool::read(ArchiveStore &store, const Request &request) const
+std::vector<FileReading> DigestPool::read(ArchiveStore &store, const StorageLayout &layout, const Request &request,
+                                         const std::atomic<bool> *stop)
 {
     std::vector<FileReading> readings;
     const QString guid = request.text(Tag::Guid);
@@ -101,20 +103,20 @@ std::vector<FileReading> DigestPool::read(ArchiveStore &store, const Request &re
         return readings;
     QString error;
     const ConfinedDirectory directory
-        = m_layout.openGroupDirectory(group->path, ConfinedDirectory::Creation::Existing, &error);
+        = layout.openGroupDirectory(group->path, ConfinedDirectory::Creation::Existing, &error);
     if (request.command == Tag::AddFile) {
         const QString name = request.text(Tag::FileName);
         // The handler refuses such names and links with reasons of their
         // own; nothing is read for them.
         if (directory.isOpen() && ConfinedDirectory::isPlainName(name)
             && directory.kindOf(name) == ConfinedDirectory::Kind::Regular)
-            readings.push_back(readFile(directory, *group, 0, name));
+            readings.push_back(readFile(directory, *group, 0, name, stop));
         return readings;
     }
     for (const auto &file : store.files(group->data.getGuid())) {
         FileReading reading;
         if (directory.isOpen()) {
-            reading = readFile(directory, *group, file.second, file.first);
+            reading = readFile(directory, *group, file.second, file.first, stop);
         } else {
             reading.guid = group->data.getGuid();
             reading.directory = group->path;
@@ -128,7 +130,7 @@ std::vector<FileReading> DigestPool::read(ArchiveStore &store, const Request &re
 }
 
 FileReading DigestPool::readFile(const ConfinedDirectory &directory, const StoredGroup &group, int fileId,
-                                 const QString &name) const
+                                 const QString &name, const std::atomic<bool> *stop)
 {
     FileReading reading;
     reading.guid = group.data.getGuid();
@@ -136,7 +138,7 @@ FileReading DigestPool::readFile(const ConfinedDirectory &directory, const Store
     reading.fileId = fileId;
     reading.name = name;
     const std::optional<ConfinedDirectory::Digest> digest
-        = directory.digestFile(name, &reading.error, ReadControl{&m_cutShort, nullptr});
+        = directory.digestFile(name, &reading.error, ReadControl{stop, nullptr});
     if (digest) {
         reading.found = true;
         reading.size = digest->size;

@@ -43,6 +43,11 @@ public:
     // Whether a command's files are read here first.
     static bool readsFilesFor(const QString &command);
 
+    // Reads what the request names, as a pool thread does; for the pool and
+    // for tests that drive the engine without threads.
+    static std::vector<FileReading> read(ArchiveStore &store, const StorageLayout &layout, const Request &request,
+                                         const std::atomic<bool> *stop);
+
     void post(DatabaseJob job);
     // Cuts the reads under way short (their jobs are delivered with failed
     // readings, so that they are answered), delivers what waits the same
@@ -51,9 +56,8 @@ public:
 
 private:
     void serve();
-    std::vector<FileReading> read(ArchiveStore &store, const Request &request) const;
-    FileReading readFile(const ConfinedDirectory &directory, const StoredGroup &group, int fileId,
-                         const QString &name) const;
+    static FileReading readFile(const ConfinedDirectory &directory, const StoredGroup &group, int fileId,
+                                const QString &name, const std::atomic<bool> *stop);
 
     const DatabaseLocation m_database;
     const QString m_instanceId;
