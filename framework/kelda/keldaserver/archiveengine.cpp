@@ -2,6 +2,8 @@
 
 #include "groupresultxml.h"
 #include "commanddescriptors.h"
+#include "filedigest.h"
+#include "localtimetext.h"
 #include "keldaxml.h"
 #include "replywriter.h"
 #include "requestfailure.h"
@@ -10,10 +12,13 @@
 
 #include <QDir>
 #include <QElapsedTimer>
+#include <QRegularExpression>
 #include <QSet>
 #include <QUrl>
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
+
+#include <algorithm>
 
 namespace Kelda {
 
@@ -22,6 +27,8 @@ namespace {
 const char kSource[] = "framework/kelda/keldaserver/archiveengine";
 
 const QLatin1String kDescriptionSuffix(".fgdesc");
+// The export's list of digests, in the form sha256sum reads and writes.
+const QLatin1String kManifestName("SHA256SUMS");
 
 [[noreturn]] void refuse(KeldaError code, const QString &text)
 {
@@ -168,6 +175,8 @@ ArchiveEngine::Handler ArchiveEngine::handlerFor(const QString &command)
         {ReplyKind::GetRemoteStorageLocation, &ArchiveEngine::getRemoteStorageLocation},
         {ReplyKind::GetTovinFilegroupGuid, &ArchiveEngine::getTovinFilegroupGuid},
         {ReplyKind::RegisterConverter, &ArchiveEngine::registerConverter},
+        {ReplyKind::GetFileChecksums, &ArchiveEngine::getFileChecksums},
+        {ReplyKind::VerifyFileGroup, &ArchiveEngine::verifyFileGroup},
     };
     static_assert(OneRowPerCommand(rows, CommandDescriptors), "one handler for each command, and only for those");
 
@@ -181,6 +190,12 @@ ArchiveEngine::Handler ArchiveEngine::handlerFor(const QString &command)
     return nullptr;
 }
 
+QByteArray ArchiveEngine::unknownCommandReply(const Request &request)
+{
+    return ReplyWriter::status(request.command, request.requestId, KE_UnknownReplyCommand,
+                               QStringLiteral("Unknown command %1").arg(request.command));
+}
+
 bool ArchiveEngine::isReadOnly(const QString &command)
 {
     const CommandDescriptor *described = FindCommand(command);
@@ -191,8 +206,7 @@ bool ArchiveEngine::handle(const Request &request, const RequestOrigin &origin, 
 {
     const Handler handler = handlerFor(request.command);
     if (!handler) {
-        outcome.reply = ReplyWriter::status(request.command, request.requestId, KE_SoapParsingError,
-                                            QStringLiteral("Unknown command %1").arg(request.command));
+        outcome.reply = unknownCommandReply(request);
         return false;
     }
     try {
@@ -368,7 +382,8 @@ void ArchiveEngine::createTovinFileGroup(const Request &request, const RequestOr
     writer.writeStatus(KE_NoError, QString());
 }
 
-void ArchiveEngine::addFile(const Request &request, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
+void ArchiveEngine::addFile(const Request &request, const RequestOrigin &origin, ReplyWriter &writer,
+                            RequestOutcome &)
 {
     const StoredGroup group = requireGroup(request.text(Tag::Guid));
     refuseWhileMoving(group);
@@ -400,9 +415,39 @@ void ArchiveEngine::addFile(const Request &request, const RequestOrigin &, Reply
             refuse(KE_AddFileFailed, QStringLiteral("File group %1 has no free file id left").arg(guid));
         fileId = facts.highestId + 1;
     }
-    m_store.addFile(guid, fileId, name, now().toMSecsSinceEpoch());
+    FileCheck check = checkOfAddedFile(group, name, origin, directory);
+    check.fileId = fileId;
+    m_store.addFile(guid, fileId, name, now().toMSecsSinceEpoch(), check);
     writer.writeNumber(Tag::FileId, fileId);
     writer.writeStatus(KE_NoError, QString());
+}
+
+FileCheck ArchiveEngine::checkOfAddedFile(const StoredGroup &group, const QString &name, const RequestOrigin &origin,
+                                          const ConfinedDirectory &directory)
+{
+    const FileReading *reading = nullptr;
+    if (origin.readings) {
+        for (const FileReading &candidate : *origin.readings) {
+            if (candidate.name == name && candidate.directory == group.path)
+                reading = &candidate;
+        }
+    }
+    if (!reading || !reading->found)
+        refuse(KE_ReadFileFailed, QStringLiteral("Cannot read %1 to record its digest: %2")
+                                      .arg(name, reading ? reading->error : QStringLiteral("it was not read")));
+    // Read before this request reached the database: a file that changed
+    // since would be recorded with a digest of other content.
+    QString error;
+    if (directory.regularFileSize(name, &error) != reading->size)
+        refuse(KE_ReadFileFailed, QStringLiteral("%1 changed while the server read it; add it again").arg(name));
+    FileCheck check;
+    check.name = name;
+    check.size = reading->size;
+    check.algorithm = FileDigest::algorithm();
+    check.digest = reading->digest;
+    check.checkedMs = now().toMSecsSinceEpoch();
+    check.state = FileCheck::State::Ok;
+    return check;
 }
 
 void ArchiveEngine::requestFile(const Request &request, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
@@ -657,7 +702,7 @@ QString ArchiveEngine::exchangeItem(const QString &requested) const
     return item;
 }
 
-QString ArchiveEngine::exportGroup(const QString &guid, const ConfinedDirectory &target)
+QString ArchiveEngine::exportGroup(const QString &guid, const ConfinedDirectory &target, QStringList &manifest)
 {
     std::optional<StoredGroup> group = m_store.group(guid);
     if (!group)
@@ -682,11 +727,40 @@ QString ArchiveEngine::exportGroup(const QString &guid, const ConfinedDirectory 
         target.removeEmptySubdirectory(guid);
         return QStringLiteral("file group %1: %2").arg(guid, error);
     }
+    QHash<QString, QString> recorded;
+    for (const FileCheck &check : m_store.fileChecks(guid))
+        recorded.insert(check.name, check.digest);
     for (const QString &name : names) {
-        if (!source.copyFileTo(name, files, &error))
+        ConfinedDirectory::Digest copied;
+        if (!source.copyFileTo(name, files, &error, &copied))
             return QStringLiteral("file group %1: %2").arg(guid, error);
+        const QString digest = FileDigest::hex(copied.sha256);
+        // An archive hands on only what it was given.
+        const QString expected = recorded.value(name);
+        if (!expected.isEmpty() && expected != digest)
+            return QStringLiteral("file group %1: %2 differs from what was stored (recorded %3, read %4)")
+                .arg(guid, name, expected, digest);
+        manifest.append(digest + QLatin1String("  ") + guid + QLatin1Char('/') + name);
     }
     return QString();
+}
+
+QString ArchiveEngine::writeManifest(const ConfinedDirectory &target, const QStringList &lines) const
+{
+    if (lines.isEmpty())
+        return QString();
+    // Groups exported into the same folder before keep their lines.
+    QString error;
+    QStringList all;
+    if (target.kindOf(kManifestName) != ConfinedDirectory::Kind::Missing) {
+        const std::optional<QByteArray> old = target.readFile(kManifestName, m_layout.maxImportBytes(), &error);
+        if (!old || !target.removeFile(kManifestName, &error))
+            return error;
+        all = QString::fromUtf8(*old).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    }
+    all.append(lines);
+    return target.writeNewFile(kManifestName, all.join(QLatin1Char('\n')).toUtf8() + '\n', &error) ? QString()
+                                                                                                     : error;
 }
 
 void ArchiveEngine::exportArchive(const Request &request, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
@@ -701,15 +775,19 @@ void ArchiveEngine::exportArchive(const Request &request, const RequestOrigin &,
     if (!directory.isOpen())
         refuse(KE_ExportArchiveFailed, QStringLiteral("Cannot create the directory %1: %2").arg(target, error));
     QStringList failures;
+    QStringList manifest;
     for (const QString &guid : request.texts(Tag::Guid)) {
         if (!StorageLayout::isGuid(guid)) {
             failures.append(QStringLiteral("\"%1\" is not a file group GUID").arg(guid));
             continue;
         }
-        const QString failure = exportGroup(guid, directory);
+        const QString failure = exportGroup(guid, directory, manifest);
         if (!failure.isEmpty())
             failures.append(failure);
     }
+    const QString manifestFailure = writeManifest(directory, manifest);
+    if (!manifestFailure.isEmpty())
+        failures.append(manifestFailure);
     if (!failures.isEmpty())
         refuse(KE_ExportArchiveFailed, failures.join(QLatin1String("; ")));
     writer.writeStatus(KE_NoError, QString());
@@ -757,7 +835,27 @@ void ArchiveEngine::collectDescriptions(const QString &item, QStringList &descri
     }
 }
 
-QString ArchiveEngine::importDescription(const QString &description, RequestOutcome &outcome)
+QHash<QString, QString> ArchiveEngine::readManifest(const ConfinedDirectory &folder, QString *error) const
+{
+    QHash<QString, QString> digests;
+    if (folder.kindOf(kManifestName) == ConfinedDirectory::Kind::Missing)
+        return digests;
+    const std::optional<QByteArray> bytes = folder.readFile(kManifestName, m_layout.maxImportBytes(), error);
+    if (!bytes)
+        return digests;
+    // "HEX  PATH", or "HEX *PATH" as sha256sum writes for binary mode.
+    static const QRegularExpression line(QStringLiteral("^([0-9a-fA-F]{64}) [ *](.+)$"));
+    for (const QString &text : QString::fromUtf8(*bytes).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        const QRegularExpressionMatch match = line.match(text);
+        if (match.hasMatch())
+            digests.insert(match.captured(2), match.captured(1).toLower());
+        else
+            *error = QStringLiteral("%1 holds a line that is no digest: \"%2\"").arg(kManifestName, text.left(80));
+    }
+    return digests;
+}
+
+QString ArchiveEngine::importDescription(const QString &description, RequestOutcome &outcome, bool *mismatch)
 {
     const int cut = description.lastIndexOf(QLatin1Char('/'));
     QString error;
@@ -782,6 +880,16 @@ QString ArchiveEngine::importDescription(const QString &description, RequestOutc
     if (!refusal.isEmpty())
         return QStringLiteral("%1: %2").arg(description, refusal);
     const QStringList names = namesOf(files);
+    const QHash<QString, QString> manifest = readManifest(folder, &error);
+    if (!error.isEmpty()) {
+        *mismatch = true;
+        return QStringLiteral("file group %1 is not imported: %2").arg(guid, error);
+    }
+    // A manifest that lists the group must list each of its files; one that
+    // does not list it at all leaves the group's files unverified.
+    const QString prefix = guid + QLatin1Char('/');
+    const bool listed = std::any_of(manifest.keyBegin(), manifest.keyEnd(),
+                                    [&prefix](const QString &path) { return path.startsWith(prefix); });
     const ConfinedDirectory source = folder.subdirectory(guid, &error);
     for (const QString &name : names) {
         if (!source.isOpen() || !source.checkRegularFile(name, &error))
@@ -803,18 +911,40 @@ QString ArchiveEngine::importDescription(const QString &description, RequestOutc
     const ConfinedDirectory target
         = m_layout.openGroupDirectory(directory, ConfinedDirectory::Creation::Existing, &error);
     QStringList copied;
+    QHash<QString, FileCheck> checks;
+    const qint64 nowMs = now().toMSecsSinceEpoch();
+    const auto undo = [&](const QString &failure) {
+        removeGroupFiles(m_layout, directory, copied);
+        m_layout.removeEmptyGroupDirectory(directory);
+        return QStringLiteral("file group %1: %2").arg(guid, failure);
+    };
     for (const QString &name : names) {
-        if (!target.isOpen() || !source.copyFileTo(name, target, &error)) {
-            removeGroupFiles(m_layout, directory, copied);
-            m_layout.removeEmptyGroupDirectory(directory);
-            return QStringLiteral("file group %1: %2").arg(guid, error);
-        }
+        ConfinedDirectory::Digest read;
+        if (!target.isOpen() || !source.copyFileTo(name, target, &error, &read))
+            return undo(error);
         copied.append(name);
+        if (!listed)
+            continue;
+        const QString digest = FileDigest::hex(read.sha256);
+        const QString expected = manifest.value(prefix + name);
+        if (expected != digest) {
+            *mismatch = true;
+            return undo(QStringLiteral("%1 does not match the export's %2 (listed %3, read %4); nothing of the group "
+                                       "is imported")
+                            .arg(name, kManifestName, expected.isEmpty() ? QStringLiteral("nothing") : expected,
+                                 digest));
+        }
+        FileCheck &check = checks[name];
+        check.size = read.size;
+        check.algorithm = FileDigest::algorithm();
+        check.digest = digest;
+        check.checkedMs = nowMs;
+        check.state = FileCheck::State::Ok;
     }
     try {
         registerGroup(group, directory, created, outcome);
         for (const auto &file : files)
-            m_store.insertFile(guid, file.second, file.first);
+            m_store.insertFile(guid, file.second, file.first, checks.value(file.first));
     } catch (const RequestFailure &) {
         removeGroupFiles(m_layout, directory, copied);
         m_layout.removeEmptyGroupDirectory(directory);
@@ -841,13 +971,16 @@ void ArchiveEngine::importArchive(const Request &request, const RequestOrigin &,
     descriptions.sort();
     descriptions.removeDuplicates();
     int imported = 0;
+    bool mismatch = false;
     for (const QString &description : qAsConst(descriptions)) {
-        const QString failure = importDescription(description, outcome);
+        const QString failure = importDescription(description, outcome, &mismatch);
         if (failure.isEmpty())
             ++imported;
         else
             failures.append(failure);
     }
+    if (mismatch)
+        refuse(KE_ImportFileGroupIncomplete, failures.join(QLatin1String("; ")));
     if (!failures.isEmpty())
         refuse(imported > 0 ? KE_ImportArchiveIncomplete : KE_ImportArchiveFailed, failures.join(QLatin1String("; ")));
     writer.writeStatus(KE_NoError, QString());
@@ -876,6 +1009,86 @@ void ArchiveEngine::moveToNas(const Request &request, const RequestOrigin &, Rep
     writer.writeStatus(KE_NoError, QString());
 }
 
+FileCheck ArchiveEngine::checked(const FileCheck &recorded, const FileReading &reading, qint64 nowMs)
+{
+    FileCheck check = recorded;
+    check.checkedMs = nowMs;
+    if (!reading.found) {
+        check.state = FileCheck::State::Missing;
+    } else if (recorded.digest.isEmpty()) {
+        // A file older than digests: its first reading is what it is.
+        check.size = reading.size;
+        check.algorithm = FileDigest::algorithm();
+        check.digest = reading.digest;
+        check.state = FileCheck::State::Ok;
+    } else {
+        const bool same = reading.digest == recorded.digest && reading.size == recorded.size;
+        check.state = same ? FileCheck::State::Ok : FileCheck::State::Mismatch;
+    }
+    return check;
+}
+
+std::vector<FileCheck> ArchiveEngine::recordReadings(const QString &guid, const std::vector<FileReading> &readings)
+{
+    std::vector<FileCheck> checks = m_store.fileChecks(guid);
+    const qint64 nowMs = now().toMSecsSinceEpoch();
+    for (FileCheck &check : checks) {
+        const auto reading = std::find_if(readings.begin(), readings.end(), [&check](const FileReading &r) {
+            return r.fileId == check.fileId && r.name == check.name;
+        });
+        if (reading == readings.end())
+            continue;
+        check = checked(check, *reading, nowMs);
+        m_store.recordCheck(guid, check);
+        if (check.state == FileCheck::State::Mismatch)
+            Q_TRACE_FAILURE(kSource, QStringLiteral("File %1 (id %2) of group %3 differs from what was stored: "
+                                                    "recorded %4 (%5 bytes), read %6 (%7 bytes)")
+                                         .arg(check.name)
+                                         .arg(check.fileId)
+                                         .arg(guid, check.digest)
+                                         .arg(check.size)
+                                         .arg(reading->digest)
+                                         .arg(reading->size));
+        else if (check.state == FileCheck::State::Missing)
+            Q_TRACE_FAILURE(kSource, QStringLiteral("File %1 (id %2) of group %3 is missing: %4")
+                                         .arg(check.name)
+                                         .arg(check.fileId)
+                                         .arg(guid, reading->error));
+    }
+    return checks;
+}
+
+void ArchiveEngine::writeChecks(ReplyWriter &writer, ReplyKind kind, const std::vector<FileCheck> &checks)
+{
+    writer.writeStartElement(Tag::Files);
+    for (const FileCheck &check : checks) {
+        writer.writeRecord(Descriptor(kind),
+                           {QString::number(check.fileId), check.name,
+                            check.size < 0 ? QString() : QString::number(check.size), check.algorithm, check.digest,
+                            check.checkedMs > 0 ? QString::fromLatin1(localTimeText(check.checkedMs)) : QString(),
+                            FileCheck::stateText(check.state)});
+    }
+    writer.writeEndElement();
+    writer.writeStatus(KE_NoError, QString());
+}
+
+void ArchiveEngine::getFileChecksums(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+                                     RequestOutcome &)
+{
+    const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    writeChecks(writer, ReplyKind::GetFileChecksums, m_store.fileChecks(group.data.getGuid()));
+}
+
+void ArchiveEngine::verifyFileGroup(const Request &request, const RequestOrigin &origin, ReplyWriter &writer,
+                                    RequestOutcome &)
+{
+    const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    refuseWhileMoving(group);
+    if (!origin.readings)
+        refuse(KE_ReadFileFailed, QStringLiteral("The files of group %1 were not read").arg(group.data.getGuid()));
+    writeChecks(writer, ReplyKind::VerifyFileGroup, recordReadings(group.data.getGuid(), *origin.readings));
+}
+
 void ArchiveEngine::moveProgressed(const QString &guid, double percent)
 {
     std::optional<StoredGroup> group = m_store.group(guid);
@@ -893,7 +1106,7 @@ void ArchiveEngine::moveFinished(const QString &guid, const QString &directory, 
         m_store.updateLocation(guid, LS_Central, directory, 100);
         m_store.touch(guid, now().toMSecsSinceEpoch());
     } else {
-        m_store.updateLocation(guid, LS_Local, group->path, 0);
+        m_store.updateLocation(guid, LS_Local, group->path, FailedMoveProgress);
     }
 }
 
@@ -907,6 +1120,10 @@ MoveOrder ArchiveEngine::moveOrder(const StoredGroup &group)
     order.files = namesOf(m_store.files(guid));
     order.sourceRoot = m_layout.rootOf(group.path);
     order.targetRoot = m_layout.nasPath();
+    for (const FileCheck &check : m_store.fileChecks(guid)) {
+        if (!check.digest.isEmpty())
+            order.digests.insert(check.name, QByteArray::fromHex(check.digest.toLatin1()));
+    }
     return order;
 }
 
@@ -934,6 +1151,14 @@ void ArchiveEngine::queryLocationStateProgress(const Request &request, const Req
         return;
     }
     writer.writeNumber(Tag::LocationState, group->data.getLocationState());
+    if (group->data.getLocationState() == LS_Local && group->copyProgress < 0) {
+        writer.writeText(Tag::CopyProgress, QStringLiteral("0"));
+        writer.writeStatus(KE_MoveFileGroupFailed,
+                           QStringLiteral("The move of file group %1 to network storage failed; it stays local and "
+                                          "the server's trace tells why")
+                               .arg(guid));
+        return;
+    }
     writer.writeText(Tag::CopyProgress, QString::number(group->copyProgress));
     writer.writeStatus(KE_NoError, QString());
 }

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "archivestore.h"
+#include "commanddescriptors.h"
+#include "filereading.h"
 #include "request.h"
 #include "storagelayout.h"
 
@@ -11,6 +13,7 @@
 #include <QVector>
 
 #include <functional>
+#include <memory>
 #include <vector>
 
 namespace Kelda {
@@ -67,6 +70,9 @@ struct RequestOrigin
     // The user the client's verified certificate names; empty when clients
     // are not identified by certificate.
     QString certificateUser;
+    // The files the server read for this request before it reached the
+    // database thread (AddFile, VerifyFileGroup); null for other requests.
+    std::shared_ptr<const std::vector<FileReading>> readings;
 };
 
 // The archive's rules: carries out one request against the store and the
@@ -79,6 +85,13 @@ class ArchiveEngine
 public:
     ArchiveEngine(ArchiveStore &store, const StorageLayout &layout);
 
+    // The answer to a command this server does not know: code 41 in the
+    // command's own reply element, so that a client newer than the server
+    // learns at once that it lacks the command.
+    static QByteArray unknownCommandReply(const Request &request);
+
+    // Whether this server carries out the command.
+    static bool isKnown(const QString &command) { return handlerFor(command) != nullptr; }
     // Whether a command only reads; such requests may run beside changes.
     static bool isReadOnly(const QString &command);
 
@@ -91,6 +104,17 @@ public:
     void moveFinished(const QString &guid, const QString &directory, bool ok);
     // Moves that were under way when the server stopped.
     std::vector<MoveOrder> unfinishedMoves();
+
+    // Records fresh readings of a group's files, each compared with the
+    // digest recorded before; returns the group's files as recorded now.
+    // A mismatch or a missing file is traced as a failure.
+    std::vector<FileCheck> recordReadings(const QString &guid, const std::vector<FileReading> &readings);
+    // What a reading makes of a file's record at nowMs.
+    static FileCheck checked(const FileCheck &recorded, const FileReading &reading, qint64 nowMs);
+
+    // The copy progress a local group keeps after a move that failed, so
+    // that the next look at its location reports the failure.
+    static constexpr double FailedMoveProgress = -1;
 
     // Current time, whole seconds: the forms shown to users have no
     // fraction, so a time window a user types matches what was stored.
@@ -128,6 +152,12 @@ private:
     void getRemoteStorageLocation(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
     void getTovinFilegroupGuid(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
     void registerConverter(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void getFileChecksums(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+    void verifyFileGroup(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
+
+    static void writeChecks(ReplyWriter &writer, ReplyKind kind, const std::vector<FileCheck> &checks);
+    FileCheck checkOfAddedFile(const StoredGroup &group, const QString &name, const RequestOrigin &origin,
+                               const ConfinedDirectory &directory);
 
     QString createGroup(StoredGroup group, const QString &requestedPath, RequestOutcome &outcome);
     // Checks a new group and creates its directory; returns the directory.
@@ -137,9 +167,15 @@ private:
     MoveOrder moveOrder(const StoredGroup &group);
 
     QString exchangeItem(const QString &requested) const;
-    QString exportGroup(const QString &guid, const ConfinedDirectory &target);
+    QString exportGroup(const QString &guid, const ConfinedDirectory &target, QStringList &manifest);
+    QString writeManifest(const ConfinedDirectory &target, const QStringList &lines) const;
+    // The digests an export's manifest lists, by "GUID/name"; empty when
+    // the export has none (it came from a server older than digests).
+    QHash<QString, QString> readManifest(const ConfinedDirectory &folder, QString *error) const;
     void collectDescriptions(const QString &item, QStringList &descriptions, QStringList &failures) const;
-    QString importDescription(const QString &description, RequestOutcome &outcome);
+    // Empty when the group was imported; *mismatch tells a file that
+    // differs from the export's manifest from other failures.
+    QString importDescription(const QString &description, RequestOutcome &outcome, bool *mismatch);
 
     ArchiveStore &m_store;
     StorageLayout m_layout;

@@ -94,6 +94,19 @@ const QString kReferencesVersion2 = QStringLiteral(
 const QString kWriteLocksIndex
     = QStringLiteral("CREATE INDEX IF NOT EXISTS group_locks_write ON group_locks (write_lock, guid)");
 
+// Version 3: what each file was when it was added, and what its latest
+// reading found. Files of earlier versions have no digest yet: they are
+// "unverified" until they are first read.
+const QStringList kFileDigests{
+    QStringLiteral("ALTER TABLE group_files ADD COLUMN size BIGINT"),
+    QStringLiteral("ALTER TABLE group_files ADD COLUMN algorithm TEXT"),
+    QStringLiteral("ALTER TABLE group_files ADD COLUMN digest TEXT"),
+    QStringLiteral("ALTER TABLE group_files ADD COLUMN checked_at BIGINT"),
+    QStringLiteral("ALTER TABLE group_files ADD COLUMN state TEXT NOT NULL DEFAULT 'unverified'"),
+    // The background check takes the files read longest ago first.
+    QStringLiteral("CREATE INDEX IF NOT EXISTS group_files_checked ON group_files (checked_at)"),
+};
+
 // Servers wait this long for another's upgrade of a large archive.
 const QString kUpgradeLockTimeout = QStringLiteral("SET LOCAL lock_timeout = '30min'");
 
@@ -107,6 +120,7 @@ const QString ArchiveSchema::ReferenceTextIndex = QStringLiteral("group_referenc
 const ArchiveSchema::Step ArchiveSchema::Steps[] = {
     &ArchiveSchema::createVersion1,
     &ArchiveSchema::indexSearchCriteria,
+    &ArchiveSchema::recordFileDigests,
 };
 
 ArchiveSchema::ArchiveSchema(ArchiveDatabase &database)
@@ -209,6 +223,12 @@ void ArchiveSchema::indexSearchCriteria()
                         {QStringLiteral("application_key")}, QStringLiteral("none"));
     }
     run(kWriteLocksIndex);
+}
+
+void ArchiveSchema::recordFileDigests()
+{
+    for (const QString &statement : kFileDigests)
+        run(statement);
 }
 
 void ArchiveSchema::rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,

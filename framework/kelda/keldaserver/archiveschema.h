@@ -20,7 +20,7 @@ class ArchiveSchema
 {
 public:
     // The version this build writes; adding one means adding its step.
-    static constexpr int Version = 2;
+    static constexpr int Version = 3;
 
     // SQLite's trigram indexes: FTS5 tables over the search keys, whose
     // rowid is the id of the row they index.
@@ -43,6 +43,7 @@ private:
     int storedVersion();
     void createVersion1();
     void indexSearchCriteria();
+    void recordFileDigests();
     void ensureTrigramIndexes();
 
     void rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,

@@ -153,6 +153,7 @@ bool ArchiveServer::start()
     m_parsers = std::make_unique<ParserPool>(
         ParserThreads, RequestDecoder::Limits{m_options.maxFrame, m_options.maxElements},
         [this](ParserPool::Result result) { post([&](Outbox &outbox) { outbox.parsed.push_back(std::move(result)); }); });
+    startServices();
     return listen() && serveMetrics();
 }
 
@@ -231,6 +232,35 @@ QByteArray ArchiveServer::renderMetrics()
     return m_metrics.render(gauges);
 }
 
+void ArchiveServer::startServices()
+{
+    const StorageLayout layout(m_options.basePath, m_options.nasPath, m_options.exchangePath,
+                               m_options.maxImportBytes);
+    m_digests = std::make_unique<DigestPool>(DigestThreads, m_options.database, m_instanceId, layout,
+                                             [this](DatabaseJob job) {
+                                                 post([&](Outbox &outbox) { outbox.read.push_back(std::move(job)); });
+                                             });
+    if (m_options.verifyIntervalHours <= 0)
+        return;
+    FixityChecker::Settings settings;
+    settings.intervalMs = std::max<qint64>(1, qint64(m_options.verifyIntervalHours * 3600 * 1000));
+    settings.bytesPerSecond = qint64(m_options.verifyRateMBps * ServerOptions::MB);
+    DatabaseWorker *writer = m_writers.front().get();
+    // Counted for the metrics on the writer's thread; the counters are atomic.
+    const FixityChecker::Observer observer = [this](FileCheck::State state) {
+        if (state == FileCheck::State::Ok)
+            m_metrics.countFixity(ServerMetrics::FixityResult::Ok);
+        else if (state == FileCheck::State::Mismatch)
+            m_metrics.countFixity(ServerMetrics::FixityResult::Mismatch);
+        else if (state == FileCheck::State::Missing)
+            m_metrics.countFixity(ServerMetrics::FixityResult::Missing);
+    };
+    m_fixity = std::make_unique<FixityChecker>(
+        m_options.database, m_instanceId, layout, settings, [writer](DatabaseJob job) { writer->post(std::move(job)); },
+        observer);
+    m_fixity->start();
+}
+
 bool ArchiveServer::listen()
 {
     if (!m_listener.listen(m_options.host, m_options.port)) {
@@ -266,6 +296,14 @@ void ArchiveServer::shutdown()
         m_listener.close();
     if (m_parsers)
         m_parsers->stopAndWait();
+    if (m_fixity)
+        m_fixity->stopAndWait();
+    // Requests whose files were being read are answered (as not read) by
+    // the writers below.
+    if (m_digests) {
+        m_digests->stopAndWait();
+        drainOutbox();
+    }
     if (m_listenerThread) {
         m_listenerThread->stop();
         m_listenerThread->wait();
@@ -289,6 +327,9 @@ void ArchiveServer::shutdown()
     m_writers.clear();
     m_reader.reset();
     m_parsers.reset();
+    // Its results may have waited in a writer's queue until now.
+    m_fixity.reset();
+    m_digests.reset();
     const auto peers = m_peers;
     m_peers.clear();
     for (const Peer &peer : peers) {
@@ -543,6 +584,10 @@ void ArchiveServer::onUnreadable(Peer &peer, const RequestReader::Result &read)
 
 void ArchiveServer::dispatch(Peer &peer, Request request)
 {
+    if (!ArchiveEngine::isKnown(request.command)) {
+        answer(peer, startRequest(peer, request.command), ArchiveEngine::unknownCommandReply(request));
+        return;
+    }
     DatabaseJob job;
     job.origin.connectionId = peer.connection->id();
     job.origin.sequence = startRequest(peer, request.command);
@@ -552,6 +597,45 @@ void ArchiveServer::dispatch(Peer &peer, Request request)
     job.gate = peer.connection->gate();
     job.readOnly = ArchiveEngine::isReadOnly(request.command);
     job.request = std::move(request);
+    route(peer, std::move(job));
+}
+
+void ArchiveServer::route(Peer &peer, DatabaseJob job)
+{
+    if (peer.reading) {
+        peer.afterReading.push_back(std::move(job));
+        return;
+    }
+    if (m_digests && DigestPool::readsFilesFor(job.request.command)) {
+        peer.reading = true;
+        m_digests->post(std::move(job));
+        return;
+    }
+    toDatabase(peer, std::move(job));
+}
+
+void ArchiveServer::onRead(DatabaseJob job)
+{
+    const auto peer = m_peers.find(job.origin.connectionId);
+    if (peer == m_peers.end())
+        return;
+    peer->reading = false;
+    toDatabase(*peer, std::move(job));
+    std::deque<DatabaseJob> waiting;
+    waiting.swap(peer->afterReading);
+    while (!waiting.empty()) {
+        route(*peer, std::move(waiting.front()));
+        waiting.pop_front();
+        if (peer->reading) {
+            for (DatabaseJob &later : waiting)
+                peer->afterReading.push_back(std::move(later));
+            return;
+        }
+    }
+}
+
+void ArchiveServer::toDatabase(Peer &peer, DatabaseJob job)
+{
     // A read may overtake nothing of its own connection: while a change of
     // it is under way, the writer hands the read on after its commit.
     if (job.readOnly && peer.changesUnderWay == 0) {
@@ -645,7 +729,7 @@ void ArchiveServer::post(const std::function<void(Outbox &)> &fill)
     bool first = false;
     {
         const std::lock_guard<std::mutex> lock(m_outboxMutex);
-        first = m_outbox.answers.empty() && m_outbox.parsed.empty() && m_outbox.pings.empty();
+        first = m_outbox.answers.empty() && m_outbox.parsed.empty() && m_outbox.pings.empty() && m_outbox.read.empty();
         fill(m_outbox);
     }
     // One wake-up per batch of deliveries: the first to arrive in an empty
@@ -673,6 +757,8 @@ void ArchiveServer::drainOutbox()
         if (still != m_peers.end() && !m_stopping)
             decodeNext(*still);
     }
+    for (DatabaseJob &job : posted.read)
+        onRead(std::move(job));
     for (const auto &delivery : posted.answers)
         deliver(delivery.first, delivery.second);
     for (const auto &ping : posted.pings)

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "databaseworker.h"
+#include "digestpool.h"
+#include "fixitychecker.h"
 #include "grouplistener.h"
 #include "groupmover.h"
 #include "metricsendpoint.h"
@@ -60,6 +62,9 @@ public:
     // fixity checks (ServerMetrics::countFixity); any thread.
     ServerMetrics &metrics() { return m_metrics; }
 
+    // Told the outcome of each file the background check records, on the
+    // thread that committed it; for the metrics. Set before start().
+
     // Stops accepting, carries out and commits the changes received (reads
     // not yet started are dropped), sends the answers, then closes every
     // connection.
@@ -70,6 +75,8 @@ public:
     static constexpr quint32 SmallFrame = 64 * 1024;
     // Threads that decode large requests.
     static constexpr int ParserThreads = 2;
+    // Threads that read the files of AddFile and VerifyFileGroup.
+    static constexpr int DigestThreads = 2;
     // Longest command name worth answering.
     static constexpr int MaxCommandLength = 128;
     // Descriptors kept free for the database, files and moves: a connection
@@ -106,6 +113,10 @@ private:
         int underWay = 0;
         std::deque<Frame> frames;
         bool parsing = false;
+        // A job of this connection is with the digest pool; its later
+        // requests wait here, in order, until it is back.
+        bool reading = false;
+        std::deque<DatabaseJob> afterReading;
         qint64 parsingReserved = 0;
         bool tryExpand = true;
         // Pending bytes held by the frame being received.
@@ -131,6 +142,7 @@ private:
         std::vector<ParserPool::Result> parsed;
         // Health checks answered by the reader: their number and outcome.
         std::vector<std::pair<quint64, bool>> pings;
+        std::vector<DatabaseJob> read; // jobs whose files the digest pool read
     };
 
     bool openDatabase();
@@ -156,6 +168,12 @@ private:
     void onDecoded(Peer &peer, RequestDecoder::Decoded decoded);
     void onUnreadable(Peer &peer, const RequestReader::Result &read);
     void dispatch(Peer &peer, Request request);
+    // Sends a job on its way: to the digest pool first when its files are
+    // to be read, then to a writer or the reader.
+    void route(Peer &peer, DatabaseJob job);
+    void toDatabase(Peer &peer, DatabaseJob job);
+    void onRead(DatabaseJob job);
+    void startServices();
     void finishUnanswered(Peer &peer);
     void updateHold(Peer &peer);
     void wakeHeldReads(const std::shared_ptr<ConnectionGate> &gate);
@@ -192,6 +210,8 @@ private:
     std::unique_ptr<GroupMover> m_mover;
     std::unique_ptr<GroupListener> m_listenerThread;
     std::unique_ptr<ParserPool> m_parsers;
+    std::unique_ptr<DigestPool> m_digests;
+    std::unique_ptr<FixityChecker> m_fixity;
     // Names this process among the servers sharing a database.
     QString m_instanceId;
     // Open files this process may have.

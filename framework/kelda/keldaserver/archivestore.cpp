@@ -24,7 +24,9 @@ const QString kInsertGroup = QStringLiteral(
     " team_key, version, version_key, reserved_storage, reference_counter, path, tovin_id, record_id,"
     " copy_progress, fixed_result_xml)"
     " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
-const QString kInsertFile = QStringLiteral("INSERT INTO group_files (guid, file_id, name) VALUES (?, ?, ?)");
+const QString kInsertFile = QStringLiteral("INSERT INTO group_files (guid, file_id, name, size, algorithm, digest,"
+                                           " checked_at, state) VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
+const QString kFileCheckColumns = QStringLiteral("file_id, name, size, algorithm, digest, checked_at, state");
 const QString kTouch = QStringLiteral("UPDATE file_groups SET modification_time = ? WHERE guid = ?");
 const QString kRememberUser = QStringLiteral("INSERT INTO known_users (name) VALUES (?) ON CONFLICT DO NOTHING");
 const QStringList kDeleteGroup{QStringLiteral("DELETE FROM group_files WHERE guid = ?"),
@@ -47,6 +49,28 @@ QString text(const QString &value)
 QVariant optionalText(const QString &value)
 {
     return value.isEmpty() ? QVariant(QVariant::String) : QVariant(value);
+}
+
+// The values of kFileCheckColumns after file_id and name.
+QVariantList checkValues(const FileCheck &check)
+{
+    const bool read = check.size >= 0;
+    return {read ? QVariant(check.size) : QVariant(QVariant::LongLong), optionalText(check.algorithm),
+            optionalText(check.digest), check.checkedMs > 0 ? QVariant(check.checkedMs) : QVariant(QVariant::LongLong),
+            FileCheck::stateText(check.state)};
+}
+
+FileCheck checkFromRow(const ResultRows &rows)
+{
+    FileCheck check;
+    check.fileId = int(rows.number(0));
+    check.name = rows.text(1);
+    check.size = rows.isNull(2) ? -1 : rows.number(2);
+    check.algorithm = rows.isNull(3) ? QString() : rows.text(3);
+    check.digest = rows.isNull(4) ? QString() : rows.text(4);
+    check.checkedMs = rows.isNull(5) ? 0 : rows.number(5);
+    check.state = FileCheck::stateFromText(rows.text(6)).value_or(FileCheck::State::Unverified);
+    return check;
 }
 
 QVariantList groupValues(const StoredGroup &group)
@@ -332,20 +356,63 @@ FileAccess ArchiveStore::fileAccess(const QString &guid, int fileId)
     return access;
 }
 
-void ArchiveStore::insertFile(const QString &guid, int fileId, const QString &name)
+void ArchiveStore::insertFile(const QString &guid, int fileId, const QString &name, const FileCheck &check)
 {
-    m_db.run(kInsertFile, {guid, fileId, text(name)}, KE_InsertFileInDbFailed);
+    m_db.run(kInsertFile, QVariantList{guid, fileId, text(name)} + checkValues(check), KE_InsertFileInDbFailed);
 }
 
-void ArchiveStore::addFile(const QString &guid, int fileId, const QString &name, qint64 utcMs)
+void ArchiveStore::addFile(const QString &guid, int fileId, const QString &name, qint64 utcMs,
+                           const FileCheck &check)
 {
     if (!isPostgres()) {
-        insertFile(guid, fileId, name);
+        insertFile(guid, fileId, name, check);
         touch(guid, utcMs);
         return;
     }
-    m_db.run(QStringLiteral("WITH added AS (%1) %2").arg(kInsertFile, kTouch), {guid, fileId, text(name), utcMs, guid},
+    m_db.run(QStringLiteral("WITH added AS (%1) %2").arg(kInsertFile, kTouch),
+             QVariantList{guid, fileId, text(name)} + checkValues(check) + QVariantList{utcMs, guid},
              KE_InsertFileInDbFailed);
+}
+
+std::vector<FileCheck> ArchiveStore::fileChecks(const QString &guid)
+{
+    ResultRows &rows = m_db.run(
+        QStringLiteral("SELECT %1 FROM group_files WHERE guid = ? ORDER BY file_id").arg(kFileCheckColumns), {guid},
+        KE_ReadFileFromDbFailed);
+    std::vector<FileCheck> result;
+    while (rows.next())
+        result.push_back(checkFromRow(rows));
+    rows.finish();
+    return result;
+}
+
+void ArchiveStore::recordCheck(const QString &guid, const FileCheck &check)
+{
+    m_db.run(QStringLiteral("UPDATE group_files SET size = ?, algorithm = ?, digest = ?, checked_at = ?, state = ?"
+                            " WHERE guid = ? AND file_id = ?"),
+             checkValues(check) + QVariantList{guid, check.fileId}, KE_InsertFileInDbFailed);
+}
+
+std::vector<DueFile> ArchiveStore::dueFiles(qint64 checkedBeforeMs, int limit)
+{
+    // Two looks rather than one ordering with NULLs first, which the two
+    // databases spell differently; each walks the index on checked_at.
+    const QString select = QStringLiteral(
+        "SELECT f.guid, g.path, f.file_id, f.name FROM group_files f JOIN file_groups g ON g.guid = f.guid"
+        " WHERE %1 AND g.location_state <> ? ORDER BY f.checked_at, f.guid, f.file_id LIMIT ?");
+    std::vector<DueFile> due;
+    const auto collect = [&](const QString &condition, const QVariantList &values) {
+        ResultRows &rows = m_db.run(select.arg(condition), values + QVariantList{int(LS_CentralNotMoved),
+                                                                                 limit - int(due.size())},
+                                    KE_ReadFileFromDbFailed);
+        while (rows.next())
+            due.push_back({rows.text(0), rows.text(1), int(rows.number(2)), rows.text(3)});
+        rows.finish();
+    };
+    collect(QStringLiteral("f.checked_at IS NULL"), {});
+    if (int(due.size()) < limit)
+        collect(QStringLiteral("f.checked_at < ?"), {checkedBeforeMs});
+    return due;
 }
 
 void ArchiveStore::deleteFile(const QString &guid, int fileId)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "archivedatabase.h"
+#include "filecheck.h"
 #include "filegroupdata.h"
 #include "filetype.h"
 #include "groupannouncement.h"
@@ -61,6 +62,15 @@ struct FileAccess
 {
     std::optional<QString> name; // absent when the group holds no such file
     std::vector<LockHolder> locks;
+};
+
+// A file whose latest reading is old enough to be read again.
+struct DueFile
+{
+    QString guid;
+    QString directory; // the group's directory
+    int fileId = 0;
+    QString name;
 };
 
 // One row of a group, read column by column.
@@ -167,9 +177,17 @@ public:
     // wantedId outside 1..INT_MAX is never taken.
     FileFacts fileFacts(const QString &guid, const QString &name, qint64 wantedId);
     FileAccess fileAccess(const QString &guid, int fileId);
-    void insertFile(const QString &guid, int fileId, const QString &name);
+    // Without a check the file is "unverified".
+    void insertFile(const QString &guid, int fileId, const QString &name, const FileCheck &check = FileCheck());
     // Inserts the file and sets the group's modification time.
-    void addFile(const QString &guid, int fileId, const QString &name, qint64 utcMs);
+    void addFile(const QString &guid, int fileId, const QString &name, qint64 utcMs, const FileCheck &check);
+    // The group's files with what is known of their integrity, by id.
+    std::vector<FileCheck> fileChecks(const QString &guid);
+    // Replaces what is recorded of the file check.fileId.
+    void recordCheck(const QString &guid, const FileCheck &check);
+    // Files never read, then those read before checkedBeforeMs, oldest
+    // reading first; none of a group on its way to network storage.
+    std::vector<DueFile> dueFiles(qint64 checkedBeforeMs, int limit);
     void deleteFile(const QString &guid, int fileId);
 
     std::vector<LockHolder> locks(const QString &guid);

@@ -8,6 +8,8 @@
 
 #include <QSet>
 
+#include <algorithm>
+
 #include <chrono>
 
 namespace Kelda {
@@ -207,6 +209,26 @@ bool DatabaseWorker::reconnect()
                                  .arg(m_reconnectPauseMs));
     m_reconnectPauseMs = qMin(2 * m_reconnectPauseMs, int(MaxReconnectMs));
     return false;
+}
+
+void DatabaseWorker::recordReadings(const DatabaseJob &job, RequestOutcome &outcome)
+{
+    if (!job.origin.readings)
+        return;
+    std::map<QString, std::vector<FileReading>> byGroup;
+    for (const FileReading &reading : *job.origin.readings)
+        byGroup[reading.guid].push_back(reading);
+    auto recorded = std::make_shared<std::vector<FileCheck>>();
+    for (const auto &group : byGroup) {
+        for (const FileCheck &check : m_engine->recordReadings(group.first, group.second)) {
+            const bool read = std::any_of(group.second.begin(), group.second.end(),
+                                          [&check](const FileReading &r) { return r.fileId == check.fileId; });
+            if (read)
+                recorded->push_back(check);
+        }
+    }
+    if (job.recorded)
+        outcome.afterCommit.push_back([tell = job.recorded, recorded] { tell(*recorded); });
 }
 
 DatabaseAnswer DatabaseWorker::failedAnswer(const DatabaseJob &job, const QString &text)
@@ -492,6 +514,9 @@ bool DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
             break;
         case DatabaseJob::Kind::MoveFinished:
             m_engine->moveFinished(job.guid, job.directory, job.ok);
+            break;
+        case DatabaseJob::Kind::RecordReadings:
+            recordReadings(job, outcome);
             break;
         case DatabaseJob::Kind::Wake:
         case DatabaseJob::Kind::Ping:

@@ -24,7 +24,7 @@ namespace Kelda {
 // backlogs, or (for a reader) a look whether the database answers.
 struct DatabaseJob
 {
-    enum class Kind { Request, MoveProgress, MoveFinished, Wake, Ping };
+    enum class Kind { Request, MoveProgress, MoveFinished, RecordReadings, Wake, Ping };
     Kind kind = Kind::Request;
     RequestOrigin origin;
     Request request;
@@ -40,6 +40,9 @@ struct DatabaseJob
     bool ok = false;
     // Ping: told on the reader's thread whether the database answered.
     std::function<void(bool)> pinged;
+    // RecordReadings: told what was recorded of the files in
+    // origin.readings once it is committed (on the database thread).
+    std::function<void(const std::vector<FileCheck> &)> recorded;
 };
 
 // What goes back to the network thread for one job.
@@ -165,6 +168,7 @@ private:
                                         std::vector<DatabaseAnswer> &answers);
     bool carryOutOne(DatabaseJob &job, DatabaseAnswer &answer, std::vector<std::function<void()>> &afterCommit);
     bool commitBatch();
+    void recordReadings(const DatabaseJob &job, RequestOutcome &outcome);
     bool ensureConnected();
     bool reconnect();
     static DatabaseAnswer failedAnswer(const DatabaseJob &job, const QString &text);

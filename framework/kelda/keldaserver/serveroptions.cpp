@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QStandardPaths>
 
+#include <cmath>
 #include <limits>
 #include <vector>
 
@@ -179,6 +180,10 @@ const LimitOption kLimits[] = {
 
 #undef KELDA_LIMIT
 
+// Bound of --verify-interval and --verify-rate: a century of hours, and far
+// beyond any disk.
+constexpr double MaxDecimalOption = 1e6;
+
 } // namespace
 
 ServerOptions ServerOptions::parse(const QStringList &arguments)
@@ -248,9 +253,21 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
         QStringLiteral("Serve GET /metrics (Prometheus text) and GET /healthz on this address; loopback when only "
                        "a port is given, port 0 picks a free one (default: off)."),
         QStringLiteral("HOST:PORT"));
+    const QCommandLineOption verifyIntervalOption(
+        QStringLiteral("verify-interval"),
+        QStringLiteral("Re-read every archived file in the background once in this many hours, a decimal number, "
+                       "and record whether it still matches its digest; 0 switches the check off (default %1).")
+            .arg(DefaultVerifyIntervalHours),
+        QStringLiteral("HOURS"));
+    const QCommandLineOption verifyRateOption(
+        QStringLiteral("verify-rate"),
+        QStringLiteral("Most MB (10^6 bytes) per second the background check reads, a decimal number; 0 reads as "
+                       "fast as the disks go (default %1).")
+            .arg(DefaultVerifyRateMBps),
+        QStringLiteral("MB/s"));
     parser.addOptions({helpOption, versionOption, listenOption, baseOption, dbOption, nasOption, exchangeOption,
                        traceOption, allowOption, tlsCertOption, tlsKeyOption, tlsClientCaOption, adminOption,
-                       converterOption, metricsOption});
+                       converterOption, metricsOption, verifyIntervalOption, verifyRateOption});
     std::vector<QCommandLineOption> limitOptions;
     for (const LimitOption &limit : kLimits) {
         limitOptions.emplace_back(QString::fromLatin1(limit.name),
@@ -290,6 +307,24 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
                                         .arg(text));
         limit.set(options, value);
     }
+    const auto decimal = [&](const QCommandLineOption &option, double *value) {
+        if (!parser.isSet(option))
+            return true;
+        bool ok = false;
+        const double read = parser.value(option).trimmed().toDouble(&ok);
+        if (!ok || !std::isfinite(read) || read < 0 || read > MaxDecimalOption)
+            return false;
+        *value = read;
+        return true;
+    };
+    if (!decimal(verifyIntervalOption, &options.verifyIntervalHours))
+        return failure(options, QStringLiteral("--verify-interval wants a number of hours from 0 to %1, got \"%2\"")
+                                    .arg(MaxDecimalOption)
+                                    .arg(parser.value(verifyIntervalOption)));
+    if (!decimal(verifyRateOption, &options.verifyRateMBps))
+        return failure(options, QStringLiteral("--verify-rate wants a number of MB/s from 0 to %1, got \"%2\"")
+                                    .arg(MaxDecimalOption)
+                                    .arg(parser.value(verifyRateOption)));
     if (parser.isSet(metricsOption)
         && !parseLoopbackAddress(parser.value(metricsOption), &options.metricsHost, &options.metricsPort))
         return failure(options, QStringLiteral("--metrics wants HOST:PORT or PORT with a numeric address, got \"%1\"")

@@ -36,6 +36,10 @@ struct ServerOptions
     static constexpr int DefaultMaxConnectionsPerAddress = 100;
     static constexpr int DefaultIdleTimeoutSeconds = 900;
     static constexpr int DefaultMaxElements = 100000;
+    static constexpr double DefaultVerifyIntervalHours = 168;
+    static constexpr double DefaultVerifyRateMBps = 200;
+    // The unit of --verify-rate.
+    static constexpr qint64 MB = 1000 * 1000;
 
     Action action = Action::Run;
     QString error;    // for Action::Fail: a sentence the user can act on
@@ -60,6 +64,11 @@ struct ServerOptions
     int maxConnectionsPerAddress = DefaultMaxConnectionsPerAddress;
     int idleTimeoutSeconds = DefaultIdleTimeoutSeconds;
     int maxElements = DefaultMaxElements;
+    // The background check re-reads every file once per interval, at most
+    // at this rate; an interval of 0 switches it off, a rate of 0 lifts the
+    // limit.
+    double verifyIntervalHours = DefaultVerifyIntervalHours;
+    double verifyRateMBps = DefaultVerifyRateMBps;
     // Who may connect (loopback unless told), and how they prove who they
     // are: with a client authority, the certificate's common name is the
     // user, and the ownership rules apply.

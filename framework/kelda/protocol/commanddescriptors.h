@@ -42,6 +42,8 @@ enum class ReplyKind : int {
     GetRemoteStorageLocation,
     GetTovinFilegroupGuid,
     QueryDiskSpace, // listed, but not read
+    GetFileChecksums,
+    VerifyFileGroup,
     Count
 };
 
@@ -261,6 +263,28 @@ inline constexpr CommandDescriptor CommandDescriptors[] = {
         .Signals("getTovinFilegroupGuidReply", "getTovinFilegroupGuidSg"),
 
     Describe(ReplyKind::QueryDiskSpace, Exchange::Unread).Receives(Tag::QueryDiskSpaceReply, {}, ResultKind::None),
+
+    // Additions to the original protocol: what the archive recorded of each
+    // file of a group, and a fresh reading of them. Both answer the same
+    // records; the time of the last check is empty for a file never read.
+    Describe(ReplyKind::GetFileChecksums, Exchange::Command, Effect::Reads)
+        .Sends(Tag::GetFileChecksums, {Field::Guid})
+        .Traced("KeldaClient::GetFileChecksums: guid='%1'", {Tag::Guid})
+        .Receives(Tag::GetFileChecksumsReply, {Tag::Files, Tag::File, EndOf(Tag::Files)}, ResultKind::Records)
+        .Record(Tag::File, {Tag::FileId, Tag::FileName, Tag::FileSize, Tag::Algorithm, Tag::Digest, Tag::LastCheck,
+                            Tag::State})
+        .FailureTraced("Error while getting file checksums: %1 (%2)")
+        .Signals("getFileChecksumsReply", "GetFileChecksumsSg"),
+
+    // Records the readings, so it counts as a change.
+    Describe(ReplyKind::VerifyFileGroup, Exchange::Command, Effect::Changes)
+        .Sends(Tag::VerifyFileGroup, {Field::Guid})
+        .Traced("KeldaClient::VerifyFileGroup: guid='%1'", {Tag::Guid})
+        .Receives(Tag::VerifyFileGroupReply, {Tag::Files, Tag::File, EndOf(Tag::Files)}, ResultKind::Records)
+        .Record(Tag::File, {Tag::FileId, Tag::FileName, Tag::FileSize, Tag::Algorithm, Tag::Digest, Tag::LastCheck,
+                            Tag::State})
+        .FailureTraced("Error while verifying file group: %1 (%2)")
+        .Signals("verifyFileGroupReply", "VerifyFileGroupSg"),
 };
 
 constexpr int CommandCount = int(std::size(CommandDescriptors));

@@ -131,7 +131,12 @@ void ReadListFields(QXmlStreamReader &reader, const ExpectedElements &list, int 
 // store.
 int FinishStatus(Status &status, QLatin1String traceText)
 {
-    if (status.error != 0) {
+    // A server answers a command it does not know with this code in the
+    // command's own reply: the client asked for more than that server has.
+    if (status.error == KE_UnknownReplyCommand) {
+        status.errorString = NotSupportedText();
+        Q_TRACE_FAILURE(TraceSource, traceText.arg(status.errorString, QString::number(status.error)));
+    } else if (status.error != 0) {
         const QString local = KeldaErrorString::Get(static_cast<KeldaError>(status.error));
         status.errorString = status.errorString.isEmpty()
             ? local
@@ -433,6 +438,11 @@ void FailWith(const ReplyProtocolError &error, const QXmlStreamReader &reader, P
 }
 
 } // namespace
+
+QString NotSupportedText()
+{
+    return Translate("not supported by this server");
+}
 
 int ReadNextExpected(QXmlStreamReader &reader, const ExpectedElements &expected, QLatin1String namespaceUri)
 {

@@ -187,6 +187,10 @@ using ReplyResult = std::variant<std::monostate, StatusResult, TextResult, ListR
                                  LocationStateProgressResult, ExistsResult, RemoteStorageLocationResult,
                                  ConvertRequestResult, CopyProgressResult, RecordsResult>;
 
+// The error text of a reply with code 41: the server does not know the
+// command, which is newer than the server.
+QString NotSupportedText();
+
 // One message as read.
 struct ParsedReply
 {

@@ -462,6 +462,40 @@ public:
     */
     QString GetTovinFilegroupGuidAsync(const QString &guid, const QString &fileId);
     /*!
+        Returns what the archive recorded of each file of group \a guid,
+        seven texts per file in this order: file id, name, size in bytes,
+        digest algorithm ("SHA-256"), digest in lower-case hexadecimal, time
+        of the last check (local time "yyyy-MM-dd hh:mm:ss", empty when the
+        file was never read) and state ("ok", "mismatch", "missing" or
+        "unverified"). Size, algorithm and digest are empty for a file not
+        read yet. Waits up to 60 s; an empty list on failure, GetError()
+        tells a failure from an empty group. A server without this command
+        answers KE_UnknownReplyCommand with the text "not supported by this
+        server". An addition to the original interface.
+    */
+    QStringList GetFileChecksums(const QString &guid);
+    /*!
+        Asks for the recorded checksums of group \a guid without waiting;
+        returns the request id. The records arrive with GetFileChecksumsSg().
+        An addition to the original interface.
+    */
+    QString GetFileChecksumsAsync(const QString &guid);
+    /*!
+        Has the server read every file of group \a guid again now, compare
+        it with the digest recorded when it was added, and record the
+        outcome. Returns the records as GetFileChecksums() does, with the
+        fresh states. Waits up to 60 s, which a very large group may need
+        more than: use VerifyFileGroupAsync() for those. An addition to the
+        original interface.
+    */
+    QStringList VerifyFileGroup(const QString &guid);
+    /*!
+        Has the server verify group \a guid as VerifyFileGroup() does,
+        without waiting; returns the request id. The records arrive with
+        VerifyFileGroupSg(). An addition to the original interface.
+    */
+    QString VerifyFileGroupAsync(const QString &guid);
+    /*!
         Asks for the location state of group \a guid and the progress of its
         move, without waiting. Returns the request id; the answer arrives with
         queryLocationStateProgressSg().
@@ -630,6 +664,21 @@ signals:
         \a a_sRequestId, the group \a a_guid, \a a_iError and \a a_sErrorString.
     */
     void getTovinFilegroupGuidSg(QString a_sRequestId, QString a_guid, int a_iError, QString a_sErrorString);
+    /*!
+        Reports the reply to GetFileChecksumsAsync(): request id
+        \a a_sRequestId, the \a records as GetFileChecksums() returns them,
+        \a a_iFields texts per file (7), \a a_iError and \a a_sErrorString.
+        An addition to the original interface.
+    */
+    void GetFileChecksumsSg(QString a_sRequestId, QStringList records, int a_iFields, int a_iError,
+                            QString a_sErrorString);
+    /*!
+        Reports the reply to VerifyFileGroupAsync(), with the same
+        parameters as GetFileChecksumsSg(). An addition to the original
+        interface.
+    */
+    void VerifyFileGroupSg(QString a_sRequestId, QStringList records, int a_iFields, int a_iError,
+                           QString a_sErrorString);
 
 private:
     Q_DECLARE_PRIVATE_D(d, KeldaClient)

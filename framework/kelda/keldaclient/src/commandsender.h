@@ -153,6 +153,10 @@ signals:
     void getRemoteStorageLocationReply(QString a_sRequestId, QString a_sRemoteIp, QString a_sRemoteUrl, int a_iError,
                                        QString a_sErrorString);
     void getTovinFilegroupGuidReply(QString a_sRequestId, QString a_sGuid, int a_iError, QString a_sErrorString);
+    void getFileChecksumsReply(QString a_sRequestId, QStringList a_records, int a_iFields, int a_iError,
+                               QString a_sErrorString);
+    void verifyFileGroupReply(QString a_sRequestId, QStringList a_records, int a_iFields, int a_iError,
+                              QString a_sErrorString);
     void si_requestHandled(const QString &a_sRequestId);
 
 public slots:

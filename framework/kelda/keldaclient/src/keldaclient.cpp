@@ -3,7 +3,10 @@
 #include "asynchandler.h"
 #include "cfgcenter.h"
 #include "clientconfig.h"
+#include "commanddescriptors.h"
+#include "commandrequest.h"
 #include "filequery.h"
+#include "keldaxml.h"
 #include "keldaclient_p.h"
 #include "replysignals.h"
 #include "trace.h"
@@ -674,6 +677,40 @@ QString KeldaClient::GetTovinFilegroupGuidAsync(const QString &guid, const QStri
 {
     return d->Async(qualified("GetTovinFilegroupGuidAsync"), QStringLiteral("%1, %2").arg(guid, fileId),
                     [&] { return d->m_sender->GetTovinFilegroupGuid(guid, fileId); });
+}
+
+QStringList KeldaClient::GetFileChecksums(const QString &guid)
+{
+    CommandSender::ReplyValues values;
+    if (!d->Blocking(qualified("GetFileChecksums"), guid, [&] {
+            return d->m_sender->Send(CommandRequest(ReplyKind::GetFileChecksums).SetText(Tag::Guid, guid));
+        }, values))
+        return QStringList();
+    return values.list;
+}
+
+QString KeldaClient::GetFileChecksumsAsync(const QString &guid)
+{
+    return d->Async(qualified("GetFileChecksumsAsync"), guid, [&] {
+        return d->m_sender->Send(CommandRequest(ReplyKind::GetFileChecksums).SetText(Tag::Guid, guid));
+    });
+}
+
+QStringList KeldaClient::VerifyFileGroup(const QString &guid)
+{
+    CommandSender::ReplyValues values;
+    if (!d->Blocking(qualified("VerifyFileGroup"), guid, [&] {
+            return d->m_sender->Send(CommandRequest(ReplyKind::VerifyFileGroup).SetText(Tag::Guid, guid));
+        }, values))
+        return QStringList();
+    return values.list;
+}
+
+QString KeldaClient::VerifyFileGroupAsync(const QString &guid)
+{
+    return d->Async(qualified("VerifyFileGroupAsync"), guid, [&] {
+        return d->m_sender->Send(CommandRequest(ReplyKind::VerifyFileGroup).SetText(Tag::Guid, guid));
+    });
 }
 
 QString KeldaClient::QueryLocationStateProgress(const QString &guid)

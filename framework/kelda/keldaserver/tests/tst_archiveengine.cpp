@@ -1,4 +1,5 @@
 #include "archiveengine.h"
+#include "digestpool.h"
 #include "keldaxml.h"
 #include "postgrescluster.h"
 #include "replyfields.h"
@@ -54,12 +55,16 @@ public:
         request.requestId = command;
         request.fields = fields;
         RequestOutcome outcome;
+        RequestOrigin origin;
+        if (DigestPool::readsFilesFor(command))
+            origin.readings = std::make_shared<const std::vector<FileReading>>(
+                DigestPool::read(m_store, m_layout, request, nullptr));
         if (ArchiveEngine::isReadOnly(command)) {
-            m_engine.handle(request, RequestOrigin(), outcome);
+            m_engine.handle(request, origin, outcome);
             return ReplyFields::read(outcome.reply);
         }
         m_store.savepoint();
-        if (m_engine.handle(request, RequestOrigin(), outcome))
+        if (m_engine.handle(request, origin, outcome))
             m_store.releaseSavepoint();
         else
             m_store.rollbackToSavepoint();

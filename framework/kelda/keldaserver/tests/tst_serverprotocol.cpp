@@ -14,6 +14,7 @@
 #include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QTemporaryDir>
+#include <QCryptographicHash>
 #include <QtTest>
 
 #include <ctime>
@@ -231,11 +232,21 @@ void TestServerProtocol::failedRequestRollsBackOnlyItself()
                               answers.insert(answers.end(), batch->begin(), batch->end());
                           });
     QVERIFY2(worker.open(), qPrintable(worker.errorString()));
-    const auto post = [&worker](const QString &command, QHash<QString, QStringList> fields) {
+    const auto post = [&worker, &guid, &directory](const QString &command, QHash<QString, QStringList> fields) {
         DatabaseJob job;
         job.request.command = command;
         job.request.requestId = command;
         job.request.fields = std::move(fields);
+        // Read as the digest pool would before the job reaches the writer.
+        if (command == QLatin1String("AddFile")) {
+            FileReading reading;
+            reading.guid = guid;
+            reading.directory = directory;
+            reading.name = QStringLiteral("f.bin");
+            reading.found = true;
+            reading.digest = QString::fromLatin1(QCryptographicHash::hash({}, QCryptographicHash::Sha256).toHex());
+            job.origin.readings = std::make_shared<const std::vector<FileReading>>(1, reading);
+        }
         worker.post(std::move(job));
     };
     const QHash<QString, QStringList> create{{QStringLiteral("Guid"), {guid}},

@@ -34,6 +34,7 @@ const char *const Replies[][2] = {
     {"CheckFileGroupExistsReply", "getting QueryLocationStateProgress reply"},
     {"GetRemoteStorageLocationReply", "getting RemoteStorageLocation reply"},
     {"GetTovinFilegroupGuidReply", "getting GetTovinFilegroupGuid reply"}, {"QueryDiskSpaceReply", ""},
+    {"GetFileChecksumsReply", "getting file checksums"}, {"VerifyFileGroupReply", "verifying file group"},
 };
 
 QString T(const char *text)

@@ -71,6 +71,8 @@ constexpr QLatin1String RemoveAllReferences = Latin1Literal("RemoveAllReferences
 constexpr QLatin1String RemoveReference = Latin1Literal("RemoveReference");
 constexpr QLatin1String RequestFile = Latin1Literal("RequestFile");
 constexpr QLatin1String ConvertFileGroupReply = Latin1Literal("ConvertFileGroupReply");
+constexpr QLatin1String GetFileChecksums = Latin1Literal("GetFileChecksums");
+constexpr QLatin1String VerifyFileGroup = Latin1Literal("VerifyFileGroup");
 
 // Reply elements.
 constexpr QLatin1String CreateFileGroupReply = Latin1Literal("CreateFileGroupReply");
@@ -98,6 +100,8 @@ constexpr QLatin1String CheckFileGroupExistsReply = Latin1Literal("CheckFileGrou
 constexpr QLatin1String GetRemoteStorageLocationReply = Latin1Literal("GetRemoteStorageLocationReply");
 constexpr QLatin1String GetTovinFilegroupGuidReply = Latin1Literal("GetTovinFilegroupGuidReply");
 constexpr QLatin1String QueryDiskSpaceReply = Latin1Literal("QueryDiskSpaceReply");
+constexpr QLatin1String GetFileChecksumsReply = Latin1Literal("GetFileChecksumsReply");
+constexpr QLatin1String VerifyFileGroupReply = Latin1Literal("VerifyFileGroupReply");
 
 // Server-side commands and notifications.
 constexpr QLatin1String ConvertFileGroup = Latin1Literal("ConvertFileGroup");
@@ -111,6 +115,7 @@ constexpr QLatin1String ThrowExceptionForTest = Latin1Literal("ThrowExceptionFor
 constexpr QLatin1String MoveIQRecFromTovin = Latin1Literal("MoveIQRecFromTovin");
 
 // Fields.
+constexpr QLatin1String Algorithm = Latin1Literal("Algorithm");
 constexpr QLatin1String Application = Latin1Literal("Application");
 constexpr QLatin1String AttachmentUrl = Latin1Literal("AttachmentUrl");
 constexpr QLatin1String TovinId = Latin1Literal("TovinId");
@@ -129,6 +134,7 @@ constexpr QLatin1String DbId = Latin1Literal("DbId");
 constexpr QLatin1String DeleteArchive = Latin1Literal("DeleteArchive");
 constexpr QLatin1String Detail = Latin1Literal("Detail");
 constexpr QLatin1String DetailSearchText = Latin1Literal("DetailSearchText");
+constexpr QLatin1String Digest = Latin1Literal("Digest");
 constexpr QLatin1String Error = Latin1Literal("Error");
 constexpr QLatin1String ErrorString = Latin1Literal("ErrorString");
 constexpr QLatin1String Exists = Latin1Literal("Exists");
@@ -139,12 +145,14 @@ constexpr QLatin1String FileGroupNameSearchText = Latin1Literal("FileGroupNameSe
 constexpr QLatin1String FileGroupVersion = Latin1Literal("FileGroupVersion");
 constexpr QLatin1String FileId = Latin1Literal("FileId");
 constexpr QLatin1String FileName = Latin1Literal("FileName");
+constexpr QLatin1String FileSize = Latin1Literal("FileSize");
 constexpr QLatin1String Files = Latin1Literal("Files");
 constexpr QLatin1String FileType = Latin1Literal("FileType");
 constexpr QLatin1String FileTypeList = Latin1Literal("FileTypeList");
 constexpr QLatin1String Guid = Latin1Literal("Guid");
 constexpr QLatin1String Hostname = Latin1Literal("Hostname");
 constexpr QLatin1String Id = Latin1Literal("Id");
+constexpr QLatin1String LastCheck = Latin1Literal("LastCheck");
 constexpr QLatin1String LifeCycle = Latin1Literal("LifeCycle");
 constexpr QLatin1String ListOfAskedServers = Latin1Literal("ListOfAskedServers");
 constexpr QLatin1String LocationState = Latin1Literal("LocationState");
