@@ -62,9 +62,6 @@ public:
     // fixity checks (ServerMetrics::countFixity); any thread.
     ServerMetrics &metrics() { return m_metrics; }
 
-    // Told the outcome of each file the background check records, on the
-    // thread that committed it; for the metrics. Set before start().
-
     // Stops accepting, carries out and commits the changes received (reads
     // not yet started are dropped), sends the answers, then closes every
     // connection.
