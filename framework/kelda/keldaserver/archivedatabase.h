@@ -52,10 +52,15 @@ public:
     // writer of a shared database.
     void setHoldsLiveness(bool holds) { m_holdsLiveness = holds; }
 
+    // Whether open() brings the schema up to date or leaves it as found:
+    // a tool that only reads must not upgrade a database that a server of
+    // an earlier build still uses.
+    enum class Schema { Upgrade, AsFound };
+
     // Opens (creating when missing) the database and brings its schema up
     // to date; false with errorString() on failure, and schemaTooNew() when
     // the reason is a schema of a later build.
-    bool open(const DatabaseLocation &location);
+    bool open(const DatabaseLocation &location, Schema schema = Schema::Upgrade);
     // Drops the connection and opens it again, after it was lost.
     bool reopen();
     QString errorString() const { return m_error; }
@@ -74,6 +79,10 @@ public:
                const std::function<void(const ResultRows &)> &row);
     // A statement without values, not kept prepared: for the schema.
     void execute(const QString &sql, KeldaError code);
+    // A change whose rows nobody reads. On PostgreSQL it travels with the
+    // next statement or the COMMIT instead of costing a round trip; should
+    // it fail there, the transaction fails with it.
+    void runLater(const QString &sql, const QVariantList &values, KeldaError code);
 
     void begin();
     bool commit();
@@ -124,6 +133,7 @@ private:
     QString m_commitMarkId;
     bool m_holdsLiveness = false;
     bool m_schemaTooNew = false;
+    Schema m_schema = Schema::Upgrade;
     bool m_connectionLost = false;
     QHash<QString, std::shared_ptr<SqliteStatement>> m_statements;
     // The statement whose rows are being read: ended before the next runs.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "accessrules.h"
 #include "archivestore.h"
 #include "request.h"
 #include "storagelayout.h"
@@ -11,6 +12,7 @@
 #include <QVector>
 
 #include <functional>
+#include <optional>
 #include <vector>
 
 namespace Kelda {
@@ -55,6 +57,11 @@ struct RequestOutcome
     // Failed against another server's concurrent change of the same rows:
     // carry it out again once this transaction is over.
     bool retry = false;
+    // The reply's error code, and whether the ownership rules refused it.
+    KeldaError code = KE_NoError;
+    bool refused = false;
+    // The file the request acted on, when the server chose it.
+    std::optional<qint64> fileId;
 };
 
 // Where a request came from.
@@ -79,6 +86,10 @@ class ArchiveEngine
 public:
     ArchiveEngine(ArchiveStore &store, const StorageLayout &layout);
 
+    // Who may do what; without a call every request is allowed, as for
+    // clients that are not identified.
+    void setAccessRules(const AccessRules &rules) { m_rules = rules; }
+
     // Whether a command only reads; such requests may run beside changes.
     static bool isReadOnly(const QString &command);
 
@@ -102,7 +113,11 @@ private:
 
     StoredGroup requireGroup(const QString &guid);
     void refuseWhileMoving(const StoredGroup &group);
-    void refuseWhileLocked(const QString &guid);
+    void refuseWhileLocked(const QString &guid, const RequestOrigin &origin);
+    // A lock's holder named as far as the caller may see it.
+    QString lockedText(const QString &guid, const LockHolder &holder, const RequestOrigin &origin) const;
+    // The refusal of a change to a group the caller may not change.
+    void requireOwner(const QString &command, const StoredGroup &group, const RequestOrigin &origin) const;
 
     void getBasePath(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
     void createFileGroup(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
@@ -143,6 +158,7 @@ private:
 
     ArchiveStore &m_store;
     StorageLayout m_layout;
+    AccessRules m_rules;
 };
 
 } // namespace Kelda

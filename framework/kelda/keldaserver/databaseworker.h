@@ -1,6 +1,8 @@
 #pragma once
 
+#include "accessrules.h"
 #include "archiveengine.h"
+#include "auditrecord.h"
 #include "connectiongate.h"
 #include "request.h"
 #include "storagelayout.h"
@@ -19,12 +21,14 @@
 
 namespace Kelda {
 
+class AuditTrail;
+
 // Work for a database thread: a request to carry out, a step of a running
-// move, or a nudge to look at the requests held back for their clients'
-// backlogs.
+// move, a nudge to look at the requests held back for their clients'
+// backlogs, or the audit record of a refused read for a writer to keep.
 struct DatabaseJob
 {
-    enum class Kind { Request, MoveProgress, MoveFinished, Wake };
+    enum class Kind { Request, MoveProgress, MoveFinished, Wake, Audit };
     Kind kind = Kind::Request;
     RequestOrigin origin;
     Request request;
@@ -38,6 +42,7 @@ struct DatabaseJob
     QString directory;
     double percent = 0;
     bool ok = false;
+    AuditRecord audit;
 };
 
 // What goes back to the network thread for one job.
@@ -72,6 +77,11 @@ struct DatabaseAnswer
 // Work of a connection that has closed is dropped unstarted; whatever was
 // committed before stays.
 //
+// A writer keeps the audit trail: each change's record is written inside
+// the change's savepoint, so that one is never saved without the other, and
+// a failed or refused change's record after its rollback. A reader hands
+// the records of the reads the ownership rules refused on (see HandOff).
+//
 // On a shared PostgreSQL database a request that lost a deadlock against
 // another server is carried out again in the next transaction. A worker that
 // loses its connection answers every job with an error at once and
@@ -86,6 +96,8 @@ class DatabaseWorker : public QThread
 public:
     enum class Role { Writer, Reader };
     using Delivery = std::function<void(std::shared_ptr<std::vector<DatabaseAnswer>>)>;
+    // A writer hands reads that wait for its commits to the reader; a
+    // reader hands the audit records of refused reads to a writer.
     using HandOff = std::function<void(DatabaseJob)>;
 
     DatabaseWorker(Role role, const DatabaseLocation &database, const QString &instanceId,
@@ -96,6 +108,8 @@ public:
     // and stands for the server; the others only carry out changes. Set
     // before open().
     void setWriterIndex(int index) { m_writerIndex = index; }
+    // Who may do what; set before open().
+    void setAccessRules(const AccessRules &rules) { m_rules = rules; }
 
     // Starts the thread and waits until the database is open; false with
     // errorString() when it cannot be.
@@ -150,7 +164,13 @@ private:
     static bool isDropped(const DatabaseJob &job);
     std::vector<DatabaseJob *> transact(const std::vector<DatabaseJob *> &jobs, bool mayRetry,
                                         std::vector<DatabaseAnswer> &answers);
-    bool carryOutOne(DatabaseJob &job, DatabaseAnswer &answer, std::vector<std::function<void()>> &afterCommit);
+    bool carryOutOne(DatabaseJob &job, DatabaseAnswer &answer, std::vector<std::function<void()>> &afterCommit,
+                     bool mayRetry);
+    // Writes the record of a change that succeeded, inside its savepoint;
+    // false, with the outcome turned into an error, when it cannot.
+    bool recordChange(const DatabaseJob &job, RequestOutcome &outcome);
+    // The record of a request that changed nothing; a failure is traced.
+    void recordUnchanged(const AuditRecord &record);
     bool commitBatch();
     bool ensureConnected();
     bool reconnect();
@@ -158,6 +178,7 @@ private:
 
     const Role m_role;
     int m_writerIndex = 0;
+    AccessRules m_rules;
     const DatabaseLocation m_database;
     const QString m_instanceId;
     const StorageLayout m_layout;
@@ -184,6 +205,7 @@ private:
     std::vector<DatabaseJob> m_heldMoves;
     ArchiveStore *m_store = nullptr;
     ArchiveEngine *m_engine = nullptr;
+    AuditTrail *m_trail = nullptr;
     // Reader only: requests held back per connection, in arrival order.
     std::map<quint64, std::deque<DatabaseJob>> m_held;
     std::atomic<bool> m_abandonReads{false};

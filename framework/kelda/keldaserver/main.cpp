@@ -1,4 +1,5 @@
 #include "archiveserver.h"
+#include "auditcommand.h"
 #include "serveroptions.h"
 #include "signalwatcher.h"
 
@@ -45,6 +46,8 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationName(QStringLiteral("keldaserver"));
     QCoreApplication::setApplicationVersion(QStringLiteral(KELDA_VERSION));
 
+    if (QCoreApplication::arguments().value(1) == AuditCommand::Name)
+        return AuditCommand::run(QCoreApplication::arguments());
     const ServerOptions options = ServerOptions::parse(QCoreApplication::arguments());
     switch (options.action) {
     case ServerOptions::Action::ShowHelp:

@@ -13,6 +13,11 @@ namespace Kelda {
 
 namespace {
 
+const QString kSubcommandsText = QStringLiteral(
+    "\nSubcommands (each with its own --help):\n"
+    "  audit   print the audit trail of the database: keldaserver audit --db FILE|URL\n"
+    "          [--since TIME] [--guid GUID] [--user USER] [--json]\n");
+
 const QString kExitCodesText = QStringLiteral(
     "\nExit codes:\n"
     "  0   stopped by SIGINT or SIGTERM after finishing its work\n"
@@ -238,7 +243,7 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
                                   QString::fromLatin1(limit.valueName));
         parser.addOption(limitOptions.back());
     }
-    options.helpText = parser.helpText() + kExitCodesText;
+    options.helpText = parser.helpText() + kSubcommandsText + kExitCodesText;
 
     if (!parser.parse(arguments))
         return failure(options, parser.errorText());
