@@ -8,6 +8,9 @@
 #include "serverprocess.h"
 
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QSqlDatabase>
 #include <QSqlError>
 #include <QSqlQuery>
@@ -114,6 +117,15 @@ private:
 
 int Direct::s_count = 0;
 
+// What schema_version holds once an archive of version 1 is upgraded.
+QList<int> everyVersion()
+{
+    QList<int> versions;
+    for (int version = 1; version <= ArchiveSchema::Version; ++version)
+        versions.append(version);
+    return versions;
+}
+
 } // namespace
 
 // A version-1 archive is upgraded in place when the server starts on it,
@@ -132,8 +144,12 @@ private slots:
     void newGroupsAreFound();
     void serversStartingTogetherUpgradeOnce();
     void refusesNewerSchema();
+    void auditTrailAdded();
 
 private:
+    // keldaserver audit --json on the database of that base path; its exit
+    // code, and its output in *output.
+    static int audit(const QString &basePath, const DatabaseLocation &location, QByteArray *output);
     QString placeVersion1(const QString &basePath, DatabaseLocation *location);
     QString copyRows(Direct &from, Direct &to);
     ReplyFields ask(const QString &command, const QList<QPair<QLatin1String, QString>> &children);
@@ -198,7 +214,7 @@ void TestServerMigration::initTestCase()
     QVERIFY2(m_server->start(), qPrintable(m_server->errorString()));
     QVERIFY(m_client.connectTo(m_server->port()));
     Direct after(m_database);
-    QCOMPARE(after.versions(), (QList<int>{1, ArchiveSchema::Version}));
+    QCOMPARE(after.versions(), everyVersion());
 }
 
 QString TestServerMigration::copyRows(Direct &from, Direct &to)
@@ -415,7 +431,7 @@ void TestServerMigration::serversStartingTogetherUpgradeOnce()
     QVERIFY2(first.waitUntilReady(), qPrintable(first.errorString()));
     QVERIFY2(second.waitUntilReady(), qPrintable(second.errorString()));
     Direct after(location);
-    QCOMPARE(after.versions(), (QList<int>{1, ArchiveSchema::Version}));
+    QCOMPARE(after.versions(), everyVersion());
 }
 
 void TestServerMigration::refusesNewerSchema()
@@ -436,6 +452,48 @@ void TestServerMigration::refusesNewerSchema()
     QCOMPARE(server.exitCode(), 70);
     Direct after(location);
     QCOMPARE(after.versions(), (QList<int>{1, ArchiveSchema::Version + 1}));
+}
+
+int TestServerMigration::audit(const QString &basePath, const DatabaseLocation &location, QByteArray *output)
+{
+    QString error;
+    const QString db = location.isPostgres() ? ServerProcess::postgresUrl(basePath, &error) : location.file;
+    QProcess program;
+    program.start(ServerProcess::programPath(),
+                  {QStringLiteral("audit"), QStringLiteral("--db"), db, QStringLiteral("--json")});
+    if (!program.waitForFinished(15000))
+        return -1;
+    *output = program.readAllStandardOutput();
+    return program.exitCode();
+}
+
+void TestServerMigration::auditTrailAdded()
+{
+    // Reading the trail of an archive from before it upgrades nothing.
+    const QString untouched = m_folder.filePath(QStringLiteral("untouched"));
+    DatabaseLocation old;
+    const QString error = placeVersion1(untouched, &old);
+    QVERIFY2(error.isEmpty(), qPrintable(error));
+    QByteArray output;
+    QCOMPARE(audit(untouched, old, &output), 70);
+    QCOMPARE(Direct(old).versions(), QList<int>{1});
+
+    // The upgraded one records changes from then on.
+    const QString guid = m_groups.front().guid;
+    const QString application = QStringLiteral("auditor");
+    QCOMPARE(ask(Tag::AddReference, {{Tag::Guid, guid}, {Tag::Application, application}}).error, int(KE_NoError));
+    QCOMPARE(audit(m_server->basePath(), m_database, &output), 0);
+    int recorded = 0;
+    for (const QJsonValue &value : QJsonDocument::fromJson(output).object().value(QStringLiteral("records")).toArray()) {
+        const QJsonObject record = value.toObject();
+        if (record.value(QStringLiteral("application")).toString() != application)
+            continue;
+        ++recorded;
+        QCOMPARE(record.value(QStringLiteral("command")).toString(), QString(Tag::AddReference));
+        QCOMPARE(record.value(QStringLiteral("guid")).toString(), guid);
+        QCOMPARE(record.value(QStringLiteral("result")).toInt(), int(KE_NoError));
+    }
+    QCOMPARE(recorded, 1);
 }
 
 QTEST_GUILESS_MAIN(TestServerMigration)
