@@ -8,13 +8,20 @@ namespace Kelda {
 
 namespace {
 
-// Commands whose UserName is a lock identity rather than a plain user.
-bool carriesLockIdentity(const QString &command)
+// Commands that act in a user's name: without one they claim nobody, which
+// is not the caller either. Any other command's UserName is not read.
+bool claimsUser(const QString &command)
 {
-    return command == Tag::RequestFile || command == Tag::CloseFile;
+    return AccessRules::carriesLockIdentity(command) || command == Tag::CreateFileGroup
+        || command == Tag::CreateTovinFileGroup || command == Tag::MoveToNas;
 }
 
 } // namespace
+
+bool AccessRules::carriesLockIdentity(const QString &command)
+{
+    return command == Tag::RequestFile || command == Tag::CloseFile;
+}
 
 AccessRules::AccessRules(bool identified, const QStringList &admins, const QStringList &converters)
     : m_identified(identified)
@@ -35,7 +42,7 @@ QString AccessRules::applicationOf(const QString &lockIdentity)
 
 std::optional<AccessRules::Refusal> AccessRules::checkClaims(const Request &request, const RequestOrigin &origin) const
 {
-    if (!m_identified || !request.has(Tag::UserName))
+    if (!m_identified || !claimsUser(request.command))
         return std::nullopt;
     const QString claimed = request.text(Tag::UserName);
     const QString user = carriesLockIdentity(request.command) ? userOf(claimed) : claimed;

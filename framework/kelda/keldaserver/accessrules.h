@@ -57,6 +57,8 @@ public:
     // "address|application|user": the user part, and the application part.
     static QString userOf(const QString &lockIdentity);
     static QString applicationOf(const QString &lockIdentity);
+    // Commands whose UserName is a lock identity rather than a plain user.
+    static bool carriesLockIdentity(const QString &command);
 
 private:
     bool m_identified = false;

@@ -71,9 +71,10 @@ void ArchiveDatabase::close()
     QSqlDatabase::removeDatabase(m_connectionName);
 }
 
-bool ArchiveDatabase::open(const DatabaseLocation &location)
+bool ArchiveDatabase::open(const DatabaseLocation &location, Schema schemaUse)
 {
     m_location = location;
+    m_schema = schemaUse;
     m_schemaTooNew = false;
     if (!connect())
         return false;
@@ -81,7 +82,8 @@ bool ArchiveDatabase::open(const DatabaseLocation &location)
     try {
         if (!isPostgres())
             setUpSqlite();
-        schema.update();
+        if (m_schema == Schema::Upgrade)
+            schema.update();
         // A second holder of the same lock would wait for the first forever.
         if (isPostgres() && m_holdsLiveness)
             holdLiveness();
@@ -101,7 +103,7 @@ bool ArchiveDatabase::reopen()
     close();
     m_connectionLost = false;
     m_error.clear();
-    if (open(m_location)) {
+    if (open(m_location, m_schema)) {
         if (m_reconnectCounter)
             ++*m_reconnectCounter;
         return true;
@@ -316,6 +318,14 @@ void ArchiveDatabase::execute(const QString &sql, KeldaError code)
     QSqlQuery query(m_db);
     if (!query.exec(sql))
         throw failure(query.lastError(), code);
+}
+
+void ArchiveDatabase::runLater(const QString &sql, const QVariantList &values, KeldaError code)
+{
+    if (m_session)
+        m_session->defer(m_session->withLiterals(sql, values).toUtf8());
+    else
+        run(sql, values, code).finish();
 }
 
 void ArchiveDatabase::begin()

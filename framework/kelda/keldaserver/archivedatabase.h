@@ -60,10 +60,15 @@ public:
         m_reconnectCounter = reconnects;
     }
 
+    // Whether open() brings the schema up to date or leaves it as found:
+    // a tool that only reads must not upgrade a database that a server of
+    // an earlier build still uses.
+    enum class Schema { Upgrade, AsFound };
+
     // Opens (creating when missing) the database and brings its schema up
     // to date; false with errorString() on failure, and schemaTooNew() when
     // the reason is a schema of a later build.
-    bool open(const DatabaseLocation &location);
+    bool open(const DatabaseLocation &location, Schema schema = Schema::Upgrade);
     // Drops the connection and opens it again, after it was lost.
     bool reopen();
     QString errorString() const { return m_error; }
@@ -82,6 +87,10 @@ public:
                const std::function<void(const ResultRows &)> &row);
     // A statement without values, not kept prepared: for the schema.
     void execute(const QString &sql, KeldaError code);
+    // A change whose rows nobody reads. On PostgreSQL it travels with the
+    // next statement or the COMMIT instead of costing a round trip; should
+    // it fail there, the transaction fails with it.
+    void runLater(const QString &sql, const QVariantList &values, KeldaError code);
 
     void begin();
     bool commit();
@@ -132,6 +141,7 @@ private:
     QString m_commitMarkId;
     bool m_holdsLiveness = false;
     bool m_schemaTooNew = false;
+    Schema m_schema = Schema::Upgrade;
     bool m_connectionLost = false;
     std::atomic<quint64> *m_errorCounter = nullptr;
     std::atomic<quint64> *m_reconnectCounter = nullptr;

@@ -35,6 +35,12 @@ const QLatin1String kManifestName("SHA256SUMS");
     throw RequestFailure{code, text};
 }
 
+void enforce(const std::optional<AccessRules::Refusal> &refusal)
+{
+    if (refusal)
+        throw RequestFailure{refusal->code, refusal->text, false, true};
+}
+
 // Request times travel as UTC "yyyy-MM-dd hh:mm:ss.zzz" (milliseconds
 // optional). Date and clock are read apart: read as one they would be taken
 // for a local time first, and an hour that the local zone skips would not
@@ -54,12 +60,6 @@ std::optional<QDateTime> requestTime(const QString &text)
     if (!date.isValid() || !time.isValid())
         return std::nullopt;
     return QDateTime(date, time, Qt::UTC);
-}
-
-QString lockedText(const QString &guid, const LockHolder &holder)
-{
-    return QStringLiteral("File group %1 is %2 locked by %3")
-        .arg(guid, holder.write ? QStringLiteral("write") : QStringLiteral("read"), holder.holder);
 }
 
 // Removes the named files of a group's directory, regular files only;
@@ -206,10 +206,12 @@ bool ArchiveEngine::handle(const Request &request, const RequestOrigin &origin, 
 {
     const Handler handler = handlerFor(request.command);
     if (!handler) {
+        outcome.code = KE_UnknownReplyCommand;
         outcome.reply = unknownCommandReply(request);
         return false;
     }
     try {
+        enforce(m_rules.checkClaims(request, origin));
         ReplyWriter writer(ReplyWriter::replyElement(request.command), request.requestId);
         (this->*handler)(request, origin, writer, outcome);
         outcome.reply = writer.finish();
@@ -221,6 +223,8 @@ bool ArchiveEngine::handle(const Request &request, const RequestOrigin &origin, 
         outcome = RequestOutcome();
         outcome.reply = ReplyWriter::status(request.command, request.requestId, failure.code, failure.text);
         outcome.retry = failure.retry;
+        outcome.code = failure.code;
+        outcome.refused = failure.refused;
         return false;
     }
 }
@@ -242,15 +246,27 @@ void ArchiveEngine::refuseWhileMoving(const StoredGroup &group)
                QStringLiteral("File group %1 is being moved to network storage").arg(group.data.getGuid()));
 }
 
-void ArchiveEngine::refuseWhileLocked(const QString &guid)
+void ArchiveEngine::refuseWhileLocked(const QString &guid, const RequestOrigin &origin)
 {
     const std::vector<LockHolder> holders = m_store.locks(guid);
     for (const LockHolder &holder : holders) {
         if (holder.write)
-            refuse(KE_FileGroupWriteLocked, lockedText(guid, holder));
+            refuse(KE_FileGroupWriteLocked, lockedText(guid, holder, origin));
     }
     if (!holders.empty())
-        refuse(KE_FileGroupLocked, lockedText(guid, holders.front()));
+        refuse(KE_FileGroupLocked, lockedText(guid, holders.front(), origin));
+}
+
+QString ArchiveEngine::lockedText(const QString &guid, const LockHolder &holder, const RequestOrigin &origin) const
+{
+    return QStringLiteral("File group %1 is %2 locked by %3")
+        .arg(guid, holder.write ? QStringLiteral("write") : QStringLiteral("read"),
+             m_rules.holderAsSeenBy(holder.holder, origin));
+}
+
+void ArchiveEngine::requireOwner(const QString &command, const StoredGroup &group, const RequestOrigin &origin) const
+{
+    enforce(m_rules.checkOwner(command, group.data.getCreator(), origin));
 }
 
 void ArchiveEngine::getBasePath(const Request &, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
@@ -383,7 +399,7 @@ void ArchiveEngine::createTovinFileGroup(const Request &request, const RequestOr
 }
 
 void ArchiveEngine::addFile(const Request &request, const RequestOrigin &origin, ReplyWriter &writer,
-                            RequestOutcome &)
+                            RequestOutcome &outcome)
 {
     const StoredGroup group = requireGroup(request.text(Tag::Guid));
     refuseWhileMoving(group);
@@ -418,6 +434,7 @@ void ArchiveEngine::addFile(const Request &request, const RequestOrigin &origin,
     FileCheck check = checkOfAddedFile(group, name, origin, directory);
     check.fileId = fileId;
     m_store.addFile(guid, fileId, name, now().toMSecsSinceEpoch(), check);
+    outcome.fileId = fileId;
     writer.writeNumber(Tag::FileId, fileId);
     writer.writeStatus(KE_NoError, QString());
 }
@@ -450,7 +467,8 @@ FileCheck ArchiveEngine::checkOfAddedFile(const StoredGroup &group, const QStrin
     return check;
 }
 
-void ArchiveEngine::requestFile(const Request &request, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
+void ArchiveEngine::requestFile(const Request &request, const RequestOrigin &origin, ReplyWriter &writer,
+                                RequestOutcome &)
 {
     const StoredGroup group = requireGroup(request.text(Tag::Guid));
     refuseWhileMoving(group);
@@ -480,9 +498,9 @@ void ArchiveEngine::requestFile(const Request &request, const RequestOrigin &, R
             continue;
         }
         if (other.write)
-            refuse(KE_FileGroupWriteLocked, lockedText(guid, other));
+            refuse(KE_FileGroupWriteLocked, lockedText(guid, other, origin));
         if (write)
-            refuse(KE_FileGroupLocked, lockedText(guid, other));
+            refuse(KE_FileGroupLocked, lockedText(guid, other, origin));
     }
     // A holder's later read request keeps the write lock it has.
     m_store.setLock(guid, holder, write || holdsWrite);
@@ -500,10 +518,11 @@ void ArchiveEngine::closeFile(const Request &request, const RequestOrigin &, Rep
     writer.writeStatus(KE_NoError, QString());
 }
 
-void ArchiveEngine::deleteFile(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+void ArchiveEngine::deleteFile(const Request &request, const RequestOrigin &origin, ReplyWriter &writer,
                                RequestOutcome &outcome)
 {
     const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    requireOwner(request.command, group, origin);
     refuseWhileMoving(group);
     const QString guid = group.data.getGuid();
     const qint64 fileId = request.number(Tag::FileId, -1);
@@ -511,7 +530,7 @@ void ArchiveEngine::deleteFile(const Request &request, const RequestOrigin &, Re
                                                                           : std::nullopt;
     if (!name)
         refuse(KE_FileGroupIdNotFound, QStringLiteral("File group %1 holds no file %2").arg(guid).arg(fileId));
-    refuseWhileLocked(guid);
+    refuseWhileLocked(guid, origin);
     const bool onDisk = !m_layout.rootOf(group.path).isEmpty();
     if (onDisk) {
         const QString refusal = groupFilesRefusal(group.path, {*name}, true);
@@ -528,13 +547,14 @@ void ArchiveEngine::deleteFile(const Request &request, const RequestOrigin &, Re
     writer.writeStatus(KE_NoError, QString());
 }
 
-void ArchiveEngine::deleteFileGroup(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+void ArchiveEngine::deleteFileGroup(const Request &request, const RequestOrigin &origin, ReplyWriter &writer,
                                     RequestOutcome &outcome)
 {
     const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    requireOwner(request.command, group, origin);
     refuseWhileMoving(group);
     const QString guid = group.data.getGuid();
-    refuseWhileLocked(guid);
+    refuseWhileLocked(guid, origin);
     // A shallow delete forgets the group and leaves its files on disk.
     const bool removesFiles = !request.flag(Tag::ShallowDelete) && !m_layout.rootOf(group.path).isEmpty();
     const QStringList files = namesOf(m_store.files(guid));
@@ -763,11 +783,18 @@ QString ArchiveEngine::writeManifest(const ConfinedDirectory &target, const QStr
                                                                                                      : error;
 }
 
-void ArchiveEngine::exportArchive(const Request &request, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
+void ArchiveEngine::exportArchive(const Request &request, const RequestOrigin &origin, ReplyWriter &writer,
+                                  RequestOutcome &)
 {
     const QString requested = request.text(Tag::Path);
     if (requested.trimmed().isEmpty())
         refuse(KE_ExportArchiveFailed, QStringLiteral("The export names no directory"));
+    // All or nothing: a refused group leaves no half-written archive.
+    for (const QString &guid : request.texts(Tag::Guid)) {
+        const std::optional<StoredGroup> group = StorageLayout::isGuid(guid) ? m_store.group(guid) : std::nullopt;
+        if (group)
+            requireOwner(request.command, *group, origin);
+    }
     const QString target = exchangeItem(requested);
     QString error;
     const ConfinedDirectory directory = ConfinedDirectory::open(
@@ -953,9 +980,10 @@ QString ArchiveEngine::importDescription(const QString &description, RequestOutc
     return QString();
 }
 
-void ArchiveEngine::importArchive(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+void ArchiveEngine::importArchive(const Request &request, const RequestOrigin &origin, ReplyWriter &writer,
                                   RequestOutcome &outcome)
 {
+    enforce(m_rules.checkImport(origin));
     // Every path is checked before any is used.
     QStringList items;
     for (const QString &item : request.texts(Tag::Path))
@@ -986,16 +1014,17 @@ void ArchiveEngine::importArchive(const Request &request, const RequestOrigin &,
     writer.writeStatus(KE_NoError, QString());
 }
 
-void ArchiveEngine::moveToNas(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+void ArchiveEngine::moveToNas(const Request &request, const RequestOrigin &origin, ReplyWriter &writer,
                               RequestOutcome &outcome)
 {
     const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    requireOwner(request.command, group, origin);
     const QString guid = group.data.getGuid();
     const LocationState state = group.data.getLocationState();
     if (state != LS_Local && state != LS_Tovin)
         refuse(KE_InvalidLocationStateForCommand,
                QStringLiteral("File group %1 is %2, not local").arg(guid, LocationStateString::GetText(state)));
-    refuseWhileLocked(guid);
+    refuseWhileLocked(guid, origin);
     const MoveOrder order = moveOrder(group);
     // Refused now rather than failing on the mover's thread later: the
     // group stays local and the client hears why.
@@ -1208,9 +1237,10 @@ void ArchiveEngine::getTovinFilegroupGuid(const Request &request, const RequestO
     writer.writeStatus(KE_NoError, QString());
 }
 
-void ArchiveEngine::registerConverter(const Request &request, const RequestOrigin &, ReplyWriter &writer,
+void ArchiveEngine::registerConverter(const Request &request, const RequestOrigin &origin, ReplyWriter &writer,
                                       RequestOutcome &outcome)
 {
+    enforce(m_rules.checkConverter(origin));
     if (request.text(Tag::ConverterId).trimmed().isEmpty())
         refuse(KE_UnknownError, QStringLiteral("The converter has no id"));
     for (const QString &text : request.texts(Tag::FileType)) {

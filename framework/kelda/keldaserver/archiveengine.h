@@ -1,5 +1,6 @@
 #pragma once
 
+#include "accessrules.h"
 #include "archivestore.h"
 #include "commanddescriptors.h"
 #include "filereading.h"
@@ -14,6 +15,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace Kelda {
@@ -58,6 +60,11 @@ struct RequestOutcome
     // Failed against another server's concurrent change of the same rows:
     // carry it out again once this transaction is over.
     bool retry = false;
+    // The reply's error code, and whether the ownership rules refused it.
+    KeldaError code = KE_NoError;
+    bool refused = false;
+    // The file the request acted on, when the server chose it.
+    std::optional<qint64> fileId;
 };
 
 // Where a request came from.
@@ -92,6 +99,10 @@ public:
 
     // Whether this server carries out the command.
     static bool isKnown(const QString &command) { return handlerFor(command) != nullptr; }
+    // Who may do what; without a call every request is allowed, as for
+    // clients that are not identified.
+    void setAccessRules(const AccessRules &rules) { m_rules = rules; }
+
     // Whether a command only reads; such requests may run beside changes.
     static bool isReadOnly(const QString &command);
 
@@ -126,7 +137,11 @@ private:
 
     StoredGroup requireGroup(const QString &guid);
     void refuseWhileMoving(const StoredGroup &group);
-    void refuseWhileLocked(const QString &guid);
+    void refuseWhileLocked(const QString &guid, const RequestOrigin &origin);
+    // A lock's holder named as far as the caller may see it.
+    QString lockedText(const QString &guid, const LockHolder &holder, const RequestOrigin &origin) const;
+    // The refusal of a change to a group the caller may not change.
+    void requireOwner(const QString &command, const StoredGroup &group, const RequestOrigin &origin) const;
 
     void getBasePath(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
     void createFileGroup(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
@@ -179,6 +194,7 @@ private:
 
     ArchiveStore &m_store;
     StorageLayout m_layout;
+    AccessRules m_rules;
 };
 
 } // namespace Kelda

@@ -115,12 +115,14 @@ const QString kUpgradeLockTimeout = QStringLiteral("SET LOCAL lock_timeout = '30
 const QString ArchiveSchema::GroupTextIndex = QStringLiteral("file_groups_text");
 const QString ArchiveSchema::LockTextIndex = QStringLiteral("group_locks_text");
 const QString ArchiveSchema::ReferenceTextIndex = QStringLiteral("group_references_text");
+const QString ArchiveSchema::AuditTable = QStringLiteral("audit_records");
 
 // Steps[v] brings version v to v + 1.
 const ArchiveSchema::Step ArchiveSchema::Steps[] = {
     &ArchiveSchema::createVersion1,
     &ArchiveSchema::indexSearchCriteria,
     &ArchiveSchema::recordFileDigests,
+    &ArchiveSchema::createAuditTrail,
 };
 
 ArchiveSchema::ArchiveSchema(ArchiveDatabase &database)
@@ -229,6 +231,19 @@ void ArchiveSchema::recordFileDigests()
 {
     for (const QString &statement : kFileDigests)
         run(statement);
+}
+
+void ArchiveSchema::createAuditTrail()
+{
+    // Only ever appended to, in the transaction of the change it records;
+    // the id keeps the order records were written in.
+    const QString id = m_db.isPostgres() ? QStringLiteral("BIGSERIAL PRIMARY KEY") : QStringLiteral("INTEGER PRIMARY KEY");
+    run(QStringLiteral("CREATE TABLE %1 (id %2,"
+                       " at_ms BIGINT NOT NULL, peer_address TEXT NOT NULL, certificate_user TEXT,"
+                       " claimed_user TEXT NOT NULL, application TEXT NOT NULL, command TEXT NOT NULL,"
+                       " guid TEXT NOT NULL, file_id BIGINT, result INTEGER NOT NULL)")
+            .arg(AuditTable, id));
+    run(QStringLiteral("CREATE INDEX %1_time ON %1 (at_ms)").arg(AuditTable));
 }
 
 void ArchiveSchema::rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,

@@ -20,13 +20,15 @@ class ArchiveSchema
 {
 public:
     // The version this build writes; adding one means adding its step.
-    static constexpr int Version = 3;
+    static constexpr int Version = 4;
 
     // SQLite's trigram indexes: FTS5 tables over the search keys, whose
     // rowid is the id of the row they index.
     static const QString GroupTextIndex;
     static const QString LockTextIndex;
     static const QString ReferenceTextIndex;
+    // Who changed what, and who was refused: see AuditTrail.
+    static const QString AuditTable;
 
     explicit ArchiveSchema(ArchiveDatabase &database);
 
@@ -34,17 +36,19 @@ public:
     // newer than Version.
     void update();
     bool tooNew() const { return m_tooNew; }
+    // The version the database holds, 0 for none; throws RequestFailure.
+    int storedVersion();
 
 private:
     using Step = void (ArchiveSchema::*)();
     static const Step Steps[];
 
     void upgrade();
-    int storedVersion();
     void createVersion1();
     void indexSearchCriteria();
     void recordFileDigests();
     void ensureTrigramIndexes();
+    void createAuditTrail();
 
     void rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,
                            const QStringList &indexes);

@@ -70,6 +70,7 @@ bool ArchiveServer::openDatabase()
             post([&](Outbox &outbox) { outbox.answers.emplace_back(std::move(answers), fromWriter); });
         };
     };
+    const AccessRules rules(m_options.tls.identifiesClients(), m_options.admins, m_options.converters);
     // The first writer creates the tables; the others and the reader open
     // them after it.
     const int writers = m_options.database.isPostgres() ? PostgresWriters : 1;
@@ -81,15 +82,21 @@ bool ArchiveServer::openDatabase()
                                                        });
         writer->setWriterIndex(index);
         writer->setTroubleCounters(&m_metrics.databaseErrors, &m_metrics.databaseReconnects);
+        writer->setAccessRules(rules);
         m_writers.push_back(std::move(writer));
         if (!m_writers.back()->open()) {
             m_error = m_writers.back()->errorString();
             return false;
         }
     }
+    // A writer keeps the records of refused reads: the reader writes
+    // nothing.
+    DatabaseWorker *recorder = m_writers.front().get();
     m_reader = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Reader, m_options.database, m_instanceId,
-                                                layout, delivery(false));
+                                                layout, delivery(false),
+                                                [recorder](DatabaseJob job) { recorder->post(std::move(job)); });
     m_reader->setTroubleCounters(&m_metrics.databaseErrors, &m_metrics.databaseReconnects);
+    m_reader->setAccessRules(rules);
     if (!m_reader->open()) {
         m_error = m_reader->errorString();
         return false;

@@ -1,5 +1,6 @@
 #include "databaseworker.h"
 
+#include "audittrail.h"
 #include "keldaxml.h"
 #include "replywriter.h"
 #include "requestfailure.h"
@@ -18,6 +19,7 @@ namespace {
 const char kSource[] = "framework/kelda/keldaserver/databaseworker";
 const QString kUnreachable = QStringLiteral("The archive database is not reachable; the server keeps trying");
 const QString kUnsaved = QStringLiteral("The change could not be saved");
+const QString kUnrecorded = QStringLiteral("The change could not be recorded in the audit trail");
 }
 
 DatabaseWorker::DatabaseWorker(Role role, const DatabaseLocation &database, const QString &instanceId,
@@ -133,6 +135,8 @@ void DatabaseWorker::serve()
     }
     store.database().setTroubleCounters(m_errorCounter, m_reconnectCounter);
     ArchiveEngine engine(store, m_layout);
+    engine.setAccessRules(m_rules);
+    AuditTrail trail(store.database());
     const bool opened = store.open(m_database);
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -156,6 +160,7 @@ void DatabaseWorker::serve()
         return;
     m_store = &store;
     m_engine = &engine;
+    m_trail = &trail;
     for (;;) {
         if (!m_heldMoves.empty() && !store.connectionLost()) {
             for (DatabaseJob &job : m_heldMoves)
@@ -185,6 +190,7 @@ void DatabaseWorker::serve()
     }
     m_store = nullptr;
     m_engine = nullptr;
+    m_trail = nullptr;
 }
 
 bool DatabaseWorker::ensureConnected()
@@ -341,6 +347,12 @@ QByteArray DatabaseWorker::readOne(const DatabaseJob &job)
     } catch (const RequestFailure &failure) {
         outcome.reply = ReplyWriter::status(job.request.command, job.request.requestId, failure.code, failure.text);
     }
+    if (outcome.refused && m_handOff) {
+        DatabaseJob record;
+        record.kind = DatabaseJob::Kind::Audit;
+        record.audit = AuditRecord::of(job.request, job.origin, outcome.code);
+        m_handOff(std::move(record));
+    }
     return outcome.reply;
 }
 
@@ -430,7 +442,7 @@ std::vector<DatabaseJob *> DatabaseWorker::transact(const std::vector<DatabaseJo
     std::vector<bool> again(jobs.size(), false);
     std::vector<std::function<void()>> afterCommit;
     for (size_t i = 0; i < jobs.size() && !m_store->connectionLost(); ++i)
-        again[i] = !carryOutOne(*jobs[i], done[i], afterCommit) && mayRetry;
+        again[i] = !carryOutOne(*jobs[i], done[i], afterCommit, mayRetry) && mayRetry;
     if (m_store->connectionLost() || !commitBatch()) {
         Q_TRACE_FAILURE(kSource, QStringLiteral("Commit failed: %1").arg(m_store->errorString()));
         // Nothing of this transaction is saved: no job may be confirmed.
@@ -490,8 +502,32 @@ bool DatabaseWorker::commitBatch()
     return false;
 }
 
+bool DatabaseWorker::recordChange(const DatabaseJob &job, RequestOutcome &outcome)
+{
+    try {
+        m_trail->write(AuditRecord::of(job.request, job.origin, outcome.code, outcome.fileId));
+        return true;
+    } catch (const RequestFailure &failure) {
+        Q_TRACE_FAILURE(kSource, QStringLiteral("%1: %2").arg(kUnrecorded, failure.text));
+        outcome = RequestOutcome();
+        outcome.code = KE_DatabaseNotAvailable;
+        outcome.reply = ReplyWriter::status(job.request.command, job.request.requestId, outcome.code, kUnrecorded);
+        return false;
+    }
+}
+
+void DatabaseWorker::recordUnchanged(const AuditRecord &record)
+{
+    try {
+        m_trail->write(record);
+    } catch (const RequestFailure &failure) {
+        Q_TRACE_FAILURE(kSource, QStringLiteral("Cannot record %1 from %2 in the audit trail: %3")
+                                     .arg(record.command, record.peerAddress, failure.text));
+    }
+}
+
 bool DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
-                                 std::vector<std::function<void()>> &afterCommit)
+                                 std::vector<std::function<void()>> &afterCommit, bool mayRetry)
 {
     answer.connectionId = job.origin.connectionId;
     answer.sequence = job.origin.sequence;
@@ -507,7 +543,7 @@ bool DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
     try {
         switch (job.kind) {
         case DatabaseJob::Kind::Request:
-            ok = m_engine->handle(job.request, job.origin, outcome);
+            ok = m_engine->handle(job.request, job.origin, outcome) && recordChange(job, outcome);
             break;
         case DatabaseJob::Kind::MoveProgress:
             m_engine->moveProgressed(job.guid, job.percent);
@@ -520,6 +556,9 @@ bool DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
             break;
         case DatabaseJob::Kind::Wake:
         case DatabaseJob::Kind::Ping:
+            break;
+        case DatabaseJob::Kind::Audit:
+            m_trail->write(job.audit);
             break;
         }
     } catch (const RequestFailure &failure) {
@@ -534,6 +573,9 @@ bool DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
     } catch (const RequestFailure &failure) {
         Q_TRACE_FAILURE(kSource, failure.text);
     }
+    // A request that will run again is recorded when it has run for good.
+    if (!ok && job.kind == DatabaseJob::Kind::Request && !(outcome.retry && mayRetry))
+        recordUnchanged(AuditRecord::of(job.request, job.origin, outcome.code));
     answer.reply = std::move(outcome.reply);
     if (!ok)
         return !outcome.retry;

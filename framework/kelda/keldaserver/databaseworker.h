@@ -1,6 +1,8 @@
 #pragma once
 
+#include "accessrules.h"
 #include "archiveengine.h"
+#include "auditrecord.h"
 #include "connectiongate.h"
 #include "request.h"
 #include "storagelayout.h"
@@ -19,12 +21,15 @@
 
 namespace Kelda {
 
+class AuditTrail;
+
 // Work for a database thread: a request to carry out, a step of a running
 // move, a nudge to look at the requests held back for their clients'
-// backlogs, or (for a reader) a look whether the database answers.
+// backlogs, (for a reader) a look whether the database answers, or the
+// audit record of a refused read for a writer to keep.
 struct DatabaseJob
 {
-    enum class Kind { Request, MoveProgress, MoveFinished, RecordReadings, Wake, Ping };
+    enum class Kind { Request, MoveProgress, MoveFinished, RecordReadings, Wake, Ping, Audit };
     Kind kind = Kind::Request;
     RequestOrigin origin;
     Request request;
@@ -43,6 +48,7 @@ struct DatabaseJob
     // RecordReadings: told what was recorded of the files in
     // origin.readings once it is committed (on the database thread).
     std::function<void(const std::vector<FileCheck> &)> recorded;
+    AuditRecord audit;
 };
 
 // What goes back to the network thread for one job.
@@ -77,6 +83,11 @@ struct DatabaseAnswer
 // Work of a connection that has closed is dropped unstarted; whatever was
 // committed before stays.
 //
+// A writer keeps the audit trail: each change's record is written inside
+// the change's savepoint, so that one is never saved without the other, and
+// a failed or refused change's record after its rollback. A reader hands
+// the records of the reads the ownership rules refused on (see HandOff).
+//
 // On a shared PostgreSQL database a request that lost a deadlock against
 // another server is carried out again in the next transaction. A worker that
 // loses its connection answers every job with an error at once and
@@ -91,6 +102,8 @@ class DatabaseWorker : public QThread
 public:
     enum class Role { Writer, Reader };
     using Delivery = std::function<void(std::shared_ptr<std::vector<DatabaseAnswer>>)>;
+    // A writer hands reads that wait for its commits to the reader; a
+    // reader hands the audit records of refused reads to a writer.
     using HandOff = std::function<void(DatabaseJob)>;
 
     DatabaseWorker(Role role, const DatabaseLocation &database, const QString &instanceId,
@@ -108,6 +121,8 @@ public:
         m_errorCounter = errors;
         m_reconnectCounter = reconnects;
     }
+    // Who may do what; set before open().
+    void setAccessRules(const AccessRules &rules) { m_rules = rules; }
 
     // Starts the thread and waits until the database is open; false with
     // errorString() when it cannot be.
@@ -166,7 +181,13 @@ private:
     static bool isDropped(const DatabaseJob &job);
     std::vector<DatabaseJob *> transact(const std::vector<DatabaseJob *> &jobs, bool mayRetry,
                                         std::vector<DatabaseAnswer> &answers);
-    bool carryOutOne(DatabaseJob &job, DatabaseAnswer &answer, std::vector<std::function<void()>> &afterCommit);
+    bool carryOutOne(DatabaseJob &job, DatabaseAnswer &answer, std::vector<std::function<void()>> &afterCommit,
+                     bool mayRetry);
+    // Writes the record of a change that succeeded, inside its savepoint;
+    // false, with the outcome turned into an error, when it cannot.
+    bool recordChange(const DatabaseJob &job, RequestOutcome &outcome);
+    // The record of a request that changed nothing; a failure is traced.
+    void recordUnchanged(const AuditRecord &record);
     bool commitBatch();
     void recordReadings(const DatabaseJob &job, RequestOutcome &outcome);
     bool ensureConnected();
@@ -177,6 +198,7 @@ private:
     int m_writerIndex = 0;
     std::atomic<quint64> *m_errorCounter = nullptr;
     std::atomic<quint64> *m_reconnectCounter = nullptr;
+    AccessRules m_rules;
     const DatabaseLocation m_database;
     const QString m_instanceId;
     const StorageLayout m_layout;
@@ -203,6 +225,7 @@ private:
     std::vector<DatabaseJob> m_heldMoves;
     ArchiveStore *m_store = nullptr;
     ArchiveEngine *m_engine = nullptr;
+    AuditTrail *m_trail = nullptr;
     // Reader only: requests held back per connection, in arrival order.
     std::map<quint64, std::deque<DatabaseJob>> m_held;
     std::atomic<bool> m_abandonReads{false};

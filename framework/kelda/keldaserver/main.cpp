@@ -1,6 +1,7 @@
 #include "archiveserver.h"
 #include "backupcommand.h"
 #include "restorecommand.h"
+#include "auditcommand.h"
 #include "serveroptions.h"
 #include "signalwatcher.h"
 
@@ -52,6 +53,8 @@ int main(int argc, char *argv[])
         return BackupCommand::run(arguments);
     if (arguments.value(1) == QLatin1String("restore"))
         return RestoreCommand::run(arguments);
+    if (arguments.value(1) == AuditCommand::Name)
+        return AuditCommand::run(arguments);
     const ServerOptions options = ServerOptions::parse(arguments);
     switch (options.action) {
     case ServerOptions::Action::ShowHelp:

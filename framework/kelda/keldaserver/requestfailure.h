@@ -17,6 +17,9 @@ struct RequestFailure
     // Lost to another server's concurrent change (deadlock, serialization):
     // worth carrying out again in a later transaction.
     bool retry = false;
+    // Refused by the ownership rules rather than failed: recorded in the
+    // audit trail even when the request only reads.
+    bool refused = false;
 };
 
 } // namespace Kelda

@@ -5,12 +5,20 @@
 #include "testcertificates.h"
 
 #include <QDeadlineTimer>
+#include <QFile>
+#include <QSslKey>
 #include <QSslConfiguration>
 #include <QtEndian>
 
+void RawClient::setIdentity(const QString &certificate, const QString &key)
+{
+    m_certificate = certificate;
+    m_key = key;
+}
+
 bool RawClient::connectTo(quint16 port, int timeoutMs)
 {
-    if (!ServerProcess::usesTls()) {
+    if (!ServerProcess::usesTls() && m_certificate.isEmpty()) {
         m_socket.connectToHost(QStringLiteral("127.0.0.1"), port);
         return m_socket.waitForConnected(timeoutMs);
     }
@@ -19,6 +27,15 @@ bool RawClient::connectTo(quint16 port, int timeoutMs)
         return false;
     QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
     tls.setCaCertificates(QSslCertificate::fromPath(certificates->authority()));
+    if (!m_certificate.isEmpty()) {
+        tls.setLocalCertificate(QSslCertificate::fromPath(m_certificate).value(0));
+        QFile file(m_key);
+        if (!file.open(QIODevice::ReadOnly))
+            return false;
+        const QByteArray pem = file.readAll();
+        const QSslKey key(pem, QSsl::Ec);
+        tls.setPrivateKey(key.isNull() ? QSslKey(pem, QSsl::Rsa) : key);
+    }
     m_socket.setSslConfiguration(tls);
     m_socket.connectToHostEncrypted(QStringLiteral("127.0.0.1"), port);
     return m_socket.waitForEncrypted(timeoutMs);

@@ -10,6 +10,9 @@
 class RawClient
 {
 public:
+    // TLS with this client certificate, whatever the test run's transport;
+    // call before connectTo().
+    void setIdentity(const QString &certificate, const QString &key);
     bool connectTo(quint16 port, int timeoutMs = 10000);
     void sendFrame(const QByteArray &payload);
     void sendBytes(const QByteArray &bytes);
@@ -25,4 +28,6 @@ private:
     // Plain TCP unless the test runs over TLS.
     QSslSocket m_socket;
     QByteArray m_input;
+    QString m_certificate;
+    QString m_key;
 };

@@ -42,6 +42,13 @@ Request request(QLatin1String command, const QString &userName, bool writeLock =
     return r;
 }
 
+Request unnamed(QLatin1String command)
+{
+    Request r;
+    r.command = command;
+    return r;
+}
+
 const AccessRules kRules(true, {QStringLiteral("root")}, {QStringLiteral("audio")});
 
 } // namespace
@@ -65,6 +72,8 @@ void TestAccessRules::claims_data()
                                               << int(KE_NoWritePermission);
     QTest::newRow("a user part with bars") << true << request(Tag::CloseFile, QStringLiteral("a|b|alice|x"))
                                            << int(KE_NoWritePermission);
+    QTest::newRow("a new group naming nobody") << true << unnamed(Tag::CreateFileGroup) << int(KE_NoWritePermission);
+    QTest::newRow("a query naming someone") << true << request(Tag::QueryFileGroups, QStringLiteral("bob")) << 0;
     QTest::newRow("not identified") << false << request(Tag::CreateFileGroup, QStringLiteral("bob")) << 0;
 }
 

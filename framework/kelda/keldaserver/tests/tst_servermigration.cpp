@@ -8,6 +8,9 @@
 #include "serverprocess.h"
 
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QSqlDatabase>
 #include <QSqlError>
 #include <QSqlQuery>
@@ -150,8 +153,12 @@ private slots:
     void newGroupsAreFound();
     void serversStartingTogetherUpgradeOnce();
     void refusesNewerSchema();
+    void auditTrailAdded();
 
 private:
+    // keldaserver audit --json on the database of that base path; its exit
+    // code, and its output in *output.
+    static int audit(const QString &basePath, const DatabaseLocation &location, QByteArray *output);
     QString placeVersion1(const QString &basePath, DatabaseLocation *location);
     QString copyRows(Direct &from, Direct &to);
     ReplyFields ask(const QString &command, const QList<QPair<QLatin1String, QString>> &children);
@@ -468,6 +475,48 @@ void TestServerMigration::refusesNewerSchema()
     QCOMPARE(server.exitCode(), 70);
     Direct after(location);
     QCOMPARE(after.versions(), (QList<int>{1, ArchiveSchema::Version + 1}));
+}
+
+int TestServerMigration::audit(const QString &basePath, const DatabaseLocation &location, QByteArray *output)
+{
+    QString error;
+    const QString db = location.isPostgres() ? ServerProcess::postgresUrl(basePath, &error) : location.file;
+    QProcess program;
+    program.start(ServerProcess::programPath(),
+                  {QStringLiteral("audit"), QStringLiteral("--db"), db, QStringLiteral("--json")});
+    if (!program.waitForFinished(15000))
+        return -1;
+    *output = program.readAllStandardOutput();
+    return program.exitCode();
+}
+
+void TestServerMigration::auditTrailAdded()
+{
+    // Reading the trail of an archive from before it upgrades nothing.
+    const QString untouched = m_folder.filePath(QStringLiteral("untouched"));
+    DatabaseLocation old;
+    const QString error = placeVersion1(untouched, &old);
+    QVERIFY2(error.isEmpty(), qPrintable(error));
+    QByteArray output;
+    QCOMPARE(audit(untouched, old, &output), 70);
+    QCOMPARE(Direct(old).versions(), QList<int>{1});
+
+    // The upgraded one records changes from then on.
+    const QString guid = m_groups.front().guid;
+    const QString application = QStringLiteral("auditor");
+    QCOMPARE(ask(Tag::AddReference, {{Tag::Guid, guid}, {Tag::Application, application}}).error, int(KE_NoError));
+    QCOMPARE(audit(m_server->basePath(), m_database, &output), 0);
+    int recorded = 0;
+    for (const QJsonValue &value : QJsonDocument::fromJson(output).object().value(QStringLiteral("records")).toArray()) {
+        const QJsonObject record = value.toObject();
+        if (record.value(QStringLiteral("application")).toString() != application)
+            continue;
+        ++recorded;
+        QCOMPARE(record.value(QStringLiteral("command")).toString(), QString(Tag::AddReference));
+        QCOMPARE(record.value(QStringLiteral("guid")).toString(), guid);
+        QCOMPARE(record.value(QStringLiteral("result")).toInt(), int(KE_NoError));
+    }
+    QCOMPARE(recorded, 1);
 }
 
 QTEST_GUILESS_MAIN(TestServerMigration)

@@ -5,17 +5,48 @@
 #include "keldaclient.h"
 #include "keldaxml.h"
 #include "rawclient.h"
+#include "replyfields.h"
 #include "serverprocess.h"
 #include "testcertificates.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QTemporaryDir>
+#include <QUuid>
 #include <QtTest>
+
+#include <algorithm>
+#include <set>
 
 using namespace Kelda;
 using namespace E2e;
 
+namespace {
+
+// What a user does to alice's group in the ownership cases.
+enum class Action { DeleteGroup, DeleteFile, MoveToNas, Export, Import, ReleaseLock, WriteLock, ReadLock, Register };
+
+const QString kApplication = QStringLiteral("tests");
+const QString kAlice = QStringLiteral("alice");
+
+QString element(QLatin1String name, const QString &value)
+{
+    return QStringLiteral("<m:%1>%2</m:%1>").arg(name, value.toHtmlEscaped());
+}
+
+QString lockIdentity(const QString &user)
+{
+    return QStringLiteral("127.0.0.1|%1|%2").arg(kApplication, user);
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(Action)
+
 // Who may use the archive: TLS with the server's and the clients'
-// certificates, and the networks clients may come from.
+// certificates, the networks clients may come from, who may change whose
+// groups, and the audit trail of it all.
 class TestServerSecurity : public QObject
 {
     Q_OBJECT
@@ -27,8 +58,29 @@ private slots:
     void handshake();
     void allowList_data();
     void allowList();
+    void ownership_data();
+    void ownership();
+    void auditAfterKill();
 
 private:
+    // A connection identified by the user's certificate; null when it
+    // cannot be made.
+    std::unique_ptr<RawClient> connectAs(quint16 port, const QString &user);
+    static ReplyFields call(RawClient &client, QLatin1String command, const QString &children);
+    // alice's group with the file "f.bin" (id 1); empty on failure.
+    static QString createGroup(RawClient &client, const QString &user);
+    // A request of the action, and the user it claims (empty for none).
+    struct Step
+    {
+        QLatin1String command;
+        QString children;
+        QString claimed;
+    };
+    static Step stepOf(Action action, const QString &guid, const QString &claimed);
+    // The records keldaserver audit --json prints for these arguments.
+    static QJsonArray audit(const ServerProcess &server, const QStringList &arguments);
+    static QString databaseOf(const ServerProcess &server);
+
     // A client of the library with these TLS files, given a few seconds.
     std::unique_ptr<KeldaClient> clientWith(quint16 port, const QString &caFile, const QString &user,
                                             bool foreign = false);
@@ -178,6 +230,219 @@ void TestServerSecurity::allowList()
     if (!served)
         QTRY_VERIFY_WITH_TIMEOUT(traces().contains(QStringLiteral("Refused client %1").arg(QString::fromLatin1(from))),
                                  5000);
+    server.stop();
+}
+
+std::unique_ptr<RawClient> TestServerSecurity::connectAs(quint16 port, const QString &user)
+{
+    auto client = std::make_unique<RawClient>();
+    client->setIdentity(m_certificates->userCertificate(user), m_certificates->userKey(user));
+    return client->connectTo(port) ? std::move(client) : nullptr;
+}
+
+ReplyFields TestServerSecurity::call(RawClient &client, QLatin1String command, const QString &children)
+{
+    client.sendFrame(RawClient::request(command, QUuid::createUuid().toString(QUuid::WithoutBraces), children));
+    return ReplyFields::read(client.receive(Wait));
+}
+
+QString TestServerSecurity::createGroup(RawClient &client, const QString &user)
+{
+    const QString guid = QUuid::createUuid().toString(QUuid::WithoutBraces);
+    const ReplyFields created = call(
+        client, Tag::CreateFileGroup,
+        element(Tag::Guid, guid) + element(Tag::FileGroupName, QStringLiteral("owned"))
+            + element(Tag::FileType, QString::number(FT_Image))
+            + element(Tag::LifeCycle, QStringLiteral("2030-01-01 00:00:00.000")) + element(Tag::UserName, user)
+            + element(Tag::TeamMembership, QStringLiteral("team")));
+    if (created.error != KE_NoError
+        || !writeFile(QDir(created.value(Tag::Path)).filePath(QStringLiteral("f.bin")), "data"))
+        return QString();
+    const ReplyFields added = call(client, Tag::AddFile,
+                                   element(Tag::Guid, guid) + element(Tag::FileName, QStringLiteral("f.bin"))
+                                       + element(Tag::FileId, QStringLiteral("1")));
+    return added.error == KE_NoError ? guid : QString();
+}
+
+TestServerSecurity::Step TestServerSecurity::stepOf(Action action, const QString &guid, const QString &claimed)
+{
+    const QString group = element(Tag::Guid, guid);
+    const QString file = group + element(Tag::FileId, QStringLiteral("1"));
+    switch (action) {
+    case Action::DeleteGroup:
+        return {Tag::DeleteFileGroup, group + element(Tag::ShallowDelete, QStringLiteral("false")), QString()};
+    case Action::DeleteFile:
+        return {Tag::DeleteFile, file, QString()};
+    case Action::MoveToNas:
+        return {Tag::MoveToNas, group + element(Tag::UserName, claimed), claimed};
+    case Action::Export:
+        return {Tag::ExportArchive, element(Tag::Path, QStringLiteral("out")) + group, QString()};
+    case Action::Import:
+        return {Tag::ImportArchive, element(Tag::Path, QStringLiteral("in")), QString()};
+    case Action::ReleaseLock:
+        return {Tag::CloseFile,
+                group + element(Tag::FileId, QStringLiteral("-1")) + element(Tag::UserName, lockIdentity(claimed)),
+                claimed};
+    case Action::WriteLock:
+    case Action::ReadLock:
+        return {Tag::RequestFile,
+                file + element(Tag::WriteLock, QLatin1String(action == Action::WriteLock ? "true" : "false"))
+                    + element(Tag::UserName, lockIdentity(claimed)),
+                claimed};
+    case Action::Register:
+        return {Tag::RegisterConverter,
+                element(Tag::ConverterId, QStringLiteral("conv")) + element(Tag::FileType, QString::number(FT_Image)),
+                QString()};
+    }
+    return {};
+}
+
+QString TestServerSecurity::databaseOf(const ServerProcess &server)
+{
+    QString error;
+    return ServerProcess::usesPostgres() ? ServerProcess::postgresUrl(server.basePath(), &error)
+                                         : QDir(server.basePath()).filePath(QStringLiteral("keldaserver.sqlite"));
+}
+
+QJsonArray TestServerSecurity::audit(const ServerProcess &server, const QStringList &arguments)
+{
+    QProcess program;
+    program.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    program.start(ServerProcess::programPath(), QStringList{QStringLiteral("audit"), QStringLiteral("--db"),
+                                                            databaseOf(server), QStringLiteral("--json")}
+                                                    + arguments);
+    if (!program.waitForFinished(Wait) || program.exitCode() != 0)
+        return QJsonArray();
+    return QJsonDocument::fromJson(program.readAllStandardOutput()).object().value(QStringLiteral("records")).toArray();
+}
+
+void TestServerSecurity::ownership_data()
+{
+    QTest::addColumn<QString>("user");    // whose certificate
+    QTest::addColumn<QString>("claimed"); // the user the request names
+    QTest::addColumn<Action>("action");
+    QTest::addColumn<int>("code");
+    const QString bob = QStringLiteral("bob");
+    const QString root = QStringLiteral("root");
+    QTest::newRow("another user deletes the group") << bob << bob << Action::DeleteGroup << int(KE_NoWritePermission);
+    QTest::newRow("another user deletes a file") << bob << bob << Action::DeleteFile << int(KE_NoWritePermission);
+    QTest::newRow("another user moves the group") << bob << bob << Action::MoveToNas << int(KE_NoWritePermission);
+    QTest::newRow("another user exports the group") << bob << bob << Action::Export << int(KE_NoWritePermission);
+    QTest::newRow("another user releases the lock") << bob << kAlice << Action::ReleaseLock
+                                                    << int(KE_NoWritePermission);
+    QTest::newRow("a forged write lock") << bob << kAlice << Action::WriteLock << int(KE_NoWritePermission);
+    QTest::newRow("a forged read lock") << bob << kAlice << Action::ReadLock << int(KE_NoReadPermission);
+    QTest::newRow("another user's own read lock") << bob << bob << Action::ReadLock << int(KE_FileGroupWriteLocked);
+    QTest::newRow("a converter not listed") << bob << bob << Action::Register << int(KE_NoWritePermission);
+    QTest::newRow("a user imports") << kAlice << kAlice << Action::Import << int(KE_NoWritePermission);
+    QTest::newRow("the creator deletes a file") << kAlice << kAlice << Action::DeleteFile << int(KE_NoError);
+    QTest::newRow("the creator releases the lock") << kAlice << kAlice << Action::ReleaseLock << int(KE_NoError);
+    QTest::newRow("the admin deletes the group") << root << root << Action::DeleteGroup << int(KE_NoError);
+    QTest::newRow("the admin moves the group") << root << root << Action::MoveToNas << int(KE_NoError);
+    QTest::newRow("a listed converter") << QStringLiteral("audio") << QStringLiteral("audio") << Action::Register
+                                        << int(KE_NoError);
+}
+
+void TestServerSecurity::ownership()
+{
+    QFETCH(QString, user);
+    QFETCH(QString, claimed);
+    QFETCH(Action, action);
+    QFETCH(int, code);
+    ServerProcess server;
+    server.setExtraArguments(tlsArguments(true) + QStringList{QStringLiteral("--admin"), QStringLiteral("root"),
+                                                              QStringLiteral("--converter"), QStringLiteral("audio")});
+    QVERIFY2(server.start(), qPrintable(server.errorString()));
+    const auto alice = connectAs(server.port(), kAlice);
+    QVERIFY(alice);
+    const QString guid = createGroup(*alice, kAlice);
+    QVERIFY(!guid.isEmpty());
+    if (action == Action::ReleaseLock || action == Action::WriteLock || action == Action::ReadLock) {
+        const Step lock = stepOf(Action::WriteLock, guid, kAlice);
+        QCOMPARE(call(*alice, lock.command, lock.children).error, int(KE_NoError));
+    }
+
+    const auto actor = connectAs(server.port(), user);
+    QVERIFY(actor);
+    const Step step = stepOf(action, guid, claimed);
+    const ReplyFields reply = call(*actor, step.command, step.children);
+    QCOMPARE(reply.error, code);
+    // Whose lock is in the way, but not the identity a forger would need.
+    if (user != kAlice)
+        QVERIFY2(!reply.value(QStringLiteral("ErrorString")).contains(lockIdentity(kAlice)),
+                 qPrintable(reply.value(QStringLiteral("ErrorString"))));
+    const bool deleted = action == Action::DeleteGroup && code == KE_NoError;
+    QCOMPARE(call(*alice, Tag::CheckFileGroupExists, element(Tag::Guid, guid)).value(Tag::Exists),
+             QLatin1String(deleted ? "false" : "true"));
+
+    QStringList filter{QStringLiteral("--user"), user};
+    if (action != Action::Import && action != Action::Register)
+        filter << QStringLiteral("--guid") << guid;
+    const auto recorded = [&] {
+        for (const QJsonValue &value : audit(server, filter)) {
+            const QJsonObject record = value.toObject();
+            if (record.value(QStringLiteral("command")).toString() == step.command
+                && record.value(QStringLiteral("certificateUser")).toString() == user
+                && record.value(QStringLiteral("claimedUser")).toString() == step.claimed
+                && record.value(QStringLiteral("peerAddress")).toString() == QLatin1String("127.0.0.1")
+                && record.value(QStringLiteral("result")).toInt() == code)
+                return true;
+        }
+        return false;
+    };
+    // A refused read is recorded by the writer after its answer left.
+    QTRY_VERIFY_WITH_TIMEOUT(recorded(), Wait);
+    server.stop();
+}
+
+void TestServerSecurity::auditAfterKill()
+{
+    ServerProcess server;
+    server.setExtraArguments(tlsArguments(true));
+    QVERIFY2(server.start(), qPrintable(server.errorString()));
+    auto alice = connectAs(server.port(), kAlice);
+    QVERIFY(alice);
+    constexpr int Groups = 1000;
+    QStringList guids;
+    QByteArray frames;
+    for (int i = 0; i < Groups; ++i) {
+        guids.append(QUuid::createUuid().toString(QUuid::WithoutBraces));
+        frames += Attacker::frame(RawClient::request(
+            Tag::CreateFileGroup, guids.back(),
+            element(Tag::Guid, guids.back()) + element(Tag::FileType, QString::number(FT_Image))
+                + element(Tag::LifeCycle, QStringLiteral("2030-01-01 00:00:00.000"))
+                + element(Tag::UserName, kAlice)));
+    }
+    alice->sendBytes(frames);
+    // The first answers, then the crash with the rest under way.
+    std::set<QString> confirmed;
+    for (int i = 0; i < 10; ++i) {
+        const ReplyFields reply = ReplyFields::read(alice->receive(Wait));
+        QCOMPARE(reply.error, int(KE_NoError));
+        confirmed.insert(reply.value(Tag::Guid));
+    }
+    server.kill();
+    alice.reset();
+    QVERIFY2(server.start(), qPrintable(server.errorString()));
+
+    alice = connectAs(server.port(), kAlice);
+    QVERIFY(alice);
+    std::set<QString> stored;
+    for (const QString &guid : qAsConst(guids)) {
+        if (call(*alice, Tag::CheckFileGroupExists, element(Tag::Guid, guid)).value(Tag::Exists)
+            == QLatin1String("true"))
+            stored.insert(guid);
+    }
+    std::set<QString> recorded;
+    for (const QJsonValue &value : audit(server, {QStringLiteral("--user"), kAlice})) {
+        const QJsonObject record = value.toObject();
+        if (record.value(QStringLiteral("command")).toString() == QLatin1String(Tag::CreateFileGroup)
+            && record.value(QStringLiteral("result")).toInt() == KE_NoError)
+            recorded.insert(record.value(QStringLiteral("guid")).toString());
+    }
+    QVERIFY(std::includes(stored.begin(), stored.end(), confirmed.begin(), confirmed.end()));
+    QCOMPARE(recorded.size(), stored.size());
+    QVERIFY(recorded == stored);
     server.stop();
 }
 
