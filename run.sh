@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Entry point for developers and CI.
 #
-#   ./run.sh test    install what is missing, build, run every test (the
-#                    server's end-to-end tests also on a throw-away
+#   ./run.sh test    install what is missing, check the formatting of every
+#                    C++ file against .clang-format, build, run every test
+#                    (the server's end-to-end tests also on a throw-away
 #                    PostgreSQL cluster; KELDA_REQUIRE_POSTGRES=1 is set, so
 #                    they fail rather than skip without PostgreSQL)
+#   ./run.sh format  reformat every C++ file with clang-format
 #   ./run.sh test --sanitize=address
 #                    the same with AddressSanitizer and UndefinedBehaviorSanitizer
 #                    (clang, build dir build-asan)
@@ -76,6 +78,8 @@ packages=(
     # the TLS tests make their certificates with the openssl tool; the TLS
     # benchmark's raw floor is OpenSSL itself
     openssl libssl-dev
+    # the formatting check of ./run.sh test
+    clang-format
 )
 # Only for sanitizer and fuzz builds: clang with its sanitizer and libFuzzer
 # runtimes, and llvm for the symbolizer that puts names into reports.
@@ -166,6 +170,22 @@ export_sanitizer_options() {
     export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_stack_use_after_return=1:strict_init_order=1}
     export TSAN_OPTIONS=${TSAN_OPTIONS:-suppressions=$here/tsan.supp:second_deadlock_stack=1:halt_on_error=1:exitcode=66}
     export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$here/lsan.supp:print_suppressions=0}
+}
+
+# The C++ files git knows, or all of them outside a checkout.
+cpp_files() {
+    if git -C "$here" rev-parse --is-inside-work-tree >/dev/null 2>&1; then
+        git -C "$here" ls-files -z -- '*.cpp' '*.h'
+    else
+        (cd "$here" && find framework docs -name '*.cpp' -o -name '*.h' | tr '\n' '\0')
+    fi
+}
+
+check_format() {
+    if ! (cd "$here" && cpp_files | xargs -0 clang-format --dry-run --Werror); then
+        echo "error: files above differ from .clang-format; ./run.sh format fixes them" >&2
+        exit 1
+    fi
 }
 
 run_tests() {
@@ -488,6 +508,7 @@ case "$command" in
     test)
         parse_options "$@"
         install_missing
+        check_format
         configure_and_build
         run_tests
         ;;
@@ -498,6 +519,10 @@ case "$command" in
         ;;
     deps)
         install_missing
+        ;;
+    format)
+        install_missing
+        (cd "$here" && cpp_files | xargs -0 clang-format -i)
         ;;
     docs)
         packages+=("${docs_packages[@]}")

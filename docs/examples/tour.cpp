@@ -151,13 +151,13 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationName(QStringLiteral("kelda_tour"));
 
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral(
-        "Stores FILE in the archive, fetches it back, checks the copy and lists the stored groups."));
+    parser.setApplicationDescription(
+        QStringLiteral("Stores FILE in the archive, fetches it back, checks the copy and lists the stored groups."));
     parser.addHelpOption();
     const QCommandLineOption host(QStringLiteral("host"), QStringLiteral("Server host (default: configured)."),
                                   QStringLiteral("host"));
-    const QCommandLineOption port(QStringLiteral("port"), QStringLiteral("Server port (default 5223)."), QStringLiteral("port"),
-                                  QStringLiteral("5223"));
+    const QCommandLineOption port(QStringLiteral("port"), QStringLiteral("Server port (default 5223)."),
+                                  QStringLiteral("port"), QStringLiteral("5223"));
     const QCommandLineOption wait(QStringLiteral("connect-timeout"),
                                   QStringLiteral("Milliseconds to wait for the connection (default 10000)."),
                                   QStringLiteral("ms"), QStringLiteral("10000"));
@@ -185,21 +185,24 @@ int main(int argc, char *argv[])
     std::unique_ptr<Kelda::KeldaClient> client;
     if (parser.isSet(host))
         client = std::make_unique<Kelda::KeldaClient>(parser.value(host), quint16(portNumber),
-                                                      QStringLiteral("kelda_tour"), QStringLiteral("tour"),
-                                                      QString());
+                                                      QStringLiteral("kelda_tour"), QStringLiteral("tour"), QString());
     else
         client = std::make_unique<Kelda::KeldaClient>();
     if (!Kelda::KeldaClient::IsKeldaAvailable())
-        return fail(Unavailable, QStringLiteral("no server configured: give --host, or set ServerHost in the "
-                                                "[KELDA] group of the configuration"));
+        return fail(Unavailable,
+                    QStringLiteral("no server configured: give --host, or set ServerHost in the "
+                                   "[KELDA] group of the configuration"));
     //! [connect]
     // The constructor returned at once; the client connects in the background
     // and reconnects by itself. WaitForConnected() runs a local event loop
     // until connected() or the time limit: a client needs the event loop of
     // its thread for its signals.
     if (!client->WaitForConnected(timeoutMs))
-        return fail(Unavailable, QStringLiteral("no connection to %1:%2 within %3 ms")
-                                     .arg(client->GetHost()).arg(client->GetPort()).arg(timeoutMs));
+        return fail(Unavailable,
+                    QStringLiteral("no connection to %1:%2 within %3 ms")
+                        .arg(client->GetHost())
+                        .arg(client->GetPort())
+                        .arg(timeoutMs));
     //! [connect]
     say(QStringLiteral("connected to %1:%2").arg(client->GetHost()).arg(client->GetPort()));
 

@@ -58,8 +58,8 @@ TraceFile openTraceFile(const QString &path, const char *fallback)
     // Close-on-exec ("e"), as a QFile would: children must not hold it.
     TraceFile file(std::fopen(QFile::encodeName(path).constData(), "ae"));
     if (!file)
-        std::fprintf(stderr, "Cannot open trace file %s: %s; tracing to %s\n", qPrintable(path),
-                     std::strerror(errno), fallback);
+        std::fprintf(stderr, "Cannot open trace file %s: %s; tracing to %s\n", qPrintable(path), std::strerror(errno),
+                     fallback);
     return file;
 }
 
@@ -127,11 +127,11 @@ void ErrorHandler::Write(const QString &text, const char *sourceFile, int line)
     QString threadName = QThread::currentThread() ? QThread::currentThread()->objectName() : QString();
     if (threadName.isEmpty())
         threadName = QString::number(reinterpret_cast<quintptr>(QThread::currentThreadId()));
-    const QByteArray entry = QStringLiteral("%1 [%2] %3:%4: %5\n")
-                                 .arg(QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")),
-                                      threadName, QString::fromUtf8(sourceFile ? sourceFile : ""),
-                                      QString::number(line), EscapeControls(text))
-                                 .toUtf8();
+    const QByteArray entry =
+        QStringLiteral("%1 [%2] %3:%4: %5\n")
+            .arg(QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")), threadName,
+                 QString::fromUtf8(sourceFile ? sourceFile : ""), QString::number(line), EscapeControls(text))
+            .toUtf8();
     std::FILE *stream = m_sink->file ? m_sink->file.get() : stderr;
     std::fwrite(entry.constData(), 1, size_t(entry.size()), stream);
     std::fflush(stream);

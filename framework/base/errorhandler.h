@@ -19,7 +19,7 @@ class FRAMEWORKBASE_EXPORT ErrorHandler
 public:
     enum Level : quint32 {
         Failure = 0x20, // failures
-        Detail = 0x40   // routine detail, function entry and exit
+        Detail = 0x40 // routine detail, function entry and exit
     };
 
     // Receives every trace that passes the mask instead of the sink; for tests.

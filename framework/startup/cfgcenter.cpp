@@ -65,8 +65,7 @@ QString CfgCenter::ConfigFilePath()
     const QString path = qEnvironmentVariable(kConfigFileVariable);
     if (!path.isEmpty())
         return path;
-    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
-           + QStringLiteral("/kelda/kelda.ini");
+    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + QStringLiteral("/kelda/kelda.ini");
 }
 
 ICfg *CfgCenter::CreateCfg(const QString &group, View, const QString &)

@@ -60,15 +60,15 @@ void TourTest::run_data()
 
     const QStringList server{QStringLiteral("--host"), QStringLiteral("127.0.0.1"), QStringLiteral("--port"),
                              QStringLiteral("%PORT%")};
-    QTest::newRow("stores, fetches and lists") << (server + QStringList{QStringLiteral("%FILE%")}) << 0
-                                               << QStringLiteral("fetched 70001 bytes, identical");
-    QTest::newRow("nobody listens") << QStringList{QStringLiteral("--host"), QStringLiteral("127.0.0.1"),
-                                                   QStringLiteral("--port"), QStringLiteral("1"),
-                                                   QStringLiteral("--connect-timeout"), QStringLiteral("200"),
-                                                   QStringLiteral("%FILE%")}
-                                    << 69 << QStringLiteral("no connection to 127.0.0.1:1 within 200 ms");
-    QTest::newRow("no server configured") << QStringList{QStringLiteral("%FILE%")} << 69
-                                          << QStringLiteral("no server configured");
+    QTest::newRow("stores, fetches and lists")
+        << (server + QStringList{QStringLiteral("%FILE%")}) << 0 << QStringLiteral("fetched 70001 bytes, identical");
+    QTest::newRow("nobody listens")
+        << QStringList{QStringLiteral("--host"), QStringLiteral("127.0.0.1"),         QStringLiteral("--port"),
+                       QStringLiteral("1"),      QStringLiteral("--connect-timeout"), QStringLiteral("200"),
+                       QStringLiteral("%FILE%")}
+        << 69 << QStringLiteral("no connection to 127.0.0.1:1 within 200 ms");
+    QTest::newRow("no server configured")
+        << QStringList{QStringLiteral("%FILE%")} << 69 << QStringLiteral("no server configured");
     QTest::newRow("port out of range") << (QStringList{QStringLiteral("--host"), QStringLiteral("127.0.0.1"),
                                                        QStringLiteral("--port"), QStringLiteral("70000"),
                                                        QStringLiteral("%FILE%")})

@@ -58,8 +58,8 @@ void TraceReopenTest::rotateUnderWriters()
     const QString path = qEnvironmentVariable("KELDA_TRACE_FILE");
     const QString folder = QFileInfo(path).absolutePath();
     const QString movedFolder = folder + QStringLiteral(".1");
-    const QString rotated = moveFolder ? movedFolder + QLatin1Char('/') + QFileInfo(path).fileName()
-                                       : path + QStringLiteral(".1");
+    const QString rotated =
+        moveFolder ? movedFolder + QLatin1Char('/') + QFileInfo(path).fileName() : path + QStringLiteral(".1");
     constexpr int Lines = 2000;
     ErrorHandler &handler = *ErrorHandler::Instance();
 

@@ -105,8 +105,8 @@ int main(int argc, char *argv[])
         return 1;
     }
     QString error;
-    const ConfinedDirectory folder = ConfinedDirectory::open(dir.path(), dir.path(),
-                                                             ConfinedDirectory::Creation::Existing, &error);
+    const ConfinedDirectory folder =
+        ConfinedDirectory::open(dir.path(), dir.path(), ConfinedDirectory::Creation::Existing, &error);
     QByteArray server;
     const auto serverRound = [&] {
         const std::optional<ConfinedDirectory::Digest> digest = folder.digestFile(name, &error);
@@ -145,7 +145,9 @@ int main(int argc, char *argv[])
     const double megabytes = double(mebibytes * MiB) / 1e6;
     const auto rate = [megabytes](double seconds) { return seconds > 0 ? megabytes / seconds : 0; };
     out << "file: " << mebibytes << " MiB, best of " << Rounds << " rounds from the page cache\n";
-    out << QStringLiteral("%1 %2 MB/s\n").arg(QStringLiteral("keldaserver digest"), -24).arg(rate(serverSeconds), 8, 'f', 0);
+    out << QStringLiteral("%1 %2 MB/s\n")
+               .arg(QStringLiteral("keldaserver digest"), -24)
+               .arg(rate(serverSeconds), 8, 'f', 0);
     const Tool *fastest = nullptr;
     bool agree = true;
     for (const Tool &tool : tools) {

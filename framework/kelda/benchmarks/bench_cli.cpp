@@ -91,8 +91,8 @@ QStringList fingerprint(const QString &root)
         QFile file(it.next());
         if (!file.open(QIODevice::ReadOnly))
             return {};
-        lines.append(QFileInfo(file).fileName() + QLatin1Char(' ')
-                     + QString::fromLatin1(QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha1).toHex()));
+        lines.append(QFileInfo(file).fileName() + QLatin1Char(' ') +
+                     QString::fromLatin1(QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha1).toHex()));
     }
     lines.sort();
     return lines;
@@ -119,8 +119,7 @@ public:
         , m_port(port)
         , m_files(files)
         , m_source(work + QStringLiteral("/source"))
-    {
-    }
+    { }
 
     bool prepare()
     {
@@ -133,8 +132,8 @@ public:
 
     bool round(int index, Figures &figures)
     {
-        const Timed copy = runTimed(QStringLiteral("cp"), {QStringLiteral("-r"), m_source,
-                                                           target(QStringLiteral("cp%1").arg(index))});
+        const Timed copy =
+            runTimed(QStringLiteral("cp"), {QStringLiteral("-r"), m_source, target(QStringLiteral("cp%1").arg(index))});
         if (!copy.ok)
             return fail(QStringLiteral("cp -r"), copy);
         figures.copy.push_back(copy.seconds);
@@ -153,8 +152,8 @@ private:
     QStringList kelda(const QStringList &arguments) const
     {
         return QStringList{QStringLiteral("--host"), QStringLiteral("127.0.0.1"), QStringLiteral("--port"),
-                           QString::number(m_port), QStringLiteral("-q")}
-               + arguments;
+                           QString::number(m_port), QStringLiteral("-q")} +
+            arguments;
     }
 
     bool put(int jobs, std::vector<double> &times, QString &guid)
@@ -214,9 +213,11 @@ void printFigures(const Figures &figures, int files)
     for (int j = 0; j < 2; ++j) {
         const double put = median(figures.put[j]);
         const double get = median(figures.get[j]);
-        const QString target = jobs[j] == 4 ? QStringLiteral("ratio <= %1").arg(kTargetRatio) : QStringLiteral("figure only");
-        BenchTable::Row(QStringLiteral("kelda put -r %1, --jobs %2, s").arg(what).arg(jobs[j]), BenchTable::Number(put, 3),
-                        BenchTable::Number(copy, 3) + QStringLiteral(" cp -r"), BenchTable::Number(put / copy, 2), target);
+        const QString target =
+            jobs[j] == 4 ? QStringLiteral("ratio <= %1").arg(kTargetRatio) : QStringLiteral("figure only");
+        BenchTable::Row(QStringLiteral("kelda put -r %1, --jobs %2, s").arg(what).arg(jobs[j]),
+                        BenchTable::Number(put, 3), BenchTable::Number(copy, 3) + QStringLiteral(" cp -r"),
+                        BenchTable::Number(put / copy, 2), target);
         BenchTable::Row(QStringLiteral("kelda get group %1, --jobs %2, s").arg(what).arg(jobs[j]),
                         BenchTable::Number(get, 3), BenchTable::Number(copy, 3) + QStringLiteral(" cp -r"),
                         BenchTable::Number(get / copy, 2), target);
@@ -229,10 +230,11 @@ int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral(
-        "Times 'kelda put -r' of a folder of 64 KiB files and 'kelda get' of the group back, with --jobs 1 and 4, "
-        "beside 'cp -r' of the same folder, against a keldaserver on a temporary folder. Medians of %1 rounds.")
-                                         .arg(kFullRounds));
+    parser.setApplicationDescription(
+        QStringLiteral(
+            "Times 'kelda put -r' of a folder of 64 KiB files and 'kelda get' of the group back, with --jobs 1 and 4, "
+            "beside 'cp -r' of the same folder, against a keldaserver on a temporary folder. Medians of %1 rounds.")
+            .arg(kFullRounds));
     parser.addHelpOption();
     const QCommandLineOption quickOption(QStringLiteral("quick"),
                                          QStringLiteral("%1 files and one round, for CI.").arg(kQuickFiles));

@@ -68,8 +68,9 @@ QByteArray MakeReply(int groups, bool distinct)
         WriteField(writer, Tag::BackupTime, distinct ? DistinctTime(i, 2022) : day + QStringLiteral(" 23:30:00"));
         WriteField(writer, Tag::CreationTime, DistinctTime(i, 2019));
         WriteField(writer, Tag::ModificationTime, DistinctTime(i, 2020));
-        WriteField(writer, Tag::LifeCycle, distinct ? DistinctTime(i, 2030) : QString(day).replace(0, 4, QStringLiteral("2031"))
-                                                                                 + QStringLiteral(" 00:00:00"));
+        WriteField(writer, Tag::LifeCycle,
+                   distinct ? DistinctTime(i, 2030)
+                            : QString(day).replace(0, 4, QStringLiteral("2031")) + QStringLiteral(" 00:00:00"));
         WriteField(writer, Tag::Comment, QStringLiteral("comment & remarks %1").arg(i));
         WriteField(writer, Tag::Creator, QStringLiteral("operator"));
         WriteField(writer, Tag::Detail, QStringLiteral("detail"));
@@ -254,10 +255,10 @@ int main(int argc, char *argv[])
         const double ratio = f->bare.wall / f->full.wall;
         const double mbPerS = f->bytes / 1e6 / (f->full.wall / 1e3);
         const double groupsPerS = groups / (f->full.wall / 1e3);
-        out << qSetFieldWidth(8) << groups << qSetFieldWidth(9) << f->bytes / (1024.0 * 1024.0)
-            << qSetFieldWidth(11) << f->bare.wall << qSetFieldWidth(11) << f->full.wall << qSetFieldWidth(8)
-            << mbPerS << qSetFieldWidth(11) << groupsPerS << qSetFieldWidth(8) << ratio << qSetFieldWidth(9)
-            << f->rows.wall << qSetFieldWidth(18) << f->reservedRows.wall << qSetFieldWidth(0) << '\n';
+        out << qSetFieldWidth(8) << groups << qSetFieldWidth(9) << f->bytes / (1024.0 * 1024.0) << qSetFieldWidth(11)
+            << f->bare.wall << qSetFieldWidth(11) << f->full.wall << qSetFieldWidth(8) << mbPerS << qSetFieldWidth(11)
+            << groupsPerS << qSetFieldWidth(8) << ratio << qSetFieldWidth(9) << f->rows.wall << qSetFieldWidth(18)
+            << f->reservedRows.wall << qSetFieldWidth(0) << '\n';
         BenchTable::Row(QStringLiteral("reply parse %1 groups, MB/s").arg(groups), BenchTable::Number(mbPerS, 0),
                         BenchTable::Number(f->bytes / 1e6 / (f->bare.wall / 1e3), 0) + QStringLiteral(" bare reader"),
                         BenchTable::Number(ratio, 2), QStringLiteral("ratio >= 0.5"));
@@ -267,7 +268,8 @@ int main(int argc, char *argv[])
         const double bareGrowth = all[3].bare.wall / all[2].bare.wall;
         out << "growth 10,000 -> 100,000 groups: parse " << growth << "x, bare " << bareGrowth << "x, relative "
             << growth / bareGrowth << " (required <= 1.3)\n";
-        BenchTable::Row(QStringLiteral("reply parse growth 10k -> 100k groups"), BenchTable::Number(growth, 2) + QLatin1Char('x'),
+        BenchTable::Row(QStringLiteral("reply parse growth 10k -> 100k groups"),
+                        BenchTable::Number(growth, 2) + QLatin1Char('x'),
                         BenchTable::Number(bareGrowth, 2) + QStringLiteral("x bare reader"),
                         BenchTable::Number(growth / bareGrowth, 2), QStringLiteral("ratio <= 1.3"));
     }
@@ -275,7 +277,8 @@ int main(int argc, char *argv[])
         out << "resident size of 100,000 parsed groups: " << BenchTable::MiB(resident) << '\n';
         BenchTable::Row(QStringLiteral("memory, 100,000 parsed groups"), BenchTable::MiB(resident),
                         BenchTable::MiB(all.back().bytes) + QStringLiteral(" reply bytes"),
-                        BenchTable::Number(double(resident) / double(all.back().bytes), 2), QStringLiteral("figure only"));
+                        BenchTable::Number(double(resident) / double(all.back().bytes), 2),
+                        QStringLiteral("figure only"));
     }
     return 0;
 }

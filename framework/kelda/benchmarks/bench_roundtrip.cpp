@@ -65,11 +65,12 @@ QByteArray ReplyTo(const QByteArray &request, const QByteArray &basePath)
     if (body == "GetBasePath")
         children = "<m:Path>" + basePath + "</m:Path>";
     else
-        children = "<m:Path>" + basePath + "/group/file.dat</m:Path><m:Error>0</m:Error><m:ErrorString></m:ErrorString>";
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><s:Envelope xmlns:s=\"" + QByteArray(Ns::Envelope.data())
-           + "\"><s:Header><s:Version>1.0</s:Version><s:RequestId>" + requestId
-           + "</s:RequestId></s:Header><s:Body><m:" + body + "Reply xmlns:m=\"" + QByteArray(Ns::Message.data())
-           + "\">" + children + "</m:" + body + "Reply></s:Body></s:Envelope>";
+        children =
+            "<m:Path>" + basePath + "/group/file.dat</m:Path><m:Error>0</m:Error><m:ErrorString></m:ErrorString>";
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><s:Envelope xmlns:s=\"" + QByteArray(Ns::Envelope.data()) +
+        "\"><s:Header><s:Version>1.0</s:Version><s:RequestId>" + requestId +
+        "</s:RequestId></s:Header><s:Body><m:" + body + "Reply xmlns:m=\"" + QByteArray(Ns::Message.data()) + "\">" +
+        children + "</m:" + body + "Reply></s:Body></s:Envelope>";
 }
 
 struct Figures
@@ -87,9 +88,9 @@ struct Figures
     void Sort() { std::sort(nanoseconds.begin(), nanoseconds.end()); }
     double MeanNanoseconds() const
     {
-        return nanoseconds.empty() ? 0
-                                   : double(std::accumulate(nanoseconds.begin(), nanoseconds.end(), qint64(0)))
-                / double(nanoseconds.size());
+        return nanoseconds.empty()
+            ? 0
+            : double(std::accumulate(nanoseconds.begin(), nanoseconds.end(), qint64(0))) / double(nanoseconds.size());
     }
 };
 
@@ -100,7 +101,8 @@ Figures BlockingRoundTrips(KeldaClient &client, int calls)
     for (int i = 0; i < calls; ++i) {
         const Clock::time_point start = Clock::now();
         const QString path = client.RequestFile(1, kGuid, LOCK_Read);
-        figures.nanoseconds.push_back(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start).count());
+        figures.nanoseconds.push_back(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start).count());
         if (path.isEmpty())
             ++figures.failures;
     }
@@ -122,18 +124,18 @@ double AsyncRequestsPerSecond(KeldaClient &client, int calls, int &failures)
             loop.quit();
         }
     };
-    const QMetaObject::Connection connection = QObject::connect(
-        &client, &KeldaClient::RequestFileSg, &loop,
-        [&](const QString &requestId, const QString &path, int error, const QString &) {
-            if (requestId != pending)
-                return;
-            if (path.isEmpty() || error != 0)
-                ++failures;
-            if (++answered == calls)
-                loop.quit();
-            else
-                sendNext();
-        });
+    const QMetaObject::Connection connection =
+        QObject::connect(&client, &KeldaClient::RequestFileSg, &loop,
+                         [&](const QString &requestId, const QString &path, int error, const QString &) {
+                             if (requestId != pending)
+                                 return;
+                             if (path.isEmpty() || error != 0)
+                                 ++failures;
+                             if (++answered == calls)
+                                 loop.quit();
+                             else
+                                 sendNext();
+                         });
     const Clock::time_point start = Clock::now();
     QTimer::singleShot(0, &loop, sendNext);
     // A lost reply must not hang the benchmark.
@@ -155,7 +157,10 @@ struct Stream
     {
         return tls ? SSL_write(tls, data, int(size)) : ::write(fd, data, size);
     }
-    ssize_t Read(char *data, size_t size) const { return tls ? SSL_read(tls, data, int(size)) : ::read(fd, data, size); }
+    ssize_t Read(char *data, size_t size) const
+    {
+        return tls ? SSL_read(tls, data, int(size)) : ::read(fd, data, size);
+    }
     void Close()
     {
         if (tls) {
@@ -220,11 +225,12 @@ public:
     {
         m_server = SSL_CTX_new(TLS_server_method());
         m_client = SSL_CTX_new(TLS_client_method());
-        return m_server && m_client && SSL_CTX_set_min_proto_version(m_server, TLS1_2_VERSION) == 1
-            && SSL_CTX_use_certificate_chain_file(m_server, certificates.serverCertificate().toLocal8Bit().constData()) == 1
-            && SSL_CTX_use_PrivateKey_file(m_server, certificates.serverKey().toLocal8Bit().constData(),
-                                           SSL_FILETYPE_PEM) == 1
-            && SSL_CTX_load_verify_locations(m_client, certificates.authority().toLocal8Bit().constData(), nullptr) == 1;
+        return m_server && m_client && SSL_CTX_set_min_proto_version(m_server, TLS1_2_VERSION) == 1 &&
+            SSL_CTX_use_certificate_chain_file(m_server, certificates.serverCertificate().toLocal8Bit().constData()) ==
+            1 &&
+            SSL_CTX_use_PrivateKey_file(m_server, certificates.serverKey().toLocal8Bit().constData(),
+                                        SSL_FILETYPE_PEM) == 1 &&
+            SSL_CTX_load_verify_locations(m_client, certificates.authority().toLocal8Bit().constData(), nullptr) == 1;
     }
 
     // Wraps fd in a session and completes the handshake; false on failure.
@@ -263,8 +269,7 @@ public:
     InstantPeer(const QByteArray &basePath, const TlsContexts *tls)
         : m_basePath(basePath)
         , m_tls(tls)
-    {
-    }
+    { }
     ~InstantPeer() { Stop(); }
 
     quint16 Listen()
@@ -274,9 +279,9 @@ public:
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t size = sizeof address;
-        if (m_listener < 0 || ::bind(m_listener, reinterpret_cast<sockaddr *>(&address), size) != 0
-            || ::listen(m_listener, 4) != 0
-            || ::getsockname(m_listener, reinterpret_cast<sockaddr *>(&address), &size) != 0)
+        if (m_listener < 0 || ::bind(m_listener, reinterpret_cast<sockaddr *>(&address), size) != 0 ||
+            ::listen(m_listener, 4) != 0 ||
+            ::getsockname(m_listener, reinterpret_cast<sockaddr *>(&address), &size) != 0)
             return 0;
         m_thread = QThread::create([this] { Serve(); });
         m_thread->start();
@@ -344,9 +349,9 @@ Figures RawPingPong(const QByteArray &request, const QByteArray &reply, int call
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t addressSize = sizeof address;
-    if (listener < 0 || ::bind(listener, reinterpret_cast<sockaddr *>(&address), addressSize) != 0
-        || ::listen(listener, 1) != 0
-        || ::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &addressSize) != 0) {
+    if (listener < 0 || ::bind(listener, reinterpret_cast<sockaddr *>(&address), addressSize) != 0 ||
+        ::listen(listener, 1) != 0 ||
+        ::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &addressSize) != 0) {
         figures.failures = calls;
         return figures;
     }
@@ -385,7 +390,8 @@ Figures RawPingPong(const QByteArray &request, const QByteArray &reply, int call
     for (int i = 0; i < calls; ++i) {
         const Clock::time_point start = Clock::now();
         const bool ok = WriteAll(client, requestFrame) && ReadFrame(client, buffer);
-        figures.nanoseconds.push_back(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start).count());
+        figures.nanoseconds.push_back(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start).count());
         if (!ok) {
             figures.failures += calls - i;
             break;
@@ -496,10 +502,14 @@ int main(int argc, char *argv[])
     const QByteArray reply = peer.SampleReply();
     const Figures raw = RawPingPong(request, reply, calls, tls);
 
-    out << "calls: " << calls << " of each kind, request " << request.size() + 4 << " bytes, reply "
-        << reply.size() + 4 << " bytes\n";
-    out << QStringLiteral("%1 %2 %3 %4 %5\n").arg(QString(), -22).arg(QStringLiteral("p50 us"), 10)
-               .arg(QStringLiteral("p99 us"), 10).arg(QStringLiteral("max us"), 10).arg(QStringLiteral("failed"), 8);
+    out << "calls: " << calls << " of each kind, request " << request.size() + 4 << " bytes, reply " << reply.size() + 4
+        << " bytes\n";
+    out << QStringLiteral("%1 %2 %3 %4 %5\n")
+               .arg(QString(), -22)
+               .arg(QStringLiteral("p50 us"), 10)
+               .arg(QStringLiteral("p99 us"), 10)
+               .arg(QStringLiteral("max us"), 10)
+               .arg(QStringLiteral("failed"), 8);
     const auto row = [&out](const QString &name, const Figures &f) {
         out << QStringLiteral("%1 %2 %3 %4 %5\n")
                    .arg(name, -22)
@@ -517,7 +527,8 @@ int main(int argc, char *argv[])
                .arg(Ratio(blocking.nanoseconds.empty() ? 0 : blocking.nanoseconds.back(),
                           raw.nanoseconds.empty() ? 0 : raw.nanoseconds.back()),
                     10);
-    out << (overTls ? "targets over TLS: p50 ratio <= 2.5, 0 failed\n" : "targets: p50 ratio <= 3, p99 ratio <= 6, 0 failed\n");
+    out << (overTls ? "targets over TLS: p50 ratio <= 2.5, 0 failed\n"
+                    : "targets: p50 ratio <= 3, p99 ratio <= 6, 0 failed\n");
 
     const double rawPerSecond = raw.MeanNanoseconds() > 0 ? 1e9 / raw.MeanNanoseconds() : 0;
     out << "asynchronous RequestFile, one in flight: " << QString::number(asyncPerSecond, 'f', 0)
@@ -543,10 +554,11 @@ int main(int argc, char *argv[])
                     BenchTable::Number(rawPerSecond, 0) + QStringLiteral(" raw ping-pong"),
                     BenchTable::Number(rawPerSecond > 0 ? asyncPerSecond / rawPerSecond : 0, 2),
                     QStringLiteral("figure only"));
-    BenchTable::Row(QStringLiteral("failed calls (blocking + async)"), QString::number(blocking.failures + asyncFailures),
-                    QStringLiteral("-"), QStringLiteral("-"), QStringLiteral("0"));
-    BenchTable::Row(QStringLiteral("memory, one connected client"), BenchTable::MiB(clientResident), QStringLiteral("-"),
-                    QStringLiteral("-"), QStringLiteral("figure only"));
+    BenchTable::Row(QStringLiteral("failed calls (blocking + async)"),
+                    QString::number(blocking.failures + asyncFailures), QStringLiteral("-"), QStringLiteral("-"),
+                    QStringLiteral("0"));
+    BenchTable::Row(QStringLiteral("memory, one connected client"), BenchTable::MiB(clientResident),
+                    QStringLiteral("-"), QStringLiteral("-"), QStringLiteral("figure only"));
     BenchTable::Row(QStringLiteral("memory growth over 10,000 blocking calls"), BenchTable::MiB(callsGrowth),
                     QStringLiteral("-"), QStringLiteral("-"), QStringLiteral("no growth"));
     return blocking.failures == 0 && raw.failures == 0 && asyncFailures == 0 ? 0 : 1;

@@ -16,8 +16,8 @@ namespace BenchTable {
 inline void Row(const QString &figure, const QString &measured, const QString &limit, const QString &ratio,
                 const QString &target)
 {
-    QTextStream(stdout) << "table\t" << figure << '\t' << measured << '\t' << limit << '\t' << ratio << '\t'
-                        << target << '\n';
+    QTextStream(stdout) << "table\t" << figure << '\t' << measured << '\t' << limit << '\t' << ratio << '\t' << target
+                        << '\n';
 }
 
 inline QString Number(double value, int decimals = 1)

@@ -37,9 +37,10 @@ QString FileGroupData::toXmlFileForExport(const QString &dir) const
 
     QFile file(directory + fileName);
     if (!file.open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
-        Q_TRACE_FAILURE(kSource, QStringLiteral("Could not create Xml file for export of "
-                                                "filegroup %1 with guid %2")
-                                     .arg(d->fileGroupName, d->guid));
+        Q_TRACE_FAILURE(kSource,
+                        QStringLiteral("Could not create Xml file for export of "
+                                       "filegroup %1 with guid %2")
+                            .arg(d->fileGroupName, d->guid));
         return fileName;
     }
     file.write(bytes);
@@ -51,8 +52,7 @@ bool FileGroupData::fromXmlforImport(const QString &fileName)
 {
     QFile file(fileName);
     if (!file.exists() || !file.open(QIODevice::ReadOnly)) {
-        Q_TRACE_FAILURE(kSource,
-                        QStringLiteral("Could not open filegroup file %1 for import").arg(fileName));
+        Q_TRACE_FAILURE(kSource, QStringLiteral("Could not open filegroup file %1 for import").arg(fileName));
         return false;
     }
     const QByteArray bytes = file.readAll();

@@ -40,7 +40,7 @@ static_assert(std::size(kHeaders) == FileGroupColumn::Count, "one header per col
 
 // Matches the display texts of the values below `count` first, then a
 // decimal number up to `numericLimit`; false leaves `value` as it was.
-template<typename Enum, typename TextOf>
+template <typename Enum, typename TextOf>
 bool enumFromColumn(const QString &text, int count, int numericLimit, TextOf textOf, Enum &value)
 {
     for (int i = 0; i < count; ++i) {
@@ -118,19 +118,19 @@ std::vector<FileGroupData> FileGroupData::fromStringList(const QStringList &list
             record.d->fileGroupName = text;
             break;
         case FileGroupColumn::FileType:
-            if (!enumFromColumn(text, FT_Last + 1, FT_Last, &FileTypeManager::GetText,
-                                record.d->fileType))
-                Q_TRACE_FAILURE(kSource, QStringLiteral("FileGroupData::fromStringList: "
-                                                        "Unkown file type \"%1\" read")
-                                             .arg(text));
+            if (!enumFromColumn(text, FT_Last + 1, FT_Last, &FileTypeManager::GetText, record.d->fileType))
+                Q_TRACE_FAILURE(kSource,
+                                QStringLiteral("FileGroupData::fromStringList: "
+                                               "Unkown file type \"%1\" read")
+                                    .arg(text));
             break;
         case FileGroupColumn::LocationState:
             // The numeric bound is the file types' one; existing tables rely on it.
-            if (!enumFromColumn(text, LS_Last + 1, FT_Last, &LocationStateString::GetText,
-                                record.d->locationState))
-                Q_TRACE_FAILURE(kSource, QStringLiteral("FileGroupData::fromStringList: "
-                                                        "Unkown location state \"%1\" read")
-                                             .arg(text));
+            if (!enumFromColumn(text, LS_Last + 1, FT_Last, &LocationStateString::GetText, record.d->locationState))
+                Q_TRACE_FAILURE(kSource,
+                                QStringLiteral("FileGroupData::fromStringList: "
+                                               "Unkown location state \"%1\" read")
+                                    .arg(text));
             break;
         case FileGroupColumn::BackupTime:
             record.d->backupTime = FileGroupDataPrivate::parseTime(text);

@@ -102,9 +102,10 @@ KeldaError FileGroupData::FromHtml(QXmlStreamReader &reader)
         reader.readNext();
     }
     if (reader.hasError()) {
-        Q_TRACE_FAILURE(kSource, QStringLiteral("Could not read Xml file for import of filegroup. "
-                                                "XmlStreamReader error: %1")
-                                     .arg(reader.errorString()));
+        Q_TRACE_FAILURE(kSource,
+                        QStringLiteral("Could not read Xml file for import of filegroup. "
+                                       "XmlStreamReader error: %1")
+                            .arg(reader.errorString()));
         result = KE_ReadXmlFileFailed;
     }
     return result;

@@ -13,8 +13,7 @@ public:
 
 TimeRange::TimeRange()
     : d(new TimeRangePrivate)
-{
-}
+{ }
 
 TimeRange::TimeRange(const TimeRange &other) = default;
 TimeRange::TimeRange(TimeRange &&other) noexcept = default;
@@ -78,8 +77,7 @@ public:
 
 FileQuery::FileQuery()
     : d(new FileQueryPrivate)
-{
-}
+{ }
 
 FileQuery::FileQuery(const FileQuery &other) = default;
 FileQuery::FileQuery(FileQuery &&other) noexcept = default;
@@ -87,29 +85,89 @@ FileQuery &FileQuery::operator=(const FileQuery &other) = default;
 FileQuery &FileQuery::operator=(FileQuery &&other) noexcept = default;
 FileQuery::~FileQuery() = default;
 
-QDateTime FileQuery::GetBackupTimeMin() const { return d->backupTime.GetMin(); }
-QDateTime FileQuery::GetBackupTimeMax() const { return d->backupTime.GetMax(); }
-void FileQuery::SetBackupTimeMin(const QDateTime &time) { d->backupTime.SetMin(time); }
-void FileQuery::SetBackupTimeMax(const QDateTime &time) { d->backupTime.SetMax(time); }
-bool FileQuery::IsBackupTimeInRange(const QDateTime &time) const { return d->backupTime.IsInRange(time); }
+QDateTime FileQuery::GetBackupTimeMin() const
+{
+    return d->backupTime.GetMin();
+}
+QDateTime FileQuery::GetBackupTimeMax() const
+{
+    return d->backupTime.GetMax();
+}
+void FileQuery::SetBackupTimeMin(const QDateTime &time)
+{
+    d->backupTime.SetMin(time);
+}
+void FileQuery::SetBackupTimeMax(const QDateTime &time)
+{
+    d->backupTime.SetMax(time);
+}
+bool FileQuery::IsBackupTimeInRange(const QDateTime &time) const
+{
+    return d->backupTime.IsInRange(time);
+}
 
-QDateTime FileQuery::GetCreationTimeMin() const { return d->creationTime.GetMin(); }
-QDateTime FileQuery::GetCreationTimeMax() const { return d->creationTime.GetMax(); }
-void FileQuery::SetCreationTimeMin(const QDateTime &time) { d->creationTime.SetMin(time); }
-void FileQuery::SetCreationTimeMax(const QDateTime &time) { d->creationTime.SetMax(time); }
-bool FileQuery::IsCreationTimeInRange(const QDateTime &time) const { return d->creationTime.IsInRange(time); }
+QDateTime FileQuery::GetCreationTimeMin() const
+{
+    return d->creationTime.GetMin();
+}
+QDateTime FileQuery::GetCreationTimeMax() const
+{
+    return d->creationTime.GetMax();
+}
+void FileQuery::SetCreationTimeMin(const QDateTime &time)
+{
+    d->creationTime.SetMin(time);
+}
+void FileQuery::SetCreationTimeMax(const QDateTime &time)
+{
+    d->creationTime.SetMax(time);
+}
+bool FileQuery::IsCreationTimeInRange(const QDateTime &time) const
+{
+    return d->creationTime.IsInRange(time);
+}
 
-QDateTime FileQuery::GetLifeCycleTimeMin() const { return d->lifeCycle.GetMin(); }
-QDateTime FileQuery::GetLifeCycleTimeMax() const { return d->lifeCycle.GetMax(); }
-void FileQuery::SetLifeCycleTimeMin(const QDateTime &time) { d->lifeCycle.SetMin(time); }
-void FileQuery::SetLifeCycleTimeMax(const QDateTime &time) { d->lifeCycle.SetMax(time); }
-bool FileQuery::IsLifeCycleInRange(const QDateTime &time) const { return d->lifeCycle.IsInRange(time); }
+QDateTime FileQuery::GetLifeCycleTimeMin() const
+{
+    return d->lifeCycle.GetMin();
+}
+QDateTime FileQuery::GetLifeCycleTimeMax() const
+{
+    return d->lifeCycle.GetMax();
+}
+void FileQuery::SetLifeCycleTimeMin(const QDateTime &time)
+{
+    d->lifeCycle.SetMin(time);
+}
+void FileQuery::SetLifeCycleTimeMax(const QDateTime &time)
+{
+    d->lifeCycle.SetMax(time);
+}
+bool FileQuery::IsLifeCycleInRange(const QDateTime &time) const
+{
+    return d->lifeCycle.IsInRange(time);
+}
 
-QDateTime FileQuery::GetModificationTimeMin() const { return d->modificationTime.GetMin(); }
-QDateTime FileQuery::GetModificationTimeMax() const { return d->modificationTime.GetMax(); }
-void FileQuery::SetModificationTimeMin(const QDateTime &time) { d->modificationTime.SetMin(time); }
-void FileQuery::SetModificationTimeMax(const QDateTime &time) { d->modificationTime.SetMax(time); }
-bool FileQuery::IsModificationTimeInRange(const QDateTime &time) const { return d->modificationTime.IsInRange(time); }
+QDateTime FileQuery::GetModificationTimeMin() const
+{
+    return d->modificationTime.GetMin();
+}
+QDateTime FileQuery::GetModificationTimeMax() const
+{
+    return d->modificationTime.GetMax();
+}
+void FileQuery::SetModificationTimeMin(const QDateTime &time)
+{
+    d->modificationTime.SetMin(time);
+}
+void FileQuery::SetModificationTimeMax(const QDateTime &time)
+{
+    d->modificationTime.SetMax(time);
+}
+bool FileQuery::IsModificationTimeInRange(const QDateTime &time) const
+{
+    return d->modificationTime.IsInRange(time);
+}
 
 void FileQuery::AddFileType(FileType type)
 {
@@ -136,27 +194,87 @@ bool FileQuery::IsFileTypeListed(FileType type) const
     return d->fileTypes.contains(type);
 }
 
-LocationState FileQuery::GetLocationState() const { return d->locationState; }
-void FileQuery::SetLocationState(LocationState state) { d->locationState = state; }
-LockState FileQuery::GetLockState() const { return d->lockState; }
-void FileQuery::SetLockState(LockState state) { d->lockState = state; }
+LocationState FileQuery::GetLocationState() const
+{
+    return d->locationState;
+}
+void FileQuery::SetLocationState(LocationState state)
+{
+    d->locationState = state;
+}
+LockState FileQuery::GetLockState() const
+{
+    return d->lockState;
+}
+void FileQuery::SetLockState(LockState state)
+{
+    d->lockState = state;
+}
 
-QString FileQuery::GetCommentSearchText() const { return d->commentSearchText; }
-void FileQuery::SetCommentSearchText(const QString &text) { d->commentSearchText = text; }
-QString FileQuery::GetCreatorSearchText() const { return d->creatorSearchText; }
-void FileQuery::SetCreatorSearchText(const QString &text) { d->creatorSearchText = text; }
-QString FileQuery::GetDetailSearchText() const { return d->detailSearchText; }
-void FileQuery::SetDetailSearchText(const QString &text) { d->detailSearchText = text; }
-QString FileQuery::GetFileGroupSearchText() const { return d->fileGroupSearchText; }
-void FileQuery::SetFileGroupSearchText(const QString &text) { d->fileGroupSearchText = text; }
-QString FileQuery::GetLockUser() const { return d->lockUser; }
-void FileQuery::SetLockUser(const QString &user) { d->lockUser = user; }
-QString FileQuery::GetReferencingApplication() const { return d->referencingApplication; }
-void FileQuery::SetReferencingApplication(const QString &application) { d->referencingApplication = application; }
-QString FileQuery::GetTeamMembershipSearchText() const { return d->teamMembershipSearchText; }
-void FileQuery::SetTeamMembershipSearchText(const QString &text) { d->teamMembershipSearchText = text; }
-QString FileQuery::GetVersionSearchText() const { return d->versionSearchText; }
-void FileQuery::SetVersionSearchText(const QString &text) { d->versionSearchText = text; }
+QString FileQuery::GetCommentSearchText() const
+{
+    return d->commentSearchText;
+}
+void FileQuery::SetCommentSearchText(const QString &text)
+{
+    d->commentSearchText = text;
+}
+QString FileQuery::GetCreatorSearchText() const
+{
+    return d->creatorSearchText;
+}
+void FileQuery::SetCreatorSearchText(const QString &text)
+{
+    d->creatorSearchText = text;
+}
+QString FileQuery::GetDetailSearchText() const
+{
+    return d->detailSearchText;
+}
+void FileQuery::SetDetailSearchText(const QString &text)
+{
+    d->detailSearchText = text;
+}
+QString FileQuery::GetFileGroupSearchText() const
+{
+    return d->fileGroupSearchText;
+}
+void FileQuery::SetFileGroupSearchText(const QString &text)
+{
+    d->fileGroupSearchText = text;
+}
+QString FileQuery::GetLockUser() const
+{
+    return d->lockUser;
+}
+void FileQuery::SetLockUser(const QString &user)
+{
+    d->lockUser = user;
+}
+QString FileQuery::GetReferencingApplication() const
+{
+    return d->referencingApplication;
+}
+void FileQuery::SetReferencingApplication(const QString &application)
+{
+    d->referencingApplication = application;
+}
+QString FileQuery::GetTeamMembershipSearchText() const
+{
+    return d->teamMembershipSearchText;
+}
+void FileQuery::SetTeamMembershipSearchText(const QString &text)
+{
+    d->teamMembershipSearchText = text;
+}
+QString FileQuery::GetVersionSearchText() const
+{
+    return d->versionSearchText;
+}
+void FileQuery::SetVersionSearchText(const QString &text)
+{
+    d->versionSearchText = text;
+}
 
 void FileQuery::Reset()
 {
@@ -168,9 +286,9 @@ void FileQuery::Reset()
     d->fileTypes.clear();
     d->locationState = LS_Undefined;
     d->lockState = LOCK_Undefined;
-    for (QString *text : {&d->commentSearchText, &d->creatorSearchText, &d->detailSearchText,
-                          &d->fileGroupSearchText, &d->lockUser, &d->referencingApplication,
-                          &d->teamMembershipSearchText, &d->versionSearchText})
+    for (QString *text :
+         {&d->commentSearchText, &d->creatorSearchText, &d->detailSearchText, &d->fileGroupSearchText, &d->lockUser,
+          &d->referencingApplication, &d->teamMembershipSearchText, &d->versionSearchText})
         *text = QStringLiteral("");
 }
 

@@ -101,8 +101,7 @@ const char *const kLockStateTexts[] = {
 static_assert(std::size(kLockStateTexts) == LOCK_Last + 1, "one text per lock state");
 
 // The bound test is unsigned, so negative values are out of range as well.
-template<std::size_t N>
-QString lookUp(const char *const (&texts)[N], int value, const char *invalidText)
+template <std::size_t N> QString lookUp(const char *const (&texts)[N], int value, const char *invalidText)
 {
     if (static_cast<unsigned int>(value) >= N)
         return QObject::tr(invalidText);
@@ -131,8 +130,7 @@ FileTypeManager::FileTypeManager()
     : d(new FileTypeManagerPrivate)
 {
     Q_TRACE_DETAIL(kSource, QStringLiteral("FileTypeManager::FileTypeManager: Start"));
-    const std::unique_ptr<ICfg> cfg(
-        CfgCenter::CreateCfg(QStringLiteral("KELDA"), CfgCenter::ViewUser, QString()));
+    const std::unique_ptr<ICfg> cfg(CfgCenter::CreateCfg(QStringLiteral("KELDA"), CfgCenter::ViewUser, QString()));
     for (const OfferSwitch &offer : kOfferSwitches) {
         if (!cfg || cfg->GetBool(QLatin1String(offer.key), true, 0))
             d->types.append(offer.type);

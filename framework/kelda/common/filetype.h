@@ -25,10 +25,14 @@ namespace Kelda {
 */
 enum FileType : int {
     FT_Unknown = 0, //!< "Unknown"; never offered.
-    FT_TransmissionSystem_XML = 1, //!< "Transmission System (XML)"; offered unless "Type_TransmissionSystem_XML" is false.
-    FT_TransmissionSystem_Text = 2, //!< "Transmission System (Text)"; offered unless "Type_TransmissionSystem_Text" is false.
-    FT_TransmissionSystem_Binary = 3, //!< "Transmission System (Binary)"; offered unless "Type_TransmissionSystem_Binary" is false.
-    FT_TransmissionSystem_Z2_XML = 4, //!< "Transmission System (Z2 XML)"; offered unless "Type_TransmissionSystem_Z2_XML" is false.
+    FT_TransmissionSystem_XML =
+        1, //!< "Transmission System (XML)"; offered unless "Type_TransmissionSystem_XML" is false.
+    FT_TransmissionSystem_Text =
+        2, //!< "Transmission System (Text)"; offered unless "Type_TransmissionSystem_Text" is false.
+    FT_TransmissionSystem_Binary =
+        3, //!< "Transmission System (Binary)"; offered unless "Type_TransmissionSystem_Binary" is false.
+    FT_TransmissionSystem_Z2_XML =
+        4, //!< "Transmission System (Z2 XML)"; offered unless "Type_TransmissionSystem_Z2_XML" is false.
     FT_DecodedText_XML = 5, //!< "Decoded Text (XML)"; offered unless "Type_DecodedText_XML" is false.
     FT_DecodedText_Text = 6, //!< "Decoded Text (Text)"; offered unless "Type_DecodedText_Text" is false.
     FT_DecodedText_Z2_XML = 7, //!< "Decoded Text (Z2 XML)"; offered unless "Type_DecodedText_Z2_XML" is false.
@@ -36,7 +40,8 @@ enum FileType : int {
     FT_IfRecording = 9, //!< "IF Recording"; offered unless "Type_IfRecording" is false.
     FT_AudioRecording = 10, //!< "Audio Recording"; offered unless "Type_AudioRecording" is false.
     FT_Image = 11, //!< "Image"; offered unless "Type_Image" is false.
-    FT_MissionPlanningTool = 12, //!< "Propagation Calculation Tool"; offered unless "Type_MissionPlanningTool" is false.
+    FT_MissionPlanningTool =
+        12, //!< "Propagation Calculation Tool"; offered unless "Type_MissionPlanningTool" is false.
     FT_CND = 13, //!< "Communication Network Diagram"; offered unless "Type_CND" is false.
     FT_Report_References = 14, //!< "Report File Reference List"; offered unless "Type_Report_References" is false.
     FT_PelorResults = 15, //!< "Pelor Results"; offered unless "Type_PelorResults" is false.

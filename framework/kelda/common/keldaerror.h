@@ -96,7 +96,8 @@ enum KeldaError : int {
     KE_ServerBusy = 68, //!< "Server is busy. Please try again later."
     KE_InvalidLocationStateForCommand = 70, //!< "The file group is an invalid location state for this command."
     KE_RemoteSystemNotConnected = 71, //!< "The required remote system is not connected."
-    KE_LastError = KE_RemoteSystemNotConnected //!< The highest code; a larger one from a server counts as KE_UnknownError.
+    KE_LastError =
+        KE_RemoteSystemNotConnected //!< The highest code; a larger one from a server counts as KE_UnknownError.
 };
 
 /*!

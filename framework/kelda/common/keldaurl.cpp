@@ -24,8 +24,7 @@ QStringList pathSections(const QUrl &url)
 
 KeldaUrl::KeldaUrl(const QUrl &url)
     : QUrl(url)
-{
-}
+{ }
 
 KeldaUrl::KeldaUrl(const QString &url)
 {
@@ -60,8 +59,7 @@ QUrl KeldaUrl::fromKeldaGuid(const QString &guid)
 QUrl KeldaUrl::fromKeldaIds(const QString &guid, unsigned int fileId)
 {
     QUrl url = fromKeldaGuid(guid);
-    url.setPath(url.path(QUrl::FullyDecoded) + kPathSeparator + QString::number(fileId),
-                QUrl::DecodedMode);
+    url.setPath(url.path(QUrl::FullyDecoded) + kPathSeparator + QString::number(fileId), QUrl::DecodedMode);
     return url;
 }
 
@@ -90,12 +88,10 @@ bool KeldaUrl::isLocalFile() const
     return scheme() == kFileScheme;
 }
 
-QString CreatePath(const QString &basePath, const QString &guid, const QString &name,
-                   const QDateTime &time)
+QString CreatePath(const QString &basePath, const QString &guid, const QString &name, const QDateTime &time)
 {
     const QString datePart = time.toString(QStringLiteral("yyyy/MM/dd/hh"));
-    const QString path = QDir::cleanPath(
-        QStringLiteral("%1/%2/%3/%4/").arg(basePath, datePart, guid, name));
+    const QString path = QDir::cleanPath(QStringLiteral("%1/%2/%3/%4/").arg(basePath, datePart, guid, name));
     return QDir::toNativeSeparators(QDir(path).absolutePath() + QDir::separator());
 }
 

@@ -93,15 +93,14 @@ public:
 
     The directory is not created.
 */
-KELDACOMMON_EXPORT QString CreatePath(const QString &basePath, const QString &guid,
-                                      const QString &name, const QDateTime &time);
+KELDACOMMON_EXPORT QString CreatePath(const QString &basePath, const QString &guid, const QString &name,
+                                      const QDateTime &time);
 /*!
     \relates KeldaUrl
     \overload
     Uses the current UTC time.
 */
-KELDACOMMON_EXPORT QString CreatePath(const QString &basePath, const QString &guid,
-                                      const QString &name);
+KELDACOMMON_EXPORT QString CreatePath(const QString &basePath, const QString &guid, const QString &name);
 
 /*!
     \relates KeldaUrl

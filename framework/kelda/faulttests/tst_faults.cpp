@@ -142,8 +142,7 @@ void TestFaults::connectionEndsDuringCall_data()
     const QByteArray none;
     QTest::newRow("cut inside the reply") << FaultProxy::Fault::CutAfter << 40 << none << false;
     QTest::newRow("reset") << FaultProxy::Fault::Reset << 0 << none << false;
-    QTest::newRow("truncated frame") << FaultProxy::Fault::None << 0
-                                     << LengthPrefix(4096) + ReplyStart << false;
+    QTest::newRow("truncated frame") << FaultProxy::Fault::None << 0 << LengthPrefix(4096) + ReplyStart << false;
     // Within the size limit: the client waits for bytes that never come,
     // holding only those it received.
     QTest::newRow("length far beyond the data")

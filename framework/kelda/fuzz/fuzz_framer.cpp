@@ -142,8 +142,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     const Outcome whole = Frame(mode, maxLength, {stream});
     const Outcome split = Frame(mode, maxLength, Split(stream, seed));
-    const bool plain = mode == XmlSeparator::PlainXmlMode
-        || (mode == XmlSeparator::DetectMode && stream.size() >= 4 && stream.at(0) != 0 && stream.at(3) != 0);
+    const bool plain = mode == XmlSeparator::PlainXmlMode ||
+        (mode == XmlSeparator::DetectMode && stream.size() >= 4 && stream.at(0) != 0 && stream.at(3) != 0);
     if (!plain || (whole.errors == 0 && !whole.refused && split.errors == 0 && !split.refused)) {
         if (!(whole == split))
             KeldaFuzz::Fail("the same bytes framed differently when split");

@@ -110,7 +110,8 @@ ParsedArguments parseArguments(const QStringList &arguments, const BrowserOption
     parsed.options.tlsCertFile = parser.value(kTlsCert);
     parsed.options.tlsKeyFile = parser.value(kTlsKey);
     if (parsed.options.tlsCaFile.isEmpty() && (parser.isSet(kTlsCert) || parser.isSet(kTlsKey))) {
-        parsed.error = QStringLiteral("--tls-cert and --tls-key need --tls-ca, the authority that certifies the server");
+        parsed.error =
+            QStringLiteral("--tls-cert and --tls-key need --tls-ca, the authority that certifies the server");
         return parsed;
     }
     if (parser.isSet(kTlsCert) != parser.isSet(kTlsKey)) {
@@ -133,12 +134,13 @@ QString helpText(const BrowserOptions &defaults)
     parser.setApplicationDescription(
         QStringLiteral("Browses the file archive: pick a file in quick or query mode, see its metadata and open it "
                        "with the desktop's application."));
-    return parser.helpText() + QStringLiteral("\nExit codes:\n"
-                                 "  0  success\n"
-                                 "  2  bad arguments\n"
-                                 "  3  --screenshot: the server cannot be reached\n"
-                                 "  4  no display to show the window on (DISPLAY and WAYLAND_DISPLAY unset)\n"
-                                 "  5  --screenshot: a picture cannot be written\n");
+    return parser.helpText() +
+        QStringLiteral("\nExit codes:\n"
+                       "  0  success\n"
+                       "  2  bad arguments\n"
+                       "  3  --screenshot: the server cannot be reached\n"
+                       "  4  no display to show the window on (DISPLAY and WAYLAND_DISPLAY unset)\n"
+                       "  5  --screenshot: a picture cannot be written\n");
 }
 
 } // namespace KeldaBrowser

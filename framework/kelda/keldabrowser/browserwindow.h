@@ -12,7 +12,7 @@ class QPushButton;
 namespace Kelda {
 class FileGroupData;
 class KeldaClient;
-}
+} // namespace Kelda
 
 namespace KeldaBrowser {
 
@@ -37,8 +37,7 @@ signals:
 private:
     void ShowConnectionState();
     void Pick(bool queryMode);
-    void ShowMetaData(const QString &requestId, const Kelda::FileGroupData &group, int error,
-                      const QString &errorText);
+    void ShowMetaData(const QString &requestId, const Kelda::FileGroupData &group, int error, const QString &errorText);
     void OpenPicked();
     void StoreLocalFile();
     // The server keeps a read lock while a picked file is open.

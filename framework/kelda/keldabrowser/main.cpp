@@ -45,11 +45,12 @@ void grabBrowserWindow(Kelda::KeldaClient &client, const BrowserOptions &options
 int renderAndExit(Kelda::KeldaClient &client, const BrowserOptions &options)
 {
     if (!client.WaitForConnected(options.connectTimeoutMs)) {
-        print(stderr, QStringLiteral("keldabrowser: cannot reach the archive server at %1:%2 within %3 s; "
-                                     "is keldaserver running there?\n")
-                          .arg(options.host)
-                          .arg(options.port)
-                          .arg(options.connectTimeoutMs / 1000));
+        print(stderr,
+              QStringLiteral("keldabrowser: cannot reach the archive server at %1:%2 within %3 s; "
+                             "is keldaserver running there?\n")
+                  .arg(options.host)
+                  .arg(options.port)
+                  .arg(options.connectTimeoutMs / 1000));
         return ExitUnreachable;
     }
     ScreenshotResult result = renderScreenshots(client, options.screenshotDir);
@@ -68,8 +69,8 @@ int renderAndExit(Kelda::KeldaClient &client, const BrowserOptions &options)
 bool hasDisplay()
 {
 #if defined(Q_OS_UNIX) && !defined(Q_OS_MACOS)
-    return qEnvironmentVariableIsSet("QT_QPA_PLATFORM") || qEnvironmentVariableIsSet("DISPLAY")
-           || qEnvironmentVariableIsSet("WAYLAND_DISPLAY");
+    return qEnvironmentVariableIsSet("QT_QPA_PLATFORM") || qEnvironmentVariableIsSet("DISPLAY") ||
+        qEnvironmentVariableIsSet("WAYLAND_DISPLAY");
 #else
     return true;
 #endif
@@ -100,15 +101,17 @@ int main(int argc, char *argv[])
     if (!options.screenshotDir.isEmpty()) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
     } else if (!hasDisplay()) {
-        print(stderr, QStringLiteral("keldabrowser: no display to show the window on (DISPLAY is not set); run it "
-                                     "on a desktop, or render the dialogs with --screenshot DIR\n"));
+        print(stderr,
+              QStringLiteral("keldabrowser: no display to show the window on (DISPLAY is not set); run it "
+                             "on a desktop, or render the dialogs with --screenshot DIR\n"));
         return ExitNoDisplay;
     }
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("keldabrowser"));
     if (!options.tlsCaFile.isEmpty())
         Kelda::KeldaClient::SetTlsFiles(options.tlsCaFile, options.tlsCertFile, options.tlsKeyFile);
-    Kelda::KeldaClient client(options.host, options.port, QStringLiteral("keldabrowser"), Kelda::LoginName(), QString());
+    Kelda::KeldaClient client(options.host, options.port, QStringLiteral("keldabrowser"), Kelda::LoginName(),
+                              QString());
     if (!options.screenshotDir.isEmpty())
         return renderAndExit(client, options);
 

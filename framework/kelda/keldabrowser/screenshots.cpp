@@ -30,8 +30,7 @@ constexpr int kPolls = 1000;
 
 // While it lives, waits for a modal dialog of type T, lets prepare fill it,
 // grabs it and closes it, so that a caller's exec() returns at once.
-template <typename T>
-class ModalGrabber
+template <typename T> class ModalGrabber
 {
 public:
     explicit ModalGrabber(std::function<void(T *)> prepare)

@@ -12,8 +12,8 @@ namespace KeldaBrowser {
 struct ScreenshotResult
 {
     QStringList written; // file paths, in the order rendered
-    QString error;       // empty on success
-    QString sampleGuid;  // the centrally stored group shown, if any
+    QString error; // empty on success
+    QString sampleGuid; // the centrally stored group shown, if any
 };
 
 // Renders, filled with what the server holds, the select dialog in quick mode

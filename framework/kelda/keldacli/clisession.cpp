@@ -41,8 +41,7 @@ Session::Session(const QString &command, const ConnectionSettings &settings)
     : m_command(command)
     , m_settings(settings)
     , m_out(stdout)
-{
-}
+{ }
 
 Session::~Session()
 {
@@ -53,15 +52,16 @@ ExitCode Session::connect()
 {
     if (!m_settings.tlsCaFile.isEmpty())
         KeldaClient::SetTlsFiles(m_settings.tlsCaFile, m_settings.tlsCertFile, m_settings.tlsKeyFile);
-    m_client = std::make_unique<KeldaClient>(m_settings.host, m_settings.port, m_settings.application,
-                                             m_settings.user, m_settings.team);
+    m_client = std::make_unique<KeldaClient>(m_settings.host, m_settings.port, m_settings.application, m_settings.user,
+                                             m_settings.team);
     if (m_client->WaitForConnected(m_settings.connectTimeoutMs))
         return ExitOk;
-    return fail(ExitUnreachable, QStringLiteral("cannot reach the archive server at %1:%2 within %3 ms "
-                                                "(is it running? see --host, --port, --connect-timeout)")
-                                     .arg(m_settings.host)
-                                     .arg(m_settings.port)
-                                     .arg(m_settings.connectTimeoutMs));
+    return fail(ExitUnreachable,
+                QStringLiteral("cannot reach the archive server at %1:%2 within %3 ms "
+                               "(is it running? see --host, --port, --connect-timeout)")
+                    .arg(m_settings.host)
+                    .arg(m_settings.port)
+                    .arg(m_settings.connectTimeoutMs));
 }
 
 void Session::writeOut(const QByteArray &bytes)

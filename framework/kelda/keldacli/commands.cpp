@@ -149,9 +149,9 @@ ExitCode describeRemoval(Session &session, const KeldaUrl &url)
             return ExitOk;
         }
     }
-    return session.serverError(KE_FileGroupIdNotFound, QStringLiteral("File group %1 holds no file %2")
-                                                           .arg(url.toKeldaGuid())
-                                                           .arg(url.toKeldaFileId()));
+    return session.serverError(
+        KE_FileGroupIdNotFound,
+        QStringLiteral("File group %1 holds no file %2").arg(url.toKeldaGuid()).arg(url.toKeldaFileId()));
 }
 
 ExitCode runRm(const QCommandLineParser &parser, Session &session)
@@ -160,8 +160,9 @@ ExitCode runRm(const QCommandLineParser &parser, Session &session)
         return code;
     KeldaUrl url;
     if (!readTarget(parser.positionalArguments().constFirst(), url))
-        return session.fail(ExitUsage, QStringLiteral("'%1' is neither a GUID nor a kelda URL")
-                                           .arg(parser.positionalArguments().constFirst()));
+        return session.fail(
+            ExitUsage,
+            QStringLiteral("'%1' is neither a GUID nor a kelda URL").arg(parser.positionalArguments().constFirst()));
     if (const ExitCode code = session.connect())
         return code;
     if (parser.isSet(kDryRunOption))
@@ -183,8 +184,7 @@ ExitCode runExists(const QCommandLineParser &parser, Session &session)
     bool exists = false;
     Outcome outcome;
     const ExitCode code = request(
-        session, &KeldaClient::checkFileGroupExistsSg,
-        [&] { return session.client().CheckFileGroupExists(guid); },
+        session, &KeldaClient::checkFileGroupExistsSg, [&] { return session.client().CheckFileGroupExists(guid); },
         [&](const QString &expected, QString id, bool found, int error, QString text) {
             if (id != expected)
                 return false;
@@ -320,8 +320,8 @@ ExitCode runMove(const QCommandLineParser &parser, Session &session)
         return code;
     if (const ExitCode code = session.connect())
         return code;
-    if (const ExitCode code = simpleRequest(session, &KeldaClient::MoveToNasSg,
-                                            [&] { return session.client().MoveToNas(guid); }))
+    if (const ExitCode code =
+            simpleRequest(session, &KeldaClient::MoveToNasSg, [&] { return session.client().MoveToNas(guid); }))
         return code;
 
     Progress display(QStringLiteral("move"));
@@ -338,9 +338,10 @@ ExitCode runMove(const QCommandLineParser &parser, Session &session)
             last = now;
             sinceChange.restart();
         } else if (sinceChange.elapsed() > kMoveStallMs) {
-            return session.fail(ExitTimeout, QStringLiteral("the move made no progress for %1 s (location: %2)")
-                                                 .arg(kMoveStallMs / 1000)
-                                                 .arg(LocationStateString::GetText(LocationState(now.state))));
+            return session.fail(ExitTimeout,
+                                QStringLiteral("the move made no progress for %1 s (location: %2)")
+                                    .arg(kMoveStallMs / 1000)
+                                    .arg(LocationStateString::GetText(LocationState(now.state))));
         }
         display.update(QStringLiteral("%1 (progress %2)")
                            .arg(LocationStateString::GetText(LocationState(now.state)))
@@ -400,9 +401,10 @@ ExitCode runImport(const QCommandLineParser &parser, Session &session)
         QStringList local;
         for (const QString &dir : items) {
             if (!QFileInfo::exists(dir))
-                return session.fail(ExitLocalFile, QStringLiteral("'%1' is not visible here; a dry run checks only "
-                                                                  "archives this machine sees")
-                                                       .arg(dir));
+                return session.fail(ExitLocalFile,
+                                    QStringLiteral("'%1' is not visible here; a dry run checks only "
+                                                   "archives this machine sees")
+                                        .arg(dir));
             local.append(QFileInfo(dir).absoluteFilePath());
         }
         return checkImport(local, session);
@@ -420,8 +422,7 @@ const std::vector<Command> &commands()
     static const std::vector<Command> table = {
         {"put", "FILE...", "Store local files (folders with -r) as a new file group; prints a URL per file.",
          putOptions, runPut},
-        {"get", "URL|GUID", "Fetch an archived file, or every file of a group, under a read lock.", getOptions,
-         runGet},
+        {"get", "URL|GUID", "Fetch an archived file, or every file of a group, under a read lock.", getOptions, runGet},
         {"ls", "", "List the file groups that match a query.", lsOptions, runLs},
         {"files", "GUID", "List the files of a group.", groupJsonOptions, runFiles},
         {"info", "GUID", "Show the metadata of a group.", groupJsonOptions, runInfo},

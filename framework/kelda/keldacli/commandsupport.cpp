@@ -23,8 +23,8 @@ constexpr int kMaxJobs = 32;
 
 bool isGuid(const QString &text)
 {
-    static const QRegularExpression guid(QStringLiteral(
-        "^[0-9a-fA-F]{8}-[0-9a-fA-F]{4}-[0-9a-fA-F]{4}-[0-9a-fA-F]{4}-[0-9a-fA-F]{12}$"));
+    static const QRegularExpression guid(
+        QStringLiteral("^[0-9a-fA-F]{8}-[0-9a-fA-F]{4}-[0-9a-fA-F]{4}-[0-9a-fA-F]{4}-[0-9a-fA-F]{12}$"));
     return guid.match(text).hasMatch();
 }
 
@@ -44,9 +44,10 @@ ExitCode expectArguments(const QCommandLineParser &parser, Session &session, int
     if (count >= min && (max < 0 || count <= max))
         return ExitOk;
     const QString expected = min == max ? QString::number(min)
-                             : max < 0  ? QStringLiteral("at least %1").arg(min)
+        : max < 0                       ? QStringLiteral("at least %1").arg(min)
                                         : QStringLiteral("%1 to %2").arg(min).arg(max);
-    return session.fail(ExitUsage, QStringLiteral("expected %1 argument(s), got %2; see --help").arg(expected).arg(count));
+    return session.fail(ExitUsage,
+                        QStringLiteral("expected %1 argument(s), got %2; see --help").arg(expected).arg(count));
 }
 
 ExitCode guidArgument(const QCommandLineParser &parser, Session &session, QString &guid)
@@ -72,7 +73,8 @@ void addJobsOption(QCommandLineParser &parser)
                           .arg(kMaxJobs)
                           .arg(kDefaultJobs)
                           .arg(TransferQueue::kAheadPerJob),
-                      QStringLiteral("N"), QString::number(kDefaultJobs)});
+                      QStringLiteral("N"),
+                      QString::number(kDefaultJobs)});
 }
 
 ExitCode jobsOption(const QCommandLineParser &parser, Session &session, int &jobs)
@@ -80,9 +82,8 @@ ExitCode jobsOption(const QCommandLineParser &parser, Session &session, int &job
     bool ok = false;
     jobs = parser.value(kJobsOption).toInt(&ok);
     if (!ok || jobs < 1 || jobs > kMaxJobs)
-        return session.fail(ExitUsage, QStringLiteral("--jobs takes 1 to %1, not '%2'")
-                                           .arg(kMaxJobs)
-                                           .arg(parser.value(kJobsOption)));
+        return session.fail(
+            ExitUsage, QStringLiteral("--jobs takes 1 to %1, not '%2'").arg(kMaxJobs).arg(parser.value(kJobsOption)));
     return ExitOk;
 }
 
@@ -111,7 +112,10 @@ QString sizeText(qint64 bytes)
 
 QString countText(qint64 count, const char *noun)
 {
-    return QStringLiteral("%1 %2%3").arg(count).arg(QLatin1String(noun)).arg(count == 1 ? QString() : QStringLiteral("s"));
+    return QStringLiteral("%1 %2%3")
+        .arg(count)
+        .arg(QLatin1String(noun))
+        .arg(count == 1 ? QString() : QStringLiteral("s"));
 }
 
 } // namespace KeldaCli

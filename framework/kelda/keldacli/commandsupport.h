@@ -66,12 +66,13 @@ template <typename Signal>
 ExitCode simpleRequest(Session &session, Signal signal, const std::function<QString()> &send, bool anyRequestId = false)
 {
     Outcome outcome;
-    const ExitCode code = request(session, signal, send, [&](const QString &expected, QString id, int error, QString text) {
-        if (!anyRequestId && id != expected)
-            return false;
-        outcome = {error, text};
-        return true;
-    });
+    const ExitCode code =
+        request(session, signal, send, [&](const QString &expected, QString id, int error, QString text) {
+            if (!anyRequestId && id != expected)
+                return false;
+            outcome = {error, text};
+            return true;
+        });
     if (code != ExitOk)
         return code;
     return outcome.error == Kelda::KE_NoError ? ExitOk : session.serverError(outcome.error, outcome.text);

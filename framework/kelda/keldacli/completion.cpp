@@ -50,8 +50,8 @@ QStringList allNames(const std::vector<OptionInfo> &options)
 
 QStringList valuedNames(const std::vector<OptionInfo> &options)
 {
-    return namesWith(options, ValueKind::File) + namesWith(options, ValueKind::FileType)
-           + namesWith(options, ValueKind::Other);
+    return namesWith(options, ValueKind::File) + namesWith(options, ValueKind::FileType) +
+        namesWith(options, ValueKind::Other);
 }
 
 QString argumentWord(const CommandInfo &command)
@@ -175,7 +175,8 @@ _kelda()
 complete -o filenames -F _kelda kelda
 )SH")
         .arg(QLatin1String(kGuidPattern), shellQuoted(commandNames.join(QLatin1Char(' '))),
-             shellQuoted(allNames(model.globalOptions).join(QLatin1Char(' '))), bashSet(valuedNames(model.globalOptions)),
+             shellQuoted(allNames(model.globalOptions).join(QLatin1Char(' '))),
+             bashSet(valuedNames(model.globalOptions)),
              QStringLiteral("$") + shellQuoted(model.fileTypes.join(QLatin1String("\\n"))), bashCases(model));
 }
 
@@ -346,8 +347,7 @@ end
 
 complete -c kelda -f
 )SH")
-                       .arg(valuedNames(model.globalOptions).join(QLatin1Char(' ')),
-                            QLatin1String(kGuidPattern));
+                       .arg(valuedNames(model.globalOptions).join(QLatin1Char(' ')), QLatin1String(kGuidPattern));
     for (const CommandInfo &command : model.commands)
         text += QStringLiteral("complete -c kelda -n __fish_use_subcommand -a %1 -d %2\n")
                     .arg(command.name, fishQuoted(command.summary));
@@ -391,9 +391,9 @@ ExitCode runCompletion(const QCommandLineParser &parser, Session &session)
         return code;
     const QString script = completionScript(parser.positionalArguments().constFirst());
     if (script.isEmpty())
-        return session.fail(ExitUsage, QStringLiteral("no completion for '%1'; choose one of %2")
-                                           .arg(parser.positionalArguments().constFirst(),
-                                                kShells.join(QLatin1String(", "))));
+        return session.fail(ExitUsage,
+                            QStringLiteral("no completion for '%1'; choose one of %2")
+                                .arg(parser.positionalArguments().constFirst(), kShells.join(QLatin1String(", "))));
     session.writeOut(script.toUtf8());
     return ExitOk;
 }

@@ -107,8 +107,7 @@ void DownloadQueue::report(int index)
 // A copy cut short leaves nothing behind (see copyFile), and an unanswered
 // request leaves at most the group's lock, which the caller gives back.
 void DownloadQueue::abandon(int)
-{
-}
+{ }
 
 QString DownloadQueue::describe(int index) const
 {

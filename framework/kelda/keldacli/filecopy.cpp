@@ -47,7 +47,8 @@ QString durableCopy(QFile &in, const QString &to, QByteArray &buffer, std::atomi
 // new file gets (unlike a QTemporaryFile's, which are the owner's only).
 QString plainCopy(QFile &in, const QString &to, QByteArray &buffer, std::atomic<qint64> &copied)
 {
-    QFile out(QStringLiteral("%1.part-%2").arg(to).arg(QRandomGenerator::global()->generate(), 8, 16, QLatin1Char('0')));
+    QFile out(
+        QStringLiteral("%1.part-%2").arg(to).arg(QRandomGenerator::global()->generate(), 8, 16, QLatin1Char('0')));
     if (!out.open(QIODevice::WriteOnly | QIODevice::NewOnly))
         return QStringLiteral("cannot write '%1': %2").arg(out.fileName(), out.errorString());
     QString error = copyBlocks(in, out, to, buffer, copied);
@@ -55,8 +56,8 @@ QString plainCopy(QFile &in, const QString &to, QByteArray &buffer, std::atomic<
     if (error.isEmpty() && out.error() != QFileDevice::NoError)
         error = QStringLiteral("cannot write '%1': %2").arg(to, out.errorString());
     // rename(2) replaces an existing file in one step, unlike QFile::rename.
-    if (error.isEmpty()
-        && std::rename(QFile::encodeName(out.fileName()).constData(), QFile::encodeName(to).constData()) != 0)
+    if (error.isEmpty() &&
+        std::rename(QFile::encodeName(out.fileName()).constData(), QFile::encodeName(to).constData()) != 0)
         error = QStringLiteral("cannot write '%1': %2").arg(to, QString::fromLocal8Bit(std::strerror(errno)));
     if (!error.isEmpty())
         out.remove();
@@ -65,8 +66,7 @@ QString plainCopy(QFile &in, const QString &to, QByteArray &buffer, std::atomic<
 
 } // namespace
 
-QString copyFile(const QString &from, const QString &to, CopyMode mode, QByteArray &buffer,
-                 std::atomic<qint64> &copied)
+QString copyFile(const QString &from, const QString &to, CopyMode mode, QByteArray &buffer, std::atomic<qint64> &copied)
 {
     QFile in(from);
     if (!in.open(QIODevice::ReadOnly))

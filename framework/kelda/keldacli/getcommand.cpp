@@ -46,8 +46,8 @@ ExitCode copyOut(QFile &in, const QString &dest, Session &session)
     if (!out.open(QIODevice::WriteOnly))
         return session.fail(ExitLocalFile, QStringLiteral("cannot write '%1': %2").arg(dest, out.errorString()));
     if (!copyWithProgress(in, out, in.size(), progress, error) || !out.commit())
-        return session.fail(ExitLocalFile, QStringLiteral("writing '%1': %2")
-                                               .arg(dest, error.isEmpty() ? out.errorString() : error));
+        return session.fail(ExitLocalFile,
+                            QStringLiteral("writing '%1': %2").arg(dest, error.isEmpty() ? out.errorString() : error));
     return ExitOk;
 }
 
@@ -76,8 +76,9 @@ ExitCode getFile(const QCommandLineParser &parser, Session &session, const Kelda
     }
     ExitCode code = ExitOk;
     if (!file.isOpen()) {
-        code = session.fail(ExitLocalFile, QStringLiteral("cannot read the archived copy '%1': %2")
-                                                .arg(file.fileName(), file.errorString()));
+        code = session.fail(
+            ExitLocalFile,
+            QStringLiteral("cannot read the archived copy '%1': %2").arg(file.fileName(), file.errorString()));
     } else {
         code = copyOut(file, destinationFor(parser, file.fileName()), session);
     }

@@ -38,13 +38,17 @@ void addGlobalOptions(QCommandLineParser &parser, const ConnectionSettings &defa
     const QString host = environmentOr(kHostVariable, defaults.host);
     const QString port = environmentOr(kPortVariable, QString::number(defaults.port));
     const QString user = environmentOr(kUserVariable, defaults.user);
-    parser.addOption({kHost, QStringLiteral("Archive server host (default %1).").arg(host), QStringLiteral("HOST"), host});
-    parser.addOption({kPort, QStringLiteral("Archive server port (default %1).").arg(port), QStringLiteral("PORT"), port});
-    parser.addOption({kApp, QStringLiteral("Application name sent with requests; ref and unref reference as it "
-                                           "(default %1).").arg(defaults.application),
+    parser.addOption(
+        {kHost, QStringLiteral("Archive server host (default %1).").arg(host), QStringLiteral("HOST"), host});
+    parser.addOption(
+        {kPort, QStringLiteral("Archive server port (default %1).").arg(port), QStringLiteral("PORT"), port});
+    parser.addOption({kApp,
+                      QStringLiteral("Application name sent with requests; ref and unref reference as it "
+                                     "(default %1).")
+                          .arg(defaults.application),
                       QStringLiteral("NAME"), defaults.application});
-    parser.addOption({kUser, QStringLiteral("User name sent with requests (default %1).").arg(user),
-                      QStringLiteral("NAME"), user});
+    parser.addOption(
+        {kUser, QStringLiteral("User name sent with requests (default %1).").arg(user), QStringLiteral("NAME"), user});
     parser.addOption({kTeam, QStringLiteral("Team membership sent with requests."), QStringLiteral("TEAM")});
     parser.addOption({kConnectTimeout,
                       QStringLiteral("Seconds to wait for the server's handshake (default %1).")
@@ -99,8 +103,8 @@ bool readGlobalOptions(const QCommandLineParser &parser, ConnectionSettings &set
 
 void addVerbosityOptions(QCommandLineParser &parser)
 {
-    parser.addOption({{QStringLiteral("q"), kQuiet},
-                      QStringLiteral("No progress and no summary; results and errors only.")});
+    parser.addOption(
+        {{QStringLiteral("q"), kQuiet}, QStringLiteral("No progress and no summary; results and errors only.")});
     parser.addOption({{QStringLiteral("v"), kVerbose},
                       QStringLiteral("A line per file with its timing, also when not on a terminal.")});
 }

@@ -34,7 +34,9 @@ QString commandList()
 {
     QString text = QStringLiteral("Commands:\n");
     for (const Command &command : commands())
-        text += QStringLiteral("  %1  %2\n").arg(QString::fromLatin1(command.name).leftJustified(kCommandColumn), QLatin1String(command.summary));
+        text +=
+            QStringLiteral("  %1  %2\n")
+                .arg(QString::fromLatin1(command.name).leftJustified(kCommandColumn), QLatin1String(command.summary));
     return text + QStringLiteral("\n'kelda COMMAND --help' describes a command and its options.\n");
 }
 
@@ -45,8 +47,8 @@ QString commandHelp(const Command &command, const QCommandLineParser &parser)
     QString text = parser.helpText();
     text = text.mid(text.indexOf(QLatin1Char('\n')) + 1);
     return QStringLiteral("Usage: kelda [global options] %1 [options] %2\n")
-               .arg(QLatin1String(command.name), QLatin1String(command.synopsis))
-           + text;
+               .arg(QLatin1String(command.name), QLatin1String(command.synopsis)) +
+        text;
 }
 
 int runCommand(const Command &command, const QStringList &arguments, const ConnectionSettings &settings,
@@ -92,10 +94,9 @@ int main(int argc, char *argv[])
     if (!parser.parse(QCoreApplication::arguments()))
         return usageError(parser.errorText());
 
-    const QString help = QStringLiteral("Usage: kelda [global options] COMMAND [arguments...]\n")
-                         + parser.helpText().mid(parser.helpText().indexOf(QLatin1Char('\n')) + 1)
-                         + QLatin1Char('\n') + commandList() + QLatin1Char('\n') + QLatin1String(environmentHelp())
-                         + QLatin1Char('\n') + QLatin1String(exitCodeHelp());
+    const QString help = QStringLiteral("Usage: kelda [global options] COMMAND [arguments...]\n") +
+        parser.helpText().mid(parser.helpText().indexOf(QLatin1Char('\n')) + 1) + QLatin1Char('\n') + commandList() +
+        QLatin1Char('\n') + QLatin1String(environmentHelp()) + QLatin1Char('\n') + QLatin1String(exitCodeHelp());
     if (parser.isSet(kHelp)) {
         print(stdout, help);
         return ExitOk;

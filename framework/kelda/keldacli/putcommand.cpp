@@ -75,10 +75,10 @@ ExitCode createGroups(const QCommandLineParser &parser, const PutPlan &plan, con
         QElapsedTimer timer;
         timer.start();
         QString directory;
-        const QString guid = client.CreateFileGroup(parser.value(kVersion),
-                                                    QDateTime::currentDateTime().addDays(settings.days),
-                                                    parser.value(kDetail), parser.value(kComment), settings.type,
-                                                    quint64(group.bytes), group.name, directory);
+        const QString guid =
+            client.CreateFileGroup(parser.value(kVersion), QDateTime::currentDateTime().addDays(settings.days),
+                                   parser.value(kDetail), parser.value(kComment), settings.type, quint64(group.bytes),
+                                   group.name, directory);
         if (guid.isEmpty())
             return session.blockingFailure();
         session.detail(QStringLiteral("created group \"%1\" as %2 (%3 ms)").arg(group.name, guid).arg(timer.elapsed()));

@@ -52,21 +52,23 @@ bool PutPlan::build(const QStringList &arguments, Layout layout, const QString &
     if (layout == Layout::GroupPerFolder) {
         for (const QString &argument : arguments) {
             if (!QFileInfo(argument).isDir())
-                return refuse(ExitUsage, QStringLiteral("'%1' is not a folder; --group-per-folder stores folders")
-                                             .arg(argument));
+                return refuse(ExitUsage,
+                              QStringLiteral("'%1' is not a folder; --group-per-folder stores folders").arg(argument));
             if (!addFolderGroups(argument, groupName.isEmpty() ? folderName(argument) : groupName))
                 return false;
         }
         if (m_groups.empty())
-            return refuse(ExitUsage, QStringLiteral("nothing to store: no file below %1").arg(arguments.join(QLatin1String(", "))));
+            return refuse(
+                ExitUsage,
+                QStringLiteral("nothing to store: no file below %1").arg(arguments.join(QLatin1String(", "))));
         return true;
     }
 
     Group group;
     const QString &first = arguments.constFirst();
-    group.name = !groupName.isEmpty()           ? groupName
-                 : QFileInfo(first).isDir() ? folderName(first)
-                                            : QFileInfo(first).fileName();
+    group.name = !groupName.isEmpty() ? groupName
+        : QFileInfo(first).isDir()    ? folderName(first)
+                                      : QFileInfo(first).fileName();
     for (const QString &argument : arguments) {
         if (!QFileInfo(argument).isDir()) {
             if (!addFile(group, argument))
@@ -78,7 +80,8 @@ bool PutPlan::build(const QStringList &arguments, Layout layout, const QString &
         }
     }
     if (group.files.empty())
-        return refuse(ExitUsage, QStringLiteral("nothing to store: no file below %1").arg(arguments.join(QLatin1String(", "))));
+        return refuse(ExitUsage,
+                      QStringLiteral("nothing to store: no file below %1").arg(arguments.join(QLatin1String(", "))));
     if (!checkNames(group))
         return false;
     m_groups.push_back(group);
@@ -159,9 +162,10 @@ bool PutPlan::checkNames(const Group &group)
         return true;
     if (count > kClashesShown)
         clashes += QStringLiteral("\n  and %1 more names").arg(count - kClashesShown);
-    return refuse(ExitUsage, QStringLiteral("a group holds one file per name, and these names occur more than once "
-                                            "(rename them, or use --group-per-folder):")
-                                 + clashes);
+    return refuse(ExitUsage,
+                  QStringLiteral("a group holds one file per name, and these names occur more than once "
+                                 "(rename them, or use --group-per-folder):") +
+                      clashes);
 }
 
 bool PutPlan::refuse(ExitCode code, const QString &text)

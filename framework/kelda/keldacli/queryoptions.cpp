@@ -87,8 +87,8 @@ void addQueryOptions(QCommandLineParser &parser)
         parser.addOption({QLatin1String(criterion.option), QLatin1String(criterion.help), QStringLiteral("TEXT")});
     for (const TimeCriterion &criterion : kTimeCriteria)
         parser.addOption({QLatin1String(criterion.option), QLatin1String(criterion.help), QStringLiteral("TIME")});
-    parser.addOption({kType, QStringLiteral("File type TYPE, a number or its text; repeat for several."),
-                      QStringLiteral("TYPE")});
+    parser.addOption(
+        {kType, QStringLiteral("File type TYPE, a number or its text; repeat for several."), QStringLiteral("TYPE")});
     parser.addOption({kLocation, QStringLiteral("Location state STATE, a number or its text (Local, Central, ...)."),
                       QStringLiteral("STATE")});
     parser.addOption({kLock, QStringLiteral("Lock state STATE: Free, Read or Write."), QStringLiteral("STATE")});
@@ -107,8 +107,8 @@ bool queryFromOptions(const QCommandLineParser &parser, FileQuery &query, QStrin
             continue;
         const QDateTime time = parseTime(parser.value(option));
         if (!time.isValid()) {
-            error = invalidValue(option, parser.value(option))
-                    + QStringLiteral(" (use yyyy-MM-dd or yyyy-MM-dd hh:mm:ss)");
+            error =
+                invalidValue(option, parser.value(option)) + QStringLiteral(" (use yyyy-MM-dd or yyyy-MM-dd hh:mm:ss)");
             return false;
         }
         (query.*criterion.set)(time);
@@ -143,7 +143,8 @@ bool queryFromOptions(const QCommandLineParser &parser, FileQuery &query, QStrin
 bool parseFileType(const QString &text, FileType &type)
 {
     int value = 0;
-    if (!parseEnumeration(text, FT_Last, [](int v) { return FileTypeManager::GetText(FileType(v)); }, value))
+    if (!parseEnumeration(
+            text, FT_Last, [](int v) { return FileTypeManager::GetText(FileType(v)); }, value))
         return false;
     type = FileType(value);
     return true;
@@ -152,7 +153,8 @@ bool parseFileType(const QString &text, FileType &type)
 bool parseLocationState(const QString &text, LocationState &state)
 {
     int value = 0;
-    if (!parseEnumeration(text, LS_Last, [](int v) { return LocationStateString::GetText(LocationState(v)); }, value))
+    if (!parseEnumeration(
+            text, LS_Last, [](int v) { return LocationStateString::GetText(LocationState(v)); }, value))
         return false;
     state = LocationState(value);
     return true;
@@ -161,7 +163,8 @@ bool parseLocationState(const QString &text, LocationState &state)
 bool parseLockState(const QString &text, LockState &state)
 {
     int value = 0;
-    if (!parseEnumeration(text, LOCK_Last, [](int v) { return LockStateString::GetText(LockState(v)); }, value))
+    if (!parseEnumeration(
+            text, LOCK_Last, [](int v) { return LockStateString::GetText(LockState(v)); }, value))
         return false;
     state = LockState(value);
     return true;

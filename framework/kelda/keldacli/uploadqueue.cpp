@@ -72,9 +72,8 @@ void UploadQueue::report(int index)
     const QString url = KeldaUrl::fromKeldaIds(item.guid, item.fileId).toString();
     session().out() << url << '\n';
     session().out().flush();
-    session().detail(QStringLiteral("stored %1 as %2 (%3, %4 ms)")
-                         .arg(item.source, url, sizeText(item.size))
-                         .arg(elapsedMs(index)));
+    session().detail(
+        QStringLiteral("stored %1 as %2 (%3, %4 ms)").arg(item.source, url, sizeText(item.size)).arg(elapsedMs(index)));
 }
 
 // An item whose AddFile went out may be in the archive: its copy stays, so

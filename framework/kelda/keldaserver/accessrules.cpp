@@ -12,8 +12,8 @@ namespace {
 // is not the caller either. Any other command's UserName is not read.
 bool claimsUser(const QString &command)
 {
-    return AccessRules::carriesLockIdentity(command) || command == Tag::CreateFileGroup
-        || command == Tag::CreateTovinFileGroup || command == Tag::MoveToNas;
+    return AccessRules::carriesLockIdentity(command) || command == Tag::CreateFileGroup ||
+        command == Tag::CreateTovinFileGroup || command == Tag::MoveToNas;
 }
 
 } // namespace
@@ -27,8 +27,7 @@ AccessRules::AccessRules(bool identified, const QStringList &admins, const QStri
     : m_identified(identified)
     , m_admins(admins)
     , m_converters(converters)
-{
-}
+{ }
 
 QString AccessRules::userOf(const QString &lockIdentity)
 {
@@ -59,8 +58,8 @@ std::optional<AccessRules::Refusal> AccessRules::checkOwner(const QString &comma
 {
     if (!m_identified || origin.certificateUser == creator || isAdmin(origin.certificateUser))
         return std::nullopt;
-    return Refusal{KE_NoWritePermission, QStringLiteral("%1 is for the group's creator %2 and administrators")
-                                             .arg(command, creator)};
+    return Refusal{KE_NoWritePermission,
+                   QStringLiteral("%1 is for the group's creator %2 and administrators").arg(command, creator)};
 }
 
 std::optional<AccessRules::Refusal> AccessRules::checkImport(const RequestOrigin &origin) const

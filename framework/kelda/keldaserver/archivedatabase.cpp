@@ -147,8 +147,8 @@ bool ArchiveDatabase::connect()
         try {
             setUpPostgres();
         } catch (const RequestFailure &failure) {
-            m_error
-                = QStringLiteral("Cannot set up the connection to %1: %2").arg(m_location.displayName(), failure.text);
+            m_error =
+                QStringLiteral("Cannot set up the connection to %1: %2").arg(m_location.displayName(), failure.text);
             return false;
         }
     }
@@ -191,8 +191,8 @@ bool ArchiveDatabase::ownerAlive(const QString &owner)
         return true;
     if (!isPostgres())
         return false;
-    ResultRows &rows = run(QStringLiteral("SELECT pg_try_advisory_lock(%1, hashtext(?))").arg(AdvisoryClass),
-                           {owner}, KE_DatabaseNotAvailable);
+    ResultRows &rows = run(QStringLiteral("SELECT pg_try_advisory_lock(%1, hashtext(?))").arg(AdvisoryClass), {owner},
+                           KE_DatabaseNotAvailable);
     const bool free = rows.next() && rows.flag(0);
     rows.finish();
     if (!free)
@@ -207,8 +207,7 @@ RequestFailure ArchiveDatabase::failure(const QSqlError &error, KeldaError code)
 {
     const QString state = error.nativeErrorCode();
     // Errors libpq makes up itself carry no state: the server is gone.
-    return failure(state, error.text().trimmed(),
-                   state.isEmpty() || error.type() == QSqlError::ConnectionError, code);
+    return failure(state, error.text().trimmed(), state.isEmpty() || error.type() == QSqlError::ConnectionError, code);
 }
 
 RequestFailure ArchiveDatabase::failure(const QString &state, const QString &text, bool connectionBroken,

@@ -67,8 +67,8 @@ std::optional<QDateTime> requestTime(const QString &text)
 void removeGroupFiles(const StorageLayout &layout, const QString &directory, const QStringList &names)
 {
     QString error;
-    const ConfinedDirectory opened
-        = layout.openGroupDirectory(directory, ConfinedDirectory::Creation::Existing, &error);
+    const ConfinedDirectory opened =
+        layout.openGroupDirectory(directory, ConfinedDirectory::Creation::Existing, &error);
     if (!opened.isOpen()) {
         if (!opened.wasMissing())
             Q_TRACE_FAILURE(kSource, QStringLiteral("Cannot remove files from %1: %2").arg(directory, error));
@@ -132,8 +132,7 @@ QString descriptionName(const FileGroupData &data)
 ArchiveEngine::ArchiveEngine(ArchiveStore &store, const StorageLayout &layout)
     : m_store(store)
     , m_layout(layout)
-{
-}
+{ }
 
 QDateTime ArchiveEngine::now()
 {
@@ -217,9 +216,10 @@ bool ArchiveEngine::handle(const Request &request, const RequestOrigin &origin, 
         outcome.reply = writer.finish();
         return true;
     } catch (const RequestFailure &failure) {
-        Q_TRACE_FAILURE(kSource, QStringLiteral("%1 %2 failed: %3 (%4)")
-                                     .arg(request.command, request.requestId, failure.text)
-                                     .arg(int(failure.code)));
+        Q_TRACE_FAILURE(kSource,
+                        QStringLiteral("%1 %2 failed: %3 (%4)")
+                            .arg(request.command, request.requestId, failure.text)
+                            .arg(int(failure.code)));
         outcome = RequestOutcome();
         outcome.reply = ReplyWriter::status(request.command, request.requestId, failure.code, failure.text);
         outcome.retry = failure.retry;
@@ -296,7 +296,8 @@ QString ArchiveEngine::claimNewGroup(const StoredGroup &group, const QString &re
     if (type < FT_Unknown || type > FT_Last)
         refuse(KE_AddFileGroupFailed, QStringLiteral("Unknown file type %1").arg(type));
     if (refusal.isEmpty() && conflicts.around)
-        refusal = QStringLiteral("%1 lies in or around the directory of file group %2").arg(directory, *conflicts.around);
+        refusal =
+            QStringLiteral("%1 lies in or around the directory of file group %2").arg(directory, *conflicts.around);
     if (!refusal.isEmpty())
         refuse(KE_CreatePathFailed, refusal);
     QString error;
@@ -334,8 +335,8 @@ QString ArchiveEngine::createGroup(StoredGroup group, const QString &requestedPa
 QString ArchiveEngine::groupFilesRefusal(const QString &directory, const QStringList &names, bool missingAllowed) const
 {
     QString error;
-    const ConfinedDirectory opened
-        = m_layout.openGroupDirectory(directory, ConfinedDirectory::Creation::Existing, &error);
+    const ConfinedDirectory opened =
+        m_layout.openGroupDirectory(directory, ConfinedDirectory::Creation::Existing, &error);
     if (!opened.isOpen())
         return missingAllowed && opened.wasMissing() ? QString() : error;
     for (const QString &name : names) {
@@ -405,21 +406,24 @@ void ArchiveEngine::addFile(const Request &request, const RequestOrigin &origin,
     refuseWhileMoving(group);
     const QString name = request.text(Tag::FileName);
     if (StorageLayout::fileInside(group.path, name).isEmpty())
-        refuse(KE_AddFileFailed, QStringLiteral("Refused file name \"%1\": it must name a file in the group's "
-                                                "directory itself").arg(name));
+        refuse(KE_AddFileFailed,
+               QStringLiteral("Refused file name \"%1\": it must name a file in the group's "
+                              "directory itself")
+                   .arg(name));
     QString error;
-    const ConfinedDirectory directory
-        = m_layout.openGroupDirectory(group.path, ConfinedDirectory::Creation::Existing, &error);
+    const ConfinedDirectory directory =
+        m_layout.openGroupDirectory(group.path, ConfinedDirectory::Creation::Existing, &error);
     if (!directory.isOpen())
-        refuse(KE_OpenFileFailed, QStringLiteral("Cannot use the directory of file group %1: %2")
-                                      .arg(group.data.getGuid(), error));
+        refuse(KE_OpenFileFailed,
+               QStringLiteral("Cannot use the directory of file group %1: %2").arg(group.data.getGuid(), error));
     // A link may point anywhere; archived files are files of their own.
     if (directory.kindOf(name) == ConfinedDirectory::Kind::Link)
         refuse(KE_AddFileFailed, QStringLiteral("Refused %1: it is a symbolic link").arg(name));
     if (!directory.checkRegularFile(name, &error))
-        refuse(KE_OpenFileFailed, QStringLiteral("%1 is no regular file in the group's directory %2; copy it there "
-                                                 "first (%3)")
-                                      .arg(name, StorageLayout::directoryForReply(group.path), error));
+        refuse(KE_OpenFileFailed,
+               QStringLiteral("%1 is no regular file in the group's directory %2; copy it there "
+                              "first (%3)")
+                   .arg(name, StorageLayout::directoryForReply(group.path), error));
     const QString guid = group.data.getGuid();
     const qint64 wanted = request.number(Tag::FileId);
     const FileFacts facts = m_store.fileFacts(guid, name, wanted);
@@ -450,8 +454,9 @@ FileCheck ArchiveEngine::checkOfAddedFile(const StoredGroup &group, const QStrin
         }
     }
     if (!reading || !reading->found)
-        refuse(KE_ReadFileFailed, QStringLiteral("Cannot read %1 to record its digest: %2")
-                                      .arg(name, reading ? reading->error : QStringLiteral("it was not read")));
+        refuse(KE_ReadFileFailed,
+               QStringLiteral("Cannot read %1 to record its digest: %2")
+                   .arg(name, reading ? reading->error : QStringLiteral("it was not read")));
     // Read before this request reached the database: a file that changed
     // since would be recorded with a digest of other content.
     QString error;
@@ -481,8 +486,8 @@ void ArchiveEngine::requestFile(const Request &request, const RequestOrigin &ori
         refuse(KE_FileGroupIdNotFound, QStringLiteral("File group %1 holds no file %2").arg(guid).arg(fileId));
     const QString path = StorageLayout::fileInside(group.path, *name);
     QString error;
-    const ConfinedDirectory directory
-        = m_layout.openGroupDirectory(group.path, ConfinedDirectory::Creation::Existing, &error);
+    const ConfinedDirectory directory =
+        m_layout.openGroupDirectory(group.path, ConfinedDirectory::Creation::Existing, &error);
     if (path.isEmpty() || !directory.isOpen() || !directory.checkRegularFile(*name, &error))
         refuse(KE_OpenFileFailed,
                QStringLiteral("The file %1 of group %2 cannot be opened: %3").arg(*name, guid, error));
@@ -513,8 +518,8 @@ void ArchiveEngine::closeFile(const Request &request, const RequestOrigin &, Rep
     const StoredGroup group = requireGroup(request.text(Tag::Guid));
     const QString holder = request.text(Tag::UserName);
     if (m_store.releaseLocks(group.data.getGuid(), holder) == 0)
-        refuse(KE_DeleteLockFailed, QStringLiteral("%1 holds no lock on file group %2")
-                                        .arg(holder, group.data.getGuid()));
+        refuse(KE_DeleteLockFailed,
+               QStringLiteral("%1 holds no lock on file group %2").arg(holder, group.data.getGuid()));
     writer.writeStatus(KE_NoError, QString());
 }
 
@@ -526,8 +531,8 @@ void ArchiveEngine::deleteFile(const Request &request, const RequestOrigin &orig
     refuseWhileMoving(group);
     const QString guid = group.data.getGuid();
     const qint64 fileId = request.number(Tag::FileId, -1);
-    const std::optional<QString> name = fileId > 0 && fileId <= INT_MAX ? m_store.fileName(guid, int(fileId))
-                                                                          : std::nullopt;
+    const std::optional<QString> name =
+        fileId > 0 && fileId <= INT_MAX ? m_store.fileName(guid, int(fileId)) : std::nullopt;
     if (!name)
         refuse(KE_FileGroupIdNotFound, QStringLiteral("File group %1 holds no file %2").arg(guid).arg(fileId));
     refuseWhileLocked(guid, origin);
@@ -541,9 +546,8 @@ void ArchiveEngine::deleteFile(const Request &request, const RequestOrigin &orig
     m_store.touch(guid, now().toMSecsSinceEpoch());
     // The group lives on: its directory stays for the files still to come.
     if (onDisk)
-        outcome.afterCommit.push_back([layout = m_layout, path = group.path, file = *name] {
-            removeGroupFiles(layout, path, {file});
-        });
+        outcome.afterCommit.push_back(
+            [layout = m_layout, path = group.path, file = *name] { removeGroupFiles(layout, path, {file}); });
     writer.writeStatus(KE_NoError, QString());
 }
 
@@ -716,9 +720,10 @@ QString ArchiveEngine::exchangeItem(const QString &requested) const
     // The same answer whether or not the path exists, and without the
     // path: the server tells nobody what lies outside the folder.
     if (item.isEmpty())
-        refuse(KE_CreatePathFailed, QStringLiteral("The path lies outside the exchange folder %1, the only folder "
-                                                   "export and import use")
-                                        .arg(m_layout.exchangePath()));
+        refuse(KE_CreatePathFailed,
+               QStringLiteral("The path lies outside the exchange folder %1, the only folder "
+                              "export and import use")
+                   .arg(m_layout.exchangePath()));
     return item;
 }
 
@@ -730,8 +735,8 @@ QString ArchiveEngine::exportGroup(const QString &guid, const ConfinedDirectory 
     group->data.setFileList(m_store.files(guid));
     const QStringList names = namesOf(group->data.getFileList());
     QString error;
-    const ConfinedDirectory source
-        = m_layout.openGroupDirectory(group->path, ConfinedDirectory::Creation::Existing, &error);
+    const ConfinedDirectory source =
+        m_layout.openGroupDirectory(group->path, ConfinedDirectory::Creation::Existing, &error);
     if (!source.isOpen())
         return QStringLiteral("file group %1: %2").arg(guid, error);
     // Checked before anything is written, so a refused group leaves
@@ -779,8 +784,7 @@ QString ArchiveEngine::writeManifest(const ConfinedDirectory &target, const QStr
         all = QString::fromUtf8(*old).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     }
     all.append(lines);
-    return target.writeNewFile(kManifestName, all.join(QLatin1Char('\n')).toUtf8() + '\n', &error) ? QString()
-                                                                                                     : error;
+    return target.writeNewFile(kManifestName, all.join(QLatin1Char('\n')).toUtf8() + '\n', &error) ? QString() : error;
 }
 
 void ArchiveEngine::exportArchive(const Request &request, const RequestOrigin &origin, ReplyWriter &writer,
@@ -797,8 +801,8 @@ void ArchiveEngine::exportArchive(const Request &request, const RequestOrigin &o
     }
     const QString target = exchangeItem(requested);
     QString error;
-    const ConfinedDirectory directory = ConfinedDirectory::open(
-        m_layout.exchangePath(), target, ConfinedDirectory::Creation::CreateMissing, &error);
+    const ConfinedDirectory directory =
+        ConfinedDirectory::open(m_layout.exchangePath(), target, ConfinedDirectory::Creation::CreateMissing, &error);
     if (!directory.isOpen())
         refuse(KE_ExportArchiveFailed, QStringLiteral("Cannot create the directory %1: %2").arg(target, error));
     QStringList failures;
@@ -830,8 +834,8 @@ void ArchiveEngine::collectDescriptions(const QString &item, QStringList &descri
     } else {
         const int cut = item.lastIndexOf(QLatin1Char('/'));
         const QString name = item.mid(cut + 1);
-        const ConfinedDirectory parent
-            = ConfinedDirectory::open(exchange, item.left(cut), ConfinedDirectory::Creation::Existing, &error);
+        const ConfinedDirectory parent =
+            ConfinedDirectory::open(exchange, item.left(cut), ConfinedDirectory::Creation::Existing, &error);
         if (!parent.isOpen() && !parent.wasMissing()) {
             failures.append(error);
             return;
@@ -888,9 +892,8 @@ QString ArchiveEngine::importDescription(const QString &description, RequestOutc
     QString error;
     const ConfinedDirectory folder = ConfinedDirectory::open(m_layout.exchangePath(), description.left(cut),
                                                              ConfinedDirectory::Creation::Existing, &error);
-    const std::optional<QByteArray> bytes
-        = folder.isOpen() ? folder.readFile(description.mid(cut + 1), m_layout.maxImportBytes(), &error)
-                          : std::nullopt;
+    const std::optional<QByteArray> bytes =
+        folder.isOpen() ? folder.readFile(description.mid(cut + 1), m_layout.maxImportBytes(), &error) : std::nullopt;
     if (!bytes)
         return error;
     FileGroupData record;
@@ -935,8 +938,8 @@ QString ArchiveEngine::importDescription(const QString &description, RequestOutc
         return failure.text;
     }
     // Files first: a group enters the archive only with all of its files.
-    const ConfinedDirectory target
-        = m_layout.openGroupDirectory(directory, ConfinedDirectory::Creation::Existing, &error);
+    const ConfinedDirectory target =
+        m_layout.openGroupDirectory(directory, ConfinedDirectory::Creation::Existing, &error);
     QStringList copied;
     QHash<QString, FileCheck> checks;
     const qint64 nowMs = now().toMSecsSinceEpoch();
@@ -956,10 +959,10 @@ QString ArchiveEngine::importDescription(const QString &description, RequestOutc
         const QString expected = manifest.value(prefix + name);
         if (expected != digest) {
             *mismatch = true;
-            return undo(QStringLiteral("%1 does not match the export's %2 (listed %3, read %4); nothing of the group "
-                                       "is imported")
-                            .arg(name, kManifestName, expected.isEmpty() ? QStringLiteral("nothing") : expected,
-                                 digest));
+            return undo(
+                QStringLiteral("%1 does not match the export's %2 (listed %3, read %4); nothing of the group "
+                               "is imported")
+                    .arg(name, kManifestName, expected.isEmpty() ? QStringLiteral("nothing") : expected, digest));
         }
         FileCheck &check = checks[name];
         check.size = read.size;
@@ -1070,19 +1073,21 @@ std::vector<FileCheck> ArchiveEngine::recordReadings(const QString &guid, const 
         check = checked(check, *reading, nowMs);
         m_store.recordCheck(guid, check);
         if (check.state == FileCheck::State::Mismatch)
-            Q_TRACE_FAILURE(kSource, QStringLiteral("File %1 (id %2) of group %3 differs from what was stored: "
-                                                    "recorded %4 (%5 bytes), read %6 (%7 bytes)")
-                                         .arg(check.name)
-                                         .arg(check.fileId)
-                                         .arg(guid, check.digest)
-                                         .arg(check.size)
-                                         .arg(reading->digest)
-                                         .arg(reading->size));
+            Q_TRACE_FAILURE(kSource,
+                            QStringLiteral("File %1 (id %2) of group %3 differs from what was stored: "
+                                           "recorded %4 (%5 bytes), read %6 (%7 bytes)")
+                                .arg(check.name)
+                                .arg(check.fileId)
+                                .arg(guid, check.digest)
+                                .arg(check.size)
+                                .arg(reading->digest)
+                                .arg(reading->size));
         else if (check.state == FileCheck::State::Missing)
-            Q_TRACE_FAILURE(kSource, QStringLiteral("File %1 (id %2) of group %3 is missing: %4")
-                                         .arg(check.name)
-                                         .arg(check.fileId)
-                                         .arg(guid, reading->error));
+            Q_TRACE_FAILURE(kSource,
+                            QStringLiteral("File %1 (id %2) of group %3 is missing: %4")
+                                .arg(check.name)
+                                .arg(check.fileId)
+                                .arg(guid, reading->error));
     }
     return checks;
 }

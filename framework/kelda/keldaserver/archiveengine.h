@@ -73,7 +73,7 @@ struct RequestOrigin
     quint64 connectionId = 0;
     quint64 sequence = 0; // position among the connection's answered requests
     QString localAddress; // the server's address on that connection
-    QString peerAddress;  // the client's address
+    QString peerAddress; // the client's address
     // The user the client's verified certificate names; empty when clients
     // are not identified by certificate.
     QString certificateUser;

@@ -59,40 +59,40 @@ const QStringList kVersion1{
 // Version 2 on SQLite: the tables with text criteria get an integer key
 // that stays put (an implicit rowid may change on VACUUM), for their FTS5
 // indexes to name rows by.
-const QString kGroupsVersion2 = QStringLiteral(
-    "guid VARCHAR(64) NOT NULL UNIQUE,"
-    " name TEXT NOT NULL, name_key TEXT NOT NULL,"
-    " file_type INTEGER NOT NULL,"
-    " location_state INTEGER NOT NULL,"
-    " backup_time BIGINT, creation_time BIGINT, modification_time BIGINT, life_cycle BIGINT,"
-    " comment TEXT NOT NULL, comment_key TEXT NOT NULL,"
-    " creator TEXT NOT NULL, creator_key TEXT NOT NULL,"
-    " detail TEXT NOT NULL, detail_key TEXT NOT NULL,"
-    " team TEXT NOT NULL, team_key TEXT NOT NULL,"
-    " version TEXT NOT NULL, version_key TEXT NOT NULL,"
-    " reserved_storage BIGINT NOT NULL,"
-    " reference_counter INTEGER NOT NULL,"
-    " path TEXT NOT NULL,"
-    " tovin_id TEXT, record_id TEXT,"
-    " copy_progress DOUBLE PRECISION NOT NULL,"
-    " fixed_result_xml BYTEA NOT NULL");
+const QString kGroupsVersion2 =
+    QStringLiteral("guid VARCHAR(64) NOT NULL UNIQUE,"
+                   " name TEXT NOT NULL, name_key TEXT NOT NULL,"
+                   " file_type INTEGER NOT NULL,"
+                   " location_state INTEGER NOT NULL,"
+                   " backup_time BIGINT, creation_time BIGINT, modification_time BIGINT, life_cycle BIGINT,"
+                   " comment TEXT NOT NULL, comment_key TEXT NOT NULL,"
+                   " creator TEXT NOT NULL, creator_key TEXT NOT NULL,"
+                   " detail TEXT NOT NULL, detail_key TEXT NOT NULL,"
+                   " team TEXT NOT NULL, team_key TEXT NOT NULL,"
+                   " version TEXT NOT NULL, version_key TEXT NOT NULL,"
+                   " reserved_storage BIGINT NOT NULL,"
+                   " reference_counter INTEGER NOT NULL,"
+                   " path TEXT NOT NULL,"
+                   " tovin_id TEXT, record_id TEXT,"
+                   " copy_progress DOUBLE PRECISION NOT NULL,"
+                   " fixed_result_xml BYTEA NOT NULL");
 const QString kGroupsColumns = QStringLiteral(
     "guid, name, name_key, file_type, location_state, backup_time, creation_time, modification_time, life_cycle,"
     " comment, comment_key, creator, creator_key, detail, detail_key, team, team_key, version, version_key,"
     " reserved_storage, reference_counter, path, tovin_id, record_id, copy_progress, fixed_result_xml");
-const QStringList kGroupsKeys{QStringLiteral("name_key"),    QStringLiteral("comment_key"),
-                              QStringLiteral("detail_key"),  QStringLiteral("creator_key"),
-                              QStringLiteral("team_key"),    QStringLiteral("version_key")};
+const QStringList kGroupsKeys{QStringLiteral("name_key"),   QStringLiteral("comment_key"),
+                              QStringLiteral("detail_key"), QStringLiteral("creator_key"),
+                              QStringLiteral("team_key"),   QStringLiteral("version_key")};
 const QString kLocksVersion2 = QStringLiteral(
     "guid VARCHAR(64) NOT NULL, holder TEXT NOT NULL, holder_key TEXT NOT NULL, write_lock INTEGER NOT NULL,"
     " UNIQUE (guid, holder)");
-const QString kReferencesVersion2 = QStringLiteral(
-    "guid VARCHAR(64) NOT NULL, application TEXT NOT NULL, application_key TEXT NOT NULL,"
-    " ref_count INTEGER NOT NULL, UNIQUE (guid, application)");
+const QString kReferencesVersion2 =
+    QStringLiteral("guid VARCHAR(64) NOT NULL, application TEXT NOT NULL, application_key TEXT NOT NULL,"
+                   " ref_count INTEGER NOT NULL, UNIQUE (guid, application)");
 
 // Lock state criteria start from the few locked groups.
-const QString kWriteLocksIndex
-    = QStringLiteral("CREATE INDEX IF NOT EXISTS group_locks_write ON group_locks (write_lock, guid)");
+const QString kWriteLocksIndex =
+    QStringLiteral("CREATE INDEX IF NOT EXISTS group_locks_write ON group_locks (write_lock, guid)");
 
 // Version 3: what each file was when it was added, and what its latest
 // reading found. Files of earlier versions have no digest yet: they are
@@ -127,8 +127,7 @@ const ArchiveSchema::Step ArchiveSchema::Steps[] = {
 
 ArchiveSchema::ArchiveSchema(ArchiveDatabase &database)
     : m_db(database)
-{
-}
+{ }
 
 void ArchiveSchema::run(const QString &sql)
 {
@@ -180,19 +179,19 @@ void ArchiveSchema::upgrade()
         run(QStringLiteral("INSERT INTO schema_version (version) VALUES (%1)").arg(version + 1));
     }
     if (found > 0 && found < Version)
-        Q_TRACE_FAILURE(kSource, QStringLiteral("Upgraded the database %1 from schema version %2 to %3 in %4 ms")
-                                     .arg(m_db.location().displayName())
-                                     .arg(found)
-                                     .arg(Version)
-                                     .arg(timer.elapsed()));
+        Q_TRACE_FAILURE(kSource,
+                        QStringLiteral("Upgraded the database %1 from schema version %2 to %3 in %4 ms")
+                            .arg(m_db.location().displayName())
+                            .arg(found)
+                            .arg(Version)
+                            .arg(timer.elapsed()));
     if (m_db.isPostgres())
         ensureTrigramIndexes();
 }
 
 int ArchiveSchema::storedVersion()
 {
-    ResultRows &rows = m_db.run(QStringLiteral("SELECT MAX(version) FROM schema_version"), {},
-                                KE_DatabaseNotAvailable);
+    ResultRows &rows = m_db.run(QStringLiteral("SELECT MAX(version) FROM schema_version"), {}, KE_DatabaseNotAvailable);
     const int found = rows.next() ? int(rows.number(0)) : 0;
     rows.finish();
     return found;
@@ -221,8 +220,8 @@ void ArchiveSchema::indexSearchCriteria()
         createTextIndex(QStringLiteral("file_groups"), GroupTextIndex, kGroupsKeys, QStringLiteral("column"));
         createTextIndex(QStringLiteral("group_locks"), LockTextIndex, {QStringLiteral("holder_key")},
                         QStringLiteral("none"));
-        createTextIndex(QStringLiteral("group_references"), ReferenceTextIndex,
-                        {QStringLiteral("application_key")}, QStringLiteral("none"));
+        createTextIndex(QStringLiteral("group_references"), ReferenceTextIndex, {QStringLiteral("application_key")},
+                        QStringLiteral("none"));
     }
     run(kWriteLocksIndex);
 }
@@ -237,7 +236,8 @@ void ArchiveSchema::createAuditTrail()
 {
     // Only ever appended to, in the transaction of the change it records;
     // the id keeps the order records were written in.
-    const QString id = m_db.isPostgres() ? QStringLiteral("BIGSERIAL PRIMARY KEY") : QStringLiteral("INTEGER PRIMARY KEY");
+    const QString id =
+        m_db.isPostgres() ? QStringLiteral("BIGSERIAL PRIMARY KEY") : QStringLiteral("INTEGER PRIMARY KEY");
     run(QStringLiteral("CREATE TABLE %1 (id %2,"
                        " at_ms BIGINT NOT NULL, peer_address TEXT NOT NULL, certificate_user TEXT,"
                        " claimed_user TEXT NOT NULL, application TEXT NOT NULL, command TEXT NOT NULL,"
@@ -253,8 +253,8 @@ void ArchiveSchema::rebuildWithRowIds(const QString &table, const QString &defin
     run(QStringLiteral("ALTER TABLE %1 RENAME TO %2").arg(table, old));
     run(QStringLiteral("CREATE TABLE %1 (id INTEGER PRIMARY KEY, %2)").arg(table, definition));
     // In creation order, so that a range of ids is a range of time.
-    const QString order = table == QLatin1String("file_groups") ? QStringLiteral(" ORDER BY creation_time, guid")
-                                                                 : QString();
+    const QString order =
+        table == QLatin1String("file_groups") ? QStringLiteral(" ORDER BY creation_time, guid") : QString();
     run(QStringLiteral("INSERT INTO %1 (%2) SELECT %2 FROM %3%4").arg(table, columns, old, order));
     run(QStringLiteral("DROP TABLE %1").arg(old));
     for (const QString &index : indexes)
@@ -300,8 +300,9 @@ void ArchiveSchema::ensureTrigramIndexes()
             .arg(ReferenceTextIndex),
     });
     if (!refusal.isEmpty())
-        Q_TRACE_FAILURE(kSource, QStringLiteral("Text criteria on %1 scan whole tables: no trigram index (%2)")
-                                     .arg(m_db.location().displayName(), refusal));
+        Q_TRACE_FAILURE(kSource,
+                        QStringLiteral("Text criteria on %1 scan whole tables: no trigram index (%2)")
+                            .arg(m_db.location().displayName(), refusal));
 }
 
 QString ArchiveSchema::tryRun(const QStringList &statements)

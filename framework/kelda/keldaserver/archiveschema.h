@@ -52,8 +52,7 @@ private:
 
     void rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,
                            const QStringList &indexes);
-    void createTextIndex(const QString &table, const QString &index, const QStringList &columns,
-                         const QString &detail);
+    void createTextIndex(const QString &table, const QString &index, const QStringList &columns, const QString &detail);
     // The statements in a savepoint of their own; the reason they failed,
     // or empty.
     QString tryRun(const QStringList &statements);

@@ -63,8 +63,7 @@ ArchiveServer::~ArchiveServer()
 
 bool ArchiveServer::openDatabase()
 {
-    const StorageLayout layout(m_options.basePath, m_options.nasPath, m_options.exchangePath,
-                               m_options.maxImportBytes);
+    const StorageLayout layout(m_options.basePath, m_options.nasPath, m_options.exchangePath, m_options.maxImportBytes);
     const auto delivery = [this](bool fromWriter) {
         return [this, fromWriter](std::shared_ptr<std::vector<DatabaseAnswer>> answers) {
             post([&](Outbox &outbox) { outbox.answers.emplace_back(std::move(answers), fromWriter); });
@@ -92,8 +91,8 @@ bool ArchiveServer::openDatabase()
     // A writer keeps the records of refused reads: the reader writes
     // nothing.
     DatabaseWorker *recorder = m_writers.front().get();
-    m_reader = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Reader, m_options.database, m_instanceId,
-                                                layout, delivery(false),
+    m_reader = std::make_unique<DatabaseWorker>(DatabaseWorker::Role::Reader, m_options.database, m_instanceId, layout,
+                                                delivery(false),
                                                 [recorder](DatabaseJob job) { recorder->post(std::move(job)); });
     m_reader->setTroubleCounters(&m_metrics.databaseErrors, &m_metrics.databaseReconnects);
     m_reader->setAccessRules(rules);
@@ -157,9 +156,11 @@ bool ArchiveServer::start()
             });
         m_listenerThread->start();
     }
-    m_parsers = std::make_unique<ParserPool>(
-        ParserThreads, RequestDecoder::Limits{m_options.maxFrame, m_options.maxElements},
-        [this](ParserPool::Result result) { post([&](Outbox &outbox) { outbox.parsed.push_back(std::move(result)); }); });
+    m_parsers =
+        std::make_unique<ParserPool>(ParserThreads, RequestDecoder::Limits{m_options.maxFrame, m_options.maxElements},
+                                     [this](ParserPool::Result result) {
+                                         post([&](Outbox &outbox) { outbox.parsed.push_back(std::move(result)); });
+                                     });
     startServices();
     return listen() && serveMetrics();
 }
@@ -168,14 +169,14 @@ bool ArchiveServer::serveMetrics()
 {
     if (!m_options.metrics)
         return true;
-    m_storageUsage = std::make_unique<StorageUsage>(std::vector<std::pair<QString, QString>>{
-        {QStringLiteral("base"), m_options.basePath},
-        {QStringLiteral("nas"), m_options.nasPath},
-        {QStringLiteral("exchange"), m_options.exchangePath}});
+    m_storageUsage = std::make_unique<StorageUsage>(
+        std::vector<std::pair<QString, QString>>{{QStringLiteral("base"), m_options.basePath},
+                                                 {QStringLiteral("nas"), m_options.nasPath},
+                                                 {QStringLiteral("exchange"), m_options.exchangePath}});
     m_storageUsage->refresh();
-    m_metricsEndpoint = std::make_unique<MetricsEndpoint>(
-        [this] { return renderMetrics(); },
-        [this](std::function<void(bool)> done) { checkHealth(done); });
+    m_metricsEndpoint =
+        std::make_unique<MetricsEndpoint>([this] { return renderMetrics(); },
+                                          [this](std::function<void(bool)> done) { checkHealth(done); });
     if (!m_metricsEndpoint->listen(m_options.metricsHost, m_options.metricsPort, &m_error)) {
         m_metricsEndpoint.reset();
         m_exitCode = ServerOptions::ExitUnavailable;
@@ -241,12 +242,11 @@ QByteArray ArchiveServer::renderMetrics()
 
 void ArchiveServer::startServices()
 {
-    const StorageLayout layout(m_options.basePath, m_options.nasPath, m_options.exchangePath,
-                               m_options.maxImportBytes);
-    m_digests = std::make_unique<DigestPool>(DigestThreads, m_options.database, m_instanceId, layout,
-                                             [this](DatabaseJob job) {
-                                                 post([&](Outbox &outbox) { outbox.read.push_back(std::move(job)); });
-                                             });
+    const StorageLayout layout(m_options.basePath, m_options.nasPath, m_options.exchangePath, m_options.maxImportBytes);
+    m_digests =
+        std::make_unique<DigestPool>(DigestThreads, m_options.database, m_instanceId, layout, [this](DatabaseJob job) {
+            post([&](Outbox &outbox) { outbox.read.push_back(std::move(job)); });
+        });
     if (m_options.verifyIntervalHours <= 0)
         return;
     FixityChecker::Settings settings;
@@ -352,8 +352,8 @@ void ArchiveServer::acceptConnections()
     // A bounded number per turn, so that a storm of connections does not
     // starve the clients already served.
     for (int i = 0; i < AcceptsPerTurn && m_acceptNotifier && m_acceptNotifier->isEnabled(); ++i) {
-        const int descriptor = ::accept4(int(m_listener.socketDescriptor()), nullptr, nullptr,
-                                         SOCK_CLOEXEC | SOCK_NONBLOCK);
+        const int descriptor =
+            ::accept4(int(m_listener.socketDescriptor()), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (descriptor >= 0) {
             serveConnection(descriptor);
             continue;
@@ -379,7 +379,8 @@ void ArchiveServer::restAccepting(const QString &why)
 {
     // The connection stays queued; try again in a moment rather than at
     // once, which would only fail again.
-    traceRefused(QStringLiteral("Cannot take a connection now (%1); accepting rests for %2 ms").arg(why).arg(AcceptPauseMs));
+    traceRefused(
+        QStringLiteral("Cannot take a connection now (%1); accepting rests for %2 ms").arg(why).arg(AcceptPauseMs));
     m_acceptNotifier->setEnabled(false);
     QTimer::singleShot(AcceptPauseMs, this, [this] {
         if (m_acceptNotifier && !m_stopping)
@@ -396,15 +397,16 @@ void ArchiveServer::serveConnection(qintptr descriptor)
         return;
     }
     if (!m_options.allow.admits(socket->peerAddress())) {
-        traceRefused(QStringLiteral("Refused client %1: its address is not allowed (--allow %2)")
-                         .arg(socket->peerAddress().toString(), m_options.allow.blocks().join(QLatin1String(", --allow "))));
+        traceRefused(
+            QStringLiteral("Refused client %1: its address is not allowed (--allow %2)")
+                .arg(socket->peerAddress().toString(), m_options.allow.blocks().join(QLatin1String(", --allow "))));
         socket->abort();
         delete socket;
         return;
     }
-    auto *connection = new ClientConnection(m_nextConnectionId++, socket,
-                                            ClientConnection::Limits{m_options.maxFrame, m_options.maxBacklog},
-                                            &m_options.tls, this);
+    auto *connection =
+        new ClientConnection(m_nextConnectionId++, socket,
+                             ClientConnection::Limits{m_options.maxFrame, m_options.maxBacklog}, &m_options.tls, this);
     if (!admitConnection(connection)) {
         connection->close();
         connection->deleteLater();
@@ -449,9 +451,10 @@ void ArchiveServer::traceRefused(const QString &text)
         ++m_refusalsUntraced;
         return;
     }
-    Q_TRACE_FAILURE(kSource, m_refusalsUntraced == 0
-                                 ? text
-                                 : QStringLiteral("%1 (and %2 more refusals not traced)").arg(text).arg(m_refusalsUntraced));
+    Q_TRACE_FAILURE(kSource,
+                    m_refusalsUntraced == 0
+                        ? text
+                        : QStringLiteral("%1 (and %2 more refusals not traced)").arg(text).arg(m_refusalsUntraced));
     m_refusalsUntraced = 0;
     m_lastRefusalTrace.start();
 }
@@ -525,8 +528,8 @@ void ArchiveServer::decodeNext(Peer &peer)
             return;
         }
         releasePending(frame.reserved);
-        onDecoded(peer, RequestDecoder::decode(frame.payload, peer.tryExpand,
-                                               {m_options.maxFrame, m_options.maxElements}));
+        onDecoded(peer,
+                  RequestDecoder::decode(frame.payload, peer.tryExpand, {m_options.maxFrame, m_options.maxElements}));
         if (peer.connection->isClosed())
             return;
     }
@@ -537,10 +540,11 @@ void ArchiveServer::onDecoded(Peer &peer, RequestDecoder::Decoded decoded)
     if (decoded.plain)
         peer.tryExpand = false;
     if (decoded.tooLarge) {
-        Q_TRACE_FAILURE(kSource, QStringLiteral("Client %1 sent a message that expands beyond %2 bytes; closing its "
-                                                "connection")
-                                     .arg(peer.connection->peer())
-                                     .arg(m_options.maxFrame));
+        Q_TRACE_FAILURE(kSource,
+                        QStringLiteral("Client %1 sent a message that expands beyond %2 bytes; closing its "
+                                       "connection")
+                            .arg(peer.connection->peer())
+                            .arg(m_options.maxFrame));
         peer.connection->close();
         return;
     }
@@ -553,15 +557,17 @@ void ArchiveServer::onDecoded(Peer &peer, RequestDecoder::Decoded decoded)
         // The converter's answer to our ConvertFileGroup: nothing waits for it.
         const qint64 error = read.request.number(Tag::Error, KE_UnknownError);
         if (error != KE_NoError)
-            Q_TRACE_FAILURE(kSource, QStringLiteral("Converter %1 failed on file group %2: %3 (%4)")
-                                         .arg(peer.connection->peer(), read.request.text(Tag::Guid),
-                                              read.request.text(Tag::ErrorString))
-                                         .arg(error));
+            Q_TRACE_FAILURE(kSource,
+                            QStringLiteral("Converter %1 failed on file group %2: %3 (%4)")
+                                .arg(peer.connection->peer(), read.request.text(Tag::Guid),
+                                     read.request.text(Tag::ErrorString))
+                                .arg(error));
         finishUnanswered(peer);
         return;
     }
-    Q_TRACE_DETAIL(kSource, QStringLiteral("%1 from %2 (%3)")
-                                .arg(read.request.command, peer.connection->peer(), read.request.requestId));
+    Q_TRACE_DETAIL(
+        kSource,
+        QStringLiteral("%1 from %2 (%3)").arg(read.request.command, peer.connection->peer(), read.request.requestId));
     dispatch(peer, std::move(read.request));
 }
 
@@ -570,11 +576,12 @@ void ArchiveServer::onUnreadable(Peer &peer, const RequestReader::Result &read)
     if (peer.lastUnreadableTrace.isValid() && peer.lastUnreadableTrace.elapsed() < TraceIntervalMs) {
         ++peer.unreadableUntraced;
     } else {
-        Q_TRACE_FAILURE(kSource, QStringLiteral("Unreadable request from %1: %2%3")
-                                     .arg(peer.connection->peer(), read.error,
-                                          peer.unreadableUntraced == 0
-                                              ? QString()
-                                              : QStringLiteral(" (and %1 more not traced)").arg(peer.unreadableUntraced)));
+        Q_TRACE_FAILURE(kSource,
+                        QStringLiteral("Unreadable request from %1: %2%3")
+                            .arg(peer.connection->peer(), read.error,
+                                 peer.unreadableUntraced == 0
+                                     ? QString()
+                                     : QStringLiteral(" (and %1 more not traced)").arg(peer.unreadableUntraced)));
         peer.unreadableUntraced = 0;
         peer.lastUnreadableTrace.start();
     }

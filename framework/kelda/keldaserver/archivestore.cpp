@@ -85,14 +85,13 @@ QVariantList groupValues(const StoredGroup &group)
                         timeValue(data.getCreationTime()),
                         timeValue(data.getModificationTime()),
                         timeValue(data.getLifeCycle())};
-    for (const QString &value : {data.getComment(), data.getCreator(), data.getDetail(), data.getTeamMembership(),
-                                data.getVersion()}) {
+    for (const QString &value :
+         {data.getComment(), data.getCreator(), data.getDetail(), data.getTeamMembership(), data.getVersion()}) {
         values.append(text(value));
         values.append(SearchStatement::searchKey(value));
     }
     values << qint64(data.getReservedStorage()) << data.getReferenceCounter() << text(group.path)
-           << optionalText(group.tovinId) << optionalText(group.recordId) << group.copyProgress
-           << group.fixedResultXml;
+           << optionalText(group.tovinId) << optionalText(group.recordId) << group.copyProgress << group.fixedResultXml;
     return values;
 }
 
@@ -162,9 +161,9 @@ StoredGroup ArchiveStore::groupFromRow(const GroupRow &row) const
 
 std::optional<StoredGroup> ArchiveStore::group(const QString &guid)
 {
-    ResultRows &rows = m_db.run(
-        QStringLiteral("SELECT ") + kGroupColumns + QStringLiteral(" FROM file_groups g WHERE g.guid = ?") + forUpdate(),
-        {guid}, KE_ReadFileGroupFromDbFailed);
+    ResultRows &rows = m_db.run(QStringLiteral("SELECT ") + kGroupColumns +
+                                    QStringLiteral(" FROM file_groups g WHERE g.guid = ?") + forUpdate(),
+                                {guid}, KE_ReadFileGroupFromDbFailed);
     std::optional<StoredGroup> result;
     if (rows.next())
         result = groupFromRow(GroupRow(rows));
@@ -190,13 +189,14 @@ NewGroupConflicts ArchiveStore::newGroupConflicts(const QString &guid, const QSt
     for (const QString &candidate : candidates)
         values.append(candidate);
     values << directory + QLatin1Char('/') << directory + QLatin1Char('0');
-    ResultRows &rows = m_db.run(
-        QStringLiteral("SELECT 1, guid FROM file_groups WHERE guid = ?"
-                       " UNION ALL SELECT 2, a.guid FROM (SELECT guid FROM file_groups WHERE %1 IN (%2) LIMIT 1) a"
-                       " UNION ALL SELECT 3, b.guid FROM (SELECT guid FROM file_groups WHERE %1 >= ? AND %1 < ?"
-                       " LIMIT 1) b ORDER BY 1")
-            .arg(path, marks(candidates.size())),
-        values, KE_ReadFileGroupFromDbFailed);
+    ResultRows &rows =
+        m_db.run(QStringLiteral(
+                     "SELECT 1, guid FROM file_groups WHERE guid = ?"
+                     " UNION ALL SELECT 2, a.guid FROM (SELECT guid FROM file_groups WHERE %1 IN (%2) LIMIT 1) a"
+                     " UNION ALL SELECT 3, b.guid FROM (SELECT guid FROM file_groups WHERE %1 >= ? AND %1 < ?"
+                     " LIMIT 1) b ORDER BY 1")
+                     .arg(path, marks(candidates.size())),
+                 values, KE_ReadFileGroupFromDbFailed);
     while (rows.next()) {
         if (rows.number(0) == 1)
             conflicts.exists = true;
@@ -240,8 +240,8 @@ void ArchiveStore::deleteGroup(const QString &guid)
         values.append(guid);
     }
     values.append(guid);
-    m_db.run(QStringLiteral("WITH ") + parts.join(QLatin1String(", ")) + QLatin1Char(' ') + kDeleteGroup.last(),
-             values, KE_DeleteFileGroupFromDbFailed);
+    m_db.run(QStringLiteral("WITH ") + parts.join(QLatin1String(", ")) + QLatin1Char(' ') + kDeleteGroup.last(), values,
+             KE_DeleteFileGroupFromDbFailed);
 }
 
 void ArchiveStore::updateLocation(const QString &guid, int locationState, const QString &path, double copyProgress)
@@ -275,8 +275,8 @@ QStringList ArchiveStore::firstColumn(ResultRows &rows)
 
 QStringList ArchiveStore::groupsInState(int locationState)
 {
-    return firstColumn(m_db.run(QStringLiteral("SELECT guid FROM file_groups WHERE location_state = ?"), {locationState},
-                          KE_ReadFileGroupFromDbFailed));
+    return firstColumn(m_db.run(QStringLiteral("SELECT guid FROM file_groups WHERE location_state = ?"),
+                                {locationState}, KE_ReadFileGroupFromDbFailed));
 }
 
 void ArchiveStore::recordMoveClaim(const QString &guid)
@@ -288,10 +288,10 @@ void ArchiveStore::recordMoveClaim(const QString &guid)
 
 bool ArchiveStore::claimMove(const QString &guid)
 {
-    const std::optional<QString> owner
-        = m_db.run(QStringLiteral("SELECT owner FROM move_claims WHERE guid = ?") + forUpdate(), {guid},
-                   KE_ReadFileGroupFromDbFailed)
-              .firstText();
+    const std::optional<QString> owner =
+        m_db.run(QStringLiteral("SELECT owner FROM move_claims WHERE guid = ?") + forUpdate(), {guid},
+                 KE_ReadFileGroupFromDbFailed)
+            .firstText();
     if (owner && m_db.ownerAlive(*owner))
         return *owner == m_db.instanceId();
     recordMoveClaim(guid);
@@ -361,8 +361,7 @@ void ArchiveStore::insertFile(const QString &guid, int fileId, const QString &na
     m_db.run(kInsertFile, QVariantList{guid, fileId, text(name)} + checkValues(check), KE_InsertFileInDbFailed);
 }
 
-void ArchiveStore::addFile(const QString &guid, int fileId, const QString &name, qint64 utcMs,
-                           const FileCheck &check)
+void ArchiveStore::addFile(const QString &guid, int fileId, const QString &name, qint64 utcMs, const FileCheck &check)
 {
     if (!isPostgres()) {
         insertFile(guid, fileId, name, check);
@@ -376,9 +375,9 @@ void ArchiveStore::addFile(const QString &guid, int fileId, const QString &name,
 
 std::vector<FileCheck> ArchiveStore::fileChecks(const QString &guid)
 {
-    ResultRows &rows = m_db.run(
-        QStringLiteral("SELECT %1 FROM group_files WHERE guid = ? ORDER BY file_id").arg(kFileCheckColumns), {guid},
-        KE_ReadFileFromDbFailed);
+    ResultRows &rows =
+        m_db.run(QStringLiteral("SELECT %1 FROM group_files WHERE guid = ? ORDER BY file_id").arg(kFileCheckColumns),
+                 {guid}, KE_ReadFileFromDbFailed);
     std::vector<FileCheck> result;
     while (rows.next())
         result.push_back(checkFromRow(rows));
@@ -402,9 +401,9 @@ std::vector<DueFile> ArchiveStore::dueFiles(qint64 checkedBeforeMs, int limit)
         " WHERE %1 AND g.location_state <> ? ORDER BY f.checked_at, f.guid, f.file_id LIMIT ?");
     std::vector<DueFile> due;
     const auto collect = [&](const QString &condition, const QVariantList &values) {
-        ResultRows &rows = m_db.run(select.arg(condition), values + QVariantList{int(LS_CentralNotMoved),
-                                                                                 limit - int(due.size())},
-                                    KE_ReadFileFromDbFailed);
+        ResultRows &rows =
+            m_db.run(select.arg(condition), values + QVariantList{int(LS_CentralNotMoved), limit - int(due.size())},
+                     KE_ReadFileFromDbFailed);
         while (rows.next())
             due.push_back({rows.text(0), rows.text(1), int(rows.number(2)), rows.text(3)});
         rows.finish();
@@ -449,9 +448,9 @@ int ArchiveStore::releaseLocks(const QString &guid, const QString &holder)
 
 int ArchiveStore::referenceCount(const QString &guid, const QString &application)
 {
-    ResultRows &rows
-        = m_db.run(QStringLiteral("SELECT ref_count FROM group_references WHERE guid = ? AND application = ?"),
-                   {guid, text(application)}, KE_ReadReferenceFromDbFailed);
+    ResultRows &rows =
+        m_db.run(QStringLiteral("SELECT ref_count FROM group_references WHERE guid = ? AND application = ?"),
+                 {guid, text(application)}, KE_ReadReferenceFromDbFailed);
     const int count = rows.next() ? int(rows.number(0)) : 0;
     rows.finish();
     return count;

@@ -25,8 +25,8 @@ namespace Kelda {
 // carry them); the table holds them as UTC milliseconds.
 struct StoredGroup
 {
-    FileGroupData data;     // without file list unless asked for
-    QString path;           // the group's directory, absolute
+    FileGroupData data; // without file list unless asked for
+    QString path; // the group's directory, absolute
     QString tovinId;
     QString recordId;
     double copyProgress = 0; // percent of a running move to network storage
@@ -78,13 +78,29 @@ class GroupRow
 {
 public:
     enum Column {
-        Guid, Name, FileType, Location, Backup, Creation, Modification, LifeCycle, Comment, Creator, Detail, Team,
-        Version, Reserved, References, Path, TovinId, RecordId, Progress
+        Guid,
+        Name,
+        FileType,
+        Location,
+        Backup,
+        Creation,
+        Modification,
+        LifeCycle,
+        Comment,
+        Creator,
+        Detail,
+        Team,
+        Version,
+        Reserved,
+        References,
+        Path,
+        TovinId,
+        RecordId,
+        Progress
     };
     explicit GroupRow(const ResultRows &rows)
         : m_rows(rows)
-    {
-    }
+    { }
     QString text(Column column) const { return m_rows.text(column); }
     qint64 number(Column column) const { return m_rows.number(column); }
     double real(Column column) const { return m_rows.real(column); }
@@ -102,8 +118,7 @@ public:
     enum Column { FixedXml, Location, Backup, Creation, Modification, LifeCycle, References };
     explicit SearchRow(const ResultRows &rows)
         : m_rows(rows)
-    {
-    }
+    { }
     QByteArray bytes(Column column) const { return m_rows.bytes(column); }
     qint64 number(Column column) const { return m_rows.number(column); }
     bool isNull(Column column) const { return m_rows.isNull(column); }

@@ -87,8 +87,8 @@ QString line(const AuditRecord &record)
                        field(record.guid),
                        record.fileId ? QString::number(*record.fileId) : kNone,
                        QString::number(record.result)}
-               .join(QLatin1Char('\t'))
-        + QLatin1Char('\n');
+               .join(QLatin1Char('\t')) +
+        QLatin1Char('\n');
 }
 
 QByteArray json(const AuditRecord &record)
@@ -149,17 +149,17 @@ int AuditCommand::run(const QStringList &arguments)
     const QCommandLineOption guidOption(QStringLiteral("guid"),
                                         QStringLiteral("Only records of requests naming this file group."),
                                         QStringLiteral("GUID"));
-    const QCommandLineOption userOption(
-        QStringLiteral("user"), QStringLiteral("Only records whose certificate user or claimed user this is."),
-        QStringLiteral("USER"));
+    const QCommandLineOption userOption(QStringLiteral("user"),
+                                        QStringLiteral("Only records whose certificate user or claimed user this is."),
+                                        QStringLiteral("USER"));
     const QCommandLineOption jsonOption(QStringLiteral("json"),
                                         QStringLiteral("One JSON document {\"records\": [...]} instead of lines; "
                                                        "null for none."));
     parser.addOptions({helpOption, dbOption, sinceOption, guidOption, userOption, jsonOption});
-    const QString help = QStringLiteral("Usage: keldaserver %1 [options]\n").arg(Name)
-        + parser.helpText().section(QLatin1Char('\n'), 1)
-        + QStringLiteral("\nExit codes:\n  0   printed (perhaps no record)\n  64  bad arguments\n"
-                         "  70  cannot open the database or read its audit trail\n");
+    const QString help = QStringLiteral("Usage: keldaserver %1 [options]\n").arg(Name) +
+        parser.helpText().section(QLatin1Char('\n'), 1) +
+        QStringLiteral("\nExit codes:\n  0   printed (perhaps no record)\n  64  bad arguments\n"
+                       "  70  cannot open the database or read its audit trail\n");
 
     QStringList own = arguments;
     own.removeAt(1);
@@ -176,8 +176,8 @@ int AuditCommand::run(const QStringList &arguments)
     if (parser.isSet(sinceOption)) {
         filter.sinceMs = parseTime(parser.value(sinceOption));
         if (!filter.sinceMs)
-            return fail(ServerOptions::ExitUsage, QStringLiteral("--since wants an ISO 8601 time, got \"%1\"")
-                                                      .arg(parser.value(sinceOption)));
+            return fail(ServerOptions::ExitUsage,
+                        QStringLiteral("--since wants an ISO 8601 time, got \"%1\"").arg(parser.value(sinceOption)));
     }
     filter.guid = parser.value(guidOption);
     filter.user = parser.value(userOption);

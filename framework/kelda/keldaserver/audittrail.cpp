@@ -9,8 +9,8 @@ namespace Kelda {
 
 namespace {
 
-const QString kColumns = QStringLiteral(
-    "at_ms, peer_address, certificate_user, claimed_user, application, command, guid, file_id, result");
+const QString kColumns =
+    QStringLiteral("at_ms, peer_address, certificate_user, claimed_user, application, command, guid, file_id, result");
 enum Column { AtMs, PeerAddress, CertificateUser, ClaimedUser, Application, Command, Guid, FileId, Result };
 
 // LIKE treats these as patterns; '!' is this trail's escape.
@@ -47,8 +47,7 @@ AuditRecord recordFrom(const ResultRows &rows)
 
 AuditTrail::AuditTrail(ArchiveDatabase &database)
     : m_db(database)
-{
-}
+{ }
 
 void AuditTrail::write(const AuditRecord &record)
 {

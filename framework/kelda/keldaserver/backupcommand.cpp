@@ -60,19 +60,21 @@ int BackupCommand::run(const QStringList &arguments)
     const QCommandLineOption nasOption(QStringLiteral("nas-path"),
                                        QStringLiteral("Network storage folder (default BASE/nas)."),
                                        QStringLiteral("DIR"));
-    const QCommandLineOption exchangeOption(
-        QStringLiteral("exchange-path"),
-        QStringLiteral("Exchange folder, left out of the backup (default BASE/exchange)."), QStringLiteral("DIR"));
+    const QCommandLineOption exchangeOption(QStringLiteral("exchange-path"),
+                                            QStringLiteral(
+                                                "Exchange folder, left out of the backup (default BASE/exchange)."),
+                                            QStringLiteral("DIR"));
     parser.addOptions({helpOption, toOption, baseOption, dbOption, nasOption, exchangeOption});
-    const QString help = parser.helpText()
-        + QStringLiteral("\nExit codes:\n"
-                         "  0   the backup is complete\n"
-                         "  64  bad arguments, or the backup folder is not empty\n"
-                         "  70  the database or a storage file cannot be read, or the backup not written\n");
+    const QString help = parser.helpText() +
+        QStringLiteral("\nExit codes:\n"
+                       "  0   the backup is complete\n"
+                       "  64  bad arguments, or the backup folder is not empty\n"
+                       "  70  the database or a storage file cannot be read, or the backup not written\n");
     QStringList rest = arguments;
     rest.removeAt(1);
     if (!parser.parse(rest))
-        return fail(ServerOptions::ExitUsage, parser.errorText() + QStringLiteral("\nTry 'keldaserver backup --help'."));
+        return fail(ServerOptions::ExitUsage,
+                    parser.errorText() + QStringLiteral("\nTry 'keldaserver backup --help'."));
     if (parser.isSet(helpOption)) {
         printLine(stdout, help);
         return ServerOptions::ExitOk;
@@ -84,13 +86,15 @@ int BackupCommand::run(const QStringList &arguments)
         return fail(ServerOptions::ExitUsage, QStringLiteral("--to DIR names the backup folder"));
     Options options;
     options.basePath = absolute(parser.isSet(baseOption) ? parser.value(baseOption) : ServerOptions::defaultBasePath());
-    const QString db = parser.isSet(dbOption) ? parser.value(dbOption) : ServerOptions::defaultDatabaseFile(options.basePath);
+    const QString db =
+        parser.isSet(dbOption) ? parser.value(dbOption) : ServerOptions::defaultDatabaseFile(options.basePath);
     if (DatabaseLocation::isPostgresUrl(db))
-        return fail(ServerOptions::ExitUsage, QStringLiteral("a PostgreSQL archive is backed up with pg_dump and a "
-                                                             "copy of the storage folders; see the README"));
+        return fail(ServerOptions::ExitUsage,
+                    QStringLiteral("a PostgreSQL archive is backed up with pg_dump and a "
+                                   "copy of the storage folders; see the README"));
     options.databaseFile = absolute(db);
-    options.nasPath = parser.isSet(nasOption) ? absolute(parser.value(nasOption))
-                                              : ServerOptions::defaultNasPath(options.basePath);
+    options.nasPath =
+        parser.isSet(nasOption) ? absolute(parser.value(nasOption)) : ServerOptions::defaultNasPath(options.basePath);
     options.exchangePath = parser.isSet(exchangeOption) ? absolute(parser.value(exchangeOption))
                                                         : ServerOptions::defaultExchangePath(options.basePath);
     options.target = absolute(parser.value(toOption));
@@ -102,8 +106,8 @@ int BackupCommand::backUp(const Options &options)
     const QDir target(options.target);
     if (target.exists() && !target.isEmpty(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System))
         return fail(ServerOptions::ExitUsage, QStringLiteral("%1 is not empty").arg(options.target));
-    if (StorageLayout::isAtOrBelow(options.basePath, options.target)
-        || StorageLayout::isAtOrBelow(options.nasPath, options.target))
+    if (StorageLayout::isAtOrBelow(options.basePath, options.target) ||
+        StorageLayout::isAtOrBelow(options.nasPath, options.target))
         return fail(ServerOptions::ExitUsage,
                     QStringLiteral("%1 lies inside the storage folders it would copy").arg(options.target));
     if (!QDir().mkpath(options.target))
@@ -143,11 +147,12 @@ int BackupCommand::backUp(const Options &options)
     qint64 bytes = manifest.database.size;
     for (const BackupManifest::Entry &entry : manifest.files)
         bytes += entry.size;
-    printLine(stdout, QStringLiteral("Backed up %1 and %2 files, %3 bytes in all, to %4")
-                          .arg(options.databaseFile)
-                          .arg(manifest.files.size())
-                          .arg(bytes)
-                          .arg(options.target));
+    printLine(stdout,
+              QStringLiteral("Backed up %1 and %2 files, %3 bytes in all, to %4")
+                  .arg(options.databaseFile)
+                  .arg(manifest.files.size())
+                  .arg(bytes)
+                  .arg(options.target));
     return ServerOptions::ExitOk;
 }
 

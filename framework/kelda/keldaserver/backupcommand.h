@@ -33,8 +33,8 @@ private:
     static int backUp(const Options &options);
     // Copies the files below root into the backup as entries of rootName,
     // leaving out the files and folders in skip; false with *error.
-    static bool copyFolder(const QString &root, const QString &rootName, const QStringList &skip,
-                           const QString &target, BackupManifest *manifest, QString *error);
+    static bool copyFolder(const QString &root, const QString &rootName, const QStringList &skip, const QString &target,
+                           BackupManifest *manifest, QString *error);
 };
 
 } // namespace Kelda

@@ -136,7 +136,10 @@ QStringList BackupManifest::verify(const QString &backupFolder) const
             if (!read.ok)
                 problem = read.missing ? QStringLiteral("%1 is missing").arg(stored) : read.error;
             else if (read.size != entry.size)
-                problem = QStringLiteral("%1 holds %2 bytes, the manifest says %3").arg(stored).arg(read.size).arg(entry.size);
+                problem = QStringLiteral("%1 holds %2 bytes, the manifest says %3")
+                              .arg(stored)
+                              .arg(read.size)
+                              .arg(entry.size);
             else if (read.sha256 != entry.sha256)
                 problem = QStringLiteral("%1 does not match its SHA-256 digest").arg(stored);
         }

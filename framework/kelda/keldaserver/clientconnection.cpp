@@ -59,8 +59,7 @@ void ClientConnection::startEncryption(const ServerTls &tls)
     m_handshake.start();
     secure->setSslConfiguration(tls.configuration());
     connect(secure, &QSslSocket::encrypted, this, &ClientConnection::onEncrypted);
-    connect(secure, qOverload<const QList<QSslError> &>(&QSslSocket::sslErrors), this,
-            &ClientConnection::onSslErrors);
+    connect(secure, qOverload<const QList<QSslError> &>(&QSslSocket::sslErrors), this, &ClientConnection::onSslErrors);
     connect(secure, &QAbstractSocket::errorOccurred, this, &ClientConnection::onSocketError);
     secure->startServerEncryption();
 }
@@ -72,17 +71,18 @@ void ClientConnection::onEncrypted()
     if (m_identifiesClients) {
         m_certificateUser = ServerTls::userOf(secure->peerCertificate());
         if (m_certificateUser.isEmpty()) {
-            Q_TRACE_FAILURE(kSource, QStringLiteral("Client %1 shows a certificate without a common name; closing "
-                                                    "its connection")
-                                         .arg(m_peer));
+            Q_TRACE_FAILURE(kSource,
+                            QStringLiteral("Client %1 shows a certificate without a common name; closing "
+                                           "its connection")
+                                .arg(m_peer));
             close();
             return;
         }
     }
-    Q_TRACE_DETAIL(kSource, QStringLiteral("Client %1 is encrypted%2")
-                                .arg(m_peer, m_certificateUser.isEmpty()
-                                                 ? QString()
-                                                 : QStringLiteral(" as %1").arg(m_certificateUser)));
+    Q_TRACE_DETAIL(kSource,
+                   QStringLiteral("Client %1 is encrypted%2")
+                       .arg(m_peer,
+                            m_certificateUser.isEmpty() ? QString() : QStringLiteral(" as %1").arg(m_certificateUser)));
     resumeReading();
 }
 
@@ -91,8 +91,9 @@ void ClientConnection::onSslErrors(const QList<QSslError> &errors)
     QStringList reasons;
     for (const QSslError &error : errors)
         reasons.append(error.errorString());
-    Q_TRACE_FAILURE(kSource, QStringLiteral("Client %1 refused: its certificate does not verify: %2")
-                                 .arg(m_peer, reasons.join(QLatin1String("; "))));
+    Q_TRACE_FAILURE(kSource,
+                    QStringLiteral("Client %1 refused: its certificate does not verify: %2")
+                        .arg(m_peer, reasons.join(QLatin1String("; "))));
     close();
 }
 
@@ -100,8 +101,8 @@ void ClientConnection::onSocketError()
 {
     if (!m_handshake.isValid() || m_closed)
         return;
-    Q_TRACE_FAILURE(kSource, QStringLiteral("TLS handshake with client %1 failed: %2")
-                                 .arg(m_peer, m_socket->errorString()));
+    Q_TRACE_FAILURE(kSource,
+                    QStringLiteral("TLS handshake with client %1 failed: %2").arg(m_peer, m_socket->errorString()));
     close();
 }
 
@@ -224,10 +225,11 @@ void ClientConnection::readFrames()
         if (step == FrameReader::Step::NeedData)
             break;
         if (step == FrameReader::Step::TooLarge) {
-            Q_TRACE_FAILURE(kSource, QStringLiteral("Client %1 announced a message of %2 bytes, over the limit; "
-                                                    "closing its connection")
-                                         .arg(m_peer)
-                                         .arg(m_reader.announcedLength()));
+            Q_TRACE_FAILURE(kSource,
+                            QStringLiteral("Client %1 announced a message of %2 bytes, over the limit; "
+                                           "closing its connection")
+                                .arg(m_peer)
+                                .arg(m_reader.announcedLength()));
             close();
             break;
         }

@@ -46,11 +46,16 @@ QString systemError(int error)
 QString describe(const QString &path, int error)
 {
     switch (error) {
-    case ELOOP: return QStringLiteral("%1 is a symbolic link, which the server does not follow").arg(path);
-    case ENOTDIR: return QStringLiteral("%1 is not a directory").arg(path);
-    case ENOENT: return QStringLiteral("%1 does not exist").arg(path);
-    case EEXIST: return QStringLiteral("%1 exists already; nothing was overwritten").arg(path);
-    default: return QStringLiteral("%1: %2").arg(path, systemError(error));
+    case ELOOP:
+        return QStringLiteral("%1 is a symbolic link, which the server does not follow").arg(path);
+    case ENOTDIR:
+        return QStringLiteral("%1 is not a directory").arg(path);
+    case ENOENT:
+        return QStringLiteral("%1 does not exist").arg(path);
+    case EEXIST:
+        return QStringLiteral("%1 exists already; nothing was overwritten").arg(path);
+    default:
+        return QStringLiteral("%1: %2").arg(path, systemError(error));
     }
 }
 
@@ -103,13 +108,12 @@ void setError(QString *error, const QString &text)
 ConfinedDirectory::ConfinedDirectory(FileDescriptor fd, const QString &path)
     : m_fd(std::move(fd))
     , m_path(path)
-{
-}
+{ }
 
 bool ConfinedDirectory::isPlainName(const QString &name)
 {
-    return !name.isEmpty() && name != QLatin1String(".") && name != QLatin1String("..")
-        && !name.contains(QLatin1Char('/')) && !name.contains(QChar(0));
+    return !name.isEmpty() && name != QLatin1String(".") && name != QLatin1String("..") &&
+        !name.contains(QLatin1Char('/')) && !name.contains(QChar(0));
 }
 
 QString ConfinedDirectory::childPath(const QString &name) const
@@ -117,8 +121,7 @@ QString ConfinedDirectory::childPath(const QString &name) const
     return m_path.endsWith(QLatin1Char('/')) ? m_path + name : m_path + QLatin1Char('/') + name;
 }
 
-ConfinedDirectory ConfinedDirectory::open(const QString &root, const QString &path, Creation creation,
-                                          QString *error)
+ConfinedDirectory ConfinedDirectory::open(const QString &root, const QString &path, Creation creation, QString *error)
 {
     const QString cleanRoot = QDir::cleanPath(root);
     const QString cleanPath = QDir::cleanPath(path);
@@ -167,8 +170,8 @@ ConfinedDirectory ConfinedDirectory::openChild(const QString &name, Creation cre
         int failure = errno;
         // O_DIRECTORY may speak first and call a link no directory.
         struct stat status;
-        if (failure == ENOTDIR && ::fstatat(m_fd.get(), child.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0
-            && S_ISLNK(status.st_mode))
+        if (failure == ENOTDIR && ::fstatat(m_fd.get(), child.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISLNK(status.st_mode))
             failure = ELOOP;
         setError(error, describe(result.m_path, failure));
         result.m_missing = failure == ENOENT;
@@ -329,7 +332,7 @@ bool ConfinedDirectory::writeNewFile(const QString &name, const QByteArray &cont
 }
 
 std::optional<ConfinedDirectory::Digest> ConfinedDirectory::digestFile(const QString &name, QString *error,
-                                                                      const ReadControl &control) const
+                                                                       const ReadControl &control) const
 {
     struct stat before;
     const FileDescriptor fd = openRegular(name, &before, error);
@@ -357,16 +360,16 @@ std::optional<ConfinedDirectory::Digest> ConfinedDirectory::digestFile(const QSt
             control.pace->consumed(got, control.stop);
     }
     struct stat after;
-    if (::fstat(fd.get(), &after) != 0 || after.st_size != before.st_size || read != after.st_size
-        || modifiedNs(after) != modifiedNs(before)) {
+    if (::fstat(fd.get(), &after) != 0 || after.st_size != before.st_size || read != after.st_size ||
+        modifiedNs(after) != modifiedNs(before)) {
         setError(error, QStringLiteral("%1 changed while it was read").arg(childPath(name)));
         return std::nullopt;
     }
     return Digest{read, modifiedNs(after), digest.finish()};
 }
 
-bool ConfinedDirectory::copyFileTo(const QString &name, const ConfinedDirectory &target, QString *error,
-                                   Digest *copied, const ReadControl &control) const
+bool ConfinedDirectory::copyFileTo(const QString &name, const ConfinedDirectory &target, QString *error, Digest *copied,
+                                   const ReadControl &control) const
 {
     struct stat status;
     const FileDescriptor in = openRegular(name, &status, error);
@@ -414,8 +417,10 @@ bool ConfinedDirectory::copyFileTo(const QString &name, const ConfinedDirectory 
 bool ConfinedDirectory::removeFile(const QString &name, QString *error) const
 {
     switch (kindOf(name)) {
-    case Kind::Missing: return true;
-    case Kind::Regular: break;
+    case Kind::Missing:
+        return true;
+    case Kind::Regular:
+        break;
     default:
         setError(error, QStringLiteral("%1 is not a regular file; it is left in place").arg(childPath(name)));
         return false;

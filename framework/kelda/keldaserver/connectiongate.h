@@ -15,8 +15,7 @@ struct ConnectionGate
 {
     explicit ConnectionGate(qint64 maxBacklog)
         : maxBacklog(maxBacklog)
-    {
-    }
+    { }
 
     // Bytes of answers waiting for the client: built by a database thread
     // and not yet handed to the socket, plus those the socket holds unsent.

@@ -20,7 +20,7 @@ const char kSource[] = "framework/kelda/keldaserver/databaseworker";
 const QString kUnreachable = QStringLiteral("The archive database is not reachable; the server keeps trying");
 const QString kUnsaved = QStringLiteral("The change could not be saved");
 const QString kUnrecorded = QStringLiteral("The change could not be recorded in the audit trail");
-}
+} // namespace
 
 DatabaseWorker::DatabaseWorker(Role role, const DatabaseLocation &database, const QString &instanceId,
                                const StorageLayout &layout, Delivery delivery, HandOff handOff)
@@ -102,8 +102,7 @@ std::deque<DatabaseJob> DatabaseWorker::takeBatch(int idleTimeoutMs, bool *finis
     // flush serve them all instead of one flush each.
     if (m_role == Role::Writer && m_recentWriters > 1) {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::microseconds(GatherMicroseconds);
-        m_wake.wait_until(lock, deadline,
-                          [this] { return int(m_queue.size()) >= m_recentWriters || m_finishing; });
+        m_wake.wait_until(lock, deadline, [this] { return int(m_queue.size()) >= m_recentWriters || m_finishing; });
     }
     std::deque<DatabaseJob> batch;
     if (int(m_queue.size()) <= MaxBatch) {
@@ -210,9 +209,8 @@ bool DatabaseWorker::reconnect()
         m_reconnectPauseMs = FirstReconnectMs;
         return true;
     }
-    Q_TRACE_FAILURE(kSource, QStringLiteral("%1; next attempt in %2 ms")
-                                 .arg(m_store->errorString())
-                                 .arg(m_reconnectPauseMs));
+    Q_TRACE_FAILURE(kSource,
+                    QStringLiteral("%1; next attempt in %2 ms").arg(m_store->errorString()).arg(m_reconnectPauseMs));
     m_reconnectPauseMs = qMin(2 * m_reconnectPauseMs, int(MaxReconnectMs));
     return false;
 }
@@ -486,8 +484,9 @@ bool DatabaseWorker::commitBatch()
             m_reconnectPauseMs = FirstReconnectMs;
             try {
                 const bool saved = m_store->hasCommitMark(token);
-                Q_TRACE_FAILURE(kSource, saved ? QStringLiteral("The commit without answer was saved")
-                                               : QStringLiteral("The commit without answer was lost"));
+                Q_TRACE_FAILURE(kSource,
+                                saved ? QStringLiteral("The commit without answer was saved")
+                                      : QStringLiteral("The commit without answer was lost"));
                 return saved;
             } catch (const RequestFailure &failure) {
                 Q_TRACE_FAILURE(kSource, failure.text);
@@ -496,8 +495,9 @@ bool DatabaseWorker::commitBatch()
         QThread::msleep(quint64(m_reconnectPauseMs));
         m_reconnectPauseMs = qMin(2 * m_reconnectPauseMs, int(MaxReconnectMs));
     }
-    Q_TRACE_FAILURE(kSource, QStringLiteral("The outcome of a commit stays unknown: the database %1 is unreachable")
-                                 .arg(m_database.displayName()));
+    Q_TRACE_FAILURE(kSource,
+                    QStringLiteral("The outcome of a commit stays unknown: the database %1 is unreachable")
+                        .arg(m_database.displayName()));
     m_sinceReconnect.start();
     return false;
 }
@@ -521,8 +521,9 @@ void DatabaseWorker::recordUnchanged(const AuditRecord &record)
     try {
         m_trail->write(record);
     } catch (const RequestFailure &failure) {
-        Q_TRACE_FAILURE(kSource, QStringLiteral("Cannot record %1 from %2 in the audit trail: %3")
-                                     .arg(record.command, record.peerAddress, failure.text));
+        Q_TRACE_FAILURE(kSource,
+                        QStringLiteral("Cannot record %1 from %2 in the audit trail: %3")
+                            .arg(record.command, record.peerAddress, failure.text));
     }
 }
 

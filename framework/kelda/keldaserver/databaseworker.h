@@ -106,8 +106,8 @@ public:
     // reader hands the audit records of refused reads to a writer.
     using HandOff = std::function<void(DatabaseJob)>;
 
-    DatabaseWorker(Role role, const DatabaseLocation &database, const QString &instanceId,
-                   const StorageLayout &layout, Delivery delivery, HandOff handOff = HandOff());
+    DatabaseWorker(Role role, const DatabaseLocation &database, const QString &instanceId, const StorageLayout &layout,
+                   Delivery delivery, HandOff handOff = HandOff());
     ~DatabaseWorker() override;
 
     // Of several writers on a shared database, the first resumes the moves

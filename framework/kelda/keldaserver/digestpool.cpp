@@ -83,8 +83,8 @@ void DigestPool::serve()
         // Without readings the handler refuses the request as unread.
         if (opened && !m_cutShort && !(job.gate && job.gate->closed.load())) {
             try {
-                job.origin.readings = std::make_shared<const std::vector<FileReading>>(read(store, m_layout, job.request,
-                                                                                           &m_cutShort));
+                job.origin.readings =
+                    std::make_shared<const std::vector<FileReading>>(read(store, m_layout, job.request, &m_cutShort));
             } catch (const RequestFailure &failure) {
                 Q_TRACE_FAILURE(kSource, failure.text);
             }
@@ -94,7 +94,7 @@ void DigestPool::serve()
 }
 
 std::vector<FileReading> DigestPool::read(ArchiveStore &store, const StorageLayout &layout, const Request &request,
-                                         const std::atomic<bool> *stop)
+                                          const std::atomic<bool> *stop)
 {
     std::vector<FileReading> readings;
     const QString guid = request.text(Tag::Guid);
@@ -102,14 +102,14 @@ std::vector<FileReading> DigestPool::read(ArchiveStore &store, const StorageLayo
     if (!group)
         return readings;
     QString error;
-    const ConfinedDirectory directory
-        = layout.openGroupDirectory(group->path, ConfinedDirectory::Creation::Existing, &error);
+    const ConfinedDirectory directory =
+        layout.openGroupDirectory(group->path, ConfinedDirectory::Creation::Existing, &error);
     if (request.command == Tag::AddFile) {
         const QString name = request.text(Tag::FileName);
         // The handler refuses such names and links with reasons of their
         // own; nothing is read for them.
-        if (directory.isOpen() && ConfinedDirectory::isPlainName(name)
-            && directory.kindOf(name) == ConfinedDirectory::Kind::Regular)
+        if (directory.isOpen() && ConfinedDirectory::isPlainName(name) &&
+            directory.kindOf(name) == ConfinedDirectory::Kind::Regular)
             readings.push_back(readFile(directory, *group, 0, name, stop));
         return readings;
     }
@@ -137,8 +137,8 @@ FileReading DigestPool::readFile(const ConfinedDirectory &directory, const Store
     reading.directory = group.path;
     reading.fileId = fileId;
     reading.name = name;
-    const std::optional<ConfinedDirectory::Digest> digest
-        = directory.digestFile(name, &reading.error, ReadControl{stop, nullptr});
+    const std::optional<ConfinedDirectory::Digest> digest =
+        directory.digestFile(name, &reading.error, ReadControl{stop, nullptr});
     if (digest) {
         reading.found = true;
         reading.size = digest->size;

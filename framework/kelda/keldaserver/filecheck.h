@@ -15,10 +15,10 @@ struct FileCheck
 
     int fileId = 0;
     QString name;
-    qint64 size = -1;       // -1: never read
-    QString algorithm;      // empty: never read
-    QString digest;         // lower-case hexadecimal; empty: never read
-    qint64 checkedMs = 0;   // UTC milliseconds of the latest reading; 0: never
+    qint64 size = -1; // -1: never read
+    QString algorithm; // empty: never read
+    QString digest; // lower-case hexadecimal; empty: never read
+    qint64 checkedMs = 0; // UTC milliseconds of the latest reading; 0: never
     State state = State::Unverified;
 
     // The words stored and sent: "ok", "mismatch", "missing", "unverified".

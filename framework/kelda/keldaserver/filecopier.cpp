@@ -31,8 +31,7 @@ FileCopier::Result FileCopier::read(const QString &source, const QString &target
         return result;
     }
     QSaveFile out(target);
-    if (!target.isEmpty()
-        && (!QDir().mkpath(QFileInfo(target).absolutePath()) || !out.open(QIODevice::WriteOnly))) {
+    if (!target.isEmpty() && (!QDir().mkpath(QFileInfo(target).absolutePath()) || !out.open(QIODevice::WriteOnly))) {
         result.error = QStringLiteral("Cannot write %1: %2").arg(target, out.errorString());
         return result;
     }

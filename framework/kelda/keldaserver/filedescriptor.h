@@ -14,13 +14,11 @@ public:
     FileDescriptor() = default;
     explicit FileDescriptor(int fd)
         : m_fd(fd)
-    {
-    }
+    { }
     ~FileDescriptor() { reset(); }
     FileDescriptor(FileDescriptor &&other) noexcept
         : m_fd(std::exchange(other.m_fd, -1))
-    {
-    }
+    { }
     FileDescriptor &operator=(FileDescriptor &&other) noexcept
     {
         if (this != &other) {

@@ -22,8 +22,7 @@ struct FileDigest::Context
 
 FileDigest::FileDigest()
     : m_context(std::make_unique<Context>())
-{
-}
+{ }
 
 FileDigest::~FileDigest() = default;
 

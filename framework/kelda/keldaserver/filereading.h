@@ -13,9 +13,9 @@ struct FileReading
     QString directory; // the group's directory, as it was when read
     int fileId = 0;
     QString name;
-    bool found = false;     // false: missing or unreadable, see error
+    bool found = false; // false: missing or unreadable, see error
     qint64 size = 0;
-    QString digest;         // hexadecimal
+    QString digest; // hexadecimal
     QString error;
 };
 

@@ -17,16 +17,15 @@ namespace {
 const char kSource[] = "framework/kelda/keldaserver/fixitychecker";
 }
 
-FixityChecker::FixityChecker(const DatabaseLocation &database, const QString &instanceId,
-                             const StorageLayout &layout, const Settings &settings, Record record, Observer observer)
+FixityChecker::FixityChecker(const DatabaseLocation &database, const QString &instanceId, const StorageLayout &layout,
+                             const Settings &settings, Record record, Observer observer)
     : m_database(database)
     , m_instanceId(instanceId)
     , m_layout(layout)
     , m_settings(settings)
     , m_record(std::move(record))
     , m_observer(std::move(observer))
-{
-}
+{ }
 
 FixityChecker::~FixityChecker()
 {
@@ -60,8 +59,8 @@ void FixityChecker::serve()
     ArchiveStore store;
     store.setInstanceId(m_instanceId);
     while (!store.open(m_database)) {
-        Q_TRACE_FAILURE(kSource, QStringLiteral("The background check waits for the database: %1")
-                                     .arg(store.errorString()));
+        Q_TRACE_FAILURE(kSource,
+                        QStringLiteral("The background check waits for the database: %1").arg(store.errorString()));
         if (!pause(RetryMs))
             return;
     }
@@ -101,12 +100,12 @@ FileReading FixityChecker::read(const DueFile &file, ReadPace &pace) const
     reading.directory = file.directory;
     reading.fileId = file.fileId;
     reading.name = file.name;
-    const ConfinedDirectory directory
-        = m_layout.openGroupDirectory(file.directory, ConfinedDirectory::Creation::Existing, &reading.error);
+    const ConfinedDirectory directory =
+        m_layout.openGroupDirectory(file.directory, ConfinedDirectory::Creation::Existing, &reading.error);
     if (!directory.isOpen())
         return reading;
-    const std::optional<ConfinedDirectory::Digest> digest
-        = directory.digestFile(file.name, &reading.error, ReadControl{&m_stop, &pace});
+    const std::optional<ConfinedDirectory::Digest> digest =
+        directory.digestFile(file.name, &reading.error, ReadControl{&m_stop, &pace});
     if (digest) {
         reading.found = true;
         reading.size = digest->size;

@@ -32,10 +32,7 @@ public:
         m_name = QStringLiteral("keldaserver-listener-%1").arg(counter.fetch_add(1));
     }
 
-    ~Subscription() override
-    {
-        close();
-    }
+    ~Subscription() override { close(); }
 
     // Called every CheckMs: keeps the connection alive or brings it back.
     void check()
@@ -61,8 +58,8 @@ private:
         QSqlQuery probe(m_db);
         if (probe.exec(QStringLiteral("SELECT 1")))
             return true;
-        Q_TRACE_FAILURE(kSource, QStringLiteral("Lost the notification connection: %1")
-                                     .arg(probe.lastError().text().trimmed()));
+        Q_TRACE_FAILURE(kSource,
+                        QStringLiteral("Lost the notification connection: %1").arg(probe.lastError().text().trimmed()));
         return false;
     }
 
@@ -76,8 +73,9 @@ private:
         m_db.setDatabaseName(m_database.name);
         m_db.setConnectOptions(QStringLiteral("connect_timeout=5;application_name=keldaserver-listener"));
         if (!m_db.open() || !m_db.driver()->subscribeToNotification(GroupAnnouncement::Channel)) {
-            Q_TRACE_FAILURE(kSource, QStringLiteral("Cannot listen on %1: %2")
-                                         .arg(m_database.displayName(), m_db.lastError().text().trimmed()));
+            Q_TRACE_FAILURE(kSource,
+                            QStringLiteral("Cannot listen on %1: %2")
+                                .arg(m_database.displayName(), m_db.lastError().text().trimmed()));
             close();
             return false;
         }

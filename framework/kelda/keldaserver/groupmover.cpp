@@ -78,15 +78,15 @@ void GroupMover::serve()
 bool GroupMover::moveGroup(const MoveOrder &order, const Progress &progress, const std::atomic<bool> *stop)
 {
     QString error;
-    const ConfinedDirectory target
-        = ConfinedDirectory::open(order.targetRoot, order.to, ConfinedDirectory::Creation::CreateMissing, &error);
+    const ConfinedDirectory target =
+        ConfinedDirectory::open(order.targetRoot, order.to, ConfinedDirectory::Creation::CreateMissing, &error);
     if (!target.isOpen()) {
         Q_TRACE_FAILURE(kSource, QStringLiteral("Cannot move file group %1: %2").arg(order.guid, error));
         return false;
     }
     // A run cut short after its copies may have removed the source already.
-    const ConfinedDirectory source
-        = ConfinedDirectory::open(order.sourceRoot, order.from, ConfinedDirectory::Creation::Existing, &error);
+    const ConfinedDirectory source =
+        ConfinedDirectory::open(order.sourceRoot, order.from, ConfinedDirectory::Creation::Existing, &error);
     if (!source.isOpen() && !source.wasMissing()) {
         Q_TRACE_FAILURE(kSource, QStringLiteral("Cannot move file group %1: %2").arg(order.guid, error));
         return false;
@@ -97,8 +97,8 @@ bool GroupMover::moveGroup(const MoveOrder &order, const Progress &progress, con
         if (stop && *stop)
             return false;
         bool fresh = false;
-        const bool carried = carryFile(source, target, file, order.digests.value(file), ReadControl{stop, nullptr},
-                                       &fresh, &error);
+        const bool carried =
+            carryFile(source, target, file, order.digests.value(file), ReadControl{stop, nullptr}, &fresh, &error);
         if (fresh)
             copied.append(file);
         if (!carried) {
@@ -126,8 +126,7 @@ bool GroupMover::moveGroup(const MoveOrder &order, const Progress &progress, con
 bool GroupMover::carryFile(const ConfinedDirectory &source, const ConfinedDirectory &target, const QString &name,
                            const QByteArray &recorded, const ReadControl &control, bool *copied, QString *error)
 {
-    const ConfinedDirectory::Kind kind
-        = source.isOpen() ? source.kindOf(name) : ConfinedDirectory::Kind::Missing;
+    const ConfinedDirectory::Kind kind = source.isOpen() ? source.kindOf(name) : ConfinedDirectory::Kind::Missing;
     if (kind == ConfinedDirectory::Kind::Missing) {
         // Sources go only once every copy is in place and checked: a
         // missing source was carried by an earlier run. Its copy must still
@@ -141,15 +140,16 @@ bool GroupMover::carryFile(const ConfinedDirectory &source, const ConfinedDirect
     }
     // A copy left by a run that was cut short is made again.
     ConfinedDirectory::Digest read;
-    if (!source.checkRegularFile(name, error) || !target.removeFile(name, error)
-        || !source.copyFileTo(name, target, error, &read, control))
+    if (!source.checkRegularFile(name, error) || !target.removeFile(name, error) ||
+        !source.copyFileTo(name, target, error, &read, control))
         return false;
     *copied = true;
     return copyMatches(target, name, read, recorded, control, error);
 }
 
-bool GroupMover::copyMatches(const ConfinedDirectory &target, const QString &name, const ConfinedDirectory::Digest &read,
-                             const QByteArray &recorded, const ReadControl &control, QString *error)
+bool GroupMover::copyMatches(const ConfinedDirectory &target, const QString &name,
+                             const ConfinedDirectory::Digest &read, const QByteArray &recorded,
+                             const ReadControl &control, QString *error)
 {
     // What was read must be what was added, and what landed on the network
     // storage must be what was read: only then may a source go.

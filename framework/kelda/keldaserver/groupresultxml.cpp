@@ -45,11 +45,12 @@ void GroupResultXml::append(QByteArray &out, const SearchRow &row)
     static const QByteArray open = '<' + qualified(Tag::FileGroup) + '>';
     static const QByteArray close = "</" + qualified(Tag::FileGroup) + '>';
     static const QByteArray location = qualified(Tag::LocationState);
-    static const std::pair<SearchRow::Column, QByteArray> times[] = {
-        {SearchRow::Backup, qualified(Tag::BackupTime)},
-        {SearchRow::Creation, qualified(Tag::CreationTime)},
-        {SearchRow::Modification, qualified(Tag::ModificationTime)},
-        {SearchRow::LifeCycle, qualified(Tag::LifeCycle)}};
+    static const std::pair<SearchRow::Column, QByteArray> times[] = {{SearchRow::Backup, qualified(Tag::BackupTime)},
+                                                                     {SearchRow::Creation,
+                                                                      qualified(Tag::CreationTime)},
+                                                                     {SearchRow::Modification,
+                                                                      qualified(Tag::ModificationTime)},
+                                                                     {SearchRow::LifeCycle, qualified(Tag::LifeCycle)}};
     static const QByteArray references = qualified(Tag::ReferenceCounter);
 
     out += open;

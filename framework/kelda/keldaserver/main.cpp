@@ -70,9 +70,10 @@ int main(int argc, char *argv[])
         break;
     }
     if (!options.host.isLoopback() && options.allow.isDefault())
-        printLine(stderr, QStringLiteral("keldaserver: warning: listening on %1 admits only loopback clients; name "
-                                         "the networks of your clients with --allow")
-                              .arg(options.host.toString()));
+        printLine(stderr,
+                  QStringLiteral("keldaserver: warning: listening on %1 admits only loopback clients; name "
+                                 "the networks of your clients with --allow")
+                      .arg(options.host.toString()));
     raiseDescriptorLimit();
     if (options.hasTraceMask)
         ErrorHandler::Instance()->SetLevel(options.traceMask);
@@ -89,9 +90,10 @@ int main(int argc, char *argv[])
     });
     QObject::connect(&watcher, &SignalWatcher::reopenRequested, &app, [] { ErrorHandler::Instance()->Reopen(); });
     if (server.servesMetrics())
-        printLine(stdout, QStringLiteral("keldaserver metrics on %1:%2")
-                              .arg(server.metricsAddress().toString())
-                              .arg(server.metricsPort()));
+        printLine(stdout,
+                  QStringLiteral("keldaserver metrics on %1:%2")
+                      .arg(server.metricsAddress().toString())
+                      .arg(server.metricsPort()));
     printLine(stdout,
               QStringLiteral("keldaserver listening on %1:%2").arg(server.address().toString()).arg(server.port()));
     return app.exec();

@@ -15,14 +15,22 @@ namespace {
 QByteArray reason(int status)
 {
     switch (status) {
-    case 200: return QByteArrayLiteral("OK");
-    case 400: return QByteArrayLiteral("Bad Request");
-    case 404: return QByteArrayLiteral("Not Found");
-    case 405: return QByteArrayLiteral("Method Not Allowed");
-    case 431: return QByteArrayLiteral("Request Header Fields Too Large");
-    case 503: return QByteArrayLiteral("Service Unavailable");
-    case 505: return QByteArrayLiteral("HTTP Version Not Supported");
-    default: return QByteArrayLiteral("Error");
+    case 200:
+        return QByteArrayLiteral("OK");
+    case 400:
+        return QByteArrayLiteral("Bad Request");
+    case 404:
+        return QByteArrayLiteral("Not Found");
+    case 405:
+        return QByteArrayLiteral("Method Not Allowed");
+    case 431:
+        return QByteArrayLiteral("Request Header Fields Too Large");
+    case 503:
+        return QByteArrayLiteral("Service Unavailable");
+    case 505:
+        return QByteArrayLiteral("HTTP Version Not Supported");
+    default:
+        return QByteArrayLiteral("Error");
     }
 }
 
@@ -40,7 +48,10 @@ bool MetricsEndpoint::listen(const QHostAddress &address, quint16 port, QString 
 {
     if (m_server.listen(address, port))
         return true;
-    *error = QStringLiteral("Cannot serve metrics on %1:%2: %3").arg(address.toString()).arg(port).arg(m_server.errorString());
+    *error = QStringLiteral("Cannot serve metrics on %1:%2: %3")
+                 .arg(address.toString())
+                 .arg(port)
+                 .arg(m_server.errorString());
     return false;
 }
 
@@ -88,7 +99,8 @@ void MetricsEndpoint::serve(QTcpSocket *socket)
             QPointer<QTcpSocket> alive(socket);
             m_health([this, alive](bool up) {
                 if (alive)
-                    respond(alive, up ? 200 : 503, up ? QByteArrayLiteral("ok\n") : QByteArrayLiteral("database unreachable\n"));
+                    respond(alive, up ? 200 : 503,
+                            up ? QByteArrayLiteral("ok\n") : QByteArrayLiteral("database unreachable\n"));
             });
         } else {
             respond(socket, 404, reason(404) + '\n');
@@ -98,8 +110,9 @@ void MetricsEndpoint::serve(QTcpSocket *socket)
 
 void MetricsEndpoint::respond(QTcpSocket *socket, int status, const QByteArray &body, const QByteArray &contentType)
 {
-    QByteArray response = "HTTP/1.1 " + QByteArray::number(status) + ' ' + reason(status) + "\r\nContent-Type: "
-        + contentType + "\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\nConnection: close\r\n";
+    QByteArray response = "HTTP/1.1 " + QByteArray::number(status) + ' ' + reason(status) +
+        "\r\nContent-Type: " + contentType + "\r\nContent-Length: " + QByteArray::number(body.size()) +
+        "\r\nConnection: close\r\n";
     if (status == 405)
         response += "Allow: GET\r\n";
     response += "\r\n" + body;

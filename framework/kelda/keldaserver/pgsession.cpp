@@ -10,8 +10,7 @@ const QByteArray kSeparator = QByteArrayLiteral("; ");
 
 // Calls mark(index) for every '?' outside quoted text and identifiers and
 // returns sql with each replaced by what mark returned.
-template<typename Mark>
-QString replaceMarks(const QString &sql, Mark mark)
+template <typename Mark> QString replaceMarks(const QString &sql, Mark mark)
 {
     QString result;
     result.reserve(sql.size() + 16);
@@ -48,8 +47,7 @@ int countMarks(const QString &sql)
 
 PgSession::PgSession(pg_conn *connection)
     : m_connection(connection)
-{
-}
+{ }
 
 QString PgSession::literal(const QVariant &value) const
 {
@@ -104,11 +102,10 @@ ResultRows *PgSession::run(const QString &sql, const QVariantList &values)
     if (!prepared)
         return nullptr;
     if (values.size() != prepared->parameters) {
-        m_error = Error{QString(), QStringLiteral("%1 values for %2 parameters of: %3")
-                                       .arg(values.size())
-                                       .arg(prepared->parameters)
-                                       .arg(sql),
-                        false};
+        m_error = Error{
+            QString(),
+            QStringLiteral("%1 values for %2 parameters of: %3").arg(values.size()).arg(prepared->parameters).arg(sql),
+            false};
         return nullptr;
     }
     QByteArray text = "EXECUTE " + prepared->name;

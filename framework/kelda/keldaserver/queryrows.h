@@ -14,8 +14,7 @@ class QueryRows : public ResultRows
 public:
     explicit QueryRows(QSqlQuery &query)
         : m_query(query)
-    {
-    }
+    { }
 
     bool next() override { return m_query.next(); }
     bool isNull(int column) const override { return m_query.isNull(column); }

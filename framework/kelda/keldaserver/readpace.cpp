@@ -30,8 +30,7 @@ void ReadPace::consumed(qint64 bytes, const std::atomic<bool> *stop)
     }
     m_bytes += bytes;
     const qint64 due = m_budgetStartNs + m_bytes * NsPerSecond / m_bytesPerSecond;
-    for (qint64 wait = due - m_clock.nsecsElapsed(); wait > 0 && !(stop && *stop);
-         wait = due - m_clock.nsecsElapsed())
+    for (qint64 wait = due - m_clock.nsecsElapsed(); wait > 0 && !(stop && *stop); wait = due - m_clock.nsecsElapsed())
         std::this_thread::sleep_for(std::chrono::nanoseconds(std::min(wait, SliceNs)));
 }
 

@@ -53,7 +53,8 @@ int RestoreCommand::run(const QStringList &arguments)
         QStringLiteral("Storage root to restore into (default %1).").arg(ServerOptions::defaultBasePath()),
         QStringLiteral("DIR"));
     const QCommandLineOption dbOption(QStringLiteral("db"),
-                                      QStringLiteral("SQLite database file to restore (default BASE/keldaserver.sqlite)."),
+                                      QStringLiteral(
+                                          "SQLite database file to restore (default BASE/keldaserver.sqlite)."),
                                       QStringLiteral("FILE"));
     const QCommandLineOption nasOption(QStringLiteral("nas-path"),
                                        QStringLiteral("Network storage folder to restore into (default BASE/nas)."),
@@ -62,16 +63,17 @@ int RestoreCommand::run(const QStringList &arguments)
         QStringLiteral("replace"),
         QStringLiteral("Overwrite a database and files that exist at the targets (default: refuse)."));
     parser.addOptions({helpOption, fromOption, baseOption, dbOption, nasOption, replaceOption});
-    const QString help = parser.helpText()
-        + QStringLiteral("\nExit codes:\n"
-                         "  0   restored\n"
-                         "  64  bad arguments, or a database or file exists at a target without --replace\n"
-                         "  65  the backup is incomplete or does not match its manifest; nothing was written\n"
-                         "  70  a target cannot be written\n");
+    const QString help = parser.helpText() +
+        QStringLiteral("\nExit codes:\n"
+                       "  0   restored\n"
+                       "  64  bad arguments, or a database or file exists at a target without --replace\n"
+                       "  65  the backup is incomplete or does not match its manifest; nothing was written\n"
+                       "  70  a target cannot be written\n");
     QStringList rest = arguments;
     rest.removeAt(1);
     if (!parser.parse(rest))
-        return fail(ServerOptions::ExitUsage, parser.errorText() + QStringLiteral("\nTry 'keldaserver restore --help'."));
+        return fail(ServerOptions::ExitUsage,
+                    parser.errorText() + QStringLiteral("\nTry 'keldaserver restore --help'."));
     if (parser.isSet(helpOption)) {
         printLine(stdout, help);
         return ServerOptions::ExitOk;
@@ -84,13 +86,15 @@ int RestoreCommand::run(const QStringList &arguments)
     Options options;
     options.source = absolute(parser.value(fromOption));
     options.basePath = absolute(parser.isSet(baseOption) ? parser.value(baseOption) : ServerOptions::defaultBasePath());
-    const QString db = parser.isSet(dbOption) ? parser.value(dbOption) : ServerOptions::defaultDatabaseFile(options.basePath);
+    const QString db =
+        parser.isSet(dbOption) ? parser.value(dbOption) : ServerOptions::defaultDatabaseFile(options.basePath);
     if (DatabaseLocation::isPostgresUrl(db))
-        return fail(ServerOptions::ExitUsage, QStringLiteral("a PostgreSQL archive is restored with pg_restore and a "
-                                                             "copy of the storage folders; see the README"));
+        return fail(ServerOptions::ExitUsage,
+                    QStringLiteral("a PostgreSQL archive is restored with pg_restore and a "
+                                   "copy of the storage folders; see the README"));
     options.databaseFile = absolute(db);
-    options.nasPath = parser.isSet(nasOption) ? absolute(parser.value(nasOption))
-                                              : ServerOptions::defaultNasPath(options.basePath);
+    options.nasPath =
+        parser.isSet(nasOption) ? absolute(parser.value(nasOption)) : ServerOptions::defaultNasPath(options.basePath);
     options.replace = parser.isSet(replaceOption);
     return restore(options);
 }
@@ -103,33 +107,37 @@ int RestoreCommand::restore(const Options &options)
         return fail(ServerOptions::ExitBadBackup, error);
     const QStringList problems = manifest.verify(options.source);
     if (!problems.isEmpty())
-        return fail(ServerOptions::ExitBadBackup, QStringLiteral("the backup in %1 does not match its manifest; "
-                                                                 "nothing was restored:\n  %2")
-                                                      .arg(options.source, problems.join(QStringLiteral("\n  "))));
+        return fail(ServerOptions::ExitBadBackup,
+                    QStringLiteral("the backup in %1 does not match its manifest; "
+                                   "nothing was restored:\n  %2")
+                        .arg(options.source, problems.join(QStringLiteral("\n  "))));
     if (!options.replace) {
         const QStringList inTheWay = occupied(options, manifest);
         if (!inTheWay.isEmpty())
-            return fail(ServerOptions::ExitUsage, QStringLiteral("these exist already (give --replace to overwrite "
-                                                                 "them, with the server stopped):\n  %1")
-                                                      .arg(inTheWay.join(QStringLiteral("\n  "))));
+            return fail(ServerOptions::ExitUsage,
+                        QStringLiteral("these exist already (give --replace to overwrite "
+                                       "them, with the server stopped):\n  %1")
+                            .arg(inTheWay.join(QStringLiteral("\n  "))));
     }
     for (const BackupManifest::Entry &entry : manifest.files) {
-        const FileCopier::Result copied = FileCopier::copy(BackupManifest::storedPath(options.source, entry),
-                                                           targetOf(options, entry));
+        const FileCopier::Result copied =
+            FileCopier::copy(BackupManifest::storedPath(options.source, entry), targetOf(options, entry));
         if (!copied.ok)
             return fail(ServerOptions::ExitStorage, copied.error);
         // Read again while copying: a backup changed since the check
         // stops the restore here.
         if (copied.sha256 != entry.sha256)
-            return fail(ServerOptions::ExitBadBackup,
-                        QStringLiteral("%1 changed during the restore").arg(BackupManifest::storedPath(options.source, entry)));
+            return fail(
+                ServerOptions::ExitBadBackup,
+                QStringLiteral("%1 changed during the restore").arg(BackupManifest::storedPath(options.source, entry)));
     }
     if (!restoreDatabase(options, manifest, &error))
         return fail(ServerOptions::ExitStorage, error);
-    printLine(stdout, QStringLiteral("Restored the backup of %1 (%2 files) into %3 and %4")
-                          .arg(manifest.created.toString(Qt::ISODate))
-                          .arg(manifest.files.size())
-                          .arg(options.databaseFile, options.basePath));
+    printLine(stdout,
+              QStringLiteral("Restored the backup of %1 (%2 files) into %3 and %4")
+                  .arg(manifest.created.toString(Qt::ISODate))
+                  .arg(manifest.files.size())
+                  .arg(options.databaseFile, options.basePath));
     return ServerOptions::ExitOk;
 }
 
@@ -168,15 +176,16 @@ bool RestoreCommand::restoreDatabase(const Options &options, const BackupManifes
     // Prepared beside the target and renamed over it once complete.
     const QString staged = options.databaseFile + QStringLiteral(".restoring");
     QFile::remove(staged);
-    const FileCopier::Result copied = FileCopier::copy(BackupManifest::storedPath(options.source, manifest.database), staged);
+    const FileCopier::Result copied =
+        FileCopier::copy(BackupManifest::storedPath(options.source, manifest.database), staged);
     if (!copied.ok || copied.sha256 != manifest.database.sha256) {
         *error = copied.ok ? QStringLiteral("The database copy changed during the restore") : copied.error;
         QFile::remove(staged);
         return false;
     }
-    if ((manifest.basePath != options.basePath || manifest.nasPath != options.nasPath)
-        && !SqliteBackup::relocate(staged, manifest.basePath, options.basePath, manifest.nasPath, options.nasPath,
-                                   error)) {
+    if ((manifest.basePath != options.basePath || manifest.nasPath != options.nasPath) &&
+        !SqliteBackup::relocate(staged, manifest.basePath, options.basePath, manifest.nasPath, options.nasPath,
+                                error)) {
         QFile::remove(staged);
         return false;
     }

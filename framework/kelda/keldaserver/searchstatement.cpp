@@ -125,8 +125,8 @@ QString SearchStatement::textTest(const QString &alias, const QString &column, c
     }
     // An expression the index does not cover: once the index was asked
     // for the rare trigrams, the whole text is tested on the few rows left.
-    const QString tested = trigrams.isEmpty() ? alias + QLatin1Char('.') + column
-                                              : QStringLiteral("(%1.%2 || '')").arg(alias, column);
+    const QString tested =
+        trigrams.isEmpty() ? alias + QLatin1Char('.') + column : QStringLiteral("(%1.%2 || '')").arg(alias, column);
     sql += QStringLiteral(" AND %1 LIKE ? ESCAPE '!'").arg(tested);
     m_values.append(escapeLike(key));
     return sql;
@@ -134,15 +134,17 @@ QString SearchStatement::textTest(const QString &alias, const QString &column, c
 
 void SearchStatement::addGroupTexts(const GroupSearch &criteria)
 {
-    const QList<QPair<QString, QString>> texts{
-        {QStringLiteral("name_key"), criteria.name},       {QStringLiteral("comment_key"), criteria.comment},
-        {QStringLiteral("detail_key"), criteria.detail},   {QStringLiteral("creator_key"), criteria.creator},
-        {QStringLiteral("team_key"), criteria.team},       {QStringLiteral("version_key"), criteria.version}};
+    const QList<QPair<QString, QString>> texts{{QStringLiteral("name_key"), criteria.name},
+                                               {QStringLiteral("comment_key"), criteria.comment},
+                                               {QStringLiteral("detail_key"), criteria.detail},
+                                               {QStringLiteral("creator_key"), criteria.creator},
+                                               {QStringLiteral("team_key"), criteria.team},
+                                               {QStringLiteral("version_key"), criteria.version}};
     if (!m_postgres) {
         QStringList terms;
         for (const auto &text : texts) {
-            const QString term
-                = text.second.isEmpty() ? QString() : indexTerm(text.first, ArchiveSchema::GroupTextIndex, text.second);
+            const QString term =
+                text.second.isEmpty() ? QString() : indexTerm(text.first, ArchiveSchema::GroupTextIndex, text.second);
             if (!term.isEmpty())
                 terms.append(term);
         }
@@ -217,10 +219,10 @@ void SearchStatement::addOrder(const GroupSearch &criteria)
     // them beats walking the time index and testing every row it names,
     // which a planner would choose to spare the sort. The unary plus keeps
     // the index out of the ordering.
-    const bool narrow = !criteria.name.isEmpty() || !criteria.comment.isEmpty() || !criteria.detail.isEmpty()
-        || !criteria.creator.isEmpty() || !criteria.team.isEmpty() || !criteria.version.isEmpty()
-        || !criteria.lockUser.isEmpty() || !criteria.referencingApplication.isEmpty()
-        || criteria.lockState == LOCK_Read || criteria.lockState == LOCK_Write;
+    const bool narrow = !criteria.name.isEmpty() || !criteria.comment.isEmpty() || !criteria.detail.isEmpty() ||
+        !criteria.creator.isEmpty() || !criteria.team.isEmpty() || !criteria.version.isEmpty() ||
+        !criteria.lockUser.isEmpty() || !criteria.referencingApplication.isEmpty() || criteria.lockState == LOCK_Read ||
+        criteria.lockState == LOCK_Write;
     m_sql += narrow ? QStringLiteral(" ORDER BY +g.creation_time, g.guid")
                     : QStringLiteral(" ORDER BY g.creation_time, g.guid");
 }

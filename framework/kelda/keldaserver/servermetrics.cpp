@@ -98,8 +98,7 @@ QByteArray ServerMetrics::render(const Gauges &gauges) const
         const QByteArray command = "command=\"" + labelValue(it.key()) + '"';
         for (size_t i = 0; i < LatencyBuckets.size(); ++i)
             sample(out, "kelda_request_duration_seconds_bucket",
-                   command + ",le=\"" + QByteArray::number(LatencyBuckets[i], 'g', 6) + '"',
-                   double(it->buckets[i]));
+                   command + ",le=\"" + QByteArray::number(LatencyBuckets[i], 'g', 6) + '"', double(it->buckets[i]));
         sample(out, "kelda_request_duration_seconds_bucket", command + ",le=\"+Inf\"", double(it->count));
         sample(out, "kelda_request_duration_seconds_sum", command, it->sum);
         sample(out, "kelda_request_duration_seconds_count", command, double(it->count));

@@ -21,7 +21,7 @@ class ServerMetrics
 public:
     // Upper bounds of the latency buckets, in seconds.
     static constexpr std::array<double, 14> LatencyBuckets{0.0005, 0.001, 0.0025, 0.005, 0.01, 0.025, 0.05,
-                                                           0.1,    0.25,  0.5,    1,     2.5,   5,     10};
+                                                           0.1,    0.25,  0.5,    1,     2.5,  5,     10};
 
     // Network thread.
     void requestAnswered(const QString &command, int code, qint64 nanoseconds);

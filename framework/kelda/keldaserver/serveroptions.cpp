@@ -14,24 +14,24 @@ namespace Kelda {
 
 namespace {
 
-const QString kHelpTail = QStringLiteral(
-    "\nCommands (each with its own --help):\n"
-    "  audit     print the audit trail of the database: keldaserver audit --db FILE|URL\n"
-    "            [--since TIME] [--guid GUID] [--user USER] [--json]\n"
-    "  backup    copy an SQLite archive, also while it is served, with a manifest\n"
-    "            of its files' digests (keldaserver backup --help)\n"
-    "  restore   check a backup against its manifest and put it in place\n"
-    "            (keldaserver restore --help)\n"
-    "\nExit codes:\n"
-    "  0   stopped by SIGINT or SIGTERM after finishing its work\n"
-    "  64  bad arguments, or a TLS file that cannot be used\n"
-    "  69  cannot listen on the address\n"
-    "  70  cannot create the storage folders or open the database, or the database\n"
-    "      holds a newer schema than this keldaserver knows\n"
-    "\nSeveral keldaserver processes may serve one archive: give them one\n"
-    "PostgreSQL database (--db postgresql://...) and one --base-path and --nas-path\n"
-    "on a shared folder. The database must exist; its owner role is enough,\n"
-    "the server creates its tables when they are missing.\n");
+const QString kHelpTail =
+    QStringLiteral("\nCommands (each with its own --help):\n"
+                   "  audit     print the audit trail of the database: keldaserver audit --db FILE|URL\n"
+                   "            [--since TIME] [--guid GUID] [--user USER] [--json]\n"
+                   "  backup    copy an SQLite archive, also while it is served, with a manifest\n"
+                   "            of its files' digests (keldaserver backup --help)\n"
+                   "  restore   check a backup against its manifest and put it in place\n"
+                   "            (keldaserver restore --help)\n"
+                   "\nExit codes:\n"
+                   "  0   stopped by SIGINT or SIGTERM after finishing its work\n"
+                   "  64  bad arguments, or a TLS file that cannot be used\n"
+                   "  69  cannot listen on the address\n"
+                   "  70  cannot create the storage folders or open the database, or the database\n"
+                   "      holds a newer schema than this keldaserver knows\n"
+                   "\nSeveral keldaserver processes may serve one archive: give them one\n"
+                   "PostgreSQL database (--db postgresql://...) and one --base-path and --nas-path\n"
+                   "on a shared folder. The database must exist; its owner role is enough,\n"
+                   "the server creates its tables when they are missing.\n");
 
 // Accepts decimal or 0x-prefixed hexadecimal.
 bool parseUnsigned(const QString &text, quint32 *value)
@@ -147,36 +147,43 @@ struct LimitOption
     void (*set)(ServerOptions &, qint64);
 };
 
-#define KELDA_LIMIT(field, type)                                                                                 \
+#define KELDA_LIMIT(field, type)                                                                                       \
     [](const ServerOptions &o) { return qint64(o.field); }, [](ServerOptions &o, qint64 v) { o.field = type(v); }
 
 const LimitOption kLimits[] = {
-    {"max-frame", "BYTES", "Largest accepted message in bytes, also once expanded; a larger one closes its "
-                           "connection (default %1).",
+    {"max-frame", "BYTES",
+     "Largest accepted message in bytes, also once expanded; a larger one closes its "
+     "connection (default %1).",
      1, XmlSeparator::LargestMaxFrameLength, KELDA_LIMIT(maxFrame, quint32)},
     {"max-import-bytes", "BYTES", "Largest description file ImportArchive reads (default %1).", 1,
      std::numeric_limits<int>::max(), KELDA_LIMIT(maxImportBytes, qint64)},
-    {"max-backlog", "BYTES", "Unsent answers above which a connection is not read until they drain "
-                             "(default %1).",
+    {"max-backlog", "BYTES",
+     "Unsent answers above which a connection is not read until they drain "
+     "(default %1).",
      1, std::numeric_limits<qint64>::max() / 4, KELDA_LIMIT(maxBacklog, qint64)},
-    {"max-in-flight", "N", "Requests of one connection under way at once; further ones wait unread "
-                           "(default %1).",
+    {"max-in-flight", "N",
+     "Requests of one connection under way at once; further ones wait unread "
+     "(default %1).",
      1, 1 << 20, KELDA_LIMIT(maxInFlight, int)},
-    {"max-pending", "BYTES", "Bytes of unfinished messages held across all connections; beyond it the "
-                             "connections wait unread (default %1).",
+    {"max-pending", "BYTES",
+     "Bytes of unfinished messages held across all connections; beyond it the "
+     "connections wait unread (default %1).",
      1, std::numeric_limits<qint64>::max() / 4, KELDA_LIMIT(maxPending, qint64)},
-    {"frame-timeout", "SECONDS", "Time a message may take to arrive once begun; a slower one closes its "
-                                 "connection (default %1).",
+    {"frame-timeout", "SECONDS",
+     "Time a message may take to arrive once begun; a slower one closes its "
+     "connection (default %1).",
      1, 24 * 3600, KELDA_LIMIT(frameTimeoutSeconds, int)},
-    {"max-connections", "N", "Connections served at once; one more is closed at once (default %1).", 1,
-     1 << 20, KELDA_LIMIT(maxConnections, int)},
+    {"max-connections", "N", "Connections served at once; one more is closed at once (default %1).", 1, 1 << 20,
+     KELDA_LIMIT(maxConnections, int)},
     {"max-connections-per-address", "N", "Connections from one address at once (default %1).", 1, 1 << 20,
      KELDA_LIMIT(maxConnectionsPerAddress, int)},
-    {"idle-timeout", "SECONDS", "A connection that sends nothing this long is closed; clients check theirs "
-                                "every 180 s (default %1).",
+    {"idle-timeout", "SECONDS",
+     "A connection that sends nothing this long is closed; clients check theirs "
+     "every 180 s (default %1).",
      1, 7 * 24 * 3600, KELDA_LIMIT(idleTimeoutSeconds, int)},
-    {"max-elements", "N", "Elements and attributes a request may hold; a larger one is answered with code 57 "
-                          "(default %1).",
+    {"max-elements", "N",
+     "Elements and attributes a request may hold; a larger one is answered with code 57 "
+     "(default %1).",
      16, 1 << 26, KELDA_LIMIT(maxElements, int)},
 };
 
@@ -192,9 +199,9 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
 {
     ServerOptions options;
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral(
-        "The Kelda archive server: stores file groups below a base path, keeps their metadata in an "
-        "SQLite or PostgreSQL database and answers Kelda clients over TCP."));
+    parser.setApplicationDescription(
+        QStringLiteral("The Kelda archive server: stores file groups below a base path, keeps their metadata in an "
+                       "SQLite or PostgreSQL database and answers Kelda clients over TCP."));
     const QCommandLineOption helpOption(QStringList{QStringLiteral("h"), QStringLiteral("help")},
                                         QStringLiteral("Show this help and exit."));
     const QCommandLineOption versionOption(QStringLiteral("version"), QStringLiteral("Show the version and exit."));
@@ -219,11 +226,11 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
         QStringLiteral("The only folder ExportArchive writes into and ImportArchive reads from; relative paths "
                        "in those requests are taken below it (default BASE/exchange)."),
         QStringLiteral("DIR"));
-    const QCommandLineOption traceOption(
-        QStringLiteral("trace-mask"),
-        QStringLiteral("Trace level mask, decimal or 0x hex: 0x20 failures, 0x40 every request "
-                       "(default: KELDA_TRACE_MASK, else 0x20)."),
-        QStringLiteral("MASK"));
+    const QCommandLineOption traceOption(QStringLiteral("trace-mask"),
+                                         QStringLiteral(
+                                             "Trace level mask, decimal or 0x hex: 0x20 failures, 0x40 every request "
+                                             "(default: KELDA_TRACE_MASK, else 0x20)."),
+                                         QStringLiteral("MASK"));
     const QCommandLineOption allowOption(
         QStringLiteral("allow"),
         QStringLiteral("Network clients may connect from, as ADDRESS/BITS; repeatable (default: loopback only, "
@@ -248,8 +255,7 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
         QStringLiteral("USER"));
     const QCommandLineOption converterOption(
         QStringLiteral("converter"),
-        QStringLiteral("User (certificate name) who may register as a converter; repeatable."),
-        QStringLiteral("USER"));
+        QStringLiteral("User (certificate name) who may register as a converter; repeatable."), QStringLiteral("USER"));
     const QCommandLineOption metricsOption(
         QStringLiteral("metrics"),
         QStringLiteral("Serve GET /metrics (Prometheus text) and GET /healthz on this address; loopback when only "
@@ -291,10 +297,10 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
         options.action = Action::ShowVersion;
         return options;
     }
-    if (parser.isSet(listenOption)
-        && !parseListenAddress(parser.value(listenOption), &options.host, &options.port))
-        return failure(options, QStringLiteral("--listen wants HOST:PORT with a numeric address, got \"%1\"")
-                                    .arg(parser.value(listenOption)));
+    if (parser.isSet(listenOption) && !parseListenAddress(parser.value(listenOption), &options.host, &options.port))
+        return failure(options,
+                       QStringLiteral("--listen wants HOST:PORT with a numeric address, got \"%1\"")
+                           .arg(parser.value(listenOption)));
     for (size_t i = 0; i < limitOptions.size(); ++i) {
         const LimitOption &limit = kLimits[i];
         if (!parser.isSet(limitOptions[i]))
@@ -302,11 +308,12 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
         const QString text = parser.value(limitOptions[i]);
         qint64 value = 0;
         if (!parseNumber(text, &value) || value < limit.minimum || value > limit.maximum)
-            return failure(options, QStringLiteral("--%1 wants a number from %2 to %3, got \"%4\"")
-                                        .arg(QString::fromLatin1(limit.name))
-                                        .arg(limit.minimum)
-                                        .arg(limit.maximum)
-                                        .arg(text));
+            return failure(options,
+                           QStringLiteral("--%1 wants a number from %2 to %3, got \"%4\"")
+                               .arg(QString::fromLatin1(limit.name))
+                               .arg(limit.minimum)
+                               .arg(limit.maximum)
+                               .arg(text));
         limit.set(options, value);
     }
     const auto decimal = [&](const QCommandLineOption &option, double *value) {
@@ -320,17 +327,20 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
         return true;
     };
     if (!decimal(verifyIntervalOption, &options.verifyIntervalHours))
-        return failure(options, QStringLiteral("--verify-interval wants a number of hours from 0 to %1, got \"%2\"")
-                                    .arg(MaxDecimalOption)
-                                    .arg(parser.value(verifyIntervalOption)));
+        return failure(options,
+                       QStringLiteral("--verify-interval wants a number of hours from 0 to %1, got \"%2\"")
+                           .arg(MaxDecimalOption)
+                           .arg(parser.value(verifyIntervalOption)));
     if (!decimal(verifyRateOption, &options.verifyRateMBps))
-        return failure(options, QStringLiteral("--verify-rate wants a number of MB/s from 0 to %1, got \"%2\"")
-                                    .arg(MaxDecimalOption)
-                                    .arg(parser.value(verifyRateOption)));
-    if (parser.isSet(metricsOption)
-        && !parseLoopbackAddress(parser.value(metricsOption), &options.metricsHost, &options.metricsPort))
-        return failure(options, QStringLiteral("--metrics wants HOST:PORT or PORT with a numeric address, got \"%1\"")
-                                    .arg(parser.value(metricsOption)));
+        return failure(options,
+                       QStringLiteral("--verify-rate wants a number of MB/s from 0 to %1, got \"%2\"")
+                           .arg(MaxDecimalOption)
+                           .arg(parser.value(verifyRateOption)));
+    if (parser.isSet(metricsOption) &&
+        !parseLoopbackAddress(parser.value(metricsOption), &options.metricsHost, &options.metricsPort))
+        return failure(options,
+                       QStringLiteral("--metrics wants HOST:PORT or PORT with a numeric address, got \"%1\"")
+                           .arg(parser.value(metricsOption)));
     options.metrics = parser.isSet(metricsOption);
     for (const QString &block : parser.values(allowOption)) {
         QString error;
@@ -345,8 +355,9 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
     options.converters = parser.values(converterOption);
     if (parser.isSet(traceOption)) {
         if (!parseUnsigned(parser.value(traceOption), &options.traceMask))
-            return failure(options, QStringLiteral("--trace-mask wants a decimal or 0x number, got \"%1\"")
-                                        .arg(parser.value(traceOption)));
+            return failure(
+                options,
+                QStringLiteral("--trace-mask wants a decimal or 0x number, got \"%1\"").arg(parser.value(traceOption)));
         options.hasTraceMask = true;
     }
 
@@ -355,9 +366,8 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
         return failure(options, QStringLiteral("--base-path must not be empty"));
     options.basePath = QDir::cleanPath(QDir(base).absolutePath());
     QString databaseError;
-    if (!DatabaseLocation::parse(parser.isSet(dbOption)
-                                     ? parser.value(dbOption)
-                                     : defaultDatabaseFile(options.basePath),
+    if (!DatabaseLocation::parse(parser.isSet(dbOption) ? parser.value(dbOption)
+                                                        : defaultDatabaseFile(options.basePath),
                                  &options.database, &databaseError))
         return failure(options, databaseError);
     const auto folder = [&](const QCommandLineOption &option, const QString &fallback) {

@@ -18,10 +18,10 @@ struct ServerOptions
     // Exit codes of the program; the README and --help list them.
     enum ExitCode : int {
         ExitOk = 0,
-        ExitUsage = 64,       // bad arguments
+        ExitUsage = 64, // bad arguments
         ExitUnavailable = 69, // cannot listen on the address
-        ExitStorage = 70,     // cannot create the storage folders or open the database, or its schema is newer
-        ExitBadBackup = 65    // restore: the backup does not match its manifest
+        ExitStorage = 70, // cannot create the storage folders or open the database, or its schema is newer
+        ExitBadBackup = 65 // restore: the backup does not match its manifest
     };
 
     static constexpr quint16 DefaultPort = 5223;
@@ -42,7 +42,7 @@ struct ServerOptions
     static constexpr qint64 MB = 1000 * 1000;
 
     Action action = Action::Run;
-    QString error;    // for Action::Fail: a sentence the user can act on
+    QString error; // for Action::Fail: a sentence the user can act on
     QString helpText; // for Action::ShowHelp and Action::Fail
 
     QHostAddress host = QHostAddress(QHostAddress::LocalHost);

@@ -132,8 +132,7 @@ bool SqliteBackup::relocate(const QString &databaseFile, const QString &oldBase,
     // inside the base path.
     std::vector<std::pair<QString, QString>> roots{{oldBase + QLatin1Char('/'), newBase + QLatin1Char('/')},
                                                    {oldNas + QLatin1Char('/'), newNas + QLatin1Char('/')}};
-    std::sort(roots.begin(), roots.end(),
-              [](const auto &a, const auto &b) { return a.first.size() > b.first.size(); });
+    std::sort(roots.begin(), roots.end(), [](const auto &a, const auto &b) { return a.first.size() > b.first.size(); });
     const Connection connection(databaseFile);
     QSqlDatabase db = connection.database();
     if (!db.open()) {
@@ -144,11 +143,10 @@ bool SqliteBackup::relocate(const QString &databaseFile, const QString &oldBase,
     {
         // Groups keep their directory as an absolute path.
         QSqlQuery query(db);
-        query.prepare(QStringLiteral(
-            "UPDATE file_groups SET path = CASE"
-            " WHEN substr(path, 1, length(?)) = ? THEN ? || substr(path, length(?) + 1)"
-            " WHEN substr(path, 1, length(?)) = ? THEN ? || substr(path, length(?) + 1)"
-            " ELSE path END"));
+        query.prepare(QStringLiteral("UPDATE file_groups SET path = CASE"
+                                     " WHEN substr(path, 1, length(?)) = ? THEN ? || substr(path, length(?) + 1)"
+                                     " WHEN substr(path, 1, length(?)) = ? THEN ? || substr(path, length(?) + 1)"
+                                     " ELSE path END"));
         for (const auto &root : roots) {
             query.addBindValue(root.first);
             query.addBindValue(root.first);

@@ -11,13 +11,12 @@ StorageLayout::StorageLayout(const QString &basePath, const QString &nasPath, co
     , m_nasPath(QDir::cleanPath(QDir(nasPath).absolutePath()))
     , m_exchangePath(QDir::cleanPath(QDir(exchangePath).absolutePath()))
     , m_maxImportBytes(maxImportBytes)
-{
-}
+{ }
 
 QString StorageLayout::defaultGroupDirectory(const QString &guid, const QDateTime &utcNow) const
 {
-    return QDir::cleanPath(m_basePath + QLatin1Char('/') + utcNow.toUTC().toString(QStringLiteral("yyyy/MM/dd/hh"))
-                           + QLatin1Char('/') + guid);
+    return QDir::cleanPath(m_basePath + QLatin1Char('/') + utcNow.toUTC().toString(QStringLiteral("yyyy/MM/dd/hh")) +
+                           QLatin1Char('/') + guid);
 }
 
 QString StorageLayout::nasDirectoryFor(const QString &groupDirectory, const QString &guid) const
@@ -98,8 +97,8 @@ bool StorageLayout::isBelow(const QString &root, const QString &path)
 
 bool StorageLayout::isSafeFileName(const QString &name)
 {
-    return !name.isEmpty() && name != QLatin1String(".") && name != QLatin1String("..")
-        && !name.contains(QLatin1Char('/')) && !name.contains(QLatin1Char('\\')) && !name.contains(QChar(0));
+    return !name.isEmpty() && name != QLatin1String(".") && name != QLatin1String("..") &&
+        !name.contains(QLatin1Char('/')) && !name.contains(QLatin1Char('\\')) && !name.contains(QChar(0));
 }
 
 bool StorageLayout::isGuid(const QString &text)

@@ -24,60 +24,60 @@ enum class ReplyKind : int;
 
 // Who starts an exchange and who answers it.
 enum class Exchange : quint8 {
-    Command,       // the client sends the request, the server answers with the reply
+    Command, // the client sends the request, the server answers with the reply
     ServerRequest, // the server sends the reply element; the client answers with the request, unanswered
-    ServerNotice,  // the server sends the reply element; nobody answers
-    Unread,        // the reply element is recognised and not read
+    ServerNotice, // the server sends the reply element; nobody answers
+    Unread, // the reply element is recognised and not read
 };
 
 // What a command does to the archive's records. Readers run beside changes.
 enum class Effect : quint8 {
-    None,    // not a command the server carries out
-    Reads,   // reads records only (it may still write files, as exporting does)
+    None, // not a command the server carries out
+    Reads, // reads records only (it may still write files, as exporting does)
     Changes, // changes records
 };
 
 // What a reply is read into; replyparser.h has the result types.
 enum class ResultKind : quint8 {
-    None,                  // nothing: the reply is recognised, not read
-    Status,                // Error and ErrorString alone
-    Text,                  // the first value, as text
-    List,                  // the values in arrival order, wrappers passed
-    Table,                 // the groups of a query as text rows, headers first
-    FileId,                // a file id
-    CreatedGroup,          // the GUID and path of a new group
-    BasePath,              // the base path; the first of a connection announces it
-    MetaData,              // one group record, read by the record's own reader
+    None, // nothing: the reply is recognised, not read
+    Status, // Error and ErrorString alone
+    Text, // the first value, as text
+    List, // the values in arrival order, wrappers passed
+    Table, // the groups of a query as text rows, headers first
+    FileId, // a file id
+    CreatedGroup, // the GUID and path of a new group
+    BasePath, // the base path; the first of a connection announces it
+    MetaData, // one group record, read by the record's own reader
     LocationStateProgress, // a location state and a progress
-    Exists,                // whether a group exists
+    Exists, // whether a group exists
     RemoteStorageLocation, // an address and a URL
-    ConvertRequest,        // the server asks for a conversion: GUID, file type, path
-    CopyProgress,          // a progress
-    Records,               // records of named fields, each field in its own column
+    ConvertRequest, // the server asks for a conversion: GUID, file type, path
+    CopyProgress, // a progress
+    Records, // records of named fields, each field in its own column
 };
 
 // How a request field is written.
 enum class FieldShape : quint8 {
-    Text,      // <m:Name>text</m:Name>
-    Number,    // a signed decimal; 0 when unset
-    Unsigned,  // an unsigned decimal; 0 when unset
-    Flag,      // "true" or "false"; false when unset
-    Time,      // UTC, "yyyy-MM-dd hh:mm:ss.zzz"; empty when unset
-    Repeated,  // one <m:Name> per value; nothing for no value
-    List,      // <m:Name> holding one <m:Item> per value; an empty-element tag for none
+    Text, // <m:Name>text</m:Name>
+    Number, // a signed decimal; 0 when unset
+    Unsigned, // an unsigned decimal; 0 when unset
+    Flag, // "true" or "false"; false when unset
+    Time, // UTC, "yyyy-MM-dd hh:mm:ss.zzz"; empty when unset
+    Repeated, // one <m:Name> per value; nothing for no value
+    List, // <m:Name> holding one <m:Item> per value; an empty-element tag for none
     TimeRange, // <m:Name> holding <m:Min> and <m:Max>, both times
 };
 
 // Where the value of a request field comes from.
 enum class FieldSource : quint8 {
-    Caller,            // set on the request by name
-    Guid,              // the request's GUID
-    Application,       // the request's application, as its caller set it
+    Caller, // set on the request by name
+    Guid, // the request's GUID
+    Application, // the request's application, as its caller set it
     ClientApplication, // the request's application, which the sender sets to the client's
-    User,              // the client's user, set by the sender
-    Team,              // the client's team membership, set by the sender
-    LockIdentity,      // "address|application|user", set by the sender
-    Fixed,             // always the descriptor's text; what the caller set reaches only the trace
+    User, // the client's user, set by the sender
+    Team, // the client's team membership, set by the sender
+    LockIdentity, // "address|application|user", set by the sender
+    Fixed, // always the descriptor's text; what the caller set reaches only the trace
 };
 
 struct RequestField
@@ -138,8 +138,7 @@ constexpr RequestField TimeRange(QLatin1String name)
     return RequestField{name, FieldShape::TimeRange, FieldSource::Caller, {}, {}};
 }
 
-template<std::size_t N>
-constexpr RequestField Fixed(QLatin1String name, const char (&text)[N])
+template <std::size_t N> constexpr RequestField Fixed(QLatin1String name, const char (&text)[N])
 {
     return RequestField{name, FieldShape::Text, FieldSource::Fixed, {}, Latin1Literal(text)};
 }
@@ -190,7 +189,7 @@ struct CommandDescriptor
         return next;
     }
 
-    template<std::size_t N>
+    template <std::size_t N>
     constexpr CommandDescriptor Traced(const char (&format)[N], std::initializer_list<QLatin1String> names) const
     {
         CommandDescriptor next = *this;
@@ -213,23 +212,21 @@ struct CommandDescriptor
         return next;
     }
 
-    template<std::size_t N>
-    constexpr CommandDescriptor FailureTraced(const char (&format)[N]) const
+    template <std::size_t N> constexpr CommandDescriptor FailureTraced(const char (&format)[N]) const
     {
         CommandDescriptor next = *this;
         next.errorTrace = Latin1Literal(format);
         return next;
     }
 
-    template<std::size_t N>
-    constexpr CommandDescriptor Signals(const char (&sender)[N]) const
+    template <std::size_t N> constexpr CommandDescriptor Signals(const char (&sender)[N]) const
     {
         CommandDescriptor next = *this;
         next.senderSignal = Latin1Literal(sender);
         return next;
     }
 
-    template<std::size_t N, std::size_t M>
+    template <std::size_t N, std::size_t M>
     constexpr CommandDescriptor Signals(const char (&sender)[N], const char (&client)[M]) const
     {
         CommandDescriptor next = Signals(sender);
@@ -281,8 +278,8 @@ constexpr bool HasStatus(ResultKind kind)
 }
 
 constexpr CommandDescriptor CommandDescriptor::Receives(QLatin1String element,
-                                                       std::initializer_list<ExpectedElements::Entry> list,
-                                                       ResultKind kind) const
+                                                        std::initializer_list<ExpectedElements::Entry> list,
+                                                        ResultKind kind) const
 {
     CommandDescriptor next = *this;
     next.reply = element;
@@ -401,8 +398,8 @@ constexpr bool IsReplyTo(QLatin1String reply, QLatin1String request)
     constexpr QLatin1String suffix = Latin1Literal("Reply");
     if (request.isEmpty() || reply.size() != request.size() + suffix.size())
         return false;
-    return SameName(QLatin1String(reply.data(), request.size()), request)
-        && SameName(QLatin1String(reply.data() + request.size(), suffix.size()), suffix);
+    return SameName(QLatin1String(reply.data(), request.size()), request) &&
+        SameName(QLatin1String(reply.data() + request.size(), suffix.size()), suffix);
 }
 
 // The number of a trace's placeholders when they are exactly %1 to %n,
@@ -482,8 +479,8 @@ constexpr bool ExchangeComplete(const CommandDescriptor &command)
 {
     switch (command.exchange) {
     case Exchange::Command:
-        return IsReplyTo(command.reply, command.request) && command.effect != Effect::None
-            && command.result != ResultKind::None;
+        return IsReplyTo(command.reply, command.request) && command.effect != Effect::None &&
+            command.result != ResultKind::None;
     case Exchange::ServerRequest:
         return !command.request.isEmpty() && command.effect == Effect::None;
     case Exchange::ServerNotice:
@@ -504,8 +501,8 @@ constexpr bool ChildrenComplete(const CommandDescriptor &command)
         return false;
     if (HasStatus(kind)) {
         const int size = children.Size();
-        if (size < 3 || !SameEntry(children.At(size - 2), Tag::Error)
-            || !SameEntry(children.At(size - 1), Tag::ErrorString))
+        if (size < 3 || !SameEntry(children.At(size - 2), Tag::Error) ||
+            !SameEntry(children.At(size - 1), Tag::ErrorString))
             return false;
     }
     if (IsMadeOfValues(kind)) {
@@ -527,8 +524,8 @@ constexpr bool RecordComplete(const CommandDescriptor &command)
 {
     if (command.result != ResultKind::Table && command.result != ResultKind::Records)
         return command.record.IsEmpty();
-    return command.record.Size() > 1 && command.record.At(0).isEnd && !HasDuplicates(command.record)
-        && IndexOfStart(command.children, command.record.At(0).name) > 0;
+    return command.record.Size() > 1 && command.record.At(0).isEnd && !HasDuplicates(command.record) &&
+        IndexOfStart(command.children, command.record.At(0).name) > 0;
 }
 
 constexpr bool TracesAndSignalsComplete(const CommandDescriptor &command)
@@ -546,14 +543,13 @@ constexpr bool TracesAndSignalsComplete(const CommandDescriptor &command)
 // nothing that it cannot use.
 constexpr bool IsComplete(const CommandDescriptor &command)
 {
-    return !command.reply.isEmpty() && ExchangeComplete(command) && FieldsComplete(command)
-        && SendTraceComplete(command) && ChildrenComplete(command) && RecordComplete(command)
-        && TracesAndSignalsComplete(command);
+    return !command.reply.isEmpty() && ExchangeComplete(command) && FieldsComplete(command) &&
+        SendTraceComplete(command) && ChildrenComplete(command) && RecordComplete(command) &&
+        TracesAndSignalsComplete(command);
 }
 
 // The first entry that is not at the position of its kind; -1 when none.
-template<std::size_t N>
-constexpr int FirstOutOfOrder(const CommandDescriptor (&table)[N])
+template <std::size_t N> constexpr int FirstOutOfOrder(const CommandDescriptor (&table)[N])
 {
     for (std::size_t i = 0; i < N; ++i) {
         if (static_cast<std::size_t>(table[i].kind) != i)
@@ -562,8 +558,7 @@ constexpr int FirstOutOfOrder(const CommandDescriptor (&table)[N])
     return -1;
 }
 
-template<std::size_t N>
-constexpr int FirstIncomplete(const CommandDescriptor (&table)[N])
+template <std::size_t N> constexpr int FirstIncomplete(const CommandDescriptor (&table)[N])
 {
     for (std::size_t i = 0; i < N; ++i) {
         if (!IsComplete(table[i]))
@@ -574,8 +569,7 @@ constexpr int FirstIncomplete(const CommandDescriptor (&table)[N])
 
 // The first entry whose request or reply element an earlier entry names
 // too; -1 when none.
-template<std::size_t N>
-constexpr int FirstDuplicateElement(const CommandDescriptor (&table)[N])
+template <std::size_t N> constexpr int FirstDuplicateElement(const CommandDescriptor (&table)[N])
 {
     for (std::size_t i = 0; i < N; ++i) {
         for (std::size_t j = 0; j < i; ++j) {
@@ -589,7 +583,7 @@ constexpr int FirstDuplicateElement(const CommandDescriptor (&table)[N])
 
 // Whether rows, each naming a kind, name every command the server carries
 // out exactly once and nothing else.
-template<typename Row, std::size_t R, std::size_t N>
+template <typename Row, std::size_t R, std::size_t N>
 constexpr bool OneRowPerCommand(const Row (&rows)[R], const CommandDescriptor (&table)[N])
 {
     for (const CommandDescriptor &command : table) {

@@ -78,8 +78,9 @@ inline constexpr CommandDescriptor CommandDescriptors[] = {
 
     // Locks count as changes: they are records too.
     Describe(ReplyKind::RequestFile, Exchange::Command, Effect::Changes)
-        .Sends(Tag::RequestFile, {Field::Guid, Field::Number(Tag::FileId), Field::Flag(Tag::WriteLock),
-                                  Field::Text(Tag::UserName, FieldSource::LockIdentity)})
+        .Sends(Tag::RequestFile,
+               {Field::Guid, Field::Number(Tag::FileId), Field::Flag(Tag::WriteLock),
+                Field::Text(Tag::UserName, FieldSource::LockIdentity)})
         .Traced("KeldaClient::RequestFile: guid='%1' fileid='%2' lock='%3' lockid='%4'",
                 {Tag::Guid, Tag::FileId, Tag::WriteLock, Tag::UserName})
         .Receives(Tag::RequestFileReply, {Tag::Path}, ResultKind::Text)
@@ -88,8 +89,8 @@ inline constexpr CommandDescriptor CommandDescriptors[] = {
 
     // The server closes the group's file for the lock identity, not by id.
     Describe(ReplyKind::CloseFile, Exchange::Command, Effect::Changes)
-        .Sends(Tag::CloseFile, {Field::Guid, Field::Fixed(Tag::FileId, "-1"),
-                                Field::Text(Tag::UserName, FieldSource::LockIdentity)})
+        .Sends(Tag::CloseFile,
+               {Field::Guid, Field::Fixed(Tag::FileId, "-1"), Field::Text(Tag::UserName, FieldSource::LockIdentity)})
         .Traced("KeldaClient::CloseFile: guid='%1' fileid='%2'", {Tag::Guid, Tag::FileId})
         .Receives(Tag::CloseFileReply, {}, ResultKind::Status)
         .FailureTraced("Error while closing file: %1 (%2)")
@@ -117,8 +118,7 @@ inline constexpr CommandDescriptor CommandDescriptors[] = {
         .Signals("removeReferenceReply", "RemoveReferenceSg"),
 
     Describe(ReplyKind::RemoveAllReferences, Exchange::Command, Effect::Changes)
-        .Sends(Tag::RemoveAllReferences,
-               {Field::Guid, Field::Text(Tag::Application, FieldSource::ClientApplication)})
+        .Sends(Tag::RemoveAllReferences, {Field::Guid, Field::Text(Tag::Application, FieldSource::ClientApplication)})
         .Traced("KeldaClient::RemoveAllReferences: guid='%1'", {Tag::Guid})
         .Receives(Tag::RemoveAllReferencesReply, {}, ResultKind::Status)
         .FailureTraced("Error while removing all references: %1 (%2)")
@@ -168,9 +168,9 @@ inline constexpr CommandDescriptor CommandDescriptors[] = {
                 Field::Text(Tag::TeamSearchText), Field::Text(Tag::User), Field::Text(Tag::VersionSearchText)})
         .Receives(Tag::QueryFileGroupsReply, {Tag::FileGroup}, ResultKind::Table)
         .Record(Tag::FileGroup,
-                {Tag::Guid, Tag::FileGroupName, Tag::FileType, Tag::LocationState, Tag::BackupTime,
-                 Tag::CreationTime, Tag::ModificationTime, Tag::LifeCycle, Tag::Comment, Tag::Creator, Tag::Detail,
-                 Tag::TeamMembership, Tag::Version, Tag::ReservedStorage, Tag::ReferenceCounter, Tag::Files})
+                {Tag::Guid, Tag::FileGroupName, Tag::FileType, Tag::LocationState, Tag::BackupTime, Tag::CreationTime,
+                 Tag::ModificationTime, Tag::LifeCycle, Tag::Comment, Tag::Creator, Tag::Detail, Tag::TeamMembership,
+                 Tag::Version, Tag::ReservedStorage, Tag::ReferenceCounter, Tag::Files})
         .FailureTraced("Error while getting user list: %1 (%2)")
         .Signals("queryFileGroupsReply", "queryFileGroupsSg"),
 
@@ -271,8 +271,8 @@ inline constexpr CommandDescriptor CommandDescriptors[] = {
         .Sends(Tag::GetFileChecksums, {Field::Guid})
         .Traced("KeldaClient::GetFileChecksums: guid='%1'", {Tag::Guid})
         .Receives(Tag::GetFileChecksumsReply, {Tag::Files, Tag::File, EndOf(Tag::Files)}, ResultKind::Records)
-        .Record(Tag::File, {Tag::FileId, Tag::FileName, Tag::FileSize, Tag::Algorithm, Tag::Digest, Tag::LastCheck,
-                            Tag::State})
+        .Record(Tag::File,
+                {Tag::FileId, Tag::FileName, Tag::FileSize, Tag::Algorithm, Tag::Digest, Tag::LastCheck, Tag::State})
         .FailureTraced("Error while getting file checksums: %1 (%2)")
         .Signals("getFileChecksumsReply", "GetFileChecksumsSg"),
 
@@ -281,8 +281,8 @@ inline constexpr CommandDescriptor CommandDescriptors[] = {
         .Sends(Tag::VerifyFileGroup, {Field::Guid})
         .Traced("KeldaClient::VerifyFileGroup: guid='%1'", {Tag::Guid})
         .Receives(Tag::VerifyFileGroupReply, {Tag::Files, Tag::File, EndOf(Tag::Files)}, ResultKind::Records)
-        .Record(Tag::File, {Tag::FileId, Tag::FileName, Tag::FileSize, Tag::Algorithm, Tag::Digest, Tag::LastCheck,
-                            Tag::State})
+        .Record(Tag::File,
+                {Tag::FileId, Tag::FileName, Tag::FileSize, Tag::Algorithm, Tag::Digest, Tag::LastCheck, Tag::State})
         .FailureTraced("Error while verifying file group: %1 (%2)")
         .Signals("verifyFileGroupReply", "VerifyFileGroupSg"),
 };

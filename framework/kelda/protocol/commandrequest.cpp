@@ -66,8 +66,7 @@ QString Substitute(QLatin1String format, const QStringList &values)
 
 CommandRequest::CommandRequest(ReplyKind kind)
     : m_kind(kind)
-{
-}
+{ }
 
 QByteArray CommandRequest::ToXml() const
 {

@@ -7,8 +7,7 @@ namespace Kelda {
 
 // A list built at compile time with room for Capacity items. Like
 // ExpectedElements it has nothing to destroy.
-template<typename T, int N>
-class ConstList
+template <typename T, int N> class ConstList
 {
 public:
     static constexpr int Capacity = N;

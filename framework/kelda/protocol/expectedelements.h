@@ -24,8 +24,7 @@ public:
         constexpr Entry(QLatin1String n, bool end = false)
             : name(n)
             , isEnd(end)
-        {
-        }
+        { }
         QLatin1String name;
         bool isEnd = false;
     };

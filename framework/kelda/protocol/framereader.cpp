@@ -43,8 +43,7 @@ void preferHugePages(QByteArray &buffer)
 FrameReader::FrameReader(quint32 maxFrame, ByteOrder order)
     : m_maxFrame(maxFrame)
     , m_order(order)
-{
-}
+{ }
 
 FrameReader::Step FrameReader::read(QIODevice &device)
 {
@@ -70,8 +69,8 @@ FrameReader::Step FrameReader::readHeader(QIODevice &device)
         m_headerBytes += int(got);
     if (m_headerBytes < 4)
         return Step::NeedData;
-    m_length = m_order == ByteOrder::LittleEndian ? qFromLittleEndian<quint32>(m_header)
-                                                  : qFromBigEndian<quint32>(m_header);
+    m_length =
+        m_order == ByteOrder::LittleEndian ? qFromLittleEndian<quint32>(m_header) : qFromBigEndian<quint32>(m_header);
     if (m_length > m_maxFrame) {
         m_state = State::Refused;
         return Step::TooLarge;

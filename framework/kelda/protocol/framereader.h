@@ -20,10 +20,10 @@ class FrameReader
 {
 public:
     enum class Step {
-        NeedData,  // the device has nothing more for this frame now
+        NeedData, // the device has nothing more for this frame now
         Announced, // the length is known; admit() before reading on
-        Complete,  // takeFrame() hands out the payload
-        TooLarge   // the announced length exceeds the limit; nothing more is read
+        Complete, // takeFrame() hands out the payload
+        TooLarge // the announced length exceeds the limit; nothing more is read
     };
 
     enum class ByteOrder { LittleEndian, BigEndian };

@@ -7,8 +7,7 @@ namespace Kelda {
 
 KeldaClientSOAPMessage::KeldaClientSOAPMessage()
     : m_sRequestId(CreateGuid())
-{
-}
+{ }
 
 KeldaClientSOAPMessage::~KeldaClientSOAPMessage() = default;
 

@@ -50,8 +50,7 @@ protected:
     // message namespace), lets writeChildren add the command's children and
     // closes the document. An element with nothing written inside becomes an
     // empty-element tag.
-    template<typename WriteChildren>
-    QByteArray WriteCommand(QLatin1String command, WriteChildren writeChildren) const
+    template <typename WriteChildren> QByteArray WriteCommand(QLatin1String command, WriteChildren writeChildren) const
     {
         QByteArray bytes;
         QXmlStreamWriter writer(&bytes);

@@ -13,9 +13,9 @@ class PayloadInflater
 {
 public:
     enum class Result {
-        Expanded,      // *out holds the expanded payload
+        Expanded, // *out holds the expanded payload
         NotCompressed, // not a qCompress payload, or a corrupt one
-        TooLarge       // expands, or claims to expand, beyond the limit
+        TooLarge // expands, or claims to expand, beyond the limit
     };
 
     static Result inflate(const QByteArray &payload, quint32 limit, QByteArray *out);

@@ -28,16 +28,14 @@ QString Translate(const char *text)
 
 QString ExpectedButGotText(const ExpectedElements &expected, const QString &got)
 {
-    return expected.Size() == 1
-        ? Translate("Expected element %1, but got %2").arg(expected.Joined(), got)
-        : Translate("Expected one of %1, but got %2").arg(expected.Joined(), got);
+    return expected.Size() == 1 ? Translate("Expected element %1, but got %2").arg(expected.Joined(), got)
+                                : Translate("Expected one of %1, but got %2").arg(expected.Joined(), got);
 }
 
 QString ExpectedButEndText(const ExpectedElements &expected)
 {
-    return expected.Size() == 1
-        ? Translate("Expected element %1, but got end of document").arg(expected.Joined())
-        : Translate("Expected one of %1, but got end of document").arg(expected.Joined());
+    return expected.Size() == 1 ? Translate("Expected element %1, but got end of document").arg(expected.Joined())
+                                : Translate("Expected one of %1, but got end of document").arg(expected.Joined());
 }
 
 QString NamespaceText(QLatin1String expected, const QStringRef &got)
@@ -113,8 +111,8 @@ void ReadFields(QXmlStreamReader &reader, const ExpectedElements &list, QString 
 // Reads a reply that lists texts: positions first..last of list are appended
 // in arrival order, Error and ErrorString are the last two positions, and
 // every other position is a wrapper that is only passed.
-void ReadListFields(QXmlStreamReader &reader, const ExpectedElements &list, int first, int last,
-                    QStringList *values, Status *status)
+void ReadListFields(QXmlStreamReader &reader, const ExpectedElements &list, int first, int last, QStringList *values,
+                    Status *status)
 {
     const int errorIndex = list.Size() - 2;
     for (int index = NextChild(reader, list); index != 0; index = NextChild(reader, list)) {
@@ -138,9 +136,8 @@ int FinishStatus(Status &status, QLatin1String traceText)
         Q_TRACE_FAILURE(TraceSource, traceText.arg(status.errorString, QString::number(status.error)));
     } else if (status.error != 0) {
         const QString local = KeldaErrorString::Get(static_cast<KeldaError>(status.error));
-        status.errorString = status.errorString.isEmpty()
-            ? local
-            : QStringLiteral("%1(%2)").arg(status.errorString, local);
+        status.errorString =
+            status.errorString.isEmpty() ? local : QStringLiteral("%1(%2)").arg(status.errorString, local);
         Q_TRACE_FAILURE(TraceSource, traceText.arg(status.errorString, QString::number(status.error)));
     }
     return StoredErrorCode(status.error);
@@ -314,9 +311,15 @@ FileGroupData ReadFileGroup(QXmlStreamReader &reader, ElementText &value, ReplyT
     FileGroupData group;
     for (int index = NextChild(reader, FileGroupRecord); index != 0; index = NextChild(reader, FileGroupRecord)) {
         switch (index) {
-        case PositionInGroup(Tag::Guid): group.setGuid(reader.readElementText()); break;
-        case PositionInGroup(Tag::FileGroupName): group.setFileGroupName(reader.readElementText()); break;
-        case PositionInGroup(Tag::FileType): group.setFileType(static_cast<FileType>(value.ReadInt(reader))); break;
+        case PositionInGroup(Tag::Guid):
+            group.setGuid(reader.readElementText());
+            break;
+        case PositionInGroup(Tag::FileGroupName):
+            group.setFileGroupName(reader.readElementText());
+            break;
+        case PositionInGroup(Tag::FileType):
+            group.setFileType(static_cast<FileType>(value.ReadInt(reader)));
+            break;
         case PositionInGroup(Tag::LocationState):
             group.setLocationState(static_cast<LocationState>(value.ReadInt(reader)));
             break;
@@ -332,14 +335,29 @@ FileGroupData ReadFileGroup(QXmlStreamReader &reader, ElementText &value, ReplyT
         case PositionInGroup(Tag::LifeCycle):
             group.setLifeCycle(times.Read(value.Read(reader), FileGroupColumn::LifeCycle));
             break;
-        case PositionInGroup(Tag::Comment): group.setComment(reader.readElementText()); break;
-        case PositionInGroup(Tag::Creator): group.setCreator(reader.readElementText()); break;
-        case PositionInGroup(Tag::Detail): group.setDetail(reader.readElementText()); break;
-        case PositionInGroup(Tag::TeamMembership): group.setTeamMembership(reader.readElementText()); break;
-        case PositionInGroup(Tag::Version): group.setVersion(reader.readElementText()); break;
-        case PositionInGroup(Tag::ReservedStorage): group.setReservedStorage(value.ReadInt(reader)); break;
-        case PositionInGroup(Tag::ReferenceCounter): group.setReferenceCounter(value.ReadInt(reader)); break;
-        default: break; // Files
+        case PositionInGroup(Tag::Comment):
+            group.setComment(reader.readElementText());
+            break;
+        case PositionInGroup(Tag::Creator):
+            group.setCreator(reader.readElementText());
+            break;
+        case PositionInGroup(Tag::Detail):
+            group.setDetail(reader.readElementText());
+            break;
+        case PositionInGroup(Tag::TeamMembership):
+            group.setTeamMembership(reader.readElementText());
+            break;
+        case PositionInGroup(Tag::Version):
+            group.setVersion(reader.readElementText());
+            break;
+        case PositionInGroup(Tag::ReservedStorage):
+            group.setReservedStorage(value.ReadInt(reader));
+            break;
+        case PositionInGroup(Tag::ReferenceCounter):
+            group.setReferenceCounter(value.ReadInt(reader));
+            break;
+        default:
+            break; // Files
         }
     }
     return group;

@@ -38,8 +38,7 @@ class ReplyProtocolError
 public:
     explicit ReplyProtocolError(const QString &text)
         : m_sText(text)
-    {
-    }
+    { }
     QString Text() const { return m_sText; }
 
 private:
@@ -182,10 +181,10 @@ struct RecordsResult
     QString errorString;
 };
 
-using ReplyResult = std::variant<std::monostate, StatusResult, TextResult, ListResult, TableResult,
-                                 FileIdResult, CreatedGroupResult, BasePathResult, MetaDataResult,
-                                 LocationStateProgressResult, ExistsResult, RemoteStorageLocationResult,
-                                 ConvertRequestResult, CopyProgressResult, RecordsResult>;
+using ReplyResult =
+    std::variant<std::monostate, StatusResult, TextResult, ListResult, TableResult, FileIdResult, CreatedGroupResult,
+                 BasePathResult, MetaDataResult, LocationStateProgressResult, ExistsResult, RemoteStorageLocationResult,
+                 ConvertRequestResult, CopyProgressResult, RecordsResult>;
 
 // The error text of a reply with code 41: the server does not know the
 // command, which is newer than the server.

@@ -53,8 +53,8 @@ bool SplitReplyDateTime(QStringView text, QDate *date, QTime *time)
     if (text.size() != 19)
         return false;
     const QChar *c = text.data();
-    if (c[4] != QLatin1Char('-') || c[7] != QLatin1Char('-') || c[10] != QLatin1Char(' ')
-        || c[13] != QLatin1Char(':') || c[16] != QLatin1Char(':'))
+    if (c[4] != QLatin1Char('-') || c[7] != QLatin1Char('-') || c[10] != QLatin1Char(' ') ||
+        c[13] != QLatin1Char(':') || c[16] != QLatin1Char(':'))
         return false;
     const int century = TwoDigits(c, 0);
     const int yearInCentury = TwoDigits(c, 2);

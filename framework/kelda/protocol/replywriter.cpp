@@ -83,12 +83,23 @@ void ReplyWriter::appendTextElement(QByteArray &out, const QByteArray &qualified
     for (const char *c = run; c != end; ++c) {
         const char *entity = nullptr;
         switch (*c) {
-        case '&': entity = "&amp;"; break;
-        case '<': entity = "&lt;"; break;
-        case '>': entity = "&gt;"; break;
-        case '"': entity = "&quot;"; break;
-        case '\r': entity = "&#13;"; break;
-        default: continue;
+        case '&':
+            entity = "&amp;";
+            break;
+        case '<':
+            entity = "&lt;";
+            break;
+        case '>':
+            entity = "&gt;";
+            break;
+        case '"':
+            entity = "&quot;";
+            break;
+        case '\r':
+            entity = "&#13;";
+            break;
+        default:
+            continue;
         }
         out.append(run, int(c - run));
         out.append(entity);
@@ -117,8 +128,7 @@ QByteArray ReplyWriter::finish()
     return m_bytes;
 }
 
-QByteArray ReplyWriter::status(const QString &command, const QString &requestId, int error,
-                               const QString &errorString)
+QByteArray ReplyWriter::status(const QString &command, const QString &requestId, int error, const QString &errorString)
 {
     ReplyWriter writer(replyElement(command), requestId);
     writer.writeStatus(error, errorString);

@@ -19,8 +19,7 @@ class DocumentReader
 public:
     explicit DocumentReader(const QByteArray &document)
         : m_reader(document)
-    {
-    }
+    { }
 
     RequestReader::Result run()
     {
@@ -196,8 +195,8 @@ private:
         while (!m_reader.atEnd()) {
             switch (m_reader.readNext()) {
             case QXmlStreamReader::StartElement:
-                return fail(QStringLiteral("Unexpected element %1 after the command")
-                                .arg(m_reader.qualifiedName().toString()));
+                return fail(
+                    QStringLiteral("Unexpected element %1 after the command").arg(m_reader.qualifiedName().toString()));
             case QXmlStreamReader::Characters:
                 if (!m_reader.isWhitespace())
                     return fail(QStringLiteral("Unexpected text after the command"));
@@ -235,7 +234,8 @@ MarkupVerdict scanMarkup(const QByteArray &document, int maxMarkup)
         return at + length <= size && std::memcmp(bytes + at, prefix, size_t(length)) == 0;
     };
     const auto tooMuch = [maxMarkup](qsizetype at) {
-        return MarkupVerdict{at, QStringLiteral("The request holds more than %1 elements and attributes").arg(maxMarkup)};
+        return MarkupVerdict{at,
+                             QStringLiteral("The request holds more than %1 elements and attributes").arg(maxMarkup)};
     };
     State state = State::Text;
     char quote = 0;
@@ -275,8 +275,9 @@ MarkupVerdict scanMarkup(const QByteArray &document, int maxMarkup)
                 if (++items > maxMarkup)
                     return tooMuch(tagStart);
                 if (++attributes > RequestReader::MaxAttributesPerElement)
-                    return {tagStart, QStringLiteral("An element of the request carries more than %1 attributes")
-                                          .arg(RequestReader::MaxAttributesPerElement)};
+                    return {tagStart,
+                            QStringLiteral("An element of the request carries more than %1 attributes")
+                                .arg(RequestReader::MaxAttributesPerElement)};
             } else if (c == '>') {
                 state = State::Text;
             }

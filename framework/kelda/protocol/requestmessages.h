@@ -16,14 +16,12 @@
 // in the base class; a request writes them only where its command has them.
 namespace Kelda {
 
-template<ReplyKind kind>
-class RequestOf : public CommandRequest
+template <ReplyKind kind> class RequestOf : public CommandRequest
 {
 public:
     RequestOf()
         : CommandRequest(kind)
-    {
-    }
+    { }
 };
 
 // The commands whose fields are only the GUID and application.

@@ -37,7 +37,7 @@ bool isXmlSpace(char c)
 qint32 knownMode(qint32 mode)
 {
     return mode >= XmlSeparator::DetectMode && mode <= XmlSeparator::LittleEndianMode ? mode
-                                                                                     : XmlSeparator::PlainXmlMode;
+                                                                                      : XmlSeparator::PlainXmlMode;
 }
 
 bool isZlibHeader(uchar cmf, uchar flg)
@@ -54,8 +54,7 @@ bool isZlibHeader(uchar cmf, uchar flg)
 
 XmlSeparator::XmlSeparator(QIODevice *device, QObject *parent)
     : XmlSeparator(device, PlainXmlMode, parent)
-{
-}
+{ }
 
 XmlSeparator::XmlSeparator(QIODevice *device, qint32 mode, QObject *parent)
     : QObject(parent)

@@ -31,12 +31,7 @@ class XmlSeparator : public QObject
     Q_OBJECT
 
 public:
-    enum Mode : qint32 {
-        DetectMode = 0,
-        PlainXmlMode = 1,
-        BigEndianMode = 2,
-        LittleEndianMode = 3
-    };
+    enum Mode : qint32 { DetectMode = 0, PlainXmlMode = 1, BigEndianMode = 2, LittleEndianMode = 3 };
 
     explicit XmlSeparator(QIODevice *device, QObject *parent = nullptr);
     XmlSeparator(QIODevice *device, qint32 mode, QObject *parent = nullptr);

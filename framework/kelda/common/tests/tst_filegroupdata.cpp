@@ -203,10 +203,11 @@ void TestFileGroupData::stringForm()
 {
     QStringList headers;
     FileGroupData::GetHeaders(headers);
-    QCOMPARE(headers, QStringLiteral("File group name|File type|Location state|Backup time|Creation time|"
-                                     "Modification time|Life cycle|Comment|Creator|Detail|Team|Version|"
-                                     "Reserved storage|Reference count|Lock count|Guid")
-                          .split(QLatin1Char('|')));
+    QCOMPARE(headers,
+             QStringLiteral("File group name|File type|Location state|Backup time|Creation time|"
+                            "Modification time|Life cycle|Comment|Creator|Detail|Team|Version|"
+                            "Reserved storage|Reference count|Lock count|Guid")
+                 .split(QLatin1Char('|')));
 
     FileGroupData first = fullRecord();
     first.setFileList({});
@@ -216,10 +217,11 @@ void TestFileGroupData::stringForm()
     first.setLockCount(7);
     QStringList values;
     first.ToStringList(values);
-    QCOMPARE(values, QStringLiteral("scan <1> & more|Scan Recording|Central|2020-03-02 01:04:05|2020-03-02 02:04:05||"
-                                    "2020-03-04 23:04:05|comment|creator|detail|team|1.2|-1|2|7|"
-                                    "6f1c2a44-0d1e-4c3b-9a57-1b2c3d4e5f60")
-                         .split(QLatin1Char('|')));
+    QCOMPARE(values,
+             QStringLiteral("scan <1> & more|Scan Recording|Central|2020-03-02 01:04:05|2020-03-02 02:04:05||"
+                            "2020-03-04 23:04:05|comment|creator|detail|team|1.2|-1|2|7|"
+                            "6f1c2a44-0d1e-4c3b-9a57-1b2c3d4e5f60")
+                 .split(QLatin1Char('|')));
 
     FileGroupData second;
     second.setFileType(FileType(-3));

@@ -55,15 +55,15 @@ void TestFileQuery::resetEmptiesEverything()
     query.AddFileType(FT_Image);
     query.SetLocationState(LS_Tovin);
     query.SetLockState(LOCK_Write);
-    for (auto set : {&FileQuery::SetCommentSearchText, &FileQuery::SetCreatorSearchText,
-                     &FileQuery::SetDetailSearchText, &FileQuery::SetFileGroupSearchText, &FileQuery::SetLockUser,
-                     &FileQuery::SetReferencingApplication, &FileQuery::SetTeamMembershipSearchText,
-                     &FileQuery::SetVersionSearchText})
+    for (auto set :
+         {&FileQuery::SetCommentSearchText, &FileQuery::SetCreatorSearchText, &FileQuery::SetDetailSearchText,
+          &FileQuery::SetFileGroupSearchText, &FileQuery::SetLockUser, &FileQuery::SetReferencingApplication,
+          &FileQuery::SetTeamMembershipSearchText, &FileQuery::SetVersionSearchText})
         (query.*set)(QStringLiteral("x"));
     query.Reset();
 
-    QVERIFY(query.IsBackupTimeInRange(QDateTime()) && query.IsCreationTimeInRange(QDateTime())
-            && query.IsLifeCycleInRange(QDateTime()) && query.IsModificationTimeInRange(QDateTime()));
+    QVERIFY(query.IsBackupTimeInRange(QDateTime()) && query.IsCreationTimeInRange(QDateTime()) &&
+            query.IsLifeCycleInRange(QDateTime()) && query.IsModificationTimeInRange(QDateTime()));
     QCOMPARE(query.GetFileTypeListSize(), 0);
     QCOMPARE(query.GetLocationState(), LS_Undefined);
     QCOMPARE(query.GetLockState(), LOCK_Undefined);

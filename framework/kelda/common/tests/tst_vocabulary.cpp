@@ -140,8 +140,8 @@ void TestVocabulary::urlParts_data()
     QTest::newRow("empty path") << parsed("kelda:") << "kelda:" << false << false << "" << 0u;
     QTest::newRow("drive after two slashes")
         << parsed("file://C:/data/x.bin") << "file:///C:/data/x.bin" << false << false << "C:" << 0u;
-    QTest::newRow("host, not a drive")
-        << parsed("file://server/x.bin") << "file://server/x.bin" << false << false << "x.bin" << 0u;
+    QTest::newRow("host, not a drive") << parsed("file://server/x.bin") << "file://server/x.bin" << false << false
+                                       << "x.bin" << 0u;
     QTest::newRow("made from a guid") << KeldaUrl::fromKeldaGuid(QStringLiteral("g")) << "kelda:///g" << true << false
                                       << "g" << 0u;
     QTest::newRow("made from ids beyond the int range")

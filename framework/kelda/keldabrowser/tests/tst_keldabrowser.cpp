@@ -51,19 +51,25 @@ void KeldaBrowserTest::program_data()
     const QString host = QStringLiteral("127.0.0.1");
     const QString port = QString::number(m_server.port());
     const QString shots = m_scratch.filePath(QStringLiteral("shots"));
-    QTest::newRow("empty archive") << QStringList{QStringLiteral("--host"), host, QStringLiteral("--port"), port,
+    QTest::newRow("empty archive") << QStringList{QStringLiteral("--host"),       host, QStringLiteral("--port"), port,
                                                   QStringLiteral("--screenshot"), shots}
                                    << 0 << 5 << QString();
     QTest::newRow("folder cannot be made")
-        << QStringList{QStringLiteral("--host"), host, QStringLiteral("--port"), port, QStringLiteral("--screenshot"),
-                       QStringLiteral("/proc/kelda-shots")}
+        << QStringList{QStringLiteral("--host"),       host,
+                       QStringLiteral("--port"),       port,
+                       QStringLiteral("--screenshot"), QStringLiteral("/proc/kelda-shots")}
         << 5 << 0 << QStringLiteral("/proc/kelda-shots: cannot create the folder");
-    QTest::newRow("no server") << QStringList{QStringLiteral("--host"), host, QStringLiteral("--port"),
-                                              QString::number(closedPort()), QStringLiteral("--connect-timeout"),
-                                              QStringLiteral("1"), QStringLiteral("--screenshot"), shots}
+    QTest::newRow("no server") << QStringList{QStringLiteral("--host"),
+                                              host,
+                                              QStringLiteral("--port"),
+                                              QString::number(closedPort()),
+                                              QStringLiteral("--connect-timeout"),
+                                              QStringLiteral("1"),
+                                              QStringLiteral("--screenshot"),
+                                              shots}
                                << 3 << 0 << QStringLiteral("cannot reach the archive server at 127.0.0.1:");
-    QTest::newRow("window without a display") << QStringList{QStringLiteral("--port"), port} << 4 << 0
-                                              << QStringLiteral("no display to show the window on");
+    QTest::newRow("window without a display")
+        << QStringList{QStringLiteral("--port"), port} << 4 << 0 << QStringLiteral("no display to show the window on");
     QTest::newRow("bad port") << QStringList{QStringLiteral("--port"), QStringLiteral("http")} << 2 << 0
                               << QStringLiteral("--port needs a number from 1 to 65535");
     QTest::newRow("stray argument") << QStringList{QStringLiteral("--connect-timeout"), QStringLiteral("2"),

@@ -64,7 +64,7 @@ void CliFormatTest::queryTable()
     const QString other = QStringLiteral("ffffffff-0000-4000-8000-000000000001");
     // An incomplete row at the end is no group.
     const QStringList reply = queryReply({group(kGuid, QStringLiteral("scan a")), group(other, QStringLiteral("b"))})
-                              << QStringLiteral("cut off");
+        << QStringLiteral("cut off");
     const QStringList lines =
         formatQueryTable(reply, FileGroupColumn::Count, wide).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     QCOMPARE(lines.size(), 3);
@@ -86,8 +86,8 @@ void CliFormatTest::queryOptions_data()
         QTest::newRow(name) << QString::fromUtf8(arguments) << QString::fromUtf8(error) << check;
     };
     row("texts", "--name scan --lock-user ann --referenced-by viewer", "", [](const FileQuery &q) {
-        return q.GetFileGroupSearchText() == QLatin1String("scan") && q.GetLockUser() == QLatin1String("ann")
-               && q.GetReferencingApplication() == QLatin1String("viewer") && q.GetCommentSearchText().isEmpty();
+        return q.GetFileGroupSearchText() == QLatin1String("scan") && q.GetLockUser() == QLatin1String("ann") &&
+            q.GetReferencingApplication() == QLatin1String("viewer") && q.GetCommentSearchText().isEmpty();
     });
     row("types", "--type 8 --type image", "", [](const FileQuery &q) {
         return q.GetFileTypeListSize() == 2 && q.GetFileTypeAt(0) == FT_ScanRecording && q.GetFileTypeAt(1) == FT_Image;
@@ -95,8 +95,8 @@ void CliFormatTest::queryOptions_data()
     row("states", "--location central --lock 3", "",
         [](const FileQuery &q) { return q.GetLocationState() == LS_Central && q.GetLockState() == LOCK_Write; });
     row("times", "--created-from 2026-11-01 --lifecycle-to 2026-12-24T18:00:00", "", [](const FileQuery &q) {
-        return q.GetCreationTimeMin() == QDateTime(QDate(2026, 11, 1), QTime(0, 0)) && q.GetCreationTimeMax().isNull()
-               && q.GetLifeCycleTimeMax() == QDateTime(QDate(2026, 12, 24), QTime(18, 0));
+        return q.GetCreationTimeMin() == QDateTime(QDate(2026, 11, 1), QTime(0, 0)) &&
+            q.GetCreationTimeMax().isNull() && q.GetLifeCycleTimeMax() == QDateTime(QDate(2026, 12, 24), QTime(18, 0));
     });
     row("bad time", "--modified-to yesterday", "invalid value 'yesterday' for --modified-to", nullptr);
     row("type past the last", "--type 23", "invalid value '23' for --type", nullptr);

@@ -145,9 +145,8 @@ QString KeldaToolTest::writeTree(const QString &root, const QStringList &files)
 QMap<QString, QStringList> KeldaToolTest::groupsNamed(const QString &text)
 {
     QMap<QString, QStringList> groups;
-    const QJsonArray found = kelda({QStringLiteral("ls"), QStringLiteral("--json"), QStringLiteral("--name"), text})
-                                 .json()
-                                 .array();
+    const QJsonArray found =
+        kelda({QStringLiteral("ls"), QStringLiteral("--json"), QStringLiteral("--name"), text}).json().array();
     for (const QJsonValue &group : found) {
         const QString guid = group.toObject().value(QStringLiteral("guid")).toString();
         QStringList names;
@@ -164,8 +163,8 @@ Run KeldaToolTest::kelda(const QStringList &arguments)
 {
     return keldaPlain(QStringList{QStringLiteral("--host"), QStringLiteral("127.0.0.1"), QStringLiteral("--port"),
                                   QString::number(m_server->port()), QStringLiteral("--connect-timeout"),
-                                  QStringLiteral("2")}
-                      + arguments);
+                                  QStringLiteral("2")} +
+                      arguments);
 }
 
 Run KeldaToolTest::keldaPlain(const QStringList &arguments, const QStringList &variables)
@@ -237,8 +236,9 @@ void KeldaToolTest::failures_data()
         QStringLiteral("kelda: get: 'http://h/x' is neither a kelda:///GUID/ID URL nor a GUID"));
     row("folder without -r", {QStringLiteral("put"), QStringLiteral(".")}, 2,
         QStringLiteral("kelda: put: '.' is a folder; store its files with -r"));
-    row("jobs out of range", {QStringLiteral("put"), QStringLiteral("--jobs"), QStringLiteral("0"), QStringLiteral(".")},
-        2, QStringLiteral("kelda: put: --jobs takes 1 to 32, not '0'"));
+    row("jobs out of range",
+        {QStringLiteral("put"), QStringLiteral("--jobs"), QStringLiteral("0"), QStringLiteral(".")}, 2,
+        QStringLiteral("kelda: put: --jobs takes 1 to 32, not '0'"));
     row("group to stdout", {QStringLiteral("get"), kGuid, QStringLiteral("-o"), QStringLiteral("-")}, 2,
         QStringLiteral("kelda: get: a whole group does not fit on stdout"));
     row("quiet and verbose", {QStringLiteral("ls"), QStringLiteral("-q"), QStringLiteral("-v")}, 2,
@@ -247,8 +247,9 @@ void KeldaToolTest::failures_data()
         QStringLiteral("kelda: completion: no completion for 'tcsh'; choose one of bash, zsh, fish"));
     row("file id 0", {QStringLiteral("rm"), QStringLiteral("kelda:///%1/0").arg(kGuid)}, 2,
         QStringLiteral("kelda: rm: 'kelda:///%1/0' is neither").arg(kGuid));
-    row("unknown type", {QStringLiteral("put"), QStringLiteral("-t"), QStringLiteral("x"), QStringLiteral(KELDA_BINARY)},
-        2, QStringLiteral("kelda: put: unknown file type 'x'"));
+    row("unknown type",
+        {QStringLiteral("put"), QStringLiteral("-t"), QStringLiteral("x"), QStringLiteral(KELDA_BINARY)}, 2,
+        QStringLiteral("kelda: put: unknown file type 'x'"));
     row("export without --to", {QStringLiteral("export"), kGuid}, 2,
         QStringLiteral("kelda: export: --to DIR is required"));
     row("missing file", {QStringLiteral("put"), QStringLiteral("/nonexistent/a")}, 5,
@@ -259,7 +260,8 @@ void KeldaToolTest::failures_data()
         3, QStringLiteral("kelda: get: cannot reach the archive server at 127.0.0.1:%1 within 200 ms").arg(down));
     row("unknown group: info", {QStringLiteral("info"), kGuid}, 4,
         QStringLiteral("kelda: info: Guid not found (error 2)\n"));
-    row("unknown group: get", {QStringLiteral("get"), url}, 4, QStringLiteral("kelda: get: Guid not found (error 2)\n"));
+    row("unknown group: get", {QStringLiteral("get"), url}, 4,
+        QStringLiteral("kelda: get: Guid not found (error 2)\n"));
     row("unknown group: rm", {QStringLiteral("rm"), kGuid}, 4, QStringLiteral("kelda: rm: Guid not found (error 2)\n"));
 }
 
@@ -313,7 +315,8 @@ void KeldaToolTest::roundTrip()
     QCOMPARE(kelda({QStringLiteral("rm"), urls[0]}).exitCode, 0);
     run = kelda({QStringLiteral("files"), QStringLiteral("--json"), guid});
     QCOMPARE(run.json().array().size(), 1);
-    QCOMPARE(run.json().array()[0].toObject().value(QStringLiteral("name")).toString(), QStringLiteral("recording.bin"));
+    QCOMPARE(run.json().array()[0].toObject().value(QStringLiteral("name")).toString(),
+             QStringLiteral("recording.bin"));
     QCOMPARE(kelda({QStringLiteral("exists"), guid}).out, QByteArray("yes\n"));
     QCOMPARE(kelda({QStringLiteral("rm"), guid}).exitCode, 0);
     QCOMPARE(kelda({QStringLiteral("exists"), guid}).exitCode, 1);
@@ -341,7 +344,10 @@ void KeldaToolTest::groupCommands()
     const QString guid = KeldaUrl(QString::fromUtf8(put.out).trimmed()).toKeldaGuid();
     QCOMPARE(guid.size(), 36);
     auto info = [&](const char *key) {
-        return kelda({QStringLiteral("info"), QStringLiteral("--json"), guid}).json().object().value(QLatin1String(key));
+        return kelda({QStringLiteral("info"), QStringLiteral("--json"), guid})
+            .json()
+            .object()
+            .value(QLatin1String(key));
     };
     const QStringList asViewer{QStringLiteral("--app"), QStringLiteral("viewer")};
     QCOMPARE(kelda(asViewer + QStringList{QStringLiteral("ref"), guid}).exitCode, 0);
@@ -414,13 +420,14 @@ void KeldaToolTest::putFolder()
 // in the group's directory.
 void KeldaToolTest::oneFileRefused()
 {
-    const QString folder = writeTree(QStringLiteral("refused"), {QStringLiteral("good1"), QStringLiteral("bad\\name"),
-                                                                 QStringLiteral("good2")});
+    const QString folder = writeTree(QStringLiteral("refused"),
+                                     {QStringLiteral("good1"), QStringLiteral("bad\\name"), QStringLiteral("good2")});
     const Run run = kelda({QStringLiteral("put"), QStringLiteral("-r"), folder});
     QCOMPARE(run.exitCode, 4);
-    QCOMPARE(run.err, QStringLiteral("kelda: put: %1/bad\\name: %2 (error %3)\n")
-                          .arg(folder, KeldaErrorString::Get(KE_AddFileFailed))
-                          .arg(int(KE_AddFileFailed)));
+    QCOMPARE(run.err,
+             QStringLiteral("kelda: put: %1/bad\\name: %2 (error %3)\n")
+                 .arg(folder, KeldaErrorString::Get(KE_AddFileFailed))
+                 .arg(int(KE_AddFileFailed)));
     const QStringList urls = lines(run.out);
     QCOMPARE(urls.size(), 2);
     const QString guid = KeldaUrl(urls.first()).toKeldaGuid();
@@ -454,8 +461,8 @@ void KeldaToolTest::getGroup()
     big.write(QByteArray(3 * 1024 * 1024 + 5, 'b'));
     big.close();
 
-    const Run put = kelda({QStringLiteral("put"), QStringLiteral("-r"), QStringLiteral("--jobs"), QString::number(jobs),
-                           folder});
+    const Run put =
+        kelda({QStringLiteral("put"), QStringLiteral("-r"), QStringLiteral("--jobs"), QString::number(jobs), folder});
     QCOMPARE(put.err, QString());
     QCOMPARE(put.exitCode, 0);
     const QStringList urls = lines(put.out);
@@ -465,8 +472,8 @@ void KeldaToolTest::getGroup()
         QCOMPARE(urls[i], QStringLiteral("kelda:///%1/%2").arg(guid).arg(i + 1));
 
     const QString target = m_dir.filePath(root + QStringLiteral("-back/made/here"));
-    const Run get = kelda({QStringLiteral("get"), guid, QStringLiteral("-o"), target, QStringLiteral("-j"),
-                           QString::number(jobs)});
+    const Run get =
+        kelda({QStringLiteral("get"), guid, QStringLiteral("-o"), target, QStringLiteral("-j"), QString::number(jobs)});
     QCOMPARE(get.err, QString());
     QCOMPARE(get.exitCode, 0);
     QMap<QString, QByteArray> flattened;
@@ -500,12 +507,12 @@ void KeldaToolTest::environment_data()
         << live << QStringList{QStringLiteral("KELDA_PORT=dead")} << QStringList() << 3 << QString();
     QTest::newRow("option over variable") << dead << QStringList{QStringLiteral("KELDA_PORT=dead")}
                                           << QStringList{QStringLiteral("--port"), live} << 0 << QString();
-    QTest::newRow("host variable") << live << QStringList{QStringLiteral("KELDA_HOST=127.0.0.2")} << QStringList()
-                                   << 3 << QString();
-    QTest::newRow("bad port variable")
-        << live << QStringList{QStringLiteral("KELDA_PORT=x")} << QStringList() << 2 << QString();
-    QTest::newRow("user variable") << live << QStringList{QStringLiteral("KELDA_USER=from-env")} << QStringList()
-                                   << 0 << QStringLiteral("from-env");
+    QTest::newRow("host variable") << live << QStringList{QStringLiteral("KELDA_HOST=127.0.0.2")} << QStringList() << 3
+                                   << QString();
+    QTest::newRow("bad port variable") << live << QStringList{QStringLiteral("KELDA_PORT=x")} << QStringList() << 2
+                                       << QString();
+    QTest::newRow("user variable") << live << QStringList{QStringLiteral("KELDA_USER=from-env")} << QStringList() << 0
+                                   << QStringLiteral("from-env");
     QTest::newRow("user option over variable")
         << live << QStringList{QStringLiteral("KELDA_USER=from-env")}
         << QStringList{QStringLiteral("--user"), QStringLiteral("from-option")} << 0 << QStringLiteral("from-option");
@@ -528,8 +535,9 @@ void KeldaToolTest::environment()
         item = resolve(item);
     for (QString &item : arguments)
         item = resolve(item);
-    const Run run = keldaPlain(arguments + QStringList{QStringLiteral("--connect-timeout"), QStringLiteral("1"),
-                                                       QStringLiteral("put"), writeFile(QStringLiteral("env.txt"), "e")},
+    const Run run = keldaPlain(arguments +
+                                   QStringList{QStringLiteral("--connect-timeout"), QStringLiteral("1"),
+                                               QStringLiteral("put"), writeFile(QStringLiteral("env.txt"), "e")},
                                environment);
     writeConfig(portNobodyListensOn());
     QVERIFY2(run.exitCode == exitCode, qPrintable(run.err));
@@ -558,17 +566,19 @@ void KeldaToolTest::verbosity()
     QFETCH(QStringList, global);
     QFETCH(QStringList, local);
     QFETCH(int, detailLines);
-    const QString folder = writeTree(QStringLiteral("verbosity%1").arg(QLatin1String(QTest::currentDataTag())).remove(QLatin1Char(' ')),
-                                     {QStringLiteral("one"), QStringLiteral("two")});
-    const Run run = kelda(global + QStringList{QStringLiteral("put"), QStringLiteral("-r")} + local
-                          + QStringList{folder});
+    const QString folder =
+        writeTree(QStringLiteral("verbosity%1").arg(QLatin1String(QTest::currentDataTag())).remove(QLatin1Char(' ')),
+                  {QStringLiteral("one"), QStringLiteral("two")});
+    const Run run =
+        kelda(global + QStringList{QStringLiteral("put"), QStringLiteral("-r")} + local + QStringList{folder});
     QCOMPARE(run.exitCode, 0);
     QCOMPARE(lines(run.out).size(), 2);
     // Created group, one line per file, the summary.
     const QStringList err = run.err.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     QCOMPARE(err.size(), detailLines);
     if (detailLines > 0) {
-        QVERIFY2(err[1].contains(QRegularExpression(QStringLiteral("^stored .*/one as kelda:///\\S+/1 \\(.*, \\d+ ms\\)$"))),
+        QVERIFY2(err[1].contains(
+                     QRegularExpression(QStringLiteral("^stored .*/one as kelda:///\\S+/1 \\(.*, \\d+ ms\\)$"))),
                  qPrintable(err[1]));
         QVERIFY2(err.last().startsWith(QStringLiteral("stored 2 files (")), qPrintable(err.last()));
     }
@@ -594,7 +604,8 @@ void KeldaToolTest::dryRun()
     QFETCH(int, exitCode);
     QFETCH(QString, said);
     const QString name = QStringLiteral("dry-") + command.section(QLatin1Char(' '), 0, 0);
-    const QString folder = writeTree(name + QLatin1String(QTest::currentDataTag()), {QStringLiteral("a.txt"), QStringLiteral("b.txt")});
+    const QString folder =
+        writeTree(name + QLatin1String(QTest::currentDataTag()), {QStringLiteral("a.txt"), QStringLiteral("b.txt")});
     QStringList arguments{command.section(QLatin1Char(' '), 0, 0), QStringLiteral("--dry-run")};
     if (command == QStringLiteral("put")) {
         arguments += QStringList{QStringLiteral("-r"), QStringLiteral("--name"), name, folder};
@@ -603,9 +614,9 @@ void KeldaToolTest::dryRun()
         const QString guid = KeldaUrl(lines(put.out).value(0)).toKeldaGuid();
         QVERIFY(isGuid(guid));
         if (command.startsWith(QStringLiteral("rm")))
-            arguments.append(command.endsWith(QStringLiteral("file"))      ? QStringLiteral("kelda:///%1/1").arg(guid)
-                             : command.endsWith(QStringLiteral("unknown")) ? kGuid
-                                                                           : guid);
+            arguments.append(command.endsWith(QStringLiteral("file")) ? QStringLiteral("kelda:///%1/1").arg(guid)
+                                 : command.endsWith(QStringLiteral("unknown")) ? kGuid
+                                                                               : guid);
         if (command.startsWith(QStringLiteral("import"))) {
             // Exported below the server's exchange folder, which this machine sees too.
             const QString relative = QStringLiteral("export-") + QLatin1String(QTest::currentDataTag());
@@ -660,7 +671,8 @@ void KeldaToolTest::bashCompletion_data()
     QTest::addColumn<QString>("expected");
     QTest::newRow("command") << QStringLiteral("kelda pu") << QStringLiteral("put");
     QTest::newRow("global option") << QStringLiteral("kelda --conn") << QStringLiteral("--connect-timeout");
-    QTest::newRow("command option") << QStringLiteral("kelda --port 1 put --group") << QStringLiteral("--group-per-folder");
+    QTest::newRow("command option") << QStringLiteral("kelda --port 1 put --group")
+                                    << QStringLiteral("--group-per-folder");
     QTest::newRow("file type") << QStringLiteral("kelda put -t Sca") << QStringLiteral("Scan Recording");
     QTest::newRow("shell") << QStringLiteral("kelda completion fi") << QStringLiteral("fish");
     QTest::newRow("GUID from the server") << QStringLiteral("kelda --port live info ") << QStringLiteral("guid");
@@ -677,12 +689,13 @@ void KeldaToolTest::bashCompletion()
     expected.replace(QStringLiteral("guid"), guid);
     line.replace(QStringLiteral("live"), QString::number(m_server->port()))
         .replace(QStringLiteral("dead"), QString::number(portNobodyListensOn()));
-    const QString script = writeFile(QStringLiteral("completion.bash"), kelda({QStringLiteral("completion"),
-                                                                               QStringLiteral("bash")}).out);
+    const QString script =
+        writeFile(QStringLiteral("completion.bash"), kelda({QStringLiteral("completion"), QStringLiteral("bash")}).out);
     QProcess bash;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("PATH"), QFileInfo(QStringLiteral(KELDA_BINARY)).path() + QLatin1Char(':')
-                                                   + environment.value(QStringLiteral("PATH")));
+    environment.insert(QStringLiteral("PATH"),
+                       QFileInfo(QStringLiteral(KELDA_BINARY)).path() + QLatin1Char(':') +
+                           environment.value(QStringLiteral("PATH")));
     environment.insert(QStringLiteral("KELDA_CONFIG_FILE"), m_dir.filePath(QStringLiteral("kelda.ini")));
     bash.setProcessEnvironment(environment);
     bash.start(QStringLiteral("bash"),
@@ -727,11 +740,12 @@ void KeldaToolTest::tls()
     ServerProcess server;
     server.setExtraArguments(serverArguments);
     QVERIFY2(server.start(), qPrintable(server.errorString()));
-    QStringList arguments{QStringLiteral("--host"), QStringLiteral("127.0.0.1"), QStringLiteral("--port"),
+    QStringList arguments{QStringLiteral("--host"),       QStringLiteral("127.0.0.1"),         QStringLiteral("--port"),
                           QString::number(server.port()), QStringLiteral("--connect-timeout"), QStringLiteral("2")};
     if (!authority.isEmpty())
         arguments << QStringLiteral("--tls-ca")
-                  << (authority == QLatin1String("ours") ? certificates->authority() : certificates->foreignAuthority());
+                  << (authority == QLatin1String("ours") ? certificates->authority()
+                                                         : certificates->foreignAuthority());
     if (withCertificate)
         arguments << QStringLiteral("--tls-cert") << certificates->userCertificate(QStringLiteral("carol"))
                   << QStringLiteral("--tls-key") << certificates->userKey(QStringLiteral("carol"));

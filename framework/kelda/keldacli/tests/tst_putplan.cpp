@@ -70,7 +70,8 @@ void PutPlanTest::plans_data()
     QTest::newRow("per folder wants folders")
         << QStringList{QStringLiteral("loose.txt")} << perFolder << QString() << 2 << QStringList();
     QTest::newRow("nothing to store") << QStringList{QStringLiteral("void")} << one << QString() << 2 << QStringList();
-    QTest::newRow("missing file") << QStringList{QStringLiteral("gone.txt")} << files << QString() << 5 << QStringList();
+    QTest::newRow("missing file") << QStringList{QStringLiteral("gone.txt")} << files << QString() << 5
+                                  << QStringList();
 }
 
 void PutPlanTest::plans()

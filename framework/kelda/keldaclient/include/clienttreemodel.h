@@ -39,9 +39,8 @@ public:
         \a hasChildren, below \a parent. The item does not add itself to
         \a parent's children.
     */
-    explicit FileGroupTreeItem(const QVector<QVariant> &data, const QString &guid = QString(),
-                               unsigned int fileId = 0, bool hasChildren = false,
-                               FileGroupTreeItem *parent = nullptr);
+    explicit FileGroupTreeItem(const QVector<QVariant> &data, const QString &guid = QString(), unsigned int fileId = 0,
+                               bool hasChildren = false, FileGroupTreeItem *parent = nullptr);
     /*!
         Constructs a deep copy of \a other: it owns copies of the children and
         names the same parent, without being one of that parent's children.

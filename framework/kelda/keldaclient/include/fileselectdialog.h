@@ -71,8 +71,8 @@ public:
 
         In quick mode the constructor runs the first query at once.
     */
-    FileSelectDialog(KeldaClient *client, QWidget *parent, const QString &title, const QString &okText,
-                     bool queryMode, const QVector<FileType> &types, int reserved = 0, QString filter = QString());
+    FileSelectDialog(KeldaClient *client, QWidget *parent, const QString &title, const QString &okText, bool queryMode,
+                     const QVector<FileType> &types, int reserved = 0, QString filter = QString());
     //! Destroys the dialog and its model.
     ~FileSelectDialog() override;
 
@@ -163,8 +163,7 @@ public:
         used.
     */
     static boost::shared_ptr<KeldaFile> GetOpenFile(QWidget *parent, const QString &caption = QString(),
-                                                    const QString &dir = QString(),
-                                                    const QString &filter = QString(),
+                                                    const QString &dir = QString(), const QString &filter = QString(),
                                                     QString *selectedFilter = nullptr,
                                                     const QVector<FileType> &types = QVector<FileType>(),
                                                     int reserved = 0);

@@ -48,9 +48,10 @@ quint16 ConfiguredServer::ReadPort(const ICfg &group)
     const int value = group.GetInt(kXmlPortKey, kDefaultXmlPort);
     if (value > 0 && value <= std::numeric_limits<quint16>::max())
         return quint16(value);
-    Q_TRACE_FAILURE(kTraceSource, QStringLiteral("ClientConfig::ClientConfig: XmlPort %1 is not a TCP port, using %2")
-                                      .arg(value)
-                                      .arg(kDefaultXmlPort));
+    Q_TRACE_FAILURE(kTraceSource,
+                    QStringLiteral("ClientConfig::ClientConfig: XmlPort %1 is not a TCP port, using %2")
+                        .arg(value)
+                        .arg(kDefaultXmlPort));
     return kDefaultXmlPort;
 }
 

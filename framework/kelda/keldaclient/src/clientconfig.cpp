@@ -24,9 +24,9 @@ quint32 frameSizeFromConfiguration(int value)
     if (value > 0 && quint32(value) <= XmlSeparator::LargestMaxFrameLength)
         return quint32(value);
     const quint32 used = value > 0 ? XmlSeparator::LargestMaxFrameLength : XmlSeparator::DefaultMaxFrameLength;
-    Q_TRACE_FAILURE(kTraceSource, QStringLiteral("ClientConfig::ClientConfig: MaxFrameSize %1 is out of range, using %2")
-                                      .arg(value)
-                                      .arg(used));
+    Q_TRACE_FAILURE(
+        kTraceSource,
+        QStringLiteral("ClientConfig::ClientConfig: MaxFrameSize %1 is out of range, using %2").arg(value).arg(used));
     return used;
 }
 

@@ -19,15 +19,14 @@ const QString kFilterSeparator = QStringLiteral(";;");
 class FileGroupTreeItemPrivate
 {
 public:
-    FileGroupTreeItemPrivate(const QVector<QVariant> &data, const QString &guid, unsigned int fileId,
-                             bool hasChildren, FileGroupTreeItem *parent)
+    FileGroupTreeItemPrivate(const QVector<QVariant> &data, const QString &guid, unsigned int fileId, bool hasChildren,
+                             FileGroupTreeItem *parent)
         : m_pParentItem(parent)
         , m_itemData(data)
         , m_sGuid(guid)
         , m_uFileId(fileId)
         , m_bHasChildren(hasChildren)
-    {
-    }
+    { }
 
     FileGroupTreeItem *m_pParentItem;
     QList<FileGroupTreeItem *> m_childItems;
@@ -40,12 +39,11 @@ public:
 FileGroupTreeItem::FileGroupTreeItem(const QVector<QVariant> &data, const QString &guid, unsigned int fileId,
                                      bool hasChildren, FileGroupTreeItem *parent)
     : d(new FileGroupTreeItemPrivate(data, guid, fileId, hasChildren, parent))
-{
-}
+{ }
 
 FileGroupTreeItem::FileGroupTreeItem(const FileGroupTreeItem &other)
-    : d(new FileGroupTreeItemPrivate(other.d->m_itemData, other.d->m_sGuid, other.d->m_uFileId,
-                                     other.d->m_bHasChildren, other.d->m_pParentItem))
+    : d(new FileGroupTreeItemPrivate(other.d->m_itemData, other.d->m_sGuid, other.d->m_uFileId, other.d->m_bHasChildren,
+                                     other.d->m_pParentItem))
 {
     for (const FileGroupTreeItem *child : qAsConst(other.d->m_childItems)) {
         auto *copy = new FileGroupTreeItem(*child);
@@ -169,8 +167,7 @@ public:
     explicit ClientTreeModelPrivate(KeldaClient *client)
         : m_pRootItem(new FileGroupTreeItem(QVector<QVariant>()))
         , m_pClient(client)
-    {
-    }
+    { }
 
     void SetupModelData(const QStringList &data, int columns);
     // The file name endings of the filter, one per "Description (*.ext)" part.
@@ -374,8 +371,7 @@ bool ClientTreeModel::removeRows(int row, int count, const QModelIndex &parent)
 
 FileGroupSortModel::FileGroupSortModel(QObject *parent)
     : QSortFilterProxyModel(parent)
-{
-}
+{ }
 
 bool FileGroupSortModel::lessThan(const QModelIndex &left, const QModelIndex &right) const
 {

@@ -30,8 +30,7 @@ CommandSender::CommandSender(const QString &host, quint16 port, const QString &a
     , m_teamMembership(teamMembership)
     , m_host(host)
     , m_port(port)
-{
-}
+{ }
 
 CommandSender::~CommandSender()
 {
@@ -200,9 +199,8 @@ QString CommandSender::RemoveAllReferences(const QString &guid)
 
 QString CommandSender::QueryMetaData(const QString &guid, const QString &application)
 {
-    return Send(CommandRequest(ReplyKind::QueryMetaData)
-                    .SetText(Tag::Guid, guid)
-                    .SetText(Tag::Application, application));
+    return Send(
+        CommandRequest(ReplyKind::QueryMetaData).SetText(Tag::Guid, guid).SetText(Tag::Application, application));
 }
 
 QString CommandSender::GetApplicationList()
@@ -260,9 +258,8 @@ QString CommandSender::ConvertFileGroupReply(const QString &guid, int error, con
 
 QString CommandSender::DeleteFileGroup(const QString &guid, bool shallowDelete)
 {
-    return Send(CommandRequest(ReplyKind::DeleteFileGroup)
-                    .SetText(Tag::Guid, guid)
-                    .SetFlag(Tag::ShallowDelete, shallowDelete));
+    return Send(
+        CommandRequest(ReplyKind::DeleteFileGroup).SetText(Tag::Guid, guid).SetFlag(Tag::ShallowDelete, shallowDelete));
 }
 
 QString CommandSender::QueryLocationStateProgress(const QString &guid)
@@ -277,9 +274,8 @@ QString CommandSender::CheckFileGroupExists(const QString &guid)
 
 QString CommandSender::GetRemoteStorageLocation(const QString &guid, int fileId)
 {
-    return Send(CommandRequest(ReplyKind::GetRemoteStorageLocation)
-                    .SetText(Tag::Guid, guid)
-                    .SetNumber(Tag::FileId, fileId));
+    return Send(
+        CommandRequest(ReplyKind::GetRemoteStorageLocation).SetText(Tag::Guid, guid).SetNumber(Tag::FileId, fileId));
 }
 
 QString CommandSender::GetTovinFilegroupGuid(const QString &tovinId, const QString &recordId)
@@ -387,8 +383,9 @@ void CommandSender::SlotHandleXmlReply(const QByteArray &message)
     if (known)
         EmitReply(parsed);
     else
-        Q_TRACE_FAILURE(kSource, QStringLiteral("CommandSender::SlotHandleXmlReply: Unknown command: %1")
-                                     .arg(int(ReplyKind::QueryDiskSpace)));
+        Q_TRACE_FAILURE(kSource,
+                        QStringLiteral("CommandSender::SlotHandleXmlReply: Unknown command: %1")
+                            .arg(int(ReplyKind::QueryDiskSpace)));
     emit si_requestHandled(parsed.requestId);
 }
 
@@ -396,12 +393,14 @@ void CommandSender::SlotHandleXmlError(QString a_error, bool a_bRecoverable)
 {
     CommandSenderSocket *socket = m_socket.loadAcquire();
     const QString peer = socket ? socket->GetPeerAddress() : QString();
-    Q_TRACE_FAILURE(kSource, QStringLiteral("CommandSender::HandleXmlError: XML parse error from ") + peer
-                                 + QStringLiteral(" :") + a_error);
+    Q_TRACE_FAILURE(kSource,
+                    QStringLiteral("CommandSender::HandleXmlError: XML parse error from ") + peer +
+                        QStringLiteral(" :") + a_error);
     // The connection is deliberately left as it is, whatever the text says.
     if (!a_bRecoverable)
         Q_TRACE_FAILURE(kSource,
-                        QStringLiteral("CommandSender::HandleXmlError: Cannot recover from error. Closing connection."));
+                        QStringLiteral(
+                            "CommandSender::HandleXmlError: Cannot recover from error. Closing connection."));
 }
 
 void CommandSender::HandleBasePath(const QString &path)
@@ -414,13 +413,11 @@ void CommandSender::HandleBasePath(const QString &path)
 
 namespace {
 
-template <class... Handlers>
-struct Overloaded : Handlers...
+template <class... Handlers> struct Overloaded : Handlers...
 {
     using Handlers::operator()...;
 };
-template <class... Handlers>
-Overloaded(Handlers...) -> Overloaded<Handlers...>;
+template <class... Handlers> Overloaded(Handlers...) -> Overloaded<Handlers...>;
 
 } // namespace
 
@@ -429,13 +426,25 @@ void CommandSender::StoreReplyValues(const ParsedReply &reply)
 {
     const auto store = [&](ReplyValues values) { StoreReplyValues(reply.requestId, std::move(values)); };
     std::visit(Overloaded{
-                   [&](const TextResult &r) { store({r.text, {}, 0}); },
-                   [&](const ListResult &r) { store({QString(), r.list, 0}); },
-                   [&](const TableResult &r) { store({QString(), r.table, r.columnCount}); },
+                   [&](const TextResult &r) {
+                       store({r.text, {}, 0});
+                   },
+                   [&](const ListResult &r) {
+                       store({QString(), r.list, 0});
+                   },
+                   [&](const TableResult &r) {
+                       store({QString(), r.table, r.columnCount});
+                   },
                    // Blocking callers read the id as its decimal text.
-                   [&](const FileIdResult &r) { store({QStringLiteral("%1").arg(r.fileId), {}, 0}); },
-                   [&](const CreatedGroupResult &r) { store({r.path, {}, 0}); },
-                   [&](const RecordsResult &r) { store({QString(), r.values, r.fieldCount}); },
+                   [&](const FileIdResult &r) {
+                       store({QStringLiteral("%1").arg(r.fileId), {}, 0});
+                   },
+                   [&](const CreatedGroupResult &r) {
+                       store({r.path, {}, 0});
+                   },
+                   [&](const RecordsResult &r) {
+                       store({QString(), r.values, r.fieldCount});
+                   },
                    [](const auto &) {},
                },
                reply.result);

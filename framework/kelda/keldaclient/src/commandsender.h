@@ -53,8 +53,8 @@ public:
     // Typed wrappers over Send() for the client object's operations; each
     // returns the request id of the message it sent.
     QString CreateFileGroup(const QString &guid, const QString &version, const QDateTime &lifeCycle,
-                            const QString &detail, const QString &comment, FileType fileType,
-                            quint64 reservedStorage, const QString &fileGroupName, const QString &path);
+                            const QString &detail, const QString &comment, FileType fileType, quint64 reservedStorage,
+                            const QString &fileGroupName, const QString &path);
     QString CreateTovinFileGroup(const QString &guid, const QString &subsystem, const QString &tovinId,
                                  const QString &recordId, const QString &version, const QString &detail,
                                  const QString &comment, FileType fileType, const QString &path);

@@ -198,9 +198,10 @@ void CommandSenderSocket::sl_connect()
     if (!m_pSocket)
         m_pSocket = createSocket();
     if (!m_pSocket) {
-        Q_TRACE_FAILURE(kTraceSource, QStringLiteral("CommandSender::SlotConnect: Could not create socket for %1, %2!!! ")
-                                          .arg(m_sHost)
-                                          .arg(m_uPort));
+        Q_TRACE_FAILURE(kTraceSource,
+                        QStringLiteral("CommandSender::SlotConnect: Could not create socket for %1, %2!!! ")
+                            .arg(m_sHost)
+                            .arg(m_uPort));
         return;
     }
 
@@ -257,7 +258,8 @@ void CommandSenderSocket::sl_handleTcpError(QAbstractSocket::SocketError)
     // change is worth a trace line.
     if (m_pSocket && m_pSocket->error() != m_iLastSocketError) {
         m_iLastSocketError = m_pSocket->error();
-        Q_TRACE_FAILURE(kTraceSource, QStringLiteral("CommandSender::HandleTcpError: %1").arg(m_pSocket->errorString()));
+        Q_TRACE_FAILURE(kTraceSource,
+                        QStringLiteral("CommandSender::HandleTcpError: %1").arg(m_pSocket->errorString()));
     }
     m_bAwaitingReply = false;
     closeConnection();
@@ -277,10 +279,11 @@ void CommandSenderSocket::sl_handleSslErrors(const QList<QSslError> &errors)
     QStringList reasons;
     for (const QSslError &error : errors)
         reasons.append(error.errorString());
-    Q_TRACE_FAILURE(kTraceSource, QStringLiteral("CommandSenderSocket: the server %1:%2 is not trusted: %3")
-                                      .arg(m_sHost)
-                                      .arg(m_uPort)
-                                      .arg(reasons.join(QLatin1String("; "))));
+    Q_TRACE_FAILURE(kTraceSource,
+                    QStringLiteral("CommandSenderSocket: the server %1:%2 is not trusted: %3")
+                        .arg(m_sHost)
+                        .arg(m_uPort)
+                        .arg(reasons.join(QLatin1String("; "))));
     // The error that follows the refused handshake closes the connection
     // and starts the reconnect timer as for any failure.
 }
@@ -325,8 +328,8 @@ void CommandSenderSocket::writeLogEntry(Direction direction, const QByteArray &m
     const QString local = liveLocalAddress();
     const QString peer = livePeerAddress();
     const QString header = direction == Direction::Sent
-                               ? QStringLiteral("\n\n%1: TX ('%2' -> '%3')\n").arg(timeStamp, local, peer)
-                               : QStringLiteral("\n\n%1: RX ('%2' -> '%3')\n").arg(timeStamp, peer, local);
+        ? QStringLiteral("\n\n%1: TX ('%2' -> '%3')\n").arg(timeStamp, local, peer)
+        : QStringLiteral("\n\n%1: RX ('%2' -> '%3')\n").arg(timeStamp, peer, local);
     writeLogPiece(header);
     writeLogPiece(QString::fromUtf8(message));
 }

@@ -44,12 +44,16 @@ constexpr int modelColumn(FileGroupColumn::Column column)
 }
 // What a user rarely needs. The last index is one past the model's columns
 // and names nothing.
-constexpr int kHiddenColumns[] = {
-    modelColumn(FileGroupColumn::LocationState), modelColumn(FileGroupColumn::CreationTime),
-    modelColumn(FileGroupColumn::LifeCycle),     modelColumn(FileGroupColumn::Comment),
-    modelColumn(FileGroupColumn::Version),       modelColumn(FileGroupColumn::ReservedStorage),
-    modelColumn(FileGroupColumn::ReferenceCounter), modelColumn(FileGroupColumn::LockCount),
-    modelColumn(FileGroupColumn::Guid),          modelColumn(FileGroupColumn::Count)};
+constexpr int kHiddenColumns[] = {modelColumn(FileGroupColumn::LocationState),
+                                  modelColumn(FileGroupColumn::CreationTime),
+                                  modelColumn(FileGroupColumn::LifeCycle),
+                                  modelColumn(FileGroupColumn::Comment),
+                                  modelColumn(FileGroupColumn::Version),
+                                  modelColumn(FileGroupColumn::ReservedStorage),
+                                  modelColumn(FileGroupColumn::ReferenceCounter),
+                                  modelColumn(FileGroupColumn::LockCount),
+                                  modelColumn(FileGroupColumn::Guid),
+                                  modelColumn(FileGroupColumn::Count)};
 
 // The wait cursor for as long as a query blocks the GUI thread.
 class WaitCursor
@@ -66,8 +70,8 @@ public:
 // fails at once with "not connected"; it gets kConnectWaitMs, after which an
 // unreachable server shows as that failure. No types mean whatever is
 // offered, as no filter means every file.
-bool pickArchivedFile(KeldaClient &client, QWidget *parent, const QString &caption,
-                      const QVector<FileType> &types, int reserved, QString &guid, unsigned int &fileId)
+bool pickArchivedFile(KeldaClient &client, QWidget *parent, const QString &caption, const QVector<FileType> &types,
+                      int reserved, QString &guid, unsigned int &fileId)
 {
     {
         WaitCursor waitCursor;
@@ -136,8 +140,7 @@ FileSelectDialogPrivate::FileSelectDialogPrivate(FileSelectDialog *q, KeldaClien
     , m_bQueryMode(queryMode)
     , m_sFilter(std::move(filter))
     , m_queryDialog(q)
-{
-}
+{ }
 
 void FileSelectDialogPrivate::BuildView()
 {
@@ -284,9 +287,8 @@ void FileSelectDialogPrivate::SetQuickQuery()
 
 // ---------------------------------------------------------------- FileSelectDialog
 
-FileSelectDialog::FileSelectDialog(KeldaClient *client, QWidget *parent, const QString &title,
-                                   const QString &okText, bool queryMode, const QVector<FileType> &types,
-                                   int reserved, QString filter)
+FileSelectDialog::FileSelectDialog(KeldaClient *client, QWidget *parent, const QString &title, const QString &okText,
+                                   bool queryMode, const QVector<FileType> &types, int reserved, QString filter)
     : QDialog(parent)
     , d(new FileSelectDialogPrivate(this, client, queryMode, std::move(filter)))
 {
@@ -362,8 +364,7 @@ void FileSelectDialog::OpenQueryDialog()
             return names;
         };
         const QStringList users = fetch(&KeldaClient::GetUserList);
-        const QStringList applications =
-            error == KE_NoError ? fetch(&KeldaClient::GetApplicationList) : QStringList();
+        const QStringList applications = error == KE_NoError ? fetch(&KeldaClient::GetApplicationList) : QStringList();
         if (error != KE_NoError) {
             d->ShowError(operation, error);
             return;
@@ -503,10 +504,9 @@ bool KeldaClient::GetSelectedFile(QWidget *parent, const QString &title, KeldaUr
 
 // ---------------------------------------------------------------- KeldaFileDialog
 
-boost::shared_ptr<KeldaFile> KeldaFileDialog::GetOpenFile(QWidget *parent, const QString &caption,
-                                                         const QString &dir, const QString &filter,
-                                                         QString *selectedFilter, const QVector<FileType> &types,
-                                                         int reserved)
+boost::shared_ptr<KeldaFile> KeldaFileDialog::GetOpenFile(QWidget *parent, const QString &caption, const QString &dir,
+                                                          const QString &filter, QString *selectedFilter,
+                                                          const QVector<FileType> &types, int reserved)
 {
     if (KeldaClient::IsKeldaAvailable()) {
         auto *client = new KeldaClient;
@@ -528,9 +528,8 @@ boost::shared_ptr<KeldaFile> KeldaFileDialog::GetOpenFile(QWidget *parent, const
     return boost::shared_ptr<KeldaFile>(new KeldaFile(nullptr, name, 0));
 }
 
-KeldaUrl KeldaFileDialog::GetOpenUrl(QWidget *parent, const QString &caption, const QString &dir,
-                                     const QString &filter, QString *selectedFilter, const QVector<FileType> &types,
-                                     int reserved)
+KeldaUrl KeldaFileDialog::GetOpenUrl(QWidget *parent, const QString &caption, const QString &dir, const QString &filter,
+                                     QString *selectedFilter, const QVector<FileType> &types, int reserved)
 {
     if (KeldaClient::IsKeldaAvailable()) {
         KeldaClient client;

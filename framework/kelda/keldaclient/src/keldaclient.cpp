@@ -107,8 +107,7 @@ void KeldaClientPrivate::StartSender(QString application, const QString &user, c
 
     KeldaClient *q = m_owner;
     // Queued to the client's thread, as a connection to a slot of q would be.
-    QObject::connect(m_sender, &CommandSender::connected, q,
-                     [this](QString a_basePath) { SlotConnected(a_basePath); });
+    QObject::connect(m_sender, &CommandSender::connected, q, [this](QString a_basePath) { SlotConnected(a_basePath); });
     QObject::connect(m_sender, &CommandSender::disconnected, q, [this] { SlotDisconnected(); });
     ReplySignals::ConnectRelays(m_sender, q);
 
@@ -156,8 +155,10 @@ bool KeldaClientPrivate::Blocking(const QString &operation, const QString &start
         values = m_sender->TakeReplyValues(requestId);
     else
         Q_TRACE_DETAIL(kSource, operation + QStringLiteral(": AsyncHandler failed"));
-    Q_TRACE_DETAIL(kSource, operation + QStringLiteral(": End (%1)")
-                                .arg(textResult ? values.text : QString::number(m_sender->GetLastError())));
+    Q_TRACE_DETAIL(
+        kSource,
+        operation +
+            QStringLiteral(": End (%1)").arg(textResult ? values.text : QString::number(m_sender->GetLastError())));
     return handled;
 }
 
@@ -285,8 +286,7 @@ void KeldaClient::SetTeamMembership(const QString &teamMembership)
 }
 
 void KeldaClient::Reconnect()
-{
-}
+{ }
 
 void KeldaClientPrivate::SlotConnected(QString a_basePath)
 {
@@ -319,8 +319,8 @@ QString KeldaClient::CreateFileGroup(const QString &version, const QDateTime &li
                                      const QString &comment, FileType fileType, quint64 reservedStorage,
                                      const QString &fileGroupName, QString &localPath, QString guid)
 {
-    return d->CreateFileGroupHelper(true, version, lifecycle, detail, comment, fileType, reservedStorage,
-                                 fileGroupName, localPath, guid);
+    return d->CreateFileGroupHelper(true, version, lifecycle, detail, comment, fileType, reservedStorage, fileGroupName,
+                                    localPath, guid);
 }
 
 QString KeldaClient::CreateFileGroupAsync(const QString &version, const QDateTime &lifecycle, const QString &detail,
@@ -328,12 +328,12 @@ QString KeldaClient::CreateFileGroupAsync(const QString &version, const QDateTim
                                           const QString &fileGroupName, QString &localPath, QString guid)
 {
     return d->CreateFileGroupHelper(false, version, lifecycle, detail, comment, fileType, reservedStorage,
-                                 fileGroupName, localPath, guid);
+                                    fileGroupName, localPath, guid);
 }
 
 QString KeldaClientPrivate::CreateFileGroupHelper(bool wait, const QString &version, const QDateTime &lifecycle,
-                                           const QString &detail, const QString &comment, FileType fileType,
-                                           quint64 reservedStorage, const QString &fileGroupName,
+                                                  const QString &detail, const QString &comment, FileType fileType,
+                                                  quint64 reservedStorage, const QString &fileGroupName,
                                                   QString &localPath, QString guid)
 {
     const QString operation = qualified("CreateFileGroupHelper");
@@ -341,19 +341,20 @@ QString KeldaClientPrivate::CreateFileGroupHelper(bool wait, const QString &vers
         guid = Kelda::CreateGuid();
     if (!CheckPreconditions(operation))
         return QString();
-    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CreateFileGroupHelper: Start (GUID: %1, Version: %2, "
-                                           "Lifecycle: %3, Detail: %4, Comment: %5, Filetype: %6, "
-                                           "ReservedStorage: %7, Filegroupname: %8, LocalPath: %9)")
-                                .arg(guid, version, lifecycle.toString(QStringLiteral("dd.MM.yyyy hh.mm.ss")),
-                                     detail, comment, QString::number(int(fileType)),
-                                     QString::number(reservedStorage), fileGroupName, localPath));
+    Q_TRACE_DETAIL(kSource,
+                   QStringLiteral("KeldaClient::CreateFileGroupHelper: Start (GUID: %1, Version: %2, "
+                                  "Lifecycle: %3, Detail: %4, Comment: %5, Filetype: %6, "
+                                  "ReservedStorage: %7, Filegroupname: %8, LocalPath: %9)")
+                       .arg(guid, version, lifecycle.toString(QStringLiteral("dd.MM.yyyy hh.mm.ss")), detail, comment,
+                            QString::number(int(fileType)), QString::number(reservedStorage), fileGroupName,
+                            localPath));
     localPath = CreatePath(m_basePath, guid, fileGroupName);
     QDir().mkpath(localPath);
 
     bool success = true;
     auto send = [&] {
         return m_sender->CreateFileGroup(guid, version, lifecycle, detail, comment, fileType, reservedStorage,
-                                            fileGroupName, localPath);
+                                         fileGroupName, localPath);
     };
     if (!wait) {
         send();
@@ -364,8 +365,9 @@ QString KeldaClientPrivate::CreateFileGroupHelper(bool wait, const QString &vers
             Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CreateFileGroupHelper: AsyncHandler failed"));
             success = false;
         } else if (m_sender->GetLastError() != KE_NoError) {
-            Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CreateFileGroupHelper: error (%1)")
-                                        .arg(m_sender->GetLastError()));
+            Q_TRACE_DETAIL(
+                kSource,
+                QStringLiteral("KeldaClient::CreateFileGroupHelper: error (%1)").arg(m_sender->GetLastError()));
             success = false;
         }
         m_sender->TakeReplyValues(requestId);
@@ -376,41 +378,39 @@ QString KeldaClientPrivate::CreateFileGroupHelper(bool wait, const QString &vers
 }
 
 QString KeldaClient::CreateTovinFileGroupAsync(const QString &subsystem, const QString &tovinId,
-                                               const QString &recordId, const QString &version,
-                                               const QString &detail, const QString &comment, FileType fileType,
-                                               QString &localPath, QString guid)
+                                               const QString &recordId, const QString &version, const QString &detail,
+                                               const QString &comment, FileType fileType, QString &localPath,
+                                               QString guid)
 {
     const QString operation = qualified("CreateTovinFileGroupHelper");
     if (guid.isEmpty())
         guid = CreateGuid();
     if (!d->CheckPreconditions(operation))
         return QString();
-    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CreateTovinFileGroupHelper: Start (Subsystem: %1, "
-                                           "TovinId: %2, RecordId: %3)")
-                                .arg(subsystem, tovinId, recordId));
-    localPath = QDir::toNativeSeparators(
-        QDir::cleanPath(CreatePath(getBasePath(), guid, recordId)) + QLatin1Char('/'));
+    Q_TRACE_DETAIL(kSource,
+                   QStringLiteral("KeldaClient::CreateTovinFileGroupHelper: Start (Subsystem: %1, "
+                                  "TovinId: %2, RecordId: %3)")
+                       .arg(subsystem, tovinId, recordId));
+    localPath = QDir::toNativeSeparators(QDir::cleanPath(CreatePath(getBasePath(), guid, recordId)) + QLatin1Char('/'));
     QDir().mkpath(localPath);
     d->m_sender->CreateTovinFileGroup(guid, subsystem, tovinId, recordId, version, detail, comment, fileType,
                                       localPath);
-    Q_TRACE_DETAIL(kSource, QStringLiteral("KeldaClient::CreateTovinFileGroupHelper: End (%1)")
-                                .arg(d->m_sender->GetLastError()));
+    Q_TRACE_DETAIL(
+        kSource, QStringLiteral("KeldaClient::CreateTovinFileGroupHelper: End (%1)").arg(d->m_sender->GetLastError()));
     return guid;
 }
 
-QString KeldaClient::CreateTovinFileGroupAsync(const QString &tovinId, const QString &recordId,
-                                               const QString &version, const QString &detail,
-                                               const QString &comment, FileType fileType, QString &localPath,
-                                               QString guid)
+QString KeldaClient::CreateTovinFileGroupAsync(const QString &tovinId, const QString &recordId, const QString &version,
+                                               const QString &detail, const QString &comment, FileType fileType,
+                                               QString &localPath, QString guid)
 {
-    return CreateTovinFileGroupAsync(QStringLiteral("IpAddress"), tovinId, recordId, version, detail, comment,
-                                     fileType, localPath, guid);
+    return CreateTovinFileGroupAsync(QStringLiteral("IpAddress"), tovinId, recordId, version, detail, comment, fileType,
+                                     localPath, guid);
 }
 
 QString KeldaClient::DeleteFileGroupAsync(const QString &guid)
 {
-    return d->Async(qualified("DeleteFileGroupAsync"), guid,
-                    [&] { return d->m_sender->DeleteFileGroup(guid, false); });
+    return d->Async(qualified("DeleteFileGroupAsync"), guid, [&] { return d->m_sender->DeleteFileGroup(guid, false); });
 }
 
 QString KeldaClient::MoveToNas(const QString &guid)
@@ -607,8 +607,7 @@ QStringList KeldaClient::GetApplicationList()
 
 QString KeldaClient::GetApplicationListAsync()
 {
-    return d->Async(qualified("GetApplicationListAsync"), QString(),
-                    [&] { return d->m_sender->GetApplicationList(); });
+    return d->Async(qualified("GetApplicationListAsync"), QString(), [&] { return d->m_sender->GetApplicationList(); });
 }
 
 QStringList KeldaClient::GetUserList()
@@ -668,9 +667,8 @@ QString KeldaClient::GetRemoteStorageLocationAsync(const QString &guidOrUrl)
     KeldaUrl url(guidOrUrl);
     if (!url.isKeldaUrl())
         url = KeldaUrl::fromKeldaGuid(guidOrUrl);
-    return d->Async(qualified("GetRemoteStorageLocationAsync"), guidOrUrl, [&] {
-        return d->m_sender->GetRemoteStorageLocation(url.toKeldaGuid(), int(url.toKeldaFileId()));
-    });
+    return d->Async(qualified("GetRemoteStorageLocationAsync"), guidOrUrl,
+                    [&] { return d->m_sender->GetRemoteStorageLocation(url.toKeldaGuid(), int(url.toKeldaFileId())); });
 }
 
 QString KeldaClient::GetTovinFilegroupGuidAsync(const QString &guid, const QString &fileId)
@@ -682,9 +680,10 @@ QString KeldaClient::GetTovinFilegroupGuidAsync(const QString &guid, const QStri
 QStringList KeldaClient::GetFileChecksums(const QString &guid)
 {
     CommandSender::ReplyValues values;
-    if (!d->Blocking(qualified("GetFileChecksums"), guid, [&] {
-            return d->m_sender->Send(CommandRequest(ReplyKind::GetFileChecksums).SetText(Tag::Guid, guid));
-        }, values))
+    if (!d->Blocking(
+            qualified("GetFileChecksums"), guid,
+            [&] { return d->m_sender->Send(CommandRequest(ReplyKind::GetFileChecksums).SetText(Tag::Guid, guid)); },
+            values))
         return QStringList();
     return values.list;
 }
@@ -699,9 +698,10 @@ QString KeldaClient::GetFileChecksumsAsync(const QString &guid)
 QStringList KeldaClient::VerifyFileGroup(const QString &guid)
 {
     CommandSender::ReplyValues values;
-    if (!d->Blocking(qualified("VerifyFileGroup"), guid, [&] {
-            return d->m_sender->Send(CommandRequest(ReplyKind::VerifyFileGroup).SetText(Tag::Guid, guid));
-        }, values))
+    if (!d->Blocking(
+            qualified("VerifyFileGroup"), guid,
+            [&] { return d->m_sender->Send(CommandRequest(ReplyKind::VerifyFileGroup).SetText(Tag::Guid, guid)); },
+            values))
         return QStringList();
     return values.list;
 }

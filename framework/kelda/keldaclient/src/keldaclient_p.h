@@ -22,10 +22,9 @@ public:
     // between its traces. Does nothing the second time.
     void StopSender();
 
-    QString CreateFileGroupHelper(bool wait, const QString &version, const QDateTime &lifecycle,
-                                  const QString &detail, const QString &comment, FileType fileType,
-                                  quint64 reservedStorage, const QString &fileGroupName, QString &localPath,
-                                  QString guid);
+    QString CreateFileGroupHelper(bool wait, const QString &version, const QDateTime &lifecycle, const QString &detail,
+                                  const QString &comment, FileType fileType, quint64 reservedStorage,
+                                  const QString &fileGroupName, QString &localPath, QString guid);
 
     void StartSender(QString application, const QString &user, const QString &teamMembership);
 
@@ -46,8 +45,7 @@ public:
     // The skeleton of the asynchronous operations: preconditions, Start
     // trace, send, End trace with the sender's error. Returns the request id,
     // or an empty string when nothing was sent.
-    template <typename Send>
-    QString Async(const QString &operation, const QString &startArguments, Send send);
+    template <typename Send> QString Async(const QString &operation, const QString &startArguments, Send send);
 
     // The skeleton of the blocking operations: preconditions, Start trace,
     // send under a waiter, wait, End trace. True when the reply arrived in

@@ -40,17 +40,13 @@ public:
         : m_uFileId(fileId)
         , m_pClient(client)
         , q_ptr(q)
-    {
-    }
+    { }
 
-    void CreateInArchive(const QString &name, unsigned int lifeCycleDays, const QString &version,
-                         const QString &detail, const QString &comment, FileType fileType, quint64 reservedStorage);
+    void CreateInArchive(const QString &name, unsigned int lifeCycleDays, const QString &version, const QString &detail,
+                         const QString &comment, FileType fileType, quint64 reservedStorage);
     bool CopyIntoGroup(const QString &groupPath, const QString &fileName);
 
-    bool IsServerReachable() const
-    {
-        return KeldaClient::IsKeldaAvailable() && m_pClient && m_pClient->IsConnected();
-    }
+    bool IsServerReachable() const { return KeldaClient::IsKeldaAvailable() && m_pClient && m_pClient->IsConnected(); }
 
     void TakeClientError() { m_lastError = m_pClient->GetError(); }
 
@@ -157,7 +153,7 @@ void KeldaFilePrivate::CreateInArchive(const QString &name, unsigned int lifeCyc
     QString localPath = m_sLocalName.section(QDir::separator(), 0, -2);
 
     m_sGuid = m_pClient->CreateFileGroup(version, lifecycle, detail, comment, fileType, reservedStorage,
-                                               fileGroupNameOf(fileName), localPath, QString());
+                                         fileGroupNameOf(fileName), localPath, QString());
     TakeClientError();
     if (m_sGuid.isEmpty() || m_lastError != KE_NoError) {
         // A call that got no reply, in time or at all, leaves the client's
@@ -192,8 +188,9 @@ bool KeldaFilePrivate::CopyIntoGroup(const QString &groupPath, const QString &fi
     if (QFile::copy(m_sLocalName, target))
         return true;
     m_lastError = KE_AddFileFailed;
-    Q_TRACE_FAILURE(kSource, QStringLiteral("KeldaFile::KeldaFile: cannot copy %1 to %2: %3")
-                                 .arg(m_sLocalName, target, KeldaErrorString::Get(m_lastError)));
+    Q_TRACE_FAILURE(kSource,
+                    QStringLiteral("KeldaFile::KeldaFile: cannot copy %1 to %2: %3")
+                        .arg(m_sLocalName, target, KeldaErrorString::Get(m_lastError)));
     return false;
 }
 

@@ -122,35 +122,107 @@ KeldaSaveAsDlg::KeldaSaveAsDlg(QWidget *parent, Qt::WindowFlags flags)
 
 KeldaSaveAsDlg::~KeldaSaveAsDlg() = default;
 
-QString KeldaSaveAsDlg::groupName() const { return d->m_group->text(); }
-void KeldaSaveAsDlg::setGroupName(const QString &name) { d->m_group->setText(name); }
-bool KeldaSaveAsDlg::groupNameEnabled() const { return d->m_group->isEnabled(); }
-void KeldaSaveAsDlg::setGroupNameEnabled(bool enabled) { d->m_group->setEnabled(enabled); }
+QString KeldaSaveAsDlg::groupName() const
+{
+    return d->m_group->text();
+}
+void KeldaSaveAsDlg::setGroupName(const QString &name)
+{
+    d->m_group->setText(name);
+}
+bool KeldaSaveAsDlg::groupNameEnabled() const
+{
+    return d->m_group->isEnabled();
+}
+void KeldaSaveAsDlg::setGroupNameEnabled(bool enabled)
+{
+    d->m_group->setEnabled(enabled);
+}
 
-QString KeldaSaveAsDlg::fileName() const { return d->m_name->text(); }
-void KeldaSaveAsDlg::setFileName(const QString &name) { d->m_name->setText(name); }
-bool KeldaSaveAsDlg::fileNameEnabled() const { return d->m_name->isEnabled(); }
-void KeldaSaveAsDlg::setFileNameEnabled(bool enabled) { d->m_name->setEnabled(enabled); }
+QString KeldaSaveAsDlg::fileName() const
+{
+    return d->m_name->text();
+}
+void KeldaSaveAsDlg::setFileName(const QString &name)
+{
+    d->m_name->setText(name);
+}
+bool KeldaSaveAsDlg::fileNameEnabled() const
+{
+    return d->m_name->isEnabled();
+}
+void KeldaSaveAsDlg::setFileNameEnabled(bool enabled)
+{
+    d->m_name->setEnabled(enabled);
+}
 
-QString KeldaSaveAsDlg::version() const { return d->m_version->text(); }
-void KeldaSaveAsDlg::setVersion(const QString &version) { d->m_version->setText(version); }
-bool KeldaSaveAsDlg::versionEnabled() const { return d->m_version->isEnabled(); }
-void KeldaSaveAsDlg::setVersionEnabled(bool enabled) { d->m_version->setEnabled(enabled); }
+QString KeldaSaveAsDlg::version() const
+{
+    return d->m_version->text();
+}
+void KeldaSaveAsDlg::setVersion(const QString &version)
+{
+    d->m_version->setText(version);
+}
+bool KeldaSaveAsDlg::versionEnabled() const
+{
+    return d->m_version->isEnabled();
+}
+void KeldaSaveAsDlg::setVersionEnabled(bool enabled)
+{
+    d->m_version->setEnabled(enabled);
+}
 
-QString KeldaSaveAsDlg::comment() const { return d->m_comment->text(); }
-void KeldaSaveAsDlg::setComment(const QString &comment) { d->m_comment->setText(comment); }
-bool KeldaSaveAsDlg::commentEnabled() const { return d->m_comment->isEnabled(); }
-void KeldaSaveAsDlg::setCommentEnabled(bool enabled) { d->m_comment->setEnabled(enabled); }
+QString KeldaSaveAsDlg::comment() const
+{
+    return d->m_comment->text();
+}
+void KeldaSaveAsDlg::setComment(const QString &comment)
+{
+    d->m_comment->setText(comment);
+}
+bool KeldaSaveAsDlg::commentEnabled() const
+{
+    return d->m_comment->isEnabled();
+}
+void KeldaSaveAsDlg::setCommentEnabled(bool enabled)
+{
+    d->m_comment->setEnabled(enabled);
+}
 
-QString KeldaSaveAsDlg::detail() const { return d->m_detail->text(); }
-void KeldaSaveAsDlg::setDetail(const QString &detail) { d->m_detail->setText(detail); }
-bool KeldaSaveAsDlg::detailEnabled() const { return d->m_detail->isEnabled(); }
-void KeldaSaveAsDlg::setDetailEnabled(bool enabled) { d->m_detail->setEnabled(enabled); }
+QString KeldaSaveAsDlg::detail() const
+{
+    return d->m_detail->text();
+}
+void KeldaSaveAsDlg::setDetail(const QString &detail)
+{
+    d->m_detail->setText(detail);
+}
+bool KeldaSaveAsDlg::detailEnabled() const
+{
+    return d->m_detail->isEnabled();
+}
+void KeldaSaveAsDlg::setDetailEnabled(bool enabled)
+{
+    d->m_detail->setEnabled(enabled);
+}
 
-QDateTime KeldaSaveAsDlg::endOfLife() const { return d->m_endOfLife->dateTime(); }
-void KeldaSaveAsDlg::setEndOfLife(const QDateTime &endOfLife) { d->m_endOfLife->setDateTime(endOfLife); }
-bool KeldaSaveAsDlg::endOfLifeEnabled() const { return d->m_endOfLife->isEnabled(); }
-void KeldaSaveAsDlg::setEndOfLifeEnabled(bool enabled) { d->m_endOfLife->setEnabled(enabled); }
+QDateTime KeldaSaveAsDlg::endOfLife() const
+{
+    return d->m_endOfLife->dateTime();
+}
+void KeldaSaveAsDlg::setEndOfLife(const QDateTime &endOfLife)
+{
+    d->m_endOfLife->setDateTime(endOfLife);
+}
+bool KeldaSaveAsDlg::endOfLifeEnabled() const
+{
+    return d->m_endOfLife->isEnabled();
+}
+void KeldaSaveAsDlg::setEndOfLifeEnabled(bool enabled)
+{
+    d->m_endOfLife->setEnabled(enabled);
+}
 
 int KeldaSaveAsDlg::fileType() const
 {
@@ -163,7 +235,13 @@ void KeldaSaveAsDlg::setFileType(int fileType)
     d->m_type->setCurrentIndex(entry < 0 ? 0 : entry);
 }
 
-bool KeldaSaveAsDlg::fileTypeEnabled() const { return d->m_type->isEnabled(); }
-void KeldaSaveAsDlg::setFileTypeEnabled(bool enabled) { d->m_type->setEnabled(enabled); }
+bool KeldaSaveAsDlg::fileTypeEnabled() const
+{
+    return d->m_type->isEnabled();
+}
+void KeldaSaveAsDlg::setFileTypeEnabled(bool enabled)
+{
+    d->m_type->setEnabled(enabled);
+}
 
 } // namespace Kelda

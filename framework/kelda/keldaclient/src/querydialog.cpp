@@ -123,8 +123,7 @@ public:
 QueryDialogPrivate::QueryDialogPrivate(QueryDialog *q)
     : q(q)
     , m_defaultMin(QDateTime::currentDateTime().addDays(-kDefaultWindowDays))
-{
-}
+{ }
 
 QLayout *QueryDialogPrivate::BuildRanges()
 {
@@ -145,8 +144,7 @@ QLayout *QueryDialogPrivate::BuildRanges()
            QStringLiteral("CreationTimeMax"));
     addRow(m_modification, QueryDialog::tr("Modification time"), QStringLiteral("ModificationTimeMin"),
            QStringLiteral("ModificationTimeMax"));
-    addRow(m_lifeCycle, QueryDialog::tr("Life cycle"), QStringLiteral("LifeCycleMin"),
-           QStringLiteral("LifeCycleMax"));
+    addRow(m_lifeCycle, QueryDialog::tr("Life cycle"), QStringLiteral("LifeCycleMin"), QStringLiteral("LifeCycleMax"));
     grid->setColumnStretch(5, 1);
     return grid;
 }
@@ -168,8 +166,7 @@ QWidget *QueryDialogPrivate::BuildSearchTerms()
     m_creator = AddSearchTerm(form, QStringLiteral("CreatorEdit"), QueryDialog::tr("Creator:"));
     m_detail = AddSearchTerm(form, QStringLiteral("DetailEdit"), QueryDialog::tr("Detail:"));
     m_fileGroup = AddSearchTerm(form, QStringLiteral("FileGroupEdit"), QueryDialog::tr("File group:"));
-    m_teamMembership =
-        AddSearchTerm(form, QStringLiteral("TeamMembershipEdit"), QueryDialog::tr("Team membership:"));
+    m_teamMembership = AddSearchTerm(form, QStringLiteral("TeamMembershipEdit"), QueryDialog::tr("Team membership:"));
     m_version = AddSearchTerm(form, QStringLiteral("VersionEdit"), QueryDialog::tr("Version:"));
     return group;
 }
@@ -262,8 +259,7 @@ QLayout *QueryDialogPrivate::BuildButtons()
 
 QList<QDateTimeEdit *> QueryDialogPrivate::TimeEdits() const
 {
-    return {m_creation.min, m_creation.max, m_modification.min,
-            m_modification.max, m_lifeCycle.min, m_lifeCycle.max};
+    return {m_creation.min, m_creation.max, m_modification.min, m_modification.max, m_lifeCycle.min, m_lifeCycle.max};
 }
 
 // The window moves on by whole days: its upper end is the first day step from
@@ -367,8 +363,7 @@ void QueryDialogPrivate::ResetControls()
         WriteDateTimeMin(row->min, m_defaultMin);
         WriteDateTimeMax(row->max, m_defaultMax);
     }
-    for (QLineEdit *edit : {m_comment, m_creator, m_detail, m_fileGroup, m_teamMembership,
-                            m_version})
+    for (QLineEdit *edit : {m_comment, m_creator, m_detail, m_fileGroup, m_teamMembership, m_version})
         edit->clear();
     for (QCheckBox *box : qAsConst(m_fileTypeBoxes))
         box->setChecked(false);

@@ -32,28 +32,60 @@ QMetaMethod SignalNamed(const QMetaObject &object, QLatin1String name)
 }
 
 // A result's values, in the order of its signal's parameters.
-auto Arguments(const StatusResult &r) { return std::tie(r.requestId, r.error, r.errorString); }
-auto Arguments(const TextResult &r) { return std::tie(r.requestId, r.text, r.error, r.errorString); }
-auto Arguments(const ListResult &r) { return std::tie(r.requestId, r.list, r.error, r.errorString); }
-auto Arguments(const TableResult &r) { return std::tie(r.requestId, r.table, r.columnCount, r.error, r.errorString); }
-auto Arguments(const FileIdResult &r) { return std::tie(r.requestId, r.fileId); }
-auto Arguments(const CreatedGroupResult &r) { return std::tie(r.guid, r.path); }
-auto Arguments(const MetaDataResult &r) { return std::tie(r.requestId, r.metaData, r.error, r.errorString); }
+auto Arguments(const StatusResult &r)
+{
+    return std::tie(r.requestId, r.error, r.errorString);
+}
+auto Arguments(const TextResult &r)
+{
+    return std::tie(r.requestId, r.text, r.error, r.errorString);
+}
+auto Arguments(const ListResult &r)
+{
+    return std::tie(r.requestId, r.list, r.error, r.errorString);
+}
+auto Arguments(const TableResult &r)
+{
+    return std::tie(r.requestId, r.table, r.columnCount, r.error, r.errorString);
+}
+auto Arguments(const FileIdResult &r)
+{
+    return std::tie(r.requestId, r.fileId);
+}
+auto Arguments(const CreatedGroupResult &r)
+{
+    return std::tie(r.guid, r.path);
+}
+auto Arguments(const MetaDataResult &r)
+{
+    return std::tie(r.requestId, r.metaData, r.error, r.errorString);
+}
 auto Arguments(const LocationStateProgressResult &r)
 {
     return std::tie(r.requestId, r.locationState, r.progress, r.error, r.errorString);
 }
-auto Arguments(const ExistsResult &r) { return std::tie(r.requestId, r.exists, r.error, r.errorString); }
+auto Arguments(const ExistsResult &r)
+{
+    return std::tie(r.requestId, r.exists, r.error, r.errorString);
+}
 auto Arguments(const RemoteStorageLocationResult &r)
 {
     return std::tie(r.requestId, r.remoteIp, r.attachmentUrl, r.error, r.errorString);
 }
-auto Arguments(const ConvertRequestResult &r) { return std::tie(r.guid, r.fileType, r.path); }
-auto Arguments(const CopyProgressResult &r) { return std::tie(r.requestId, r.progress); }
-auto Arguments(const RecordsResult &r) { return std::tie(r.requestId, r.values, r.fieldCount, r.error, r.errorString); }
+auto Arguments(const ConvertRequestResult &r)
+{
+    return std::tie(r.guid, r.fileType, r.path);
+}
+auto Arguments(const CopyProgressResult &r)
+{
+    return std::tie(r.requestId, r.progress);
+}
+auto Arguments(const RecordsResult &r)
+{
+    return std::tie(r.requestId, r.values, r.fieldCount, r.error, r.errorString);
+}
 
-template<typename... Values>
-bool Accepts(const QMetaMethod &signal, const std::tuple<const Values &...> &)
+template <typename... Values> bool Accepts(const QMetaMethod &signal, const std::tuple<const Values &...> &)
 {
     const int types[] = {qMetaTypeId<Values>()...};
     if (signal.parameterCount() != int(sizeof...(Values)))
@@ -65,7 +97,7 @@ bool Accepts(const QMetaMethod &signal, const std::tuple<const Values &...> &)
     return true;
 }
 
-template<typename... Values>
+template <typename... Values>
 void Invoke(QObject *sender, const QMetaMethod &signal, const std::tuple<const Values &...> &values)
 {
     std::apply(
@@ -78,8 +110,7 @@ void Invoke(QObject *sender, const QMetaMethod &signal, const std::tuple<const V
 
 // A signal the descriptor names but the sender lacks was traced when it was
 // looked up.
-template<typename Result>
-void EmitResult(CommandSender *sender, const QMetaMethod &signal, const Result &result)
+template <typename Result> void EmitResult(CommandSender *sender, const QMetaMethod &signal, const Result &result)
 {
     const auto values = Arguments(result);
     if (!signal.isValid())
@@ -87,13 +118,16 @@ void EmitResult(CommandSender *sender, const QMetaMethod &signal, const Result &
     if (Accepts(signal, values))
         Invoke(sender, signal, values);
     else
-        Q_TRACE_FAILURE(kSource, QStringLiteral("The signal %1 does not take the values of its reply")
-                                     .arg(QLatin1String(signal.methodSignature())));
+        Q_TRACE_FAILURE(kSource,
+                        QStringLiteral("The signal %1 does not take the values of its reply")
+                            .arg(QLatin1String(signal.methodSignature())));
 }
 
 // Nothing to emit: the reply is not read, or the sender handled it itself.
-void EmitResult(CommandSender *, const QMetaMethod &, std::monostate) {}
-void EmitResult(CommandSender *, const QMetaMethod &, const BasePathResult &) {}
+void EmitResult(CommandSender *, const QMetaMethod &, std::monostate)
+{ }
+void EmitResult(CommandSender *, const QMetaMethod &, const BasePathResult &)
+{ }
 
 bool SameParameters(const QMetaMethod &a, const QMetaMethod &b)
 {
@@ -129,9 +163,10 @@ const Signals &ClientSignals()
             if (relay.isValid() && SameParameters(relay, source))
                 found[int(command.kind)] = relay;
             else if (relay.isValid())
-                Q_TRACE_FAILURE(kSource, QStringLiteral("The signal %1 cannot relay %2")
-                                             .arg(QLatin1String(relay.methodSignature()),
-                                                  QLatin1String(source.methodSignature())));
+                Q_TRACE_FAILURE(kSource,
+                                QStringLiteral("The signal %1 cannot relay %2")
+                                    .arg(QLatin1String(relay.methodSignature()),
+                                         QLatin1String(source.methodSignature())));
         }
         return found;
     }();

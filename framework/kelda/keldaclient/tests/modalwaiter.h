@@ -13,8 +13,7 @@
 // so that the test fails on its comparisons instead of hanging. Polls every
 // 10 ms and gives up after 10 s, so that a window that never shows fails the
 // test instead of hanging it.
-template <typename T>
-void whenModal(std::function<void(T *)> action)
+template <typename T> void whenModal(std::function<void(T *)> action)
 {
     constexpr int kPollMs = 10;
     constexpr int kPolls = 1000;

@@ -44,8 +44,7 @@ public:
     explicit PeerServer(ScriptedPeer *peer)
         : m_peer(peer)
         , m_server(this)
-    {
-    }
+    { }
 
     quint16 listen()
     {
@@ -225,8 +224,8 @@ void ScriptedPeer::send(const QByteArray &document)
 QByteArray ScriptedPeer::replyDocument(const QString &requestId, const QString &element, const QString &children,
                                        bool withHeader)
 {
-    QString text = QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?><s:Envelope xmlns:s=\"%1\">")
-                       .arg(Ns::Envelope);
+    QString text =
+        QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?><s:Envelope xmlns:s=\"%1\">").arg(Ns::Envelope);
     if (withHeader)
         text += QStringLiteral("<s:Header><s:Version>1.0</s:Version><s:RequestId>%1</s:RequestId></s:Header>")
                     .arg(requestId);

@@ -27,7 +27,7 @@ class ScriptedPeer : public QObject
 public:
     struct Request
     {
-        QString command;   // local name of the body's command element
+        QString command; // local name of the body's command element
         QString requestId; // text of s:RequestId
         QByteArray document;
     };

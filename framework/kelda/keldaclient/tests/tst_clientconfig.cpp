@@ -64,16 +64,20 @@ void TestClientConfig::readsStore_data()
     QTest::newRow("all keys") << QByteArray("[KELDA]\nServerHost=srv\nXmlPort=6000\nUseUtc=true\nCompressionRate=9\n")
                               << QStringLiteral("srv:6000 available=1 utc=1 rate=9 stored=9 frame=1073741824");
     QTest::newRow("frame size lowered") << QByteArray("[KELDA]\nMaxFrameSize=4096\n")
-                                        << QStringLiteral("localhost:5223 available=0 utc=0 rate=-1 stored=-1 frame=4096");
+                                        << QStringLiteral(
+                                               "localhost:5223 available=0 utc=0 rate=-1 stored=-1 frame=4096");
     QTest::newRow("frame size beyond a byte array")
         << QByteArray("[KELDA]\nMaxFrameSize=2147483647\n")
         << QStringLiteral("localhost:5223 available=0 utc=0 rate=-1 stored=-1 frame=2147479551");
-    QTest::newRow("frame size not positive") << QByteArray("[KELDA]\nMaxFrameSize=-5\n")
-                                             << QStringLiteral("localhost:5223 available=0 utc=0 rate=-1 stored=-1 frame=1073741824");
-    QTest::newRow("defaults, stored zero rate") << QByteArray("[KELDA]\nCompressionRate=0\n")
-                                                << QStringLiteral("localhost:5223 available=0 utc=0 rate=-1 stored=-1 frame=1073741824");
+    QTest::newRow("frame size not positive")
+        << QByteArray("[KELDA]\nMaxFrameSize=-5\n")
+        << QStringLiteral("localhost:5223 available=0 utc=0 rate=-1 stored=-1 frame=1073741824");
+    QTest::newRow("defaults, stored zero rate")
+        << QByteArray("[KELDA]\nCompressionRate=0\n")
+        << QStringLiteral("localhost:5223 available=0 utc=0 rate=-1 stored=-1 frame=1073741824");
     QTest::newRow("port out of range") << QByteArray("[KELDA]\nServerHost=archive\nXmlPort=70000\n")
-                                       << QStringLiteral("archive:5223 available=1 utc=0 rate=-1 stored=-1 frame=1073741824");
+                                       << QStringLiteral(
+                                              "archive:5223 available=1 utc=0 rate=-1 stored=-1 frame=1073741824");
 }
 
 void TestClientConfig::readsStore()
@@ -85,9 +89,13 @@ void TestClientConfig::readsStore()
     const ClientConfig config;
     const QVariant stored = QSettings(m_iniPath, QSettings::IniFormat).value(QStringLiteral("KELDA/CompressionRate"));
     QCOMPARE(QStringLiteral("%1:%2 available=%3 utc=%4 rate=%5 stored=%6 frame=%7")
-                 .arg(config.GetServerHost()).arg(config.GetXmlPort())
-                 .arg(config.IsAvailable()).arg(config.IsUseUtc())
-                 .arg(config.GetCompressionRate()).arg(stored.toString()).arg(config.GetMaxFrameSize()),
+                 .arg(config.GetServerHost())
+                 .arg(config.GetXmlPort())
+                 .arg(config.IsAvailable())
+                 .arg(config.IsUseUtc())
+                 .arg(config.GetCompressionRate())
+                 .arg(stored.toString())
+                 .arg(config.GetMaxFrameSize()),
              expected);
     // The programs offer the server that a client would use.
     const Kelda::ConfiguredServer server = Kelda::ConfiguredServer::Read();

@@ -127,13 +127,14 @@ void ClientTreeModelTest::setup_data()
     QTest::addColumn<int>("shownColumns");
     QTest::addColumn<QString>("trace");
 
-    const QStringList two = GroupTable::table({{QStringLiteral("a"), QStringLiteral("g-a")},
-                                               {QStringLiteral("b"), QStringLiteral("g-b")}});
+    const QStringList two =
+        GroupTable::table({{QStringLiteral("a"), QStringLiteral("g-a")}, {QStringLiteral("b"), QStringLiteral("g-b")}});
     QTest::newRow("no columns") << two << 0 << 0 << 0
                                 << QStringLiteral("ClientTreeModel::SetupModelData: Invalid number of columns (%!)");
     const int columns = FileGroupColumn::Count;
     QTest::newRow("shorter than a row") << QStringList(two.mid(0, 10)) << columns << 0 << 0
-                                        << QStringLiteral("ClientTreeModel::SetupModelData: Invalid number of rows (%!)");
+                                        << QStringLiteral(
+                                               "ClientTreeModel::SetupModelData: Invalid number of rows (%!)");
     QTest::newRow("headers only") << QStringList(two.mid(0, columns)) << columns << 0 << columns - 1 << QString();
     QTest::newRow("two groups") << two << columns << 2 << columns - 1 << QString();
 }
@@ -219,7 +220,8 @@ void ClientTreeModelTest::fetchMore()
 void ClientTreeModelTest::failedFetchCanBeRetried()
 {
     m_peer->setReplyChildren(QStringLiteral("GetFileList"), GroupTable::fileListReply({}, 2));
-    ClientTreeModel model(GroupTable::table({{QStringLiteral("n"), kGuid}}), FileGroupColumn::Count, m_client, QString());
+    ClientTreeModel model(GroupTable::table({{QStringLiteral("n"), kGuid}}), FileGroupColumn::Count, m_client,
+                          QString());
     const QModelIndex group = model.index(0, 0);
     model.fetchMore(group);
     QCOMPARE(model.rowCount(group), 0);
@@ -239,7 +241,8 @@ void ClientTreeModelTest::sorting_data()
 
     // Groups have lock counts and versions 10, 9, 100.
     QTest::newRow("count column as numbers")
-        << QStringLiteral("Lock count") << QStringList{QStringLiteral("9"), QStringLiteral("10"), QStringLiteral("100")};
+        << QStringLiteral("Lock count")
+        << QStringList{QStringLiteral("9"), QStringLiteral("10"), QStringLiteral("100")};
     QTest::newRow("other columns as text")
         << QStringLiteral("Version") << QStringList{QStringLiteral("10"), QStringLiteral("100"), QStringLiteral("9")};
 }

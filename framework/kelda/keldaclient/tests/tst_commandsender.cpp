@@ -27,8 +27,8 @@ QByteArray EmptyReply(QLatin1String element)
 {
     const QByteArray name(element.data(), element.size());
     return "<s:Envelope xmlns:s=\"http://www.w3.org/2003/05/soap-envelope\"><s:Header><s:Version>1.0</s:Version>"
-           "<s:RequestId>r-1</s:RequestId></s:Header><s:Body><m:"
-        + name + " xmlns:m=\"http://kelda.archive/8SP/KELDA\"/></s:Body></s:Envelope>";
+           "<s:RequestId>r-1</s:RequestId></s:Header><s:Body><m:" +
+        name + " xmlns:m=\"http://kelda.archive/8SP/KELDA\"/></s:Body></s:Envelope>";
 }
 
 } // namespace
@@ -120,17 +120,16 @@ void CommandSenderTest::sendTraces_data()
     QTest::newRow("GetFileList") << Send([](CommandSender &s) { return s.GetFileList(kGuid); }) << none;
     QTest::newRow("QueryFileGroups") << Send([](CommandSender &s) { return s.QueryFileGroups(FileQuery()); }) << none;
     QTest::newRow("GetBasePath") << Send([](CommandSender &s) { return s.GetBasePath(); }) << none;
-    QTest::newRow("ExportArchive") << Send([](CommandSender &s) { return s.ExportArchive({kGuid}, T("/x")); })
-                                   << none;
+    QTest::newRow("ExportArchive") << Send([](CommandSender &s) { return s.ExportArchive({kGuid}, T("/x")); }) << none;
     QTest::newRow("ImportArchive") << Send([](CommandSender &s) { return s.ImportArchive({T("/x")}); }) << none;
-    QTest::newRow("RegisterConverter")
-        << Send([](CommandSender &s) { return s.RegisterConverter(T("c"), {FT_Image}); }) << none;
+    QTest::newRow("RegisterConverter") << Send([](CommandSender &s) { return s.RegisterConverter(T("c"), {FT_Image}); })
+                                       << none;
     QTest::newRow("ConvertFileGroupReply")
         << Send([](CommandSender &s) { return s.ConvertFileGroupReply(kGuid, 0, QString()); }) << none;
     QTest::newRow("QueryLocationStateProgress")
         << Send([](CommandSender &s) { return s.QueryLocationStateProgress(kGuid); }) << none;
-    QTest::newRow("CheckFileGroupExists") << Send([](CommandSender &s) { return s.CheckFileGroupExists(kGuid); })
-                                          << none;
+    QTest::newRow("CheckFileGroupExists")
+        << Send([](CommandSender &s) { return s.CheckFileGroupExists(kGuid); }) << none;
     QTest::newRow("GetRemoteStorageLocation")
         << Send([](CommandSender &s) { return s.GetRemoteStorageLocation(kGuid, 1); }) << none;
 }

@@ -26,8 +26,9 @@ const int kWaitMs = 10000;
 // The text of a request's element; for a range, of its bound ("Min"/"Max").
 QString requestField(const QByteArray &document, const QString &element, const QString &bound = QString())
 {
-    const QString pattern = bound.isEmpty() ? QStringLiteral("<m:%1>([^<]*)<").arg(element)
-                                            : QStringLiteral("<m:%1>(?:(?!</m:%1>).)*<m:%2>([^<]*)<").arg(element, bound);
+    const QString pattern = bound.isEmpty()
+        ? QStringLiteral("<m:%1>([^<]*)<").arg(element)
+        : QStringLiteral("<m:%1>(?:(?!</m:%1>).)*<m:%2>([^<]*)<").arg(element, bound);
     return QRegularExpression(pattern).match(QString::fromUtf8(document)).captured(1);
 }
 
@@ -119,8 +120,8 @@ void FileSelectDialogTest::cleanupTestCase()
 void FileSelectDialogTest::init()
 {
     m_peer->setReplyChildren(QStringLiteral("QueryFileGroups"),
-                             GroupTable::queryReply({{QStringLiteral("first"), kGuidA},
-                                                     {QStringLiteral("second"), kGuidB}}));
+                             GroupTable::queryReply(
+                                 {{QStringLiteral("first"), kGuidA}, {QStringLiteral("second"), kGuidB}}));
     m_peer->setReplyChildren(QStringLiteral("GetFileList"),
                              GroupTable::fileListReply({{4, QStringLiteral("a.bin")}, {9, QStringLiteral("b.bin")}}));
 }
@@ -153,8 +154,8 @@ void FileSelectDialogTest::quickQuery()
     const QByteArray sent = m_peer->requests(QStringLiteral("QueryFileGroups")).last().document;
     QCOMPARE(requestField(sent, QStringLiteral("LocationState")), QStringLiteral("2"));
     QCOMPARE(requestField(sent, QStringLiteral("FileType")), fileType);
-    const QString other = range == QLatin1String("CreationTime") ? QStringLiteral("ModificationTime")
-                                                                 : QStringLiteral("CreationTime");
+    const QString other =
+        range == QLatin1String("CreationTime") ? QStringLiteral("ModificationTime") : QStringLiteral("CreationTime");
     QVERIFY(!requestField(sent, range, QStringLiteral("Min")).isEmpty());
     QVERIFY(!requestField(sent, range, QStringLiteral("Max")).isEmpty());
     QVERIFY(requestField(sent, other, QStringLiteral("Min")).isEmpty());
@@ -167,8 +168,7 @@ void FileSelectDialogTest::selectedFile_data()
     QTest::addColumn<QList<bool>>("okEnabled");
     QTest::addColumn<QUrl>("url");
 
-    QTest::newRow("group row only: cancel")
-        << -1 << QList<bool>{false} << KeldaUrl::fromKeldaIds(QString(), 0);
+    QTest::newRow("group row only: cancel") << -1 << QList<bool>{false} << KeldaUrl::fromKeldaIds(QString(), 0);
     // The second file, id 9, comes back as stored: plus 1.
     QTest::newRow("file row") << 1 << QList<bool>{false, true} << KeldaUrl::fromKeldaIds(kGuidB, 10);
 }
@@ -197,9 +197,10 @@ void FileSelectDialogTest::selectedFile()
     QCOMPARE(m_client->GetSelectedFile(nullptr, QStringLiteral("Pick"), chosen), okEnabled.size() == 2);
     QCOMPARE(enabled, okEnabled);
     QCOMPARE(QUrl(chosen), url);
-    QCOMPARE(shownHeaders, (QStringList{QStringLiteral("File type"), QStringLiteral("Backup time"),
-                                        QStringLiteral("Modification time"), QStringLiteral("Creator"),
-                                        QStringLiteral("Detail"), QStringLiteral("Team")}));
+    QCOMPARE(shownHeaders,
+             (QStringList{QStringLiteral("File type"), QStringLiteral("Backup time"),
+                          QStringLiteral("Modification time"), QStringLiteral("Creator"), QStringLiteral("Detail"),
+                          QStringLiteral("Team")}));
 }
 
 void FileSelectDialogTest::keyboardMoves_data()
@@ -210,8 +211,7 @@ void FileSelectDialogTest::keyboardMoves_data()
     QTest::addColumn<QUrl>("url");
 
     // A start row of -1 is the group itself; its files are 4 and 9, stored plus 1.
-    QTest::newRow("file, up to its group")
-        << 0 << int(Qt::Key_Up) << false << KeldaUrl::fromKeldaIds(QString(), 0);
+    QTest::newRow("file, up to its group") << 0 << int(Qt::Key_Up) << false << KeldaUrl::fromKeldaIds(QString(), 0);
     QTest::newRow("group, down to a file") << -1 << int(Qt::Key_Down) << true << KeldaUrl::fromKeldaIds(kGuidB, 5);
     QTest::newRow("file, down to the next") << 0 << int(Qt::Key_Down) << true << KeldaUrl::fromKeldaIds(kGuidB, 10);
 }

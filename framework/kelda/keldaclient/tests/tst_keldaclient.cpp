@@ -117,11 +117,10 @@ void KeldaClientTest::init()
         m_traces.clear();
     }
     ErrorHandler::Instance()->SetLevel(ErrorHandler::Failure);
-    ErrorHandler::Instance()->SetTraceHook(
-        [this](const QString &text, const char *, int) {
-            const std::lock_guard<std::mutex> lock(m_tracesMutex);
-            m_traces.append(text);
-        });
+    ErrorHandler::Instance()->SetTraceHook([this](const QString &text, const char *, int) {
+        const std::lock_guard<std::mutex> lock(m_tracesMutex);
+        m_traces.append(text);
+    });
     m_peer = new ScriptedPeer;
     m_peer->setBasePath(m_basePath.path());
     m_client = new KeldaClient(QStringLiteral("127.0.0.1"), m_peer->port(), QStringLiteral("app"),
@@ -224,33 +223,38 @@ void KeldaClientTest::blockingOperations_data()
     QTest::addColumn<QVariant>("expected");
 
     auto add = [](const char *name, const QString &command, const QString &children, BlockingCall call,
-                  const QVariant &expected) {
-        QTest::newRow(name) << command << children << call << expected;
-    };
+                  const QVariant &expected) { QTest::newRow(name) << command << children << call << expected; };
     auto create = [](KeldaClient &c) {
         QString localPath;
         return QVariant(c.CreateFileGroup(QStringLiteral("1.0"), QDateTime::currentDateTime(), QString(), QString(),
                                           FT_Image, 0, QStringLiteral("grp"), localPath, kGuid));
     };
-    add("RequestFile", QStringLiteral("RequestFile"), QStringLiteral("<m:Path>/a/b.bin</m:Path>"),
+    add(
+        "RequestFile", QStringLiteral("RequestFile"), QStringLiteral("<m:Path>/a/b.bin</m:Path>"),
         [](KeldaClient &c) { return QVariant(c.RequestFile(3, kGuid, LOCK_Read)); }, QStringLiteral("/a/b.bin"));
-    add("AddFile", QStringLiteral("AddFile"), QStringLiteral("<m:FileId>17</m:FileId>"),
+    add(
+        "AddFile", QStringLiteral("AddFile"), QStringLiteral("<m:FileId>17</m:FileId>"),
         [](KeldaClient &c) { return QVariant(c.AddFile(QStringLiteral("/x/a.bin"), kGuid)); }, 17u);
-    add("AddFile refused", QStringLiteral("AddFile"), QStringLiteral("<m:FileId>17</m:FileId><m:Error>26</m:Error>"),
+    add(
+        "AddFile refused", QStringLiteral("AddFile"), QStringLiteral("<m:FileId>17</m:FileId><m:Error>26</m:Error>"),
         [](KeldaClient &c) { return QVariant(c.AddFile(QStringLiteral("/x/a.bin"), kGuid)); }, 0u);
-    add("GetUserList", QStringLiteral("GetUserList"),
+    add(
+        "GetUserList", QStringLiteral("GetUserList"),
         QStringLiteral("<m:Users><m:User>ann</m:User><m:User>bob</m:User></m:Users>"),
         [](KeldaClient &c) { return QVariant(c.GetUserList()); },
         QStringList{QStringLiteral("ann"), QStringLiteral("bob")});
-    add("GetApplicationList", QStringLiteral("GetApplicationList"),
+    add(
+        "GetApplicationList", QStringLiteral("GetApplicationList"),
         QStringLiteral("<m:Applications><m:Application>viewer</m:Application></m:Applications>"),
         [](KeldaClient &c) { return QVariant(c.GetApplicationList()); }, QStringList{QStringLiteral("viewer")});
-    add("GetFileList", QStringLiteral("GetFileList"),
+    add(
+        "GetFileList", QStringLiteral("GetFileList"),
         QStringLiteral("<m:Files><m:File><m:FileId>1</m:FileId><m:FileName>a</m:FileName></m:File></m:Files>"),
         [](KeldaClient &c) { return QVariant(c.GetFileList(kGuid)); },
         QStringList{QStringLiteral("1"), QStringLiteral("a")});
     // Column count, table size, then name, creator and Guid of the one group.
-    add("QueryFiles", QStringLiteral("QueryFileGroups"), QString::fromLatin1(kFileGroupChildren),
+    add(
+        "QueryFiles", QStringLiteral("QueryFileGroups"), QString::fromLatin1(kFileGroupChildren),
         [](KeldaClient &c) {
             unsigned int count = 0;
             const QStringList table = c.QueryFiles(FileQuery(), count);
@@ -259,8 +263,8 @@ void KeldaClientTest::blockingOperations_data()
         },
         QStringList{QStringLiteral("16"), QStringLiteral("32"), QStringLiteral("scan"), QStringLiteral("ann"),
                     QStringLiteral("g-1")});
-    add("CreateFileGroup", QStringLiteral("CreateFileGroup"), QStringLiteral("<m:Guid>%1</m:Guid>").arg(kGuid),
-        create, kGuid);
+    add("CreateFileGroup", QStringLiteral("CreateFileGroup"), QStringLiteral("<m:Guid>%1</m:Guid>").arg(kGuid), create,
+        kGuid);
     add("CreateFileGroup refused", QStringLiteral("CreateFileGroup"), QStringLiteral("<m:Error>36</m:Error>"), create,
         QString());
 }
@@ -321,7 +325,8 @@ void KeldaClientTest::asyncOperations_data()
             return guid == kGuid ? sentRequestId(QStringLiteral("CreateTovinFileGroup")) : QString();
         },
         SIGNAL(CreateTovinFileGroupSg(QString, QString, int, QString)), {kGuid, 0, QString()});
-    add(QStringLiteral("CloseFile"), ok, sent(QStringLiteral("CloseFile"), [](KeldaClient &c) { c.CloseFile(5, kGuid); }),
+    add(QStringLiteral("CloseFile"), ok,
+        sent(QStringLiteral("CloseFile"), [](KeldaClient &c) { c.CloseFile(5, kGuid); }),
         SIGNAL(CloseFileSg(QString, int, QString)), status);
     add(QStringLiteral("AddReference"), ok,
         sent(QStringLiteral("AddReference"), [](KeldaClient &c) { c.AddReference(kGuid); }),
@@ -332,16 +337,21 @@ void KeldaClientTest::asyncOperations_data()
     add(QStringLiteral("RemoveAllReferences"), ok,
         sent(QStringLiteral("RemoveAllReferences"), [](KeldaClient &c) { c.RemoveAllReferences(kGuid); }),
         SIGNAL(RemoveAllReferenceSg(QString, int, QString)), status);
-    add(QStringLiteral("DeleteFile"), ok, [](KeldaClient &c) { return c.DeleteFileName(3, kGuid); },
+    add(
+        QStringLiteral("DeleteFile"), ok, [](KeldaClient &c) { return c.DeleteFileName(3, kGuid); },
         SIGNAL(DeleteFileNameSg(QString, int, QString)), status);
-    add(QStringLiteral("MoveToNas"), ok, [](KeldaClient &c) { return c.MoveToNas(kGuid); },
+    add(
+        QStringLiteral("MoveToNas"), ok, [](KeldaClient &c) { return c.MoveToNas(kGuid); },
         SIGNAL(MoveToNasSg(QString, int, QString)), status);
-    add(QStringLiteral("DeleteFileGroup"), ok, [](KeldaClient &c) { return c.DeleteFileGroupAsync(kGuid); },
+    add(
+        QStringLiteral("DeleteFileGroup"), ok, [](KeldaClient &c) { return c.DeleteFileGroupAsync(kGuid); },
         SIGNAL(deleteFileGroupSg(QString, int, QString)), status);
-    add(QStringLiteral("ExportArchive"), ok,
+    add(
+        QStringLiteral("ExportArchive"), ok,
         [](KeldaClient &c) { return c.ExportArchiveAsync({kGuid}, QStringLiteral("/arch")); },
         SIGNAL(exportArchiveSg(QString, int, QString)), status);
-    add(QStringLiteral("ImportArchive"), ok,
+    add(
+        QStringLiteral("ImportArchive"), ok,
         [](KeldaClient &c) { return c.ImportArchiveAsync({QStringLiteral("/arch")}); },
         SIGNAL(importArchiveSg(QString, int, QString)), status);
     add(QStringLiteral("GetUserList"), QStringLiteral("<m:Users><m:User>ann</m:User></m:Users>"),
@@ -374,7 +384,8 @@ void KeldaClientTest::asyncOperations_data()
     add(QStringLiteral("QueryMetaData"), QStringLiteral("<m:Guid>g-1</m:Guid><m:FileGroupName>scan</m:FileGroupName>"),
         [](KeldaClient &c) { return c.QueryMetaDataAsync(kGuid, QStringLiteral("app")); },
         SIGNAL(QueryMetaDataSg(QString, Kelda::FileGroupData, int, QString)),
-        {QVariant::fromValue(metaData), 0, QStringLiteral("the filegroup meta data request returned the error: No error")});
+        {QVariant::fromValue(metaData), 0,
+         QStringLiteral("the filegroup meta data request returned the error: No error")});
     add(QStringLiteral("QueryLocationStateProgress"),
         QStringLiteral("<m:LocationState>2</m:LocationState><m:CopyProgress>0.5</m:CopyProgress>"),
         [](KeldaClient &c) { return c.QueryLocationStateProgress(kGuid); },
@@ -473,33 +484,43 @@ void KeldaClientTest::requestFields_data()
     add("lock identity of RequestFile", requestFile, "RequestFile", "UserName", lockIdentity);
     add("lock identity of CloseFile", closeFile, "CloseFile", "UserName", lockIdentity);
     add("CloseFile closes by lock identity", closeFile, "CloseFile", "FileId", QStringLiteral("-1"));
-    add("application of AddReference", [](KeldaClient &c) { c.AddReference(kGuid); }, "AddReference", "Application",
+    add(
+        "application of AddReference", [](KeldaClient &c) { c.AddReference(kGuid); }, "AddReference", "Application",
         QStringLiteral("app"));
-    add("user of MoveToNas", [](KeldaClient &c) { c.MoveToNasSync(kGuid); }, "MoveToNas", "UserName",
+    add(
+        "user of MoveToNas", [](KeldaClient &c) { c.MoveToNasSync(kGuid); }, "MoveToNas", "UserName",
         QStringLiteral("user"));
     add("team of CreateFileGroup", create, "CreateFileGroup", "TeamMembership", QStringLiteral("team"));
     add("user of CreateFileGroup", create, "CreateFileGroup", "UserName", QStringLiteral("user"));
-    add("identity set later",
+    add(
+        "identity set later",
         [](KeldaClient &c) {
             c.SetUser(QStringLiteral("eve"));
             c.SetApplication(QStringLiteral("tool"));
             c.RequestFile(1, kGuid, LOCK_Read);
         },
         "RequestFile", "UserName", QStringLiteral("127.0.0.1|tool|eve"));
-    add("group URL requests the first file",
+    add(
+        "group URL requests the first file",
         [](KeldaClient &c) { c.RequestFile(KeldaUrl(KeldaUrl::fromKeldaGuid(kGuid)), LOCK_Read); }, "RequestFile",
         "FileId", QStringLiteral("1"));
-    add("file URL", [](KeldaClient &c) { c.RequestFile(KeldaUrl(KeldaUrl::fromKeldaIds(kGuid, 7)), LOCK_Read); },
+    add(
+        "file URL", [](KeldaClient &c) { c.RequestFile(KeldaUrl(KeldaUrl::fromKeldaIds(kGuid, 7)), LOCK_Read); },
         "RequestFile", "FileId", QStringLiteral("7"));
-    add("write lock", [](KeldaClient &c) { c.RequestFile(1, kGuid, LOCK_Write); }, "RequestFile", "WriteLock",
+    add(
+        "write lock", [](KeldaClient &c) { c.RequestFile(1, kGuid, LOCK_Write); }, "RequestFile", "WriteLock",
         QStringLiteral("true"));
-    add("free is no write lock", [](KeldaClient &c) { c.RequestFile(1, kGuid, LOCK_Free); }, "RequestFile",
-        "WriteLock", QStringLiteral("false"));
-    add("AddFile sends the file name", [](KeldaClient &c) { c.AddFile(QStringLiteral("/data/run/a.bin"), kGuid); },
+    add(
+        "free is no write lock", [](KeldaClient &c) { c.RequestFile(1, kGuid, LOCK_Free); }, "RequestFile", "WriteLock",
+        QStringLiteral("false"));
+    add(
+        "AddFile sends the file name", [](KeldaClient &c) { c.AddFile(QStringLiteral("/data/run/a.bin"), kGuid); },
         "AddFile", "FileName", QStringLiteral("a.bin"));
-    add("AddFile without separator", [](KeldaClient &c) { c.AddFile(QStringLiteral("a.bin"), kGuid); }, "AddFile",
+    add(
+        "AddFile without separator", [](KeldaClient &c) { c.AddFile(QStringLiteral("a.bin"), kGuid); }, "AddFile",
         "FileName", QStringLiteral("a.bin"));
-    add("AddFile asks for a new id", [](KeldaClient &c) { c.AddFile(QStringLiteral("a.bin"), kGuid); }, "AddFile",
+    add(
+        "AddFile asks for a new id", [](KeldaClient &c) { c.AddFile(QStringLiteral("a.bin"), kGuid); }, "AddFile",
         "FileId", QStringLiteral("0"));
 }
 
@@ -545,8 +566,7 @@ void KeldaClientTest::isValidUrl_data()
     QTest::newRow("held file") << KeldaUrl::fromKeldaIds(kGuid, 2) << files << true;
     QTest::newRow("file not held") << KeldaUrl::fromKeldaIds(kGuid, 5) << files << false;
     QTest::newRow("group only") << KeldaUrl::fromKeldaGuid(kGuid) << files << true;
-    QTest::newRow("server error") << KeldaUrl::fromKeldaGuid(kGuid) << QStringLiteral("<m:Error>2</m:Error>")
-                                  << false;
+    QTest::newRow("server error") << KeldaUrl::fromKeldaGuid(kGuid) << QStringLiteral("<m:Error>2</m:Error>") << false;
 }
 
 void KeldaClientTest::isValidUrl()
@@ -595,9 +615,7 @@ void KeldaClientTest::malformedReplyLosesOnlyItself()
     QVERIFY(broken != good);
     const QString prefix = QStringLiteral("CommandSender::HandleXmlError: XML parse error from 127.0.0.1 :");
     const QStringList seen = traces();
-    QCOMPARE(std::count_if(seen.cbegin(), seen.cend(),
-                           [&](const QString &t) { return t.startsWith(prefix); }),
-             1);
+    QCOMPARE(std::count_if(seen.cbegin(), seen.cend(), [&](const QString &t) { return t.startsWith(prefix); }), 1);
     // The connection survives the broken reply.
     QCOMPARE(m_client->GetUserList(), QStringList{QStringLiteral("ann")});
 }
@@ -655,8 +673,8 @@ void KeldaClientTest::destructionDoesNotWaitForAHungSender()
     auto releasedInTime = std::make_shared<std::atomic<int>>(-1);
     auto hungThread = std::make_shared<std::atomic<QThread *>>(nullptr);
     ErrorHandler::Instance()->SetTraceHook([=](const QString &text, const char *, int) {
-        if (QThread::currentThread()->objectName() == QLatin1String("commandSenderThread")
-            && text.startsWith(QLatin1String("CommandSender::HandleXmlError"))) {
+        if (QThread::currentThread()->objectName() == QLatin1String("commandSenderThread") &&
+            text.startsWith(QLatin1String("CommandSender::HandleXmlError"))) {
             *hungThread = QThread::currentThread();
             *releasedInTime = release->tryAcquire(1, kSignalWaitMs) ? 1 : 0;
         }

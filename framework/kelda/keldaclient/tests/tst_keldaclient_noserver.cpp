@@ -48,8 +48,7 @@ void NoServerTest::initTestCase()
     file.close();
     qputenv("KELDA_CONFIG_FILE", QFile::encodeName(ini));
     ErrorHandler::Instance()->SetLevel(ErrorHandler::Failure | ErrorHandler::Detail);
-    ErrorHandler::Instance()->SetTraceHook(
-        [this](const QString &text, const char *, int) { m_traces.append(text); });
+    ErrorHandler::Instance()->SetTraceHook([this](const QString &text, const char *, int) { m_traces.append(text); });
 }
 
 void NoServerTest::cleanupTestCase()

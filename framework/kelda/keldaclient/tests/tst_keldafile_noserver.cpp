@@ -38,8 +38,7 @@ void KeldaFileNoServerTest::initTestCase()
     QVERIFY(m_dir.isValid());
     QVERIFY(!KeldaClient::IsKeldaAvailable());
     ErrorHandler::Instance()->SetLevel(ErrorHandler::Failure);
-    ErrorHandler::Instance()->SetTraceHook(
-        [this](const QString &text, const char *, int) { m_traces.append(text); });
+    ErrorHandler::Instance()->SetTraceHook([this](const QString &text, const char *, int) { m_traces.append(text); });
 }
 
 void KeldaFileNoServerTest::behavesAsALocalFile_data()
@@ -51,7 +50,8 @@ void KeldaFileNoServerTest::behavesAsALocalFile_data()
     });
     QTest::newRow("open-existing") << MakeFile(
         [](KeldaClient *client, const QString &name) { return new KeldaFile(client, name, 5); });
-    QTest::newRow("no client") << MakeFile([](KeldaClient *, const QString &name) { return new KeldaFile(nullptr, name, 5); });
+    QTest::newRow("no client") << MakeFile(
+        [](KeldaClient *, const QString &name) { return new KeldaFile(nullptr, name, 5); });
 }
 
 void KeldaFileNoServerTest::behavesAsALocalFile()

@@ -35,12 +35,14 @@ void KeldaSaveAsDlgTest::freshForm()
 
     const auto *form = dialog.findChild<QFormLayout *>(QStringLiteral("formLayout"));
     QVERIFY(form);
-    const QStringList labels{QStringLiteral("File Type"), QStringLiteral("File Group Name"), QStringLiteral("File Name"),
-                             QStringLiteral("Version"), QStringLiteral("Life cycle"), QStringLiteral("Comment"),
+    const QStringList labels{QStringLiteral("File Type"),  QStringLiteral("File Group Name"),
+                             QStringLiteral("File Name"),  QStringLiteral("Version"),
+                             QStringLiteral("Life cycle"), QStringLiteral("Comment"),
                              QStringLiteral("Detail")};
-    const QStringList fields{QStringLiteral("typeCombo"), QStringLiteral("groupEdit"), QStringLiteral("nameEdit"),
-                             QStringLiteral("versionEdit"), QStringLiteral("endOfLifeEdit"),
-                             QStringLiteral("commentEdit"), QStringLiteral("detailEdit")};
+    const QStringList fields{QStringLiteral("typeCombo"),     QStringLiteral("groupEdit"),
+                             QStringLiteral("nameEdit"),      QStringLiteral("versionEdit"),
+                             QStringLiteral("endOfLifeEdit"), QStringLiteral("commentEdit"),
+                             QStringLiteral("detailEdit")};
     QCOMPARE(form->rowCount(), labels.size());
     for (int row = 0; row < form->rowCount(); ++row) {
         QCOMPARE(qobject_cast<QLabel *>(form->itemAt(row, QFormLayout::LabelRole)->widget())->text(), labels.at(row));

@@ -16,7 +16,9 @@ namespace {
 QStringList describe(const FileQuery &query)
 {
     const auto range = [](const char *name, const QDateTime &min, const QDateTime &max) {
-        const auto text = [](const QDateTime &t) { return t.isNull() ? QStringLiteral("-") : t.toUTC().toString(Qt::ISODate); };
+        const auto text = [](const QDateTime &t) {
+            return t.isNull() ? QStringLiteral("-") : t.toUTC().toString(Qt::ISODate);
+        };
         return QStringLiteral("%1 %2 %3").arg(QLatin1String(name), text(min), text(max));
     };
     QStringList types;
@@ -39,9 +41,9 @@ QStringList describe(const FileQuery &query)
 void setRanges(FileQuery &query, bool set = true)
 {
     int day = 0;
-    for (auto setter : {&FileQuery::SetCreationTimeMin, &FileQuery::SetCreationTimeMax,
-                        &FileQuery::SetModificationTimeMin, &FileQuery::SetModificationTimeMax,
-                        &FileQuery::SetLifeCycleTimeMin, &FileQuery::SetLifeCycleTimeMax}) {
+    for (auto setter :
+         {&FileQuery::SetCreationTimeMin, &FileQuery::SetCreationTimeMax, &FileQuery::SetModificationTimeMin,
+          &FileQuery::SetModificationTimeMax, &FileQuery::SetLifeCycleTimeMin, &FileQuery::SetLifeCycleTimeMax}) {
         ++day;
         (query.*setter)(set ? QDateTime(QDate(2026, 3, day), QTime(7 + day, 30)) : QDateTime());
     }

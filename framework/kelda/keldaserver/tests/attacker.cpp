@@ -19,8 +19,7 @@ constexpr int SliceMs = 50;
 Attacker::Attacker(quint16 port, const QByteArray &bindAddress)
     : m_port(port)
     , m_bindAddress(bindAddress)
-{
-}
+{ }
 
 Attacker::~Attacker()
 {
@@ -66,8 +65,8 @@ bool Attacker::connectNow()
     inet_pton(AF_INET, "127.0.0.1", &server.sin_addr);
     const timeval slice{0, SliceMs * 1000};
     setsockopt(m_fd, SOL_SOCKET, SO_SNDTIMEO, &slice, sizeof slice);
-    return ::bind(m_fd, reinterpret_cast<sockaddr *>(&local), sizeof local) == 0
-        && ::connect(m_fd, reinterpret_cast<sockaddr *>(&server), sizeof server) == 0;
+    return ::bind(m_fd, reinterpret_cast<sockaddr *>(&local), sizeof local) == 0 &&
+        ::connect(m_fd, reinterpret_cast<sockaddr *>(&server), sizeof server) == 0;
 }
 
 bool Attacker::sendAll(const QByteArray &bytes)

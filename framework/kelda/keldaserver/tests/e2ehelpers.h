@@ -25,8 +25,8 @@ QByteArray readFile(const QString &path);
 // Creates a group and adds one file with this content through the blocking
 // calls; returns the GUID (empty on failure) and the file id.
 QString createGroupWithFile(Kelda::KeldaClient &client, const QString &name, Kelda::FileType type,
-                            const QByteArray &content, unsigned int *fileId,
-                            const QString &comment = QString(), const QDateTime &lifeCycle = QDateTime());
+                            const QByteArray &content, unsigned int *fileId, const QString &comment = QString(),
+                            const QDateTime &lifeCycle = QDateTime());
 
 // The arguments of the emission whose first argument is requestId.
 QVariantList waitForRequest(QSignalSpy &spy, const QString &requestId);

@@ -89,7 +89,7 @@ bool PostgresCluster::run(const QString &program, const QStringList &arguments, 
     process.setWorkingDirectory(m_folder ? m_folder->path() : QDir::tempPath());
     if (runsAsRoot())
         process.start(QStringLiteral("runuser"),
-            QStringList{QStringLiteral("-u"), kSystemUser, QStringLiteral("--"), program} + arguments);
+                      QStringList{QStringLiteral("-u"), kSystemUser, QStringLiteral("--"), program} + arguments);
     else
         process.start(program, arguments);
     const bool finished = process.waitForStarted(timeoutMs) && process.waitForFinished(timeoutMs);
@@ -124,19 +124,19 @@ bool PostgresCluster::start(QString *error)
         if (runsAsRoot()) {
             const passwd *user = ::getpwnam("postgres");
             if (!user || ::chown(QFile::encodeName(m_folder->path()).constData(), user->pw_uid, user->pw_gid) != 0) {
-                *error
-                    = QStringLiteral("Running as root, but cannot hand %1 to the user postgres").arg(m_folder->path());
+                *error =
+                    QStringLiteral("Running as root, but cannot hand %1 to the user postgres").arg(m_folder->path());
                 return false;
             }
         }
         m_dataDirectory = QDir(m_folder->path()).filePath(QStringLiteral("data"));
         m_socketDirectory = m_folder->path();
         if (!run(QDir(bin).filePath(QStringLiteral("initdb")),
-                {QStringLiteral("-D"), m_dataDirectory, QStringLiteral("-U"), QStringLiteral("postgres"),
-                    QStringLiteral("--auth-local=trust"), QStringLiteral("--auth-host=scram-sha-256"),
-                    QStringLiteral("-E"), QStringLiteral("UTF8"), QStringLiteral("--no-sync"),
-                    QStringLiteral("--no-instructions")},
-                error))
+                 {QStringLiteral("-D"), m_dataDirectory, QStringLiteral("-U"), QStringLiteral("postgres"),
+                  QStringLiteral("--auth-local=trust"), QStringLiteral("--auth-host=scram-sha-256"),
+                  QStringLiteral("-E"), QStringLiteral("UTF8"), QStringLiteral("--no-sync"),
+                  QStringLiteral("--no-instructions")},
+                 error))
             return false;
         m_port = freePort();
     }
@@ -144,10 +144,10 @@ bool PostgresCluster::start(QString *error)
                                 .arg(m_port)
                                 .arg(m_socketDirectory, m_durable ? QStringLiteral("on") : QStringLiteral("off"));
     if (!run(QDir(bin).filePath(QStringLiteral("pg_ctl")),
-            {QStringLiteral("start"), QStringLiteral("-D"), m_dataDirectory, QStringLiteral("-w"), QStringLiteral("-t"),
-                QString::number(Wait / 1000), QStringLiteral("-l"),
-                QDir(m_folder->path()).filePath(QStringLiteral("log")), QStringLiteral("-o"), options},
-            error))
+             {QStringLiteral("start"), QStringLiteral("-D"), m_dataDirectory, QStringLiteral("-w"),
+              QStringLiteral("-t"), QString::number(Wait / 1000), QStringLiteral("-l"),
+              QDir(m_folder->path()).filePath(QStringLiteral("log")), QStringLiteral("-o"), options},
+             error))
         return false;
     m_running = true;
     return superuserSql(QStringLiteral("DO $$ BEGIN IF NOT EXISTS (SELECT 1 FROM pg_roles WHERE rolname = '%1') THEN "
@@ -163,18 +163,19 @@ bool PostgresCluster::stop(QString *error)
         return true;
     m_running = false;
     return run(QDir(binDirectory()).filePath(QStringLiteral("pg_ctl")),
-        {QStringLiteral("stop"), QStringLiteral("-D"), m_dataDirectory, QStringLiteral("-m"), QStringLiteral("fast"),
-            QStringLiteral("-w"), QStringLiteral("-t"), QString::number(Wait / 1000)},
-        error);
+               {QStringLiteral("stop"), QStringLiteral("-D"), m_dataDirectory, QStringLiteral("-m"),
+                QStringLiteral("fast"), QStringLiteral("-w"), QStringLiteral("-t"), QString::number(Wait / 1000)},
+               error);
 }
 
 bool PostgresCluster::superuserSql(const QString &sql, QString *error)
 {
     return run(QDir(binDirectory()).filePath(QStringLiteral("psql")),
-        {QStringLiteral("-h"), m_socketDirectory, QStringLiteral("-p"), QString::number(m_port), QStringLiteral("-U"),
-            QStringLiteral("postgres"), QStringLiteral("-d"), QStringLiteral("postgres"), QStringLiteral("-v"),
-            QStringLiteral("ON_ERROR_STOP=1"), QStringLiteral("-q"), QStringLiteral("-c"), sql},
-        error);
+               {QStringLiteral("-h"), m_socketDirectory, QStringLiteral("-p"), QString::number(m_port),
+                QStringLiteral("-U"), QStringLiteral("postgres"), QStringLiteral("-d"), QStringLiteral("postgres"),
+                QStringLiteral("-v"), QStringLiteral("ON_ERROR_STOP=1"), QStringLiteral("-q"), QStringLiteral("-c"),
+                sql},
+               error);
 }
 
 bool PostgresCluster::createDatabase(const QString &name, QString *error)
@@ -190,8 +191,8 @@ bool PostgresCluster::createDatabase(const QString &name, QString *error)
 bool PostgresCluster::pgbench(const QString &database, const QStringList &arguments, QString *output, QString *error,
                               int timeoutMs)
 {
-    const QStringList connection{QStringLiteral("-h"), m_socketDirectory, QStringLiteral("-p"), QString::number(m_port),
-                                 QStringLiteral("-U"), QStringLiteral("postgres")};
+    const QStringList connection{QStringLiteral("-h"),    m_socketDirectory,    QStringLiteral("-p"),
+                                 QString::number(m_port), QStringLiteral("-U"), QStringLiteral("postgres")};
     return run(QDir(binDirectory()).filePath(QStringLiteral("pgbench")), connection + arguments + QStringList{database},
                error, timeoutMs, output);
 }

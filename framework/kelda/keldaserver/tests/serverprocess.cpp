@@ -21,8 +21,7 @@
 
 ServerProcess::ChildProcess::ChildProcess()
     : m_parentId(QCoreApplication::applicationPid())
-{
-}
+{ }
 
 // Runs in the child between fork and exec: async-signal-safe calls only.
 void ServerProcess::ChildProcess::setupChildProcess()
@@ -76,8 +75,8 @@ QString ServerProcess::postgresUrl(const QString &basePath, QString *error)
     PostgresCluster *cluster = PostgresCluster::shared(error);
     if (!cluster)
         return QString();
-    const QString name = QStringLiteral("kelda_")
-        + QString::fromLatin1(QCryptographicHash::hash(basePath.toUtf8(), QCryptographicHash::Sha1).toHex().left(16));
+    const QString name = QStringLiteral("kelda_") +
+        QString::fromLatin1(QCryptographicHash::hash(basePath.toUtf8(), QCryptographicHash::Sha1).toHex().left(16));
     return cluster->createDatabase(name, error) ? cluster->url(name) : QString();
 }
 

@@ -46,10 +46,10 @@ bool TestCertificates::run(const QStringList &arguments)
 
 bool TestCertificates::makeAuthority(const QString &name, const QString &commonName)
 {
-    return run(QStringList{QStringLiteral("req"), QStringLiteral("-x509")} + kKeyOptions
-               + QStringList{QStringLiteral("-keyout"), name + QStringLiteral(".key"), QStringLiteral("-out"),
-                             name + QStringLiteral(".pem"), QStringLiteral("-days"), QStringLiteral("2"),
-                             QStringLiteral("-subj"), QStringLiteral("/CN=") + commonName});
+    return run(QStringList{QStringLiteral("req"), QStringLiteral("-x509")} + kKeyOptions +
+               QStringList{QStringLiteral("-keyout"), name + QStringLiteral(".key"), QStringLiteral("-out"),
+                           name + QStringLiteral(".pem"), QStringLiteral("-days"), QStringLiteral("2"),
+                           QStringLiteral("-subj"), QStringLiteral("/CN=") + commonName});
 }
 
 bool TestCertificates::makeSigned(const QString &name, const QString &commonName, const QString &authority,
@@ -62,14 +62,15 @@ bool TestCertificates::makeSigned(const QString &name, const QString &commonName
         return false;
     }
     file.close();
-    return run(QStringList{QStringLiteral("req")} + kKeyOptions
-               + QStringList{QStringLiteral("-keyout"), name + QStringLiteral(".key"), QStringLiteral("-out"),
-                             name + QStringLiteral(".csr"), QStringLiteral("-subj"), QStringLiteral("/CN=") + commonName})
-        && run({QStringLiteral("x509"), QStringLiteral("-req"), QStringLiteral("-in"), name + QStringLiteral(".csr"),
-                QStringLiteral("-CA"), authority + QStringLiteral(".pem"), QStringLiteral("-CAkey"),
-                authority + QStringLiteral(".key"), QStringLiteral("-CAcreateserial"), QStringLiteral("-out"),
-                name + QStringLiteral(".pem"), QStringLiteral("-days"), QStringLiteral("2"),
-                QStringLiteral("-extfile"), extensionFile});
+    return run(QStringList{QStringLiteral("req")} + kKeyOptions +
+               QStringList{QStringLiteral("-keyout"), name + QStringLiteral(".key"), QStringLiteral("-out"),
+                           name + QStringLiteral(".csr"), QStringLiteral("-subj"),
+                           QStringLiteral("/CN=") + commonName}) &&
+        run({QStringLiteral("x509"), QStringLiteral("-req"), QStringLiteral("-in"), name + QStringLiteral(".csr"),
+             QStringLiteral("-CA"), authority + QStringLiteral(".pem"), QStringLiteral("-CAkey"),
+             authority + QStringLiteral(".key"), QStringLiteral("-CAcreateserial"), QStringLiteral("-out"),
+             name + QStringLiteral(".pem"), QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-extfile"),
+             extensionFile});
 }
 
 bool TestCertificates::create()
@@ -78,31 +79,32 @@ bool TestCertificates::create()
         m_error = QStringLiteral("No temporary folder");
         return false;
     }
-    return makeAuthority(QStringLiteral("ca"), QStringLiteral("Kelda Test Authority"))
-        && makeAuthority(QStringLiteral("foreign-ca"), QStringLiteral("Somebody Else"))
-        && makeSigned(QStringLiteral("server"), QStringLiteral("localhost"), QStringLiteral("ca"),
-                      QStringLiteral("basicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n"
-                                     "subjectAltName=IP:127.0.0.1,DNS:localhost\n"));
+    return makeAuthority(QStringLiteral("ca"), QStringLiteral("Kelda Test Authority")) &&
+        makeAuthority(QStringLiteral("foreign-ca"), QStringLiteral("Somebody Else")) &&
+        makeSigned(QStringLiteral("server"), QStringLiteral("localhost"), QStringLiteral("ca"),
+                   QStringLiteral("basicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n"
+                                  "subjectAltName=IP:127.0.0.1,DNS:localhost\n"));
 }
 
 QString TestCertificates::userFile(const QString &user, bool foreign)
 {
     // User names may hold anything; file names hold a digest of them.
-    return (foreign ? QStringLiteral("foreign-") : QStringLiteral("user-"))
-        + QString::fromLatin1(QCryptographicHash::hash(user.toUtf8(), QCryptographicHash::Sha1).toHex().left(16));
+    return (foreign ? QStringLiteral("foreign-") : QStringLiteral("user-")) +
+        QString::fromLatin1(QCryptographicHash::hash(user.toUtf8(), QCryptographicHash::Sha1).toHex().left(16));
 }
 
 QString TestCertificates::userCertificate(const QString &user, bool foreign)
 {
     const QString name = userFile(user, foreign);
-    if (!QFileInfo::exists(path(name + QStringLiteral(".pem")))
-        && !makeSigned(name, user, foreign ? QStringLiteral("foreign-ca") : QStringLiteral("ca"),
-                       QStringLiteral("basicConstraints=CA:FALSE\nextendedKeyUsage=clientAuth\n")))
+    if (!QFileInfo::exists(path(name + QStringLiteral(".pem"))) &&
+        !makeSigned(name, user, foreign ? QStringLiteral("foreign-ca") : QStringLiteral("ca"),
+                    QStringLiteral("basicConstraints=CA:FALSE\nextendedKeyUsage=clientAuth\n")))
         return QString();
     return path(name + QStringLiteral(".pem"));
 }
 
 QString TestCertificates::userKey(const QString &user, bool foreign)
 {
-    return userCertificate(user, foreign).isEmpty() ? QString() : path(userFile(user, foreign) + QStringLiteral(".key"));
+    return userCertificate(user, foreign).isEmpty() ? QString()
+                                                    : path(userFile(user, foreign) + QStringLiteral(".key"));
 }

@@ -62,16 +62,15 @@ void TestAccessRules::claims_data()
     QTest::newRow("someone else's name") << true << request(Tag::CreateFileGroup, QStringLiteral("bob"))
                                          << int(KE_NoWritePermission);
     QTest::newRow("no name") << true << request(Tag::MoveToNas, QString()) << int(KE_NoWritePermission);
-    QTest::newRow("own lock identity") << true << request(Tag::RequestFile, QStringLiteral("10.0.0.1|app|alice"))
-                                       << 0;
+    QTest::newRow("own lock identity") << true << request(Tag::RequestFile, QStringLiteral("10.0.0.1|app|alice")) << 0;
     QTest::newRow("forged read lock") << true << request(Tag::RequestFile, QStringLiteral("10.0.0.1|app|bob"))
                                       << int(KE_NoReadPermission);
     QTest::newRow("forged write lock") << true << request(Tag::RequestFile, QStringLiteral("10.0.0.1|app|bob"), true)
                                        << int(KE_NoWritePermission);
-    QTest::newRow("releasing another's lock") << true << request(Tag::CloseFile, QStringLiteral("10.0.0.2|app|bob"))
-                                              << int(KE_NoWritePermission);
-    QTest::newRow("a user part with bars") << true << request(Tag::CloseFile, QStringLiteral("a|b|alice|x"))
-                                           << int(KE_NoWritePermission);
+    QTest::newRow("releasing another's lock")
+        << true << request(Tag::CloseFile, QStringLiteral("10.0.0.2|app|bob")) << int(KE_NoWritePermission);
+    QTest::newRow("a user part with bars")
+        << true << request(Tag::CloseFile, QStringLiteral("a|b|alice|x")) << int(KE_NoWritePermission);
     QTest::newRow("a new group naming nobody") << true << unnamed(Tag::CreateFileGroup) << int(KE_NoWritePermission);
     QTest::newRow("a query naming someone") << true << request(Tag::QueryFileGroups, QStringLiteral("bob")) << 0;
     QTest::newRow("not identified") << false << request(Tag::CreateFileGroup, QStringLiteral("bob")) << 0;
@@ -90,7 +89,7 @@ void TestAccessRules::claims()
 void TestAccessRules::ownership_data()
 {
     QTest::addColumn<QString>("user");
-    QTest::addColumn<bool>("owner");     // may delete, move or export alice's group
+    QTest::addColumn<bool>("owner"); // may delete, move or export alice's group
     QTest::addColumn<bool>("importer");
     QTest::addColumn<bool>("converter");
     QTest::newRow("the creator") << QStringLiteral("alice") << true << false << false;

@@ -57,8 +57,8 @@ public:
         RequestOutcome outcome;
         RequestOrigin origin;
         if (DigestPool::readsFilesFor(command))
-            origin.readings = std::make_shared<const std::vector<FileReading>>(
-                DigestPool::read(m_store, m_layout, request, nullptr));
+            origin.readings =
+                std::make_shared<const std::vector<FileReading>>(DigestPool::read(m_store, m_layout, request, nullptr));
         if (ArchiveEngine::isReadOnly(command)) {
             m_engine.handle(request, origin, outcome);
             return ReplyFields::read(outcome.reply);
@@ -80,9 +80,8 @@ public:
             fields.insert(Tag::FileType, {QString::number(FT_Image)});
         const ReplyFields created = handle(Tag::CreateFileGroup, fields);
         m_paths.insert(guid, created.value(Tag::Path));
-        return created.error == KE_NoError && addFile(guid, QStringLiteral("f.bin"), 1).error == KE_NoError
-            ? guid
-            : QString();
+        return created.error == KE_NoError && addFile(guid, QStringLiteral("f.bin"), 1).error == KE_NoError ? guid
+                                                                                                            : QString();
     }
 
     ReplyFields addFile(const QString &guid, const QString &name, qint64 wantedId)
@@ -91,15 +90,17 @@ public:
         if (!file.open(QIODevice::WriteOnly) || file.write("data") != 4)
             return ReplyFields();
         file.close();
-        return handle(Tag::AddFile, {{Tag::Guid, {guid}}, {Tag::FileName, {name}},
-                                     {Tag::FileId, {QString::number(wantedId)}}});
+        return handle(Tag::AddFile,
+                      {{Tag::Guid, {guid}}, {Tag::FileName, {name}}, {Tag::FileId, {QString::number(wantedId)}}});
     }
 
     ReplyFields lock(const QString &guid, const QString &holder, bool write)
     {
-        return handle(Tag::RequestFile, {{Tag::Guid, {guid}}, {Tag::FileId, {QStringLiteral("1")}},
-                                         {Tag::UserName, {holder}},
-                                         {Tag::WriteLock, {write ? QStringLiteral("true") : QStringLiteral("false")}}});
+        return handle(Tag::RequestFile,
+                      {{Tag::Guid, {guid}},
+                       {Tag::FileId, {QStringLiteral("1")}},
+                       {Tag::UserName, {holder}},
+                       {Tag::WriteLock, {write ? QStringLiteral("true") : QStringLiteral("false")}}});
     }
 
     QStringList query(const Fields &criteria)
@@ -181,8 +182,8 @@ void TestArchiveEngine::initTestCase()
     QString error;
     PostgresCluster *cluster = PostgresCluster::binDirectory().isEmpty() ? nullptr : PostgresCluster::shared(&error);
     DatabaseLocation postgres;
-    if (cluster && cluster->createDatabase(QStringLiteral("engine"), &error)
-        && DatabaseLocation::parse(cluster->url(QStringLiteral("engine")), &postgres, &error))
+    if (cluster && cluster->createDatabase(QStringLiteral("engine"), &error) &&
+        DatabaseLocation::parse(cluster->url(QStringLiteral("engine")), &postgres, &error))
         m_queried[QStringLiteral("postgresql")] = std::make_unique<Archive>(postgres);
     else
         m_postgresMissing = cluster ? error : PostgresCluster::missingText();
@@ -243,7 +244,8 @@ void TestArchiveEngine::lockRules()
             reply = m_rules->handle(Tag::DeleteFile, {{Tag::Guid, {guid}}, {Tag::FileId, {QStringLiteral("1")}}});
         else
             reply = m_rules->handle(Tag::DeleteFileGroup, {{Tag::Guid, {guid}}});
-        QVERIFY2(reply.error == parts.at(2).toInt(), qPrintable(QStringLiteral("%1: error %2").arg(step).arg(reply.error)));
+        QVERIFY2(reply.error == parts.at(2).toInt(),
+                 qPrintable(QStringLiteral("%1: error %2").arg(step).arg(reply.error)));
     }
 }
 
@@ -273,8 +275,9 @@ void TestArchiveEngine::references()
     for (const QString &step : steps) {
         const QStringList parts = step.split(QLatin1Char(' '));
         const ReplyFields reply = m_rules->handle(commands.value(parts.at(0).at(0)),
-                                            {{Tag::Guid, {guid}}, {Tag::Application, {parts.at(0).mid(1)}}});
-        QVERIFY2(reply.error == parts.at(1).toInt(), qPrintable(QStringLiteral("%1: error %2").arg(step).arg(reply.error)));
+                                                  {{Tag::Guid, {guid}}, {Tag::Application, {parts.at(0).mid(1)}}});
+        QVERIFY2(reply.error == parts.at(1).toInt(),
+                 qPrintable(QStringLiteral("%1: error %2").arg(step).arg(reply.error)));
     }
     const ReplyFields meta = m_rules->handle(Tag::QueryMetaData, {{Tag::Guid, {guid}}});
     QCOMPARE(meta.value(Tag::ReferenceCounter).toInt(), counter);
@@ -307,7 +310,8 @@ void TestArchiveEngine::fileIds()
                      int(KE_NoError));
             continue;
         }
-        const ReplyFields reply = m_rules->addFile(guid, QStringLiteral("added%1.bin").arg(++added), parts.at(0).toLongLong());
+        const ReplyFields reply =
+            m_rules->addFile(guid, QStringLiteral("added%1.bin").arg(++added), parts.at(0).toLongLong());
         if (parts.at(1).startsWith(QLatin1Char('e')))
             QCOMPARE(reply.error, parts.at(1).mid(1).toInt());
         else
@@ -323,8 +327,9 @@ void TestArchiveEngine::refusedWhileMoving_data()
     const Fields fileOne{{Tag::FileId, {QStringLiteral("1")}}};
     QTest::newRow("delete file") << QString(Tag::DeleteFile) << fileOne;
     QTest::newRow("delete group") << QString(Tag::DeleteFileGroup) << Fields();
-    QTest::newRow("request file")
-        << QString(Tag::RequestFile) << Fields{{Tag::FileId, {QStringLiteral("1")}}, {Tag::UserName, {identity(QStringLiteral("A"))}}};
+    QTest::newRow("request file") << QString(Tag::RequestFile)
+                                  << Fields{{Tag::FileId, {QStringLiteral("1")}},
+                                            {Tag::UserName, {identity(QStringLiteral("A"))}}};
     QTest::newRow("add file") << QString(Tag::AddFile) << Fields{{Tag::FileName, {QStringLiteral("f.bin")}}};
     QTest::newRow("move again") << QString(Tag::MoveToNas) << Fields();
 }
@@ -338,7 +343,8 @@ void TestArchiveEngine::refusedWhileMoving()
     QCOMPARE(m_rules->handle(Tag::MoveToNas, {{Tag::Guid, {guid}}}).error, int(KE_NoError));
     fields.insert(Tag::Guid, {guid});
     QCOMPARE(m_rules->handle(command, fields).error, int(KE_InvalidLocationStateForCommand));
-    QVERIFY(m_rules->handle(Tag::CheckFileGroupExists, {{Tag::Guid, {guid}}}).value(Tag::Exists) == QLatin1String("true"));
+    QVERIFY(m_rules->handle(Tag::CheckFileGroupExists, {{Tag::Guid, {guid}}}).value(Tag::Exists) ==
+            QLatin1String("true"));
 }
 
 namespace {
@@ -390,10 +396,12 @@ void TestArchiveEngine::fillQueryArchive(Archive &archive)
     }
     QCOMPARE(archive.lock(guids.value(kBeta), QStringLiteral("10.0.0.3|editor|BOB"), true).error, int(KE_NoError));
     QCOMPARE(archive.lock(guids.value(kGamma), QStringLiteral("10.0.0.1|viewer|Alice"), false).error, int(KE_NoError));
-    for (const auto &reference : {std::make_pair(kBeta, QStringLiteral("Viewer")), std::make_pair(kBeta, QStringLiteral("Viewer")),
-                                  std::make_pair(kGamma, QStringLiteral("Converter_X"))})
-        QCOMPARE(archive.handle(Tag::AddReference, {{Tag::Guid, {guids.value(reference.first)}},
-                                                    {Tag::Application, {reference.second}}})
+    for (const auto &reference :
+         {std::make_pair(kBeta, QStringLiteral("Viewer")), std::make_pair(kBeta, QStringLiteral("Viewer")),
+          std::make_pair(kGamma, QStringLiteral("Converter_X"))})
+        QCOMPARE(archive
+                     .handle(Tag::AddReference,
+                             {{Tag::Guid, {guids.value(reference.first)}}, {Tag::Application, {reference.second}}})
                      .error,
                  int(KE_NoError));
     const std::optional<StoredGroup> gamma = archive.store().group(guids.value(kGamma));
@@ -477,8 +485,10 @@ void TestArchiveEngine::criteria_data()
     combined.insert(nestedKey(Tag::FileTypeList, Tag::FileType), {QString::number(FT_Image)});
     for (const QString &backend : {QStringLiteral("sqlite"), QStringLiteral("postgresql")}) {
         for (const auto &row : rows)
-            QTest::addRow("%s: %s", qPrintable(backend), std::get<0>(row)) << backend << std::get<1>(row) << std::get<2>(row);
-        QTest::addRow("%s: name, lock and type together", qPrintable(backend)) << backend << combined << QStringList{kGamma};
+            QTest::addRow("%s: %s", qPrintable(backend), std::get<0>(row))
+                << backend << std::get<1>(row) << std::get<2>(row);
+        QTest::addRow("%s: name, lock and type together", qPrintable(backend))
+            << backend << combined << QStringList{kGamma};
     }
 }
 
@@ -505,7 +515,8 @@ void TestArchiveEngine::indexFollowsChanges_data()
     QTest::newRow("new lock") << QString(Tag::RequestFile) << QString(Tag::LockUser) << true;
     QTest::newRow("closed lock") << QString(Tag::CloseFile) << QString(Tag::LockUser) << false;
     QTest::newRow("new reference") << QString(Tag::AddReference) << QString(Tag::ReferencingApplication) << true;
-    QTest::newRow("removed reference") << QString(Tag::RemoveAllReferences) << QString(Tag::ReferencingApplication) << false;
+    QTest::newRow("removed reference") << QString(Tag::RemoveAllReferences) << QString(Tag::ReferencingApplication)
+                                       << false;
 }
 
 void TestArchiveEngine::indexFollowsChanges()

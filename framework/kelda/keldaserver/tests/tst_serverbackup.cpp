@@ -121,7 +121,8 @@ void TestServerBackup::keepsWhatWasAnsweredBeforeTheBackup()
     QProcess backupTool;
     backupTool.setProcessChannelMode(QProcess::ForwardedChannels);
     backupTool.start(ServerProcess::programPath(),
-                     {QStringLiteral("backup"), QStringLiteral("--base-path"), archive, QStringLiteral("--to"), backup});
+                     {QStringLiteral("backup"), QStringLiteral("--base-path"), archive, QStringLiteral("--to"),
+                      backup});
     QVERIFY(backupTool.waitForStarted(Wait));
     std::vector<StoredGroup> meanwhile;
     QDeadlineTimer deadline(Wait);
@@ -190,8 +191,8 @@ void TestServerBackup::refusesDamagedBackups()
         QVERIFY(writeFile(target + QStringLiteral("/keldaserver.sqlite"), "in use"));
     }
 
-    QCOMPARE(runTool({QStringLiteral("restore"), QStringLiteral("--from"), backup, QStringLiteral("--base-path"),
-                      target}),
+    QCOMPARE(runTool(
+                 {QStringLiteral("restore"), QStringLiteral("--from"), backup, QStringLiteral("--base-path"), target}),
              exitCode);
     QDirIterator written(work.path(), QDir::Files, QDirIterator::Subdirectories);
     while (written.hasNext()) {

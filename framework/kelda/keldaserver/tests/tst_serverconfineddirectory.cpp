@@ -131,8 +131,8 @@ void TestServerConfinedDirectory::onlyRegularFilesAreRead()
     QVERIFY(socket.listen(root(QStringLiteral("socket"))));
 
     QString error;
-    const ConfinedDirectory directory
-        = ConfinedDirectory::open(folder, folder, ConfinedDirectory::Creation::Existing, &error);
+    const ConfinedDirectory directory =
+        ConfinedDirectory::open(folder, folder, ConfinedDirectory::Creation::Existing, &error);
     QVERIFY2(directory.isOpen(), qPrintable(error));
     QElapsedTimer timer;
     timer.start();
@@ -231,8 +231,13 @@ void TestServerConfinedDirectory::moveCarriesRegisteredFilesOnly()
     if (before == QLatin1String("link"))
         QVERIFY(QFile::link(outside(QStringLiteral("secret")), from + QStringLiteral("g")));
 
-    MoveOrder order{QStringLiteral("g"), from, to, {QStringLiteral("f"), QStringLiteral("g")},
-                    root(), outside(QStringLiteral("nas")), {}};
+    MoveOrder order{QStringLiteral("g"),
+                    from,
+                    to,
+                    {QStringLiteral("f"), QStringLiteral("g")},
+                    root(),
+                    outside(QStringLiteral("nas")),
+                    {}};
     // What AddFile recorded: the file as it is, or as it was before a bit
     // rotted behind the server's back.
     if (!recorded.isEmpty())
@@ -242,9 +247,10 @@ void TestServerConfinedDirectory::moveCarriesRegisteredFilesOnly()
     // carried stays where it went.
     const bool carriedBefore = before == QLatin1String("resumed");
     QCOMPARE(read(to + QStringLiteral("f")), moved || carriedBefore ? QByteArray("mine") : QByteArray("<missing>"));
-    QCOMPARE(read(to + QStringLiteral("g")), moved           ? QByteArray("second")
-                                             : carriedBefore ? QByteArray("se")
-                                                             : QByteArray("<missing>"));
+    QCOMPARE(read(to + QStringLiteral("g")),
+             moved               ? QByteArray("second")
+                 : carriedBefore ? QByteArray("se")
+                                 : QByteArray("<missing>"));
     QCOMPARE(QFileInfo::exists(from + QStringLiteral("f")), !moved && !carriedBefore);
     QVERIFY(!QFileInfo::exists(to + QStringLiteral("stranger")));
     QCOMPARE(read(from + QStringLiteral("stranger")), QByteArray("stays"));

@@ -63,10 +63,10 @@ private:
     std::unique_ptr<KeldaClient> m_client;
     QString m_victim;
     unsigned int m_victimFile = 0;
-    QString m_nested;      // in BASE/<m_outer>/<m_nested>
-    QString m_outer;       // no group yet
+    QString m_nested; // in BASE/<m_outer>/<m_nested>
+    QString m_outer; // no group yet
     QString m_outsideArchive; // the GUID described in the sentinel's archive
-    QString m_large;          // described in an oversized description
+    QString m_large; // described in an oversized description
     QMap<QString, QByteArray> m_before;
 };
 
@@ -130,20 +130,22 @@ QString TestServerConfinement::makeGroup(const QString &directoryPattern)
 {
     const QString guid = KeldaClient::CreateGuid();
     const QString directory = base(directoryPattern.arg(guid));
-    const bool made = errorOf(ask(Tag::CreateFileGroup, QStringLiteral("<m:Guid>%1</m:Guid><m:FileType>1</m:FileType>"
-                                                                       "<m:Path>%2</m:Path>").arg(guid, directory)))
-            == 0
-        && writeFile(directory + QStringLiteral("/data.bin"), guid.toUtf8())
-        && errorOf(ask(Tag::AddFile, QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>data.bin</m:FileName>"
-                                                    "<m:FileId>1</m:FileId>").arg(guid)))
-            == 0;
+    const bool made = errorOf(ask(Tag::CreateFileGroup,
+                                  QStringLiteral("<m:Guid>%1</m:Guid><m:FileType>1</m:FileType>"
+                                                 "<m:Path>%2</m:Path>")
+                                      .arg(guid, directory))) == 0 &&
+        writeFile(directory + QStringLiteral("/data.bin"), guid.toUtf8()) &&
+        errorOf(ask(Tag::AddFile,
+                    QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>data.bin</m:FileName>"
+                                   "<m:FileId>1</m:FileId>")
+                        .arg(guid))) == 0;
     return made ? guid : QString();
 }
 
 bool TestServerConfinement::requestable(const QString &guid)
 {
-    const QString children
-        = QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>1</m:FileId><m:UserName>checker</m:UserName>");
+    const QString children =
+        QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>1</m:FileId><m:UserName>checker</m:UserName>");
     const QByteArray reply = ask(Tag::RequestFile, children.arg(guid));
     const int from = reply.indexOf("<m:Path>") + 8;
     const QString path = QString::fromUtf8(reply.mid(from, reply.indexOf("</m:Path>") - from));
@@ -180,9 +182,10 @@ QMap<QString, QByteArray> TestServerConfinement::snapshot() const
                     QDirIterator::Subdirectories);
     while (it.hasNext()) {
         const QFileInfo info(it.next());
-        entries.insert(info.filePath(), QByteArray::number(info.size()) + ' '
-                           + QByteArray::number(info.lastModified().toMSecsSinceEpoch()) + ' '
-                           + QCryptographicHash::hash(readFile(info.filePath()), QCryptographicHash::Sha256).toHex());
+        entries.insert(info.filePath(),
+                       QByteArray::number(info.size()) + ' ' +
+                           QByteArray::number(info.lastModified().toMSecsSinceEpoch()) + ' ' +
+                           QCryptographicHash::hash(readFile(info.filePath()), QCryptographicHash::Sha256).toHex());
     }
     return entries;
 }
@@ -216,8 +219,10 @@ void TestServerConfinement::createPath()
         guid = KeldaClient::CreateGuid();
     path.replace(QLatin1String("%1"), guid);
     const bool existed = QFileInfo::exists(path);
-    QCOMPARE(errorOf(ask(Tag::CreateFileGroup, QStringLiteral("<m:Guid>%1</m:Guid><m:FileType>1</m:FileType>"
-                                                              "<m:Path>%2</m:Path>").arg(guid, path))),
+    QCOMPARE(errorOf(ask(Tag::CreateFileGroup,
+                         QStringLiteral("<m:Guid>%1</m:Guid><m:FileType>1</m:FileType>"
+                                        "<m:Path>%2</m:Path>")
+                             .arg(guid, path))),
              error);
     QCOMPARE(QFileInfo::exists(path), existed || error == KE_NoError);
     QCOMPARE(exists(guid), error == KE_NoError);
@@ -278,8 +283,10 @@ void TestServerConfinement::plantedLinks()
     const QString replaced = folderLink ? directory : directory + QStringLiteral("/data.bin");
     QVERIFY(folderLink ? QDir(directory).removeRecursively() : QFile::remove(replaced));
     QVERIFY(QFile::link(folderLink ? outside(QStringLiteral("bait")) : outside(QStringLiteral("secret")), replaced));
-    const QByteArray reply = ask(command, QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>1</m:FileId>"
-                                                         "<m:UserName>attacker</m:UserName>").arg(guid));
+    const QByteArray reply = ask(command,
+                                 QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>1</m:FileId>"
+                                                "<m:UserName>attacker</m:UserName>")
+                                     .arg(guid));
     QCOMPARE(errorOf(reply), error);
     QVERIFY(exists(guid));
     const QByteArray state = ask(Tag::QueryLocationStateProgress, QStringLiteral("<m:Guid>%1</m:Guid>").arg(guid));
@@ -295,8 +302,8 @@ void TestServerConfinement::importPath_data()
     QTest::newRow("accepted, relative") << QStringLiteral("good") << int(KE_NoError) << true;
     QTest::newRow("device outside") << QStringLiteral("/dev/zero") << int(KE_CreatePathFailed) << false;
     QTest::newRow("archive outside") << outside(QStringLiteral("archive")) << int(KE_CreatePathFailed) << false;
-    QTest::newRow("relative, up and out") << up(outside(QStringLiteral("archive"))) << int(KE_CreatePathFailed)
-                                          << false;
+    QTest::newRow("relative, up and out")
+        << up(outside(QStringLiteral("archive"))) << int(KE_CreatePathFailed) << false;
     QTest::newRow("link to the archive outside") << QStringLiteral("linked") << int(KE_ImportArchiveFailed) << false;
     QTest::newRow("FIFO") << QStringLiteral("fifo.fgdesc") << int(KE_ImportArchiveFailed) << false;
     QTest::newRow("description too large") << QStringLiteral("large") << int(KE_ImportArchiveFailed) << false;

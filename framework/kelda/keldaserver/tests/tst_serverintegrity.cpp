@@ -72,8 +72,8 @@ private:
 
 QString TestServerIntegrity::addGroup(KeldaClient &client, const QList<QByteArray> &contents, QString *directory)
 {
-    const QString guid = client.CreateFileGroup(QStringLiteral("1.0"), QDateTime(), QStringLiteral("detail"),
-                                                QString(), FT_Image, 0, QStringLiteral("Kept"), *directory);
+    const QString guid = client.CreateFileGroup(QStringLiteral("1.0"), QDateTime(), QStringLiteral("detail"), QString(),
+                                                FT_Image, 0, QStringLiteral("Kept"), *directory);
     for (int i = 0; i < contents.size() && !guid.isEmpty(); ++i) {
         const QString path = *directory + QStringLiteral("f%1.bin").arg(i);
         if (!writeFile(path, contents.at(i)) || client.AddFile(path, guid) == 0)
@@ -155,11 +155,10 @@ void TestServerIntegrity::differingCopyStaysLocal()
     QCOMPARE(status(moved, client->MoveToNas(guid)), int(KE_NoError));
     QSignalSpy location(client.get(), &KeldaClient::queryLocationStateProgressSg);
     QVariantList reply;
-    QTRY_VERIFY_WITH_TIMEOUT((reply = waitForRequest(location, client->QueryLocationStateProgress(guid)))
-                                     .value(3)
-                                     .toInt()
-                                 == KE_MoveFileGroupFailed,
-                             Wait);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (reply = waitForRequest(location, client->QueryLocationStateProgress(guid))).value(3).toInt() ==
+            KE_MoveFileGroupFailed,
+        Wait);
     QCOMPARE(reply.value(1).toInt(), int(LS_Local));
     QCOMPARE(readFile(file), changed);
     QVERIFY(QDir(server.basePath() + QStringLiteral("/nas")).entryList(QDir::Files | QDir::NoDotAndDotDot).isEmpty());
@@ -255,8 +254,8 @@ void TestServerIntegrity::interruptedCheckResumes()
     QVERIFY2(server.start(), qPrintable(server.errorString()));
     client = connectClient(server.port(), QStringLiteral("alice"));
     QStringList after;
-    QTRY_VERIFY_WITH_TIMEOUT(!column(after = client->GetFileChecksums(guid), State).contains(QStringLiteral("unverified")),
-                             Wait);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        !column(after = client->GetFileChecksums(guid), State).contains(QStringLiteral("unverified")), Wait);
     // What was checked before the stop was not read again.
     for (int i = 0; i < contents.size(); ++i) {
         if (before.at(i * Fields + State) == QLatin1String("ok"))

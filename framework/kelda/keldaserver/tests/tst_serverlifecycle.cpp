@@ -49,9 +49,9 @@ void TestServerLifecycle::blockingLifecycle()
 {
     KeldaClient &client = *m_alice;
     QString directory;
-    const QString guid = client.CreateFileGroup(QStringLiteral("2.1"), QDateTime(), QStringLiteral("detail"),
-                                                QStringLiteral("comment"), FT_AudioRecording, 0,
-                                                QStringLiteral("Recording"), directory);
+    const QString guid =
+        client.CreateFileGroup(QStringLiteral("2.1"), QDateTime(), QStringLiteral("detail"), QStringLiteral("comment"),
+                               FT_AudioRecording, 0, QStringLiteral("Recording"), directory);
     QVERIFY2(!guid.isEmpty(), qPrintable(client.GetErrorString()));
     QVERIFY(QFileInfo(directory).isDir());
 
@@ -63,9 +63,9 @@ void TestServerLifecycle::blockingLifecycle()
     QCOMPARE(int(client.GetError()), int(KE_AddFileFailed));
     QCOMPARE(client.AddFile(directory + QStringLiteral("missing.wav"), guid), 0u);
     QCOMPARE(int(client.GetError()), int(KE_OpenFileFailed));
-    QCOMPARE(
-        client.GetFileList(guid),
-        (QStringList{QStringLiteral("1"), QStringLiteral("one.wav"), QStringLiteral("2"), QStringLiteral("two.wav")}));
+    QCOMPARE(client.GetFileList(guid),
+             (QStringList{QStringLiteral("1"), QStringLiteral("one.wav"), QStringLiteral("2"),
+                          QStringLiteral("two.wav")}));
 
     const QString path = client.RequestFile(2, guid, LOCK_Write);
     QCOMPARE(readFile(path), QByteArray("second"));
@@ -99,9 +99,9 @@ void TestServerLifecycle::asynchronousLifecycle()
     KeldaClient &client = *m_bob;
     QSignalSpy created(&client, &KeldaClient::CreateFileGroupSg);
     QString directory;
-    const QString guid = client.CreateFileGroupAsync(QStringLiteral("1"), QDateTime::currentDateTime().addDays(30),
-                                                     QStringLiteral("d"), QStringLiteral("c"), FT_Image, 5,
-                                                     QStringLiteral("Pictures"), directory);
+    const QString guid =
+        client.CreateFileGroupAsync(QStringLiteral("1"), QDateTime::currentDateTime().addDays(30), QStringLiteral("d"),
+                                    QStringLiteral("c"), FT_Image, 5, QStringLiteral("Pictures"), directory);
     QCOMPARE(waitForRequest(created, guid).value(1).toString(), directory);
     QVERIFY(writeFile(directory + QStringLiteral("a.png"), "png"));
 
@@ -234,7 +234,9 @@ void TestServerLifecycle::references()
     QSignalSpy removedAll(viewer.get(), &KeldaClient::RemoveAllReferenceSg);
     QSignalSpy meta(viewer.get(), &KeldaClient::QueryMetaDataSg);
     const auto counter = [&] {
-        return waitForRequest(meta, viewer->QueryMetaDataAsync(guid, QString())).value(1).value<FileGroupData>()
+        return waitForRequest(meta, viewer->QueryMetaDataAsync(guid, QString()))
+            .value(1)
+            .value<FileGroupData>()
             .getReferenceCounter();
     };
     QSignalSpy aliceAdded(m_alice.get(), &KeldaClient::AddReferenceSg);
@@ -261,24 +263,24 @@ void TestServerLifecycle::tovinGroups()
     KeldaClient &client = *m_alice;
     QSignalSpy created(&client, &KeldaClient::CreateTovinFileGroupSg);
     QString directory;
-    const QString guid = client.CreateTovinFileGroupAsync(QStringLiteral("tovin-7"), QStringLiteral("rec-42"),
-                                                          QStringLiteral("1"), QString(), QString(),
-                                                          FT_Tovin_IqRecording, directory);
+    const QString guid =
+        client.CreateTovinFileGroupAsync(QStringLiteral("tovin-7"), QStringLiteral("rec-42"), QStringLiteral("1"),
+                                         QString(), QString(), FT_Tovin_IqRecording, directory);
     // The answer carries the request id, not the GUID the call returned.
     QVERIFY(created.wait(Wait));
     QCOMPARE(created.first().value(1).toString(), guid);
     QCOMPARE(created.first().value(2).toInt(), int(KE_NoError));
     QSignalSpy found(&client, &KeldaClient::getTovinFilegroupGuidSg);
-    QCOMPARE(
-        waitForRequest(found, client.GetTovinFilegroupGuidAsync(QStringLiteral("tovin-7"), QStringLiteral("rec-42")))
-            .value(1)
-            .toString(),
-        guid);
-    QCOMPARE(
-        waitForRequest(found, client.GetTovinFilegroupGuidAsync(QStringLiteral("tovin-7"), QStringLiteral("rec-1")))
-            .value(2)
-            .toInt(),
-        int(KE_GuidNotFound));
+    QCOMPARE(waitForRequest(found,
+                            client.GetTovinFilegroupGuidAsync(QStringLiteral("tovin-7"), QStringLiteral("rec-42")))
+                 .value(1)
+                 .toString(),
+             guid);
+    QCOMPARE(waitForRequest(found,
+                            client.GetTovinFilegroupGuidAsync(QStringLiteral("tovin-7"), QStringLiteral("rec-1")))
+                 .value(2)
+                 .toInt(),
+             int(KE_GuidNotFound));
 }
 
 void TestServerLifecycle::moveToNetworkStorage()

@@ -195,8 +195,8 @@ void TestServerLimits::attack_data()
     QTest::addColumn<QStringList>("options");
     QTest::addColumn<int>("which");
     QTest::addColumn<int>("attackers");
-    QTest::addColumn<int>("expected");     // every attacker's outcome
-    QTest::addColumn<qint64>("growthKiB");  // the server's peak may grow by at most this
+    QTest::addColumn<int>("expected"); // every attacker's outcome
+    QTest::addColumn<qint64>("growthKiB"); // the server's peak may grow by at most this
 
     // The answers asked for come to 6.4 GB; a server that builds no more
     // than its limits allow stays two orders of magnitude below, whatever
@@ -207,13 +207,11 @@ void TestServerLimits::attack_data()
         << int(FloodQueries) << 8 << int(Pushing) << 512 * MiB;
     QTest::newRow("half a million attributes") << QStringList() << int(Attributes) << 2 << int(Refused57) << 100 * MiB;
     QTest::newRow("elements beyond the limit") << QStringList() << int(Elements) << 2 << int(Refused57) << 100 * MiB;
-    QTest::newRow("compressed, size understated")
-        << QStringList{QStringLiteral("--max-frame"), QStringLiteral("4M")} << int(ExpansionBomb) << 2 << int(Closed)
-        << 60 * MiB;
-    QTest::newRow("unfinished frames")
-        << QStringList{QStringLiteral("--max-frame"), QStringLiteral("8M"), QStringLiteral("--max-pending"),
-                       QStringLiteral("16M")}
-        << int(UnfinishedFrame) << 16 << int(Pushing) << 60 * MiB;
+    QTest::newRow("compressed, size understated") << QStringList{QStringLiteral("--max-frame"), QStringLiteral("4M")}
+                                                  << int(ExpansionBomb) << 2 << int(Closed) << 60 * MiB;
+    QTest::newRow("unfinished frames") << QStringList{QStringLiteral("--max-frame"), QStringLiteral("8M"),
+                                                      QStringLiteral("--max-pending"), QStringLiteral("16M")}
+                                       << int(UnfinishedFrame) << 16 << int(Pushing) << 60 * MiB;
     QTest::newRow("frame too slow") << QStringList{QStringLiteral("--frame-timeout"), QStringLiteral("1")}
                                     << int(SlowFrame) << 4 << int(Closed) << 60 * MiB;
     QTest::newRow("silent connection") << QStringList{QStringLiteral("--idle-timeout"), QStringLiteral("1")}
@@ -241,8 +239,9 @@ void TestServerLimits::attack()
         const QString comment(32 * 1024, QLatin1Char('c'));
         for (int i = 0; i < 64; ++i) {
             QString directory;
-            QVERIFY(!client->CreateFileGroup(QString(), QDateTime(), QString(), comment, FT_Image, 0,
-                                             QStringLiteral("Bulk"), directory)
+            QVERIFY(!client
+                         ->CreateFileGroup(QString(), QDateTime(), QString(), comment, FT_Image, 0,
+                                           QStringLiteral("Bulk"), directory)
                          .isEmpty());
         }
     }
@@ -266,7 +265,8 @@ void TestServerLimits::attack()
         QTRY_COMPARE_WITH_TIMEOUT(int(outcome), expected, 20000);
     probe(server.port(), guid, fileId);
     const qint64 growth = server.peakResidentKiB() - baseline;
-    QVERIFY2(!ResidentSizeTells || growth < growthKiB, qPrintable(QStringLiteral("the server grew by %1 KiB").arg(growth)));
+    QVERIFY2(!ResidentSizeTells || growth < growthKiB,
+             qPrintable(QStringLiteral("the server grew by %1 KiB").arg(growth)));
     // While the attackers still hold on.
     stopPromptly(server);
 }
@@ -376,9 +376,9 @@ void TestServerLimits::forgedTraceLine()
     RawClient raw;
     QVERIFY(raw.connectTo(server.port()));
     const QString forged = QStringLiteral("2026-01-01 00:00:00.000 [forged] x:1: access granted");
-    raw.sendFrame(RawClient::request(
-        Tag::AddFile, QStringLiteral("add"),
-        QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>a.bin\n%2</m:FileName>").arg(guid, forged)));
+    raw.sendFrame(
+        RawClient::request(Tag::AddFile, QStringLiteral("add"),
+                           QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>a.bin\n%2</m:FileName>").arg(guid, forged)));
     QVERIFY(raw.receive().contains("<m:AddFileReply"));
     stopPromptly(server);
     const QByteArray written = readFile(traceFile);

@@ -25,19 +25,19 @@ void TestServerMetrics::requestHead_data()
     QTest::addColumn<QByteArray>("path");
     QTest::newRow("metrics") << QByteArray("GET /metrics HTTP/1.1\r\nHost: x\r\nAccept: */*\r\n\r\n") << 0
                              << QByteArray("/metrics");
-    QTest::newRow("query string dropped") << QByteArray("GET /healthz?probe=1 HTTP/1.0\r\n\r\n") << 0
-                                          << QByteArray("/healthz");
+    QTest::newRow("query string dropped")
+        << QByteArray("GET /healthz?probe=1 HTTP/1.0\r\n\r\n") << 0 << QByteArray("/healthz");
     QTest::newRow("unfinished") << QByteArray("GET /metrics HTTP/1.1\r\nHost: x\r\n") << -1 << QByteArray();
     QTest::newRow("post") << QByteArray("POST /metrics HTTP/1.1\r\n\r\n") << 405 << QByteArray();
     QTest::newRow("a body behind a get") << QByteArray("GET /metrics HTTP/1.1\r\nContent-Length: 5\r\n\r\n") << 400
                                          << QByteArray();
-    QTest::newRow("bytes behind the head") << QByteArray("GET /metrics HTTP/1.1\r\n\r\nGET /x HTTP/1.1\r\n\r\n") << 400
-                                           << QByteArray();
+    QTest::newRow("bytes behind the head")
+        << QByteArray("GET /metrics HTTP/1.1\r\n\r\nGET /x HTTP/1.1\r\n\r\n") << 400 << QByteArray();
     QTest::newRow("chunked") << QByteArray("GET / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n") << 400
                              << QByteArray();
     QTest::newRow("bare newlines") << QByteArray("GET /metrics HTTP/1.1\nHost: x\r\n\r\n") << 400 << QByteArray();
-    QTest::newRow("header without colon") << QByteArray("GET /metrics HTTP/1.1\r\nHost x\r\n\r\n") << 400
-                                          << QByteArray();
+    QTest::newRow("header without colon")
+        << QByteArray("GET /metrics HTTP/1.1\r\nHost x\r\n\r\n") << 400 << QByteArray();
     QTest::newRow("control character") << QByteArray("GET /met\x01rics HTTP/1.1\r\n\r\n") << 400 << QByteArray();
     QTest::newRow("relative target") << QByteArray("GET metrics HTTP/1.1\r\n\r\n") << 400 << QByteArray();
     QTest::newRow("HTTP/2") << QByteArray("GET /metrics HTTP/2.0\r\n\r\n") << 505 << QByteArray();
@@ -80,7 +80,7 @@ void TestServerMetrics::splitHeadsReadTheSame()
 void TestServerMetrics::textFormat()
 {
     ServerMetrics metrics;
-    metrics.requestAnswered(QStringLiteral("AddFile"), 0, 3000000);   // 3 ms
+    metrics.requestAnswered(QStringLiteral("AddFile"), 0, 3000000); // 3 ms
     metrics.requestAnswered(QStringLiteral("AddFile"), 0, 200000000); // 200 ms
     metrics.requestAnswered(QStringLiteral("AddFile"), 7, 1000000);
     metrics.requestAnswered(QStringLiteral("Ex\"pl\node"), 57, 1000);
@@ -107,7 +107,8 @@ void TestServerMetrics::textFormat()
         if (line.isEmpty() || line.startsWith('#'))
             continue;
         const QByteArray family = line.left(line.indexOf(line.contains('{') ? '{' : ' '));
-        QVERIFY2(text.contains("# TYPE " + family + ' ') || text.contains("# TYPE " + family.left(family.lastIndexOf('_')) + ' '),
+        QVERIFY2(text.contains("# TYPE " + family + ' ') ||
+                     text.contains("# TYPE " + family.left(family.lastIndexOf('_')) + ' '),
                  line.constData());
     }
 }

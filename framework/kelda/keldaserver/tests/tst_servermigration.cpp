@@ -31,9 +31,9 @@ namespace {
 // network storage, with texts beyond ASCII and quotes.
 const QString kVersion1Archive = QStringLiteral(KELDA_TEST_DATA "/archive_v1.sqlite");
 const QString kVersion1Postgres = QStringLiteral(KELDA_TEST_DATA "/schema_v1_postgres.sql");
-const QStringList kTables{QStringLiteral("file_groups"),     QStringLiteral("group_files"),
-                          QStringLiteral("group_locks"),     QStringLiteral("group_references"),
-                          QStringLiteral("known_users"),     QStringLiteral("known_applications"),
+const QStringList kTables{QStringLiteral("file_groups"),   QStringLiteral("group_files"),
+                          QStringLiteral("group_locks"),   QStringLiteral("group_references"),
+                          QStringLiteral("known_users"),   QStringLiteral("known_applications"),
                           QStringLiteral("schema_version")};
 
 struct OldGroup
@@ -315,14 +315,17 @@ void TestServerMigration::groupsAndFilesSurvive()
     for (const OldGroup &group : m_groups) {
         const ReplyFields meta = ask(Tag::QueryMetaData, {{Tag::Guid, group.guid}});
         QCOMPARE(meta.error, int(KE_NoError));
-        const std::pair<QLatin1String, QString> expected[] = {
-            {Tag::FileGroupName, group.name},     {Tag::Comment, group.comment},
-            {Tag::Creator, group.creator},        {Tag::Detail, group.detail},
-            {Tag::TeamMembership, group.team},    {Tag::Version, group.version},
-            {Tag::FileType, QString::number(group.type)},
-            {Tag::LocationState, QString::number(group.location)},
-            {Tag::ReferenceCounter, QString::number(group.references)},
-            {Tag::CreationTime, localText(group.creation)}};
+        const std::pair<QLatin1String, QString> expected[] = {{Tag::FileGroupName, group.name},
+                                                              {Tag::Comment, group.comment},
+                                                              {Tag::Creator, group.creator},
+                                                              {Tag::Detail, group.detail},
+                                                              {Tag::TeamMembership, group.team},
+                                                              {Tag::Version, group.version},
+                                                              {Tag::FileType, QString::number(group.type)},
+                                                              {Tag::LocationState, QString::number(group.location)},
+                                                              {Tag::ReferenceCounter,
+                                                               QString::number(group.references)},
+                                                              {Tag::CreationTime, localText(group.creation)}};
         for (const auto &field : expected)
             QCOMPARE(meta.value(field.first), field.second);
         const ReplyFields files = ask(Tag::GetFileList, {{Tag::Guid, group.guid}});
@@ -365,24 +368,22 @@ void TestServerMigration::queriesAnswerAsBefore_data()
                 << element(Tag::CommentSearchText, group.comment.right(4))
                 << matching([&](const OldGroup &g) { return contains(g.comment, group.comment.right(4)); });
         QTest::addRow("type of %s", qPrintable(group.name))
-            << QStringLiteral("<m:FileTypeList>%1</m:FileTypeList>").arg(element(Tag::FileType, QString::number(group.type)))
+            << QStringLiteral("<m:FileTypeList>%1</m:FileTypeList>")
+                   .arg(element(Tag::FileType, QString::number(group.type)))
             << matching([&](const OldGroup &g) { return g.type == group.type; });
     }
     for (const OldLock &lock : m_locks) {
         const QString user = lock.holder.section(QLatin1Char('|'), 2).toUpper();
         QTest::addRow("lock user %s", qPrintable(user))
-            << element(Tag::LockUser, user)
-            << matching([&](const OldGroup &g) {
-                   return std::any_of(m_locks.begin(), m_locks.end(), [&](const OldLock &l) {
-                       return l.guid == g.guid && contains(l.holder, user);
-                   });
+            << element(Tag::LockUser, user) << matching([&](const OldGroup &g) {
+                   return std::any_of(m_locks.begin(), m_locks.end(),
+                                      [&](const OldLock &l) { return l.guid == g.guid && contains(l.holder, user); });
                });
     }
     for (const OldReference &reference : m_references) {
         const QString part = reference.application.mid(1, 4);
         QTest::addRow("referenced by %s", qPrintable(part))
-            << element(Tag::ReferencingApplication, part)
-            << matching([&](const OldGroup &g) {
+            << element(Tag::ReferencingApplication, part) << matching([&](const OldGroup &g) {
                    return std::any_of(m_references.begin(), m_references.end(), [&](const OldReference &r) {
                        return r.guid == g.guid && contains(r.application, part);
                    });
@@ -420,7 +421,8 @@ void TestServerMigration::locksAndReferencesSurvive()
         QCOMPARE(ask(Tag::CloseFile, {{Tag::Guid, lock.guid}, {Tag::UserName, lock.holder}}).error,
                  int(KE_DeleteLockFailed));
     }
-    QCOMPARE(found(element(Tag::LockState, QString::number(LOCK_Free))), matching([](const OldGroup &) { return true; }));
+    QCOMPARE(found(element(Tag::LockState, QString::number(LOCK_Free))),
+             matching([](const OldGroup &) { return true; }));
     for (const OldReference &reference : m_references) {
         const QList<QPair<QLatin1String, QString>> fields{{Tag::Guid, reference.guid},
                                                           {Tag::Application, reference.application}};
@@ -433,8 +435,10 @@ void TestServerMigration::locksAndReferencesSurvive()
 void TestServerMigration::newGroupsAreFound()
 {
     const QString guid = QUuid::createUuid().toString(QUuid::WithoutBraces);
-    QCOMPARE(ask(Tag::CreateFileGroup, {{Tag::Guid, guid}, {Tag::FileGroupName, QStringLiteral("Nach dem Umzug")},
-                                        {Tag::FileType, QString::number(FT_Image)}})
+    QCOMPARE(ask(Tag::CreateFileGroup,
+                 {{Tag::Guid, guid},
+                  {Tag::FileGroupName, QStringLiteral("Nach dem Umzug")},
+                  {Tag::FileType, QString::number(FT_Image)}})
                  .error,
              int(KE_NoError));
     QCOMPARE(found(element(Tag::FileGroupNameSearchText, QStringLiteral("DEM UMZ"))), QStringList{guid});
@@ -507,7 +511,8 @@ void TestServerMigration::auditTrailAdded()
     QCOMPARE(ask(Tag::AddReference, {{Tag::Guid, guid}, {Tag::Application, application}}).error, int(KE_NoError));
     QCOMPARE(audit(m_server->basePath(), m_database, &output), 0);
     int recorded = 0;
-    for (const QJsonValue &value : QJsonDocument::fromJson(output).object().value(QStringLiteral("records")).toArray()) {
+    for (const QJsonValue &value :
+         QJsonDocument::fromJson(output).object().value(QStringLiteral("records")).toArray()) {
         const QJsonObject record = value.toObject();
         if (record.value(QStringLiteral("application")).toString() != application)
             continue;

@@ -113,7 +113,8 @@ void TestServerMonitoring::numbersMoveWithRequests()
     QVERIFY(client->IsConnected());
     unsigned int fileId = 0;
     for (int i = 0; i < 3; ++i)
-        QVERIFY(!createGroupWithFile(*client, QStringLiteral("Scraped %1").arg(i), FT_Image, "data", &fileId).isEmpty());
+        QVERIFY(
+            !createGroupWithFile(*client, QStringLiteral("Scraped %1").arg(i), FT_Image, "data", &fileId).isEmpty());
     // A file id no group has: answered with an error code of its own.
     QVERIFY(client->RequestFile(999, KeldaClient::CreateGuid(), LOCK_Read).isEmpty());
 

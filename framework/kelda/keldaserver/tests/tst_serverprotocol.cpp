@@ -138,22 +138,21 @@ void TestServerProtocol::refusesMalformedRequests_data()
 
     QTest::newRow("not XML") << QByteArray("hello") << QString() << QString();
     QTest::newRow("empty") << QByteArray() << QString() << QString();
-    QTest::newRow("envelope in another namespace") << QByteArray("<s:Envelope xmlns:s=\"urn:x\"/>") << QString()
-                                                   << QString();
+    QTest::newRow("envelope in another namespace")
+        << QByteArray("<s:Envelope xmlns:s=\"urn:x\"/>") << QString() << QString();
     QTest::newRow("body without command") << head + tail << QString() << QStringLiteral("r1");
     // Refused, but still answerable: its name and request id are read.
     QTest::newRow("command in another namespace")
         << head + "<m:AddFile xmlns:m=\"urn:x\"/>" + tail << QStringLiteral("AddFile") << QStringLiteral("r1");
-    QTest::newRow("child in another namespace")
-        << head + command + "<x:Guid xmlns:x=\"urn:x\">g</x:Guid></m:AddFile>" + tail << QStringLiteral("AddFile")
-        << QStringLiteral("r1");
+    QTest::newRow("child in another namespace") << head + command + "<x:Guid xmlns:x=\"urn:x\">g</x:Guid></m:AddFile>" +
+            tail << QStringLiteral("AddFile") << QStringLiteral("r1");
     QTest::newRow("nested too deep") << head + command + "<m:a><m:b><m:c/></m:b></m:a></m:AddFile>" + tail
                                      << QStringLiteral("AddFile") << QStringLiteral("r1");
     QTest::newRow("cut off") << head + command + "<m:Guid>g" << QStringLiteral("AddFile") << QStringLiteral("r1");
     QTest::newRow("second command") << head + command + "</m:AddFile>" + command + "</m:AddFile>" + tail
                                     << QStringLiteral("AddFile") << QStringLiteral("r1");
-    QTest::newRow("content after the envelope") << head + command + "</m:AddFile>" + tail + "<x/>"
-                                                << QStringLiteral("AddFile") << QStringLiteral("r1");
+    QTest::newRow("content after the envelope")
+        << head + command + "</m:AddFile>" + tail + "<x/>" << QStringLiteral("AddFile") << QStringLiteral("r1");
 }
 
 void TestServerProtocol::refusesMalformedRequests()
@@ -170,9 +169,9 @@ void TestServerProtocol::refusesMalformedRequests()
 
 void TestServerProtocol::statusReplyReadByTheClient()
 {
-    const ParsedReply parsed = ParseReplyMessage(
-        ReplyWriter::status(QStringLiteral("AddReference"), QStringLiteral("r9"), KE_FileGroupWriteLocked,
-                            QStringLiteral("held by a<b")));
+    const ParsedReply parsed =
+        ParseReplyMessage(ReplyWriter::status(QStringLiteral("AddReference"), QStringLiteral("r9"),
+                                              KE_FileGroupWriteLocked, QStringLiteral("held by a<b")));
     QVERIFY2(parsed.IsValid(), qPrintable(parsed.error));
     QCOMPARE(parsed.Kind(), ReplyKind::AddReference);
     const auto *status = std::get_if<StatusResult>(&parsed.result);
@@ -225,7 +224,8 @@ void TestServerProtocol::failedRequestRollsBackOnlyItself()
     std::vector<DatabaseAnswer> answers;
     DatabaseLocation database;
     database.file = base.filePath(QStringLiteral("db.sqlite"));
-    const StorageLayout layout(base.path(), base.filePath(QStringLiteral("nas")), base.filePath(QStringLiteral("exchange")));
+    const StorageLayout layout(base.path(), base.filePath(QStringLiteral("nas")),
+                               base.filePath(QStringLiteral("exchange")));
     DatabaseWorker worker(DatabaseWorker::Role::Writer, database, QStringLiteral("test"), layout,
                           [&](std::shared_ptr<std::vector<DatabaseAnswer>> batch) {
                               const std::lock_guard<std::mutex> lock(mutex);
@@ -298,8 +298,8 @@ void TestServerProtocol::localTimeTextMatchesQDateTime()
     const QByteArray previous = qgetenv("TZ");
     qputenv("TZ", zone);
     tzset();
-    const QString expected = QDateTime::fromMSecsSinceEpoch(utc.toMSecsSinceEpoch())
-                                 .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"));
+    const QString expected =
+        QDateTime::fromMSecsSinceEpoch(utc.toMSecsSinceEpoch()).toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"));
     const QString actual = QString::fromLatin1(localTimeText(utc.toMSecsSinceEpoch()));
     qputenv("TZ", previous);
     tzset();
@@ -324,18 +324,18 @@ void TestServerProtocol::options_data()
     QTest::newRow("hex mask and frame") << QStringList{QStringLiteral("--trace-mask"), QStringLiteral("0x60"),
                                                        QStringLiteral("--max-frame"), QStringLiteral("4096")}
                                         << run << QStringLiteral("127.0.0.1:5223") << 4096u << 0x60u;
-    QTest::newRow("port too big") << QStringList{QStringLiteral("--listen"), QStringLiteral("127.0.0.1:65536")}
-                                  << fail << QString() << frame << 0u;
+    QTest::newRow("port too big") << QStringList{QStringLiteral("--listen"), QStringLiteral("127.0.0.1:65536")} << fail
+                                  << QString() << frame << 0u;
     QTest::newRow("host name") << QStringList{QStringLiteral("--listen"), QStringLiteral("example.org:1")} << fail
                                << QString() << frame << 0u;
     QTest::newRow("frame with a unit") << QStringList{QStringLiteral("--max-frame"), QStringLiteral("2M")} << run
                                        << QStringLiteral("127.0.0.1:5223") << 2097152u << 0u;
-    QTest::newRow("limit out of range") << QStringList{QStringLiteral("--max-connections"), QStringLiteral("0")}
-                                        << fail << QString() << frame << 0u;
-    QTest::newRow("limit not a number") << QStringList{QStringLiteral("--idle-timeout"), QStringLiteral("soon")}
-                                        << fail << QString() << frame << 0u;
-    QTest::newRow("zero frame") << QStringList{QStringLiteral("--max-frame"), QStringLiteral("0")} << fail
-                                << QString() << frame << 0u;
+    QTest::newRow("limit out of range") << QStringList{QStringLiteral("--max-connections"), QStringLiteral("0")} << fail
+                                        << QString() << frame << 0u;
+    QTest::newRow("limit not a number") << QStringList{QStringLiteral("--idle-timeout"), QStringLiteral("soon")} << fail
+                                        << QString() << frame << 0u;
+    QTest::newRow("zero frame") << QStringList{QStringLiteral("--max-frame"), QStringLiteral("0")} << fail << QString()
+                                << frame << 0u;
     QTest::newRow("bad mask") << QStringList{QStringLiteral("--trace-mask"), QStringLiteral("lots")} << fail
                               << QString() << frame << 0u;
     QTest::newRow("unknown option") << QStringList{QStringLiteral("--fast")} << fail << QString() << frame << 0u;
@@ -343,8 +343,8 @@ void TestServerProtocol::options_data()
     QTest::newRow("help wins") << QStringList{QStringLiteral("--help"), QStringLiteral("--max-frame"),
                                               QStringLiteral("0")}
                                << ServerOptions::Action::ShowHelp << QString() << frame << 0u;
-    QTest::newRow("help") << QStringList{QStringLiteral("-h")} << ServerOptions::Action::ShowHelp << QString()
-                          << frame << 0u;
+    QTest::newRow("help") << QStringList{QStringLiteral("-h")} << ServerOptions::Action::ShowHelp << QString() << frame
+                          << 0u;
 }
 
 void TestServerProtocol::options()
@@ -466,8 +466,8 @@ void TestServerProtocol::refusesNewerSchema()
         db.setDatabaseName(database.file);
         QVERIFY(db.open());
         QSqlQuery bump(db);
-        QVERIFY(bump.exec(QStringLiteral("INSERT INTO schema_version (version) VALUES (%1)")
-                              .arg(ArchiveSchema::Version + 1)));
+        QVERIFY(bump.exec(
+            QStringLiteral("INSERT INTO schema_version (version) VALUES (%1)").arg(ArchiveSchema::Version + 1)));
         bump.finish();
         db.close();
     }

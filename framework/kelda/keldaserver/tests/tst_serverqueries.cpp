@@ -23,8 +23,25 @@ private slots:
     void refusesUnknownStates();
 
 private:
-    enum Criterion { Name, Comment, Detail, Version, Creator, Team, Types, Location, Lock, LockUser, Application,
-                     LifeCycleMin, LifeCycleMax, CreationMin, CreationMax, BackupMin, ModificationMax };
+    enum Criterion {
+        Name,
+        Comment,
+        Detail,
+        Version,
+        Creator,
+        Team,
+        Types,
+        Location,
+        Lock,
+        LockUser,
+        Application,
+        LifeCycleMin,
+        LifeCycleMax,
+        CreationMin,
+        CreationMax,
+        BackupMin,
+        ModificationMax
+    };
 
     QString create(KeldaClient &client, const QString &version, const QDateTime &lifeCycle, const QString &detail,
                    const QString &comment, FileType type, const QString &name, unsigned int *fileId);
@@ -71,9 +88,9 @@ void TestServerQueries::initTestCase()
     unsigned int alphaFile = 0;
     unsigned int betaFile = 0;
     unsigned int gammaFile = 0;
-    const QString alpha = create(*m_alice, QStringLiteral("v1.0"), now.addDays(1), QStringLiteral("one"),
-                                 QStringLiteral("First COMMENT"), FT_AudioRecording, QStringLiteral("Alpha Report"),
-                                 &alphaFile);
+    const QString alpha =
+        create(*m_alice, QStringLiteral("v1.0"), now.addDays(1), QStringLiteral("one"), QStringLiteral("First COMMENT"),
+               FT_AudioRecording, QStringLiteral("Alpha Report"), &alphaFile);
     const QString beta = create(*m_bob, QStringLiteral("v2.0"), now.addYears(5), QStringLiteral("two"), QString(),
                                 FT_Image, QStringLiteral("beta"), &betaFile);
     const QString gamma = create(*m_alice, QStringLiteral("v1.5"), QDateTime(), QStringLiteral("three"),
@@ -102,8 +119,8 @@ void TestServerQueries::criterion_data()
     const QDateTime now = QDateTime::currentDateTime();
 
     QTest::newRow("name, other case") << int(Name) << QVariant(QStringLiteral("ALPHA")) << QStringList{alpha};
-    QTest::newRow("name, LIKE wildcards taken literally") << int(Name) << QVariant(QStringLiteral("0%_d"))
-                                                           << QStringList{gamma};
+    QTest::newRow("name, LIKE wildcards taken literally")
+        << int(Name) << QVariant(QStringLiteral("0%_d")) << QStringList{gamma};
     QTest::newRow("name, underscore no wildcard") << int(Name) << QVariant(QStringLiteral("P_A")) << QStringList{};
     QTest::newRow("comment") << int(Comment) << QVariant(QStringLiteral("comment")) << QStringList{alpha};
     QTest::newRow("detail") << int(Detail) << QVariant(QStringLiteral("TW")) << QStringList{beta};
@@ -120,15 +137,15 @@ void TestServerQueries::criterion_data()
     QTest::newRow("read locked") << int(Lock) << QVariant(int(LOCK_Read)) << QStringList{alpha};
     QTest::newRow("write locked") << int(Lock) << QVariant(int(LOCK_Write)) << QStringList{beta};
     QTest::newRow("lock user") << int(LockUser) << QVariant(QStringLiteral("|alice")) << QStringList{alpha};
-    QTest::newRow("referencing application") << int(Application) << QVariant(QStringLiteral("VIEW"))
-                                             << QStringList{beta};
+    QTest::newRow("referencing application")
+        << int(Application) << QVariant(QStringLiteral("VIEW")) << QStringList{beta};
     QTest::newRow("life cycle from") << int(LifeCycleMin) << QVariant(now.addYears(1)) << QStringList{beta};
     // 02:30 UTC on that day is an hour the zone of this test skips.
     QTest::newRow("life cycle from a skipped local hour")
         << int(LifeCycleMin) << QVariant(QDateTime(QDate(2024, 3, 31), QTime(2, 30), Qt::UTC))
         << QStringList{alpha, beta};
-    QTest::newRow("life cycle until, unset excluded") << int(LifeCycleMax) << QVariant(now.addDays(2))
-                                                      << QStringList{alpha};
+    QTest::newRow("life cycle until, unset excluded")
+        << int(LifeCycleMax) << QVariant(now.addDays(2)) << QStringList{alpha};
     QTest::newRow("created since start") << int(CreationMin) << QVariant(m_start) << QStringList{alpha, beta, gamma};
     QTest::newRow("created before start") << int(CreationMax) << QVariant(m_start) << QStringList{};
     QTest::newRow("backed up, never") << int(BackupMin) << QVariant(m_start) << QStringList{};
@@ -142,26 +159,58 @@ void TestServerQueries::criterion()
     QFETCH(QStringList, expected);
     FileQuery query;
     switch (Criterion(criterion)) {
-    case Name: query.SetFileGroupSearchText(value.toString()); break;
-    case Comment: query.SetCommentSearchText(value.toString()); break;
-    case Detail: query.SetDetailSearchText(value.toString()); break;
-    case Version: query.SetVersionSearchText(value.toString()); break;
-    case Creator: query.SetCreatorSearchText(value.toString()); break;
-    case Team: query.SetTeamMembershipSearchText(value.toString()); break;
+    case Name:
+        query.SetFileGroupSearchText(value.toString());
+        break;
+    case Comment:
+        query.SetCommentSearchText(value.toString());
+        break;
+    case Detail:
+        query.SetDetailSearchText(value.toString());
+        break;
+    case Version:
+        query.SetVersionSearchText(value.toString());
+        break;
+    case Creator:
+        query.SetCreatorSearchText(value.toString());
+        break;
+    case Team:
+        query.SetTeamMembershipSearchText(value.toString());
+        break;
     case Types:
         for (const QVariant &type : value.toList())
             query.AddFileType(FileType(type.toInt()));
         break;
-    case Location: query.SetLocationState(LocationState(value.toInt())); break;
-    case Lock: query.SetLockState(LockState(value.toInt())); break;
-    case LockUser: query.SetLockUser(value.toString()); break;
-    case Application: query.SetReferencingApplication(value.toString()); break;
-    case LifeCycleMin: query.SetLifeCycleTimeMin(value.toDateTime()); break;
-    case LifeCycleMax: query.SetLifeCycleTimeMax(value.toDateTime()); break;
-    case CreationMin: query.SetCreationTimeMin(value.toDateTime()); break;
-    case CreationMax: query.SetCreationTimeMax(value.toDateTime()); break;
-    case BackupMin: query.SetBackupTimeMin(value.toDateTime()); break;
-    case ModificationMax: query.SetModificationTimeMax(value.toDateTime()); break;
+    case Location:
+        query.SetLocationState(LocationState(value.toInt()));
+        break;
+    case Lock:
+        query.SetLockState(LockState(value.toInt()));
+        break;
+    case LockUser:
+        query.SetLockUser(value.toString());
+        break;
+    case Application:
+        query.SetReferencingApplication(value.toString());
+        break;
+    case LifeCycleMin:
+        query.SetLifeCycleTimeMin(value.toDateTime());
+        break;
+    case LifeCycleMax:
+        query.SetLifeCycleTimeMax(value.toDateTime());
+        break;
+    case CreationMin:
+        query.SetCreationTimeMin(value.toDateTime());
+        break;
+    case CreationMax:
+        query.SetCreationTimeMax(value.toDateTime());
+        break;
+    case BackupMin:
+        query.SetBackupTimeMin(value.toDateTime());
+        break;
+    case ModificationMax:
+        query.SetModificationTimeMax(value.toDateTime());
+        break;
     }
     unsigned int columns = 0;
     const QStringList table = m_viewer->QueryFiles(query, columns);

@@ -67,8 +67,8 @@ void TestServerRobustness::badMessage_data()
         qToLittleEndian<quint32>(length, bytes.data());
         return bytes + QByteArray("<?xml");
     };
-    const QByteArray addFile
-        = RawClient::request(Tag::AddFile, QStringLiteral("r1"), QStringLiteral("<m:Guid>g</m:Guid>"));
+    const QByteArray addFile =
+        RawClient::request(Tag::AddFile, QStringLiteral("r1"), QStringLiteral("<m:Guid>g</m:Guid>"));
 
     QTest::newRow("not XML") << frame("hello, server") << QByteArray() << int(Usable);
     QTest::newRow("empty frame") << frame(QByteArray()) << QByteArray() << int(Usable);
@@ -77,8 +77,8 @@ void TestServerRobustness::badMessage_data()
     QTest::newRow("command in a foreign namespace")
         << frame(QByteArray(addFile).replace("xmlns:m=\"http", "xmlns:m=\"urn:other:http"))
         << QByteArray("<m:AddFileReply") << int(Usable);
-    QTest::newRow("nested too deep") << frame(
-        RawClient::request(Tag::AddFile, QStringLiteral("r3"), QStringLiteral("<m:a><m:b><m:c>x</m:c></m:b></m:a>")))
+    QTest::newRow("nested too deep") << frame(RawClient::request(Tag::AddFile, QStringLiteral("r3"),
+                                                                 QStringLiteral("<m:a><m:b><m:c>x</m:c></m:b></m:a>")))
                                      << QByteArray("<m:AddFileReply") << int(Usable);
     QTest::newRow("text inside the command")
         << frame(RawClient::request(Tag::GetUserList, QStringLiteral("r4"), QStringLiteral("stray")))
@@ -155,8 +155,9 @@ void TestServerRobustness::refusedPath()
         return;
     }
     QCOMPARE(created, 0);
-    const QString directory = QDir(m_server.basePath()).filePath(
-        QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyy/MM/dd/hh/")) + guid);
+    const QString directory =
+        QDir(m_server.basePath())
+            .filePath(QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyy/MM/dd/hh/")) + guid);
     QVERIFY(QFile::link(QStringLiteral("/etc/hostname"), directory + QStringLiteral("/link")));
     raw.sendFrame(
         RawClient::request(Tag::AddFile, QStringLiteral("add"),
@@ -176,8 +177,10 @@ void TestServerRobustness::convertersHearOfNewGroups()
     QVERIFY(converter.receive().contains("<m:RegisterConverterReply"));
 
     QString directory;
-    QVERIFY(!m_client->CreateFileGroup(QString(), QDateTime(), QString(), QString(), FT_Image, 0,
-                                       QStringLiteral("Not for it"), directory).isEmpty());
+    QVERIFY(!m_client
+                 ->CreateFileGroup(QString(), QDateTime(), QString(), QString(), FT_Image, 0,
+                                   QStringLiteral("Not for it"), directory)
+                 .isEmpty());
     const QString audio = m_client->CreateFileGroup(QString(), QDateTime(), QString(), QString(), FT_AudioRecording, 0,
                                                     QStringLiteral("For it"), directory);
     QVERIFY(!audio.isEmpty());

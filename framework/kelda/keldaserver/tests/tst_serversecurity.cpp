@@ -115,7 +115,7 @@ QStringList TestServerSecurity::tlsArguments(bool identifyClients) const
 }
 
 std::unique_ptr<KeldaClient> TestServerSecurity::clientWith(quint16 port, const QString &caFile, const QString &user,
-                                                             bool foreign)
+                                                            bool foreign)
 {
     KeldaClient::SetTlsFiles(caFile, user.isEmpty() ? QString() : m_certificates->userCertificate(user, foreign),
                              user.isEmpty() ? QString() : m_certificates->userKey(user, foreign));
@@ -133,16 +133,16 @@ void TestServerSecurity::handshake_data()
     QTest::addColumn<bool>("foreignUser");
     QTest::addColumn<bool>("connects");
     QTest::addColumn<QString>("traced"); // by the server, or by this client when it refuses
-    QTest::newRow("plain client, TLS server") << false << 0 << QString() << false << false
-                                              << QStringLiteral("TLS handshake with client");
+    QTest::newRow("plain client, TLS server")
+        << false << 0 << QString() << false << false << QStringLiteral("TLS handshake with client");
     QTest::newRow("server verified") << false << 1 << QString() << false << true << QString();
-    QTest::newRow("server from another authority") << false << 2 << QString() << false << false
-                                                   << QStringLiteral("is not trusted");
+    QTest::newRow("server from another authority")
+        << false << 2 << QString() << false << false << QStringLiteral("is not trusted");
     QTest::newRow("user certificate") << true << 1 << QStringLiteral("alice") << false << true << QString();
     QTest::newRow("no user certificate") << true << 1 << QString() << false << false
                                          << QStringLiteral("its certificate does not verify");
-    QTest::newRow("foreign user certificate") << true << 1 << QStringLiteral("mallory") << true << false
-                                              << QStringLiteral("its certificate does not verify");
+    QTest::newRow("foreign user certificate")
+        << true << 1 << QStringLiteral("mallory") << true << false << QStringLiteral("its certificate does not verify");
 }
 
 void TestServerSecurity::handshake()
@@ -161,10 +161,11 @@ void TestServerSecurity::handshake()
     QVERIFY2(started, qPrintable(server.errorString()));
 
     QStringList clientTraces;
-    ErrorHandler::Instance()->SetTraceHook([&clientTraces](const QString &text, const char *, int) { clientTraces << text; });
+    ErrorHandler::Instance()->SetTraceHook(
+        [&clientTraces](const QString &text, const char *, int) { clientTraces << text; });
     const QString authority = caFile == 0 ? QString()
-                              : caFile == 1 ? m_certificates->authority()
-                                            : m_certificates->foreignAuthority();
+        : caFile == 1                     ? m_certificates->authority()
+                                          : m_certificates->foreignAuthority();
     auto client = clientWith(server.port(), authority, user, foreignUser);
     const bool connected = client->IsConnected();
     if (connected) {
@@ -193,10 +194,10 @@ void TestServerSecurity::allowList_data()
     QTest::addColumn<QByteArray>("from");
     QTest::addColumn<bool>("served");
     QTest::newRow("default, loopback") << QStringList() << QByteArray("127.0.0.2") << true;
-    QTest::newRow("one address, that one") << QStringList{QStringLiteral("127.0.0.1/32")} << QByteArray("127.0.0.1")
-                                           << true;
-    QTest::newRow("one address, another") << QStringList{QStringLiteral("127.0.0.1/32")} << QByteArray("127.0.0.2")
-                                          << false;
+    QTest::newRow("one address, that one")
+        << QStringList{QStringLiteral("127.0.0.1/32")} << QByteArray("127.0.0.1") << true;
+    QTest::newRow("one address, another")
+        << QStringList{QStringLiteral("127.0.0.1/32")} << QByteArray("127.0.0.2") << false;
     QTest::newRow("a network") << QStringList{QStringLiteral("127.0.0.1"), QStringLiteral("127.0.0.0/30")}
                                << QByteArray("127.0.0.3") << true;
 }
@@ -221,9 +222,9 @@ void TestServerSecurity::allowList()
     Attacker client(server.port(), from);
     std::atomic<int> answered{-1};
     client.start([&answered](Attacker &peer) {
-        answered = peer.connectNow()
-            && peer.sendAll(Attacker::frame(RawClient::request(Tag::GetBasePath, QStringLiteral("bp"), QString())))
-            && peer.receiveFrame(5000).contains("GetBasePathReply");
+        answered = peer.connectNow() &&
+            peer.sendAll(Attacker::frame(RawClient::request(Tag::GetBasePath, QStringLiteral("bp"), QString()))) &&
+            peer.receiveFrame(5000).contains("GetBasePathReply");
     });
     QTRY_VERIFY_WITH_TIMEOUT(answered != -1, 10000);
     QCOMPARE(bool(answered), served);
@@ -249,18 +250,18 @@ ReplyFields TestServerSecurity::call(RawClient &client, QLatin1String command, c
 QString TestServerSecurity::createGroup(RawClient &client, const QString &user)
 {
     const QString guid = QUuid::createUuid().toString(QUuid::WithoutBraces);
-    const ReplyFields created = call(
-        client, Tag::CreateFileGroup,
-        element(Tag::Guid, guid) + element(Tag::FileGroupName, QStringLiteral("owned"))
-            + element(Tag::FileType, QString::number(FT_Image))
-            + element(Tag::LifeCycle, QStringLiteral("2030-01-01 00:00:00.000")) + element(Tag::UserName, user)
-            + element(Tag::TeamMembership, QStringLiteral("team")));
-    if (created.error != KE_NoError
-        || !writeFile(QDir(created.value(Tag::Path)).filePath(QStringLiteral("f.bin")), "data"))
+    const ReplyFields created =
+        call(client, Tag::CreateFileGroup,
+             element(Tag::Guid, guid) + element(Tag::FileGroupName, QStringLiteral("owned")) +
+                 element(Tag::FileType, QString::number(FT_Image)) +
+                 element(Tag::LifeCycle, QStringLiteral("2030-01-01 00:00:00.000")) + element(Tag::UserName, user) +
+                 element(Tag::TeamMembership, QStringLiteral("team")));
+    if (created.error != KE_NoError ||
+        !writeFile(QDir(created.value(Tag::Path)).filePath(QStringLiteral("f.bin")), "data"))
         return QString();
     const ReplyFields added = call(client, Tag::AddFile,
-                                   element(Tag::Guid, guid) + element(Tag::FileName, QStringLiteral("f.bin"))
-                                       + element(Tag::FileId, QStringLiteral("1")));
+                                   element(Tag::Guid, guid) + element(Tag::FileName, QStringLiteral("f.bin")) +
+                                       element(Tag::FileId, QStringLiteral("1")));
     return added.error == KE_NoError ? guid : QString();
 }
 
@@ -286,8 +287,8 @@ TestServerSecurity::Step TestServerSecurity::stepOf(Action action, const QString
     case Action::WriteLock:
     case Action::ReadLock:
         return {Tag::RequestFile,
-                file + element(Tag::WriteLock, QLatin1String(action == Action::WriteLock ? "true" : "false"))
-                    + element(Tag::UserName, lockIdentity(claimed)),
+                file + element(Tag::WriteLock, QLatin1String(action == Action::WriteLock ? "true" : "false")) +
+                    element(Tag::UserName, lockIdentity(claimed)),
                 claimed};
     case Action::Register:
         return {Tag::RegisterConverter,
@@ -308,9 +309,10 @@ QJsonArray TestServerSecurity::audit(const ServerProcess &server, const QStringL
 {
     QProcess program;
     program.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    program.start(ServerProcess::programPath(), QStringList{QStringLiteral("audit"), QStringLiteral("--db"),
-                                                            databaseOf(server), QStringLiteral("--json")}
-                                                    + arguments);
+    program.start(ServerProcess::programPath(),
+                  QStringList{QStringLiteral("audit"), QStringLiteral("--db"), databaseOf(server),
+                              QStringLiteral("--json")} +
+                      arguments);
     if (!program.waitForFinished(Wait) || program.exitCode() != 0)
         return QJsonArray();
     return QJsonDocument::fromJson(program.readAllStandardOutput()).object().value(QStringLiteral("records")).toArray();
@@ -318,7 +320,7 @@ QJsonArray TestServerSecurity::audit(const ServerProcess &server, const QStringL
 
 void TestServerSecurity::ownership_data()
 {
-    QTest::addColumn<QString>("user");    // whose certificate
+    QTest::addColumn<QString>("user"); // whose certificate
     QTest::addColumn<QString>("claimed"); // the user the request names
     QTest::addColumn<Action>("action");
     QTest::addColumn<int>("code");
@@ -328,8 +330,8 @@ void TestServerSecurity::ownership_data()
     QTest::newRow("another user deletes a file") << bob << bob << Action::DeleteFile << int(KE_NoWritePermission);
     QTest::newRow("another user moves the group") << bob << bob << Action::MoveToNas << int(KE_NoWritePermission);
     QTest::newRow("another user exports the group") << bob << bob << Action::Export << int(KE_NoWritePermission);
-    QTest::newRow("another user releases the lock") << bob << kAlice << Action::ReleaseLock
-                                                    << int(KE_NoWritePermission);
+    QTest::newRow("another user releases the lock")
+        << bob << kAlice << Action::ReleaseLock << int(KE_NoWritePermission);
     QTest::newRow("a forged write lock") << bob << kAlice << Action::WriteLock << int(KE_NoWritePermission);
     QTest::newRow("a forged read lock") << bob << kAlice << Action::ReadLock << int(KE_NoReadPermission);
     QTest::newRow("another user's own read lock") << bob << bob << Action::ReadLock << int(KE_FileGroupWriteLocked);
@@ -350,8 +352,9 @@ void TestServerSecurity::ownership()
     QFETCH(Action, action);
     QFETCH(int, code);
     ServerProcess server;
-    server.setExtraArguments(tlsArguments(true) + QStringList{QStringLiteral("--admin"), QStringLiteral("root"),
-                                                              QStringLiteral("--converter"), QStringLiteral("audio")});
+    server.setExtraArguments(tlsArguments(true) +
+                             QStringList{QStringLiteral("--admin"), QStringLiteral("root"),
+                                         QStringLiteral("--converter"), QStringLiteral("audio")});
     QVERIFY2(server.start(), qPrintable(server.errorString()));
     const auto alice = connectAs(server.port(), kAlice);
     QVERIFY(alice);
@@ -381,11 +384,11 @@ void TestServerSecurity::ownership()
     const auto recorded = [&] {
         for (const QJsonValue &value : audit(server, filter)) {
             const QJsonObject record = value.toObject();
-            if (record.value(QStringLiteral("command")).toString() == step.command
-                && record.value(QStringLiteral("certificateUser")).toString() == user
-                && record.value(QStringLiteral("claimedUser")).toString() == step.claimed
-                && record.value(QStringLiteral("peerAddress")).toString() == QLatin1String("127.0.0.1")
-                && record.value(QStringLiteral("result")).toInt() == code)
+            if (record.value(QStringLiteral("command")).toString() == step.command &&
+                record.value(QStringLiteral("certificateUser")).toString() == user &&
+                record.value(QStringLiteral("claimedUser")).toString() == step.claimed &&
+                record.value(QStringLiteral("peerAddress")).toString() == QLatin1String("127.0.0.1") &&
+                record.value(QStringLiteral("result")).toInt() == code)
                 return true;
         }
         return false;
@@ -407,11 +410,11 @@ void TestServerSecurity::auditAfterKill()
     QByteArray frames;
     for (int i = 0; i < Groups; ++i) {
         guids.append(QUuid::createUuid().toString(QUuid::WithoutBraces));
-        frames += Attacker::frame(RawClient::request(
-            Tag::CreateFileGroup, guids.back(),
-            element(Tag::Guid, guids.back()) + element(Tag::FileType, QString::number(FT_Image))
-                + element(Tag::LifeCycle, QStringLiteral("2030-01-01 00:00:00.000"))
-                + element(Tag::UserName, kAlice)));
+        frames += Attacker::frame(
+            RawClient::request(Tag::CreateFileGroup, guids.back(),
+                               element(Tag::Guid, guids.back()) + element(Tag::FileType, QString::number(FT_Image)) +
+                                   element(Tag::LifeCycle, QStringLiteral("2030-01-01 00:00:00.000")) +
+                                   element(Tag::UserName, kAlice)));
     }
     alice->sendBytes(frames);
     // The first answers, then the crash with the rest under way.
@@ -429,15 +432,15 @@ void TestServerSecurity::auditAfterKill()
     QVERIFY(alice);
     std::set<QString> stored;
     for (const QString &guid : qAsConst(guids)) {
-        if (call(*alice, Tag::CheckFileGroupExists, element(Tag::Guid, guid)).value(Tag::Exists)
-            == QLatin1String("true"))
+        if (call(*alice, Tag::CheckFileGroupExists, element(Tag::Guid, guid)).value(Tag::Exists) ==
+            QLatin1String("true"))
             stored.insert(guid);
     }
     std::set<QString> recorded;
     for (const QJsonValue &value : audit(server, {QStringLiteral("--user"), kAlice})) {
         const QJsonObject record = value.toObject();
-        if (record.value(QStringLiteral("command")).toString() == QLatin1String(Tag::CreateFileGroup)
-            && record.value(QStringLiteral("result")).toInt() == KE_NoError)
+        if (record.value(QStringLiteral("command")).toString() == QLatin1String(Tag::CreateFileGroup) &&
+            record.value(QStringLiteral("result")).toInt() == KE_NoError)
             recorded.insert(record.value(QStringLiteral("guid")).toString());
     }
     QVERIFY(std::includes(stored.begin(), stored.end(), confirmed.begin(), confirmed.end()));

@@ -43,7 +43,7 @@ private:
     std::unique_ptr<ServerProcess> m_first;
     std::unique_ptr<ServerProcess> m_second;
     std::unique_ptr<KeldaClient> m_alice; // on the first server
-    std::unique_ptr<KeldaClient> m_bob;   // on the second
+    std::unique_ptr<KeldaClient> m_bob; // on the second
 };
 
 void TestServerShared::initTestCase()
@@ -165,7 +165,8 @@ void TestServerShared::addsThroughConnectionsOfOneServerGetConsecutiveIds()
             QVERIFY(writeFile(directory + name, name.toUtf8()));
             clients[size_t(c)]->sendFrame(RawClient::request(
                 Tag::AddFile, name,
-                QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>%2</m:FileName><m:FileId>0</m:FileId>").arg(guid, name)));
+                QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>%2</m:FileName><m:FileId>0</m:FileId>")
+                    .arg(guid, name)));
         }
     }
     QList<uint> ids;

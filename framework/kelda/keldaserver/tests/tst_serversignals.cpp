@@ -68,8 +68,8 @@ void TestServerSignals::hangupReopensTraceFile()
     const QString logs = scratch.filePath(QStringLiteral("logs"));
     const QString trace = logs + QStringLiteral("/trace.log");
     const QString rotated = rotation == QLatin1String("rename folder")
-                                ? scratch.filePath(QStringLiteral("logs.1/trace.log"))
-                                : trace + QStringLiteral(".1");
+        ? scratch.filePath(QStringLiteral("logs.1/trace.log"))
+        : trace + QStringLiteral(".1");
     QVERIFY(QDir().mkpath(logs));
     if (!rotation.isEmpty())
         qputenv("KELDA_TRACE_FILE", QFile::encodeName(trace));

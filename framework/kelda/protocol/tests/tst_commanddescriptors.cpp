@@ -58,13 +58,13 @@ static_assert(FirstIncomplete(WithoutFailureTrace(DeleteFile).entries) == Delete
 
 // A command whose reply lists records, as a next command might.
 constexpr QLatin1String Digest = Latin1Literal("Digest");
-constexpr CommandDescriptor Checksums = Describe(ReplyKind::Count, Exchange::Command, Effect::Reads)
-                                            .Sends(Latin1Literal("ListChecksums"), {Field::Guid})
-                                            .Receives(Latin1Literal("ListChecksumsReply"),
-                                                      {Tag::Files, Tag::File, EndOf(Tag::Files)}, ResultKind::Records)
-                                            .Record(Tag::File, {Tag::FileId, Tag::FileName, Digest})
-                                            .FailureTraced("Error while listing checksums: %1 (%2)")
-                                            .Signals("listChecksumsReply", "ListChecksumsSg");
+constexpr CommandDescriptor Checksums =
+    Describe(ReplyKind::Count, Exchange::Command, Effect::Reads)
+        .Sends(Latin1Literal("ListChecksums"), {Field::Guid})
+        .Receives(Latin1Literal("ListChecksumsReply"), {Tag::Files, Tag::File, EndOf(Tag::Files)}, ResultKind::Records)
+        .Record(Tag::File, {Tag::FileId, Tag::FileName, Digest})
+        .FailureTraced("Error while listing checksums: %1 (%2)")
+        .Signals("listChecksumsReply", "ListChecksumsSg");
 
 static_assert(IsComplete(Checksums));
 static_assert(RecordColumn(Checksums, Digest) == 2 && RecordColumn(Checksums, Tag::Path) == -1);
@@ -86,8 +86,8 @@ QString T(const char *text)
 QByteArray Message(const QByteArray &children)
 {
     return "<?xml version=\"1.0\"?><s:Envelope xmlns:s=\"http://www.w3.org/2003/05/soap-envelope\"><s:Body>"
-           "<m:ListChecksumsReply xmlns:m=\"http://kelda.archive/8SP/KELDA\">"
-        + children + "</m:ListChecksumsReply></s:Body></s:Envelope>";
+           "<m:ListChecksumsReply xmlns:m=\"http://kelda.archive/8SP/KELDA\">" +
+        children + "</m:ListChecksumsReply></s:Body></s:Envelope>";
 }
 
 // What the server's writer makes of two records and a status.
@@ -136,9 +136,8 @@ void TestCommandDescriptors::records_data()
     QTest::newRow("fields in any order")
         << Message("<m:Files><m:File><m:Digest>x</m:Digest><m:FileId>3</m:FileId></m:File></m:Files>")
         << QStringList{T("3"), none, T("x")} << 0 << none;
-    QTest::newRow("a failure is stored, its records kept") << Written(5) << QStringList{T("1"), T("a.bin"), T("d1"),
-                                                                                        T("2"), T("b.bin"), none}
-                                                           << 5 << none;
+    QTest::newRow("a failure is stored, its records kept")
+        << Written(5) << QStringList{T("1"), T("a.bin"), T("d1"), T("2"), T("b.bin"), none} << 5 << none;
     QTest::newRow("a field the record has not")
         << Message("<m:Files><m:File><m:Size>1</m:Size></m:File></m:Files>") << QStringList() << -1
         << T("Expected one of /File, FileId, FileName, Digest, but got Size at line 1, column 179");

@@ -19,22 +19,35 @@ const int NoStore = -1000;
 
 // The body elements in dispatch order, with what a failure's trace was doing; none: no trace.
 const char *const Replies[][2] = {
-    {"CreateFileGroupReply", "creating file group"}, {"AddFileReply", "adding file"},
-    {"DeleteFileReply", "deleting file group"}, {"RequestFileReply", "requesting file"},
-    {"CloseFileReply", "closing file"}, {"MoveToNasReply", "moving to NAS"},
-    {"AddReferenceReply", "adding reference"}, {"RemoveReferenceReply", "removing reference"},
-    {"RemoveAllReferencesReply", "removing all references"}, {"QueryMetaDataReply", ""},
-    {"GetApplicationListReply", "getting application list"}, {"GetFileListReply", "getting file list"},
-    {"GetUserListReply", "getting user list"}, {"QueryFileGroupsReply", "getting user list"},
-    {"GetBasePathReply", "getting base path"}, {"CopyForeignFileGroupProgress", "getting progress"},
-    {"ExportArchiveReply", "exporting archive"}, {"ImportArchiveReply", "importing archive"},
-    {"CreateTovinFileGroupReply", "creating file group"}, {"RegisterConverterReply", "getting register converter reply"},
-    {"ConvertFileGroup", ""}, {"DeleteFileGroupReply", "getting delete filegroup reply"},
+    {"CreateFileGroupReply", "creating file group"},
+    {"AddFileReply", "adding file"},
+    {"DeleteFileReply", "deleting file group"},
+    {"RequestFileReply", "requesting file"},
+    {"CloseFileReply", "closing file"},
+    {"MoveToNasReply", "moving to NAS"},
+    {"AddReferenceReply", "adding reference"},
+    {"RemoveReferenceReply", "removing reference"},
+    {"RemoveAllReferencesReply", "removing all references"},
+    {"QueryMetaDataReply", ""},
+    {"GetApplicationListReply", "getting application list"},
+    {"GetFileListReply", "getting file list"},
+    {"GetUserListReply", "getting user list"},
+    {"QueryFileGroupsReply", "getting user list"},
+    {"GetBasePathReply", "getting base path"},
+    {"CopyForeignFileGroupProgress", "getting progress"},
+    {"ExportArchiveReply", "exporting archive"},
+    {"ImportArchiveReply", "importing archive"},
+    {"CreateTovinFileGroupReply", "creating file group"},
+    {"RegisterConverterReply", "getting register converter reply"},
+    {"ConvertFileGroup", ""},
+    {"DeleteFileGroupReply", "getting delete filegroup reply"},
     {"QueryLocationStateProgressReply", "getting QueryLocationStateProgress reply"},
     {"CheckFileGroupExistsReply", "getting QueryLocationStateProgress reply"},
     {"GetRemoteStorageLocationReply", "getting RemoteStorageLocation reply"},
-    {"GetTovinFilegroupGuidReply", "getting GetTovinFilegroupGuid reply"}, {"QueryDiskSpaceReply", ""},
-    {"GetFileChecksumsReply", "getting file checksums"}, {"VerifyFileGroupReply", "verifying file group"},
+    {"GetTovinFilegroupGuidReply", "getting GetTovinFilegroupGuid reply"},
+    {"QueryDiskSpaceReply", ""},
+    {"GetFileChecksumsReply", "getting file checksums"},
+    {"VerifyFileGroupReply", "verifying file group"},
 };
 
 QString T(const char *text)
@@ -45,8 +58,9 @@ QString T(const char *text)
 QByteArray Message(const QByteArray &body, bool withHeader = true)
 {
     const QByteArray header = "<s:Header><s:Version>1.0</s:Version><s:RequestId>" + Rid + "</s:RequestId></s:Header>";
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<s:Envelope xmlns:s=\"http://www.w3.org/2003/05/soap-envelope\">"
-        + (withHeader ? header : QByteArray()) + "<s:Body>" + body + "</s:Body></s:Envelope>\n";
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<s:Envelope "
+           "xmlns:s=\"http://www.w3.org/2003/05/soap-envelope\">" +
+        (withHeader ? header : QByteArray()) + "<s:Body>" + body + "</s:Body></s:Envelope>\n";
 }
 
 QByteArray Reply(const QByteArray &name, const QByteArray &children)
@@ -62,10 +76,13 @@ struct ArgumentsOf
     QVariantList operator()(const ListResult &r) const { return {r.requestId, r.list, r.error, r.errorString}; }
     QVariantList operator()(const TableResult &r) const { return {r.requestId, r.table, r.columnCount, r.error}; }
     QVariantList operator()(const FileIdResult &r) const { return {r.requestId, r.fileId}; }
-    QVariantList operator()(const MetaDataResult &r) const { return {r.requestId, r.metaData.getGuid(), r.errorString}; }
+    QVariantList operator()(const MetaDataResult &r) const
+    {
+        return {r.requestId, r.metaData.getGuid(), r.errorString};
+    }
     QVariantList operator()(const ExistsResult &r) const { return {r.requestId, r.exists, r.error, r.errorString}; }
     QVariantList operator()(const ConvertRequestResult &r) const { return {r.guid, int(r.fileType), r.path}; }
-    template<typename Unchecked> QVariantList operator()(const Unchecked &) const { return {}; }
+    template <typename Unchecked> QVariantList operator()(const Unchecked &) const { return {}; }
 };
 
 // Failure traces (the test's default mask) go to texts as "source: text".
@@ -134,7 +151,8 @@ void TestReplyParser::everyReply()
         return;
     parsed = ParseReplyMessage(Reply(name, "<m:ErrorString>disk full</m:ErrorString><m:Error>80</m:Error>"));
     QCOMPARE(parsed.lastError.value_or(NoStore), 1);
-    const QString trace = T("framework/kelda/keldaclient/src/commandsender: Error while %1: disk full(Invalid error code) (80)");
+    const QString trace =
+        T("framework/kelda/keldaclient/src/commandsender: Error while %1: disk full(Invalid error code) (80)");
     QCOMPARE(capture.texts, doing.isEmpty() ? QStringList() : QStringList{trace.arg(doing)});
 }
 
@@ -149,30 +167,37 @@ void TestReplyParser::replies_data()
     const auto row = [](const char *name, const QByteArray &message, const QVariantList &arguments, int lastError) {
         QTest::newRow(name) << message << arguments << lastError << QString() << QByteArray();
     };
-    const auto fails = [](const char *name, const QByteArray &message, const QString &error, const QByteArray &failAfter) {
+    const auto fails = [](const char *name, const QByteArray &message, const QString &error,
+                          const QByteArray &failAfter) {
         QTest::newRow(name) << message << QVariantList() << NoStore << error << failAfter;
     };
     const QString rid = QString::fromLatin1(Rid);
     const QString e5 = KeldaErrorString::Get(KE_FileGroupWriteLocked);
     row("AddFile", Reply("AddFileReply", "<m:FileId>7</m:FileId><m:Error>0</m:Error>"), {rid, 7u}, 0);
-    row("reverse order, whitespace, comment", Reply("RequestFileReply", "\n <m:ErrorString>srv</m:ErrorString>\n <!-- c -->"
-                                                                        "<m:Error>5</m:Error>\t<m:Path>/x</m:Path>\n"),
+    row("reverse order, whitespace, comment",
+        Reply("RequestFileReply",
+              "\n <m:ErrorString>srv</m:ErrorString>\n <!-- c -->"
+              "<m:Error>5</m:Error>\t<m:Path>/x</m:Path>\n"),
         {rid, T("/x"), 5, T("srv(%1)").arg(e5)}, 5);
     row("repeated child overwrites", Reply("RequestFileReply", "<m:Path>/a</m:Path><m:Path>/b</m:Path>"),
         {rid, T("/b"), 0, QString()}, 0);
     row("absent children", Reply("CloseFileReply", ""), {rid, 0, QString()}, 0);
     row("error without text", Reply("DeleteFileReply", "<m:Error>5</m:Error>"), {rid, 5, e5}, 5);
-    row("error 80: stored 1, handed on 80", Reply("MoveToNasReply", "<m:Error>80</m:Error><m:ErrorString>x</m:ErrorString>"),
+    row("error 80: stored 1, handed on 80",
+        Reply("MoveToNasReply", "<m:Error>80</m:Error><m:ErrorString>x</m:ErrorString>"),
         {rid, 80, T("x(Invalid error code)")}, 1);
     row("error 71 kept", Reply("RemoveReferenceReply", "<m:Error>71</m:Error>"),
         {rid, 71, KeldaErrorString::Get(KE_RemoteSystemNotConnected)}, 71);
     row("Exists true", Reply("CheckFileGroupExistsReply", "<m:Exists>true</m:Exists>"), {rid, true, 0, QString()}, 0);
-    row("TRUE is false", Reply("CheckFileGroupExistsReply", "<m:Exists>TRUE</m:Exists>"), {rid, false, 0, QString()}, 0);
+    row("TRUE is false", Reply("CheckFileGroupExistsReply", "<m:Exists>TRUE</m:Exists>"), {rid, false, 0, QString()},
+        0);
     row("file list in arrival order",
-        Reply("GetFileListReply", "<m:Files><m:File><m:FileId>1</m:FileId><m:FileName>a</m:FileName></m:File>"
-                                  "<m:File><m:FileName>b</m:FileName><m:FileId>2</m:FileId></m:File></m:Files>"),
+        Reply("GetFileListReply",
+              "<m:Files><m:File><m:FileId>1</m:FileId><m:FileName>a</m:FileName></m:File>"
+              "<m:File><m:FileName>b</m:FileName><m:FileId>2</m:FileId></m:File></m:Files>"),
         {rid, QStringList{T("1"), T("a"), T("b"), T("2")}, 0, QString()}, 0);
-    row("server request", Reply("ConvertFileGroup", "<m:Path>/in</m:Path><m:FileType>5</m:FileType><m:Guid>g4</m:Guid>"),
+    row("server request",
+        Reply("ConvertFileGroup", "<m:Path>/in</m:Path><m:FileType>5</m:FileType><m:Guid>g4</m:Guid>"),
         {T("g4"), 5, T("/in")}, NoStore);
     row("meta data: the local text for success too",
         Reply("QueryMetaDataReply", "<m:FileGroup><m:Guid>g1</m:Guid></m:FileGroup><m:ErrorString>x</m:ErrorString>"),
@@ -180,18 +205,23 @@ void TestReplyParser::replies_data()
     row("no header: empty request id", Message("<m:DeleteFileGroupReply" NS "/>", false), {QString(), 0, QString()}, 0);
     QStringList table = Table({});
     table << T("full") << FileTypeManager::GetText(FT_Image) << LocationStateString::GetText(LS_Central)
-          << T("2021-12-31 23:59:59") << T("2020-01-02 03:04:05") << T("2020-01-03 03:04:05") << T("2040-06-01 00:00:00")
-          << T("c") << T("anna") << T("d") << T("t") << T("2") << T("-4") << T("3") << T("0") << T("g1");
+          << T("2021-12-31 23:59:59") << T("2020-01-02 03:04:05") << T("2020-01-03 03:04:05")
+          << T("2040-06-01 00:00:00") << T("c") << T("anna") << T("d") << T("t") << T("2") << T("-4") << T("3")
+          << T("0") << T("g1");
     FileGroupData sparse;
     sparse.setGuid(T("g2"));
     sparse.ToStringList(table);
     row("groups: children in any order, numbers as toInt reads them, other time forms invalid",
         Reply("QueryFileGroupsReply",
-              "<m:FileGroup><m:Files/><m:ReferenceCounter> 3 </m:ReferenceCounter><m:ReservedStorage>-4</m:ReservedStorage>"
-              "<m:Version>2</m:Version><m:TeamMembership>t</m:TeamMembership><m:Detail>d</m:Detail><m:Creator>anna</m:Creator>"
+              "<m:FileGroup><m:Files/><m:ReferenceCounter> 3 "
+              "</m:ReferenceCounter><m:ReservedStorage>-4</m:ReservedStorage>"
+              "<m:Version>2</m:Version><m:TeamMembership>t</m:TeamMembership><m:Detail>d</m:Detail><m:Creator>anna</"
+              "m:Creator>"
               "<m:Comment>c</m:Comment><m:LifeCycle>2040-06-01 00:00:00</m:LifeCycle>"
-              "<m:ModificationTime>2020-01-03 03:04:05</m:ModificationTime><m:CreationTime>2020-01-02 03:04:05</m:CreationTime>"
-              "<m:BackupTime>2021-12-31 23:59:59</m:BackupTime><m:LocationState>2</m:LocationState><m:FileType>11</m:FileType>"
+              "<m:ModificationTime>2020-01-03 03:04:05</m:ModificationTime><m:CreationTime>2020-01-02 "
+              "03:04:05</m:CreationTime>"
+              "<m:BackupTime>2021-12-31 "
+              "23:59:59</m:BackupTime><m:LocationState>2</m:LocationState><m:FileType>11</m:FileType>"
               "<m:FileGroupName>full</m:FileGroupName><m:Guid>g1</m:Guid></m:FileGroup>\n<m:Error>5</m:Error>\n"
               "<m:FileGroup><m:Guid>g2</m:Guid><m:CreationTime>2020-02-30 03:04:05</m:CreationTime>"
               "<m:BackupTime>2020-01-02T03:04:05</m:BackupTime><m:FileType>1,000</m:FileType></m:FileGroup>"),
@@ -201,21 +231,24 @@ void TestReplyParser::replies_data()
     for (const auto &reply : Replies)
         names << T(reply[0]);
     const QByteArray envelope = "<s:Envelope xmlns:s=\"http://www.w3.org/2003/05/soap-envelope\"/>";
-    fails("stray text", Reply("AddFileReply", "<m:FileId>1</m:FileId> x <m:Error>0</m:Error>"), T("Unexpected text  x "),
-          "</m:FileId> x <");
+    fails("stray text", Reply("AddFileReply", "<m:FileId>1</m:FileId> x <m:Error>0</m:Error>"),
+          T("Unexpected text  x "), "</m:FileId> x <");
     fails("unlisted child", Reply("CloseFileReply", "<m:Bogus/>"),
           T("Expected one of /CloseFileReply, Error, ErrorString, but got Bogus"), "<m:Bogus/>");
     fails("foreign namespace", Reply("CloseFileReply", "<x:Error xmlns:x=\"urn:other\">1</x:Error>"),
           T("Expected namespace http://kelda.archive/8SP/KELDA, but got urn:other"), "\"urn:other\">");
     fails("unknown reply", Reply("FooReply", ""), T("Expected one of %1, but got FooReply").arg(names.join(T(", "))),
           "<m:FooReply" NS ">");
-    fails("not an envelope", QByteArray(envelope).replace("Envelope", "Body"), T("Expected element Envelope, but got Body"),
-          "/>");
+    fails("not an envelope", QByteArray(envelope).replace("Envelope", "Body"),
+          T("Expected element Envelope, but got Body"), "/>");
     fails("empty envelope", envelope, T("Expected one of Header, Body, but got end of document"), "");
-    fails("premature end", Reply("AddFileReply", "<m:FileId>1</m:FileId>").left(220), T("Premature end of document."), "");
-    fails("element in a number", Reply("QueryFileGroupsReply", "<m:FileGroup><m:FileType>1<m:x/></m:FileType></m:FileGroup>"),
+    fails("premature end", Reply("AddFileReply", "<m:FileId>1</m:FileId>").left(220), T("Premature end of document."),
+          "");
+    fails("element in a number",
+          Reply("QueryFileGroupsReply", "<m:FileGroup><m:FileType>1<m:x/></m:FileType></m:FileGroup>"),
           T("Expected character data."), "<m:x/>");
-    fails("Files with children", Reply("QueryFileGroupsReply", "<m:FileGroup><m:Files><m:File/></m:Files></m:FileGroup>"),
+    fails("Files with children",
+          Reply("QueryFileGroupsReply", "<m:FileGroup><m:Files><m:File/></m:Files></m:FileGroup>"),
           T("Expected one of /FileGroup, Guid, FileGroupName, FileType, LocationState, BackupTime, CreationTime, "
             "ModificationTime, LifeCycle, Comment, Creator, Detail, TeamMembership, Version, ReservedStorage, "
             "ReferenceCounter, Files, but got File"),
@@ -249,7 +282,8 @@ void TestReplyParser::replies()
         const ParsedReply cut = ParseReplyMessage(message.left(size));
         QCOMPARE(cut.IsValid(), size >= message.indexOf("</s:Body>"));
         if (!cut.IsValid())
-            QVERIFY(cut.error.contains(position) && std::holds_alternative<std::monostate>(cut.result) && !cut.lastError);
+            QVERIFY(cut.error.contains(position) && std::holds_alternative<std::monostate>(cut.result) &&
+                    !cut.lastError);
     }
 }
 
@@ -266,8 +300,9 @@ void TestReplyParser::localTimes_data()
     QTest::newRow("spring gap") << aroundTwo("2021-03-28");
     QTest::newRow("autumn overlap") << aroundTwo("2021-10-31");
     QTest::newRow("ordinary, and years at and beyond the ends")
-        << QStringList{T("2020-02-29 23:59:59"), T("1970-01-01 00:00:00"), T("1971-01-01 00:00:00"), T("2036-12-31 23:59:59"),
-                       T("2038-03-29 02:30:00"), T("2100-10-31 02:30:00"), T("0001-01-01 00:00:00"), T("9999-12-31 23:59:59")};
+        << QStringList{T("2020-02-29 23:59:59"), T("1970-01-01 00:00:00"), T("1971-01-01 00:00:00"),
+                       T("2036-12-31 23:59:59"), T("2038-03-29 02:30:00"), T("2100-10-31 02:30:00"),
+                       T("0001-01-01 00:00:00"), T("9999-12-31 23:59:59")};
 }
 
 // A time reads as the local QDateTime of its date and time: the row shows

@@ -17,8 +17,7 @@ QString T(const char *text)
 }
 
 // Every message gets a Guid and an Application, so that a command writing one it has no place for shows up.
-template<typename Message>
-Message Filled()
+template <typename Message> Message Filled()
 {
     Message message;
     message.SetRequestId(QString::fromLatin1(Rid));
@@ -32,12 +31,12 @@ void Row(const char *name, const KeldaClientSOAPMessage &message, const QByteArr
          const QByteArray &requestId = Rid)
 {
     const QByteArray command = QByteArray(name).split(' ').first();
-    const QByteArray body = children.isEmpty() ? "<m:" + command + NS "/>"
-                                               : "<m:" + command + NS ">" + children + "</m:" + command + ">";
+    const QByteArray body =
+        children.isEmpty() ? "<m:" + command + NS "/>" : "<m:" + command + NS ">" + children + "</m:" + command + ">";
     const QByteArray document = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
                                 "<s:Envelope xmlns:s=\"http://www.w3.org/2003/05/soap-envelope\">"
-                                "<s:Header><s:Version>1.0</s:Version><s:RequestId>"
-        + requestId + "</s:RequestId></s:Header><s:Body>" + body + "</s:Body></s:Envelope>\n";
+                                "<s:Header><s:Version>1.0</s:Version><s:RequestId>" +
+        requestId + "</s:RequestId></s:Header><s:Body>" + body + "</s:Body></s:Envelope>\n";
     QTest::newRow(name) << message.ToXml() << document;
 }
 
@@ -160,15 +159,15 @@ void TestRequestMessages::toXml_data()
     query.SetQuery(criteria);
     Row("QueryFileGroups bounds in UTC", query,
         APP "<m:CommentSearchText>c</m:CommentSearchText><m:DetailSearchText>d</m:DetailSearchText>"
-        "<m:FileGroupNameSearchText>n</m:FileGroupNameSearchText>"
-        "<m:FileTypeList><m:FileType>11</m:FileType><m:FileType>17</m:FileType></m:FileTypeList>"
-        "<m:LocationState>2</m:LocationState><m:LockState>3</m:LockState><m:LockUser>lu</m:LockUser>"
-        "<m:BackupTime><m:Min>2023-12-31 23:30:00.000</m:Min><m:Max></m:Max></m:BackupTime>"
-        "<m:CreationTime><m:Min></m:Min><m:Max>2024-06-30 12:00:00.000</m:Max></m:CreationTime>"
-        "<m:LifeCycle><m:Min>2024-02-02 11:00:00.000</m:Min><m:Max></m:Max></m:LifeCycle>"
-        "<m:ModificationTime><m:Min></m:Min><m:Max>2024-02-03 22:59:59.999</m:Max></m:ModificationTime>"
-        "<m:ReferencingApplication>ra</m:ReferencingApplication><m:TeamSearchText>t</m:TeamSearchText>"
-        "<m:User>u</m:User><m:VersionSearchText>v</m:VersionSearchText>");
+            "<m:FileGroupNameSearchText>n</m:FileGroupNameSearchText>"
+            "<m:FileTypeList><m:FileType>11</m:FileType><m:FileType>17</m:FileType></m:FileTypeList>"
+            "<m:LocationState>2</m:LocationState><m:LockState>3</m:LockState><m:LockUser>lu</m:LockUser>"
+            "<m:BackupTime><m:Min>2023-12-31 23:30:00.000</m:Min><m:Max></m:Max></m:BackupTime>"
+            "<m:CreationTime><m:Min></m:Min><m:Max>2024-06-30 12:00:00.000</m:Max></m:CreationTime>"
+            "<m:LifeCycle><m:Min>2024-02-02 11:00:00.000</m:Min><m:Max></m:Max></m:LifeCycle>"
+            "<m:ModificationTime><m:Min></m:Min><m:Max>2024-02-03 22:59:59.999</m:Max></m:ModificationTime>"
+            "<m:ReferencingApplication>ra</m:ReferencingApplication><m:TeamSearchText>t</m:TeamSearchText>"
+            "<m:User>u</m:User><m:VersionSearchText>v</m:VersionSearchText>");
 
     Row("QueryLocationStateProgress", Filled<QueryLocationStateProgressMessage>(), GUID);
     Row("QueryMetaData", Filled<QueryMetaDataMessage>(), GUID APP);

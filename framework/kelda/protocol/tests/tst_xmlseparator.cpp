@@ -92,8 +92,13 @@ void TestXmlSeparator::framing_data()
         << 3 << le(implausible) << 0 << QByteArrayList{implausible} << le("<a/>");
 
     QTest::newRow("xml: white space, '>' in attribute and text, non-ASCII, byte by byte")
-        << 1 << QByteArray("\r\n <r a='x>y'><c>1 > 0 Gr\xc3\xbc\xc3\x9f" "e \xe2\x82\xac</c></r>\n \t<s/>\n") << 1
-        << QByteArrayList{"<r a='x>y'><c>1 > 0 Gr\xc3\xbc\xc3\x9f" "e \xe2\x82\xac</c></r>", "<s/>"}
+        << 1
+        << QByteArray("\r\n <r a='x>y'><c>1 > 0 Gr\xc3\xbc\xc3\x9f"
+                      "e \xe2\x82\xac</c></r>\n \t<s/>\n")
+        << 1
+        << QByteArrayList{"<r a='x>y'><c>1 > 0 Gr\xc3\xbc\xc3\x9f"
+                          "e \xe2\x82\xac</c></r>",
+                          "<s/>"}
         << QByteArray("<a/>");
     QByteArray large = QByteArrayLiteral("<?xml version=\"1.0\"?>\n<root>\n");
     while (large.size() < 10 * 1024 * 1024)
@@ -243,10 +248,10 @@ void TestXmlSeparator::hugeAnnouncementHoldsOnlyWhatArrived()
     while (received < head.size() + kBody) {
         device.feed(slice);
         received += slice.size();
-        QVERIFY2(separator.bufferedCapacity() <= kFactor * received + kSlack,
-                 qPrintable(QStringLiteral("%1 bytes held after %2 received")
-                                .arg(separator.bufferedCapacity())
-                                .arg(received)));
+        QVERIFY2(
+            separator.bufferedCapacity() <= kFactor * received + kSlack,
+            qPrintable(
+                QStringLiteral("%1 bytes held after %2 received").arg(separator.bufferedCapacity()).arg(received)));
     }
     QVERIFY(separator.bufferedCapacity() >= kBody); // what arrived is kept
     QCOMPARE(framed.count(), 0);

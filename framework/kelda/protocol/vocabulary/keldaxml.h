@@ -14,8 +14,7 @@ namespace Kelda {
 // QLatin1String's pointer constructor measures its text with strlen, which
 // only some compilers evaluate at compile time; taking the literal's array
 // size makes the constants constant expressions everywhere.
-template <std::size_t N>
-constexpr QLatin1String Latin1Literal(const char (&text)[N])
+template <std::size_t N> constexpr QLatin1String Latin1Literal(const char (&text)[N])
 {
     return QLatin1String(text, static_cast<int>(N - 1));
 }

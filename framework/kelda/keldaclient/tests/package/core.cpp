@@ -11,8 +11,8 @@ int main(int argc, char *argv[])
     QCoreApplication app(argc, argv);
     Kelda::KeldaClient client;
     Kelda::KeldaFile file(&client, QStringLiteral("/tmp/a.bin"), 0);
-    const bool ok = !Kelda::KeldaClient::IsKeldaAvailable() && !client.WaitForConnected(0)
-                    && file.GetGuid().isEmpty() && client.GetErrorString() == QLatin1String("No error");
+    const bool ok = !Kelda::KeldaClient::IsKeldaAvailable() && !client.WaitForConnected(0) &&
+        file.GetGuid().isEmpty() && client.GetErrorString() == QLatin1String("No error");
     std::printf("core consumer: %s\n", ok ? "ok" : "unexpected answers");
     return ok ? 0 : 1;
 }

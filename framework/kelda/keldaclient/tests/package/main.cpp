@@ -17,8 +17,8 @@ int main(int argc, char *argv[])
         Kelda::KeldaFileDialog::GetOpenUrl(nullptr);
     }
     const QString guid = Kelda::KeldaClient::CreateGuid();
-    const bool ok = !Kelda::KeldaClient::IsKeldaAvailable() && !client.IsConnected() && guid.size() == 36
-                    && client.GetErrorString() == QLatin1String("No error");
+    const bool ok = !Kelda::KeldaClient::IsKeldaAvailable() && !client.IsConnected() && guid.size() == 36 &&
+        client.GetErrorString() == QLatin1String("No error");
     std::printf("consumer: %s\n", ok ? "ok" : "unexpected answers");
     return ok ? 0 : 1;
 }
