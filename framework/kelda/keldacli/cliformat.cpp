@@ -95,7 +95,74 @@ std::vector<FileGroupData> queryRecords(const QStringList &reply, int columnCoun
     return FileGroupData::fromStringList(reply.mid(columnCount));
 }
 
-QJsonObject fileGroupToJson(const FileGroupData &group, bool withFiles)
+const QString kChecksumStateOk = QStringLiteral("ok");
+const QString kChecksumStateUnverified = QStringLiteral("unverified");
+
+namespace {
+
+// The fields of one record, in the order the server sends them.
+enum ChecksumField { CfId, CfName, CfSize, CfAlgorithm, CfDigest, CfLastCheck, CfState, CfCount };
+
+const FileChecksum *checksumOf(const std::vector<FileChecksum> &checksums, int fileId)
+{
+    for (const FileChecksum &checksum : checksums) {
+        if (checksum.fileId == unsigned(fileId))
+            return &checksum;
+    }
+    return nullptr;
+}
+
+} // namespace
+
+std::vector<FileChecksum> checksumRecords(const QString &guid, const QStringList &records)
+{
+    std::vector<FileChecksum> files;
+    for (int at = 0; at + CfCount <= records.size(); at += CfCount) {
+        FileChecksum file;
+        file.guid = guid;
+        file.fileId = records.at(at + CfId).toUInt();
+        file.name = records.at(at + CfName);
+        file.size = records.at(at + CfSize);
+        file.algorithm = records.at(at + CfAlgorithm);
+        file.digest = records.at(at + CfDigest);
+        file.lastCheck = records.at(at + CfLastCheck);
+        file.state = records.at(at + CfState);
+        files.push_back(file);
+    }
+    return files;
+}
+
+QString formatChecksums(const std::vector<FileChecksum> &files)
+{
+    QVector<QStringList> rows;
+    for (const FileChecksum &file : files)
+        rows.append({file.guid, QString::number(file.fileId), file.name, file.size, file.state,
+                     file.lastCheck.isEmpty() ? QStringLiteral("-") : file.lastCheck,
+                     file.digest.isEmpty() ? QStringLiteral("-") : file.digest});
+    return formatTable({QStringLiteral("Group"), QStringLiteral("Id"), QStringLiteral("Name"), QStringLiteral("Size"),
+                        QStringLiteral("State"), QStringLiteral("Last check"), QStringLiteral("Digest")},
+                       rows);
+}
+
+QJsonArray checksumsToJson(const std::vector<FileChecksum> &files)
+{
+    QJsonArray array;
+    for (const FileChecksum &file : files) {
+        QJsonObject object;
+        object.insert(QStringLiteral("guid"), file.guid);
+        object.insert(QStringLiteral("id"), qint64(file.fileId));
+        object.insert(QStringLiteral("name"), file.name);
+        object.insert(QStringLiteral("size"), file.size.isEmpty() ? QJsonValue() : QJsonValue(file.size.toLongLong()));
+        object.insert(QStringLiteral("algorithm"), file.algorithm);
+        object.insert(QStringLiteral("digest"), file.digest);
+        object.insert(QStringLiteral("lastCheck"), file.lastCheck);
+        object.insert(QStringLiteral("state"), file.state);
+        array.append(object);
+    }
+    return array;
+}
+
+QJsonObject fileGroupToJson(const FileGroupData &group, bool withFiles, const std::vector<FileChecksum> &checksums)
 {
     QJsonObject object;
     object.insert(QStringLiteral("guid"), group.getGuid());
@@ -117,7 +184,7 @@ QJsonObject fileGroupToJson(const FileGroupData &group, bool withFiles)
     object.insert(QStringLiteral("referenceCounter"), group.getReferenceCounter());
     object.insert(QStringLiteral("lockCount"), group.getLockCount());
     if (withFiles)
-        object.insert(QStringLiteral("files"), filesToJson(group.getGuid(), group.getFileList()));
+        object.insert(QStringLiteral("files"), filesToJson(group.getGuid(), group.getFileList(), checksums));
     return object;
 }
 
@@ -129,7 +196,8 @@ QJsonArray fileGroupsToJson(const std::vector<FileGroupData> &groups)
     return array;
 }
 
-QJsonArray filesToJson(const QString &guid, const FileGroupData::FileList &files)
+QJsonArray filesToJson(const QString &guid, const FileGroupData::FileList &files,
+                       const std::vector<FileChecksum> &checksums)
 {
     QJsonArray array;
     for (const auto &file : files) {
@@ -137,20 +205,29 @@ QJsonArray filesToJson(const QString &guid, const FileGroupData::FileList &files
         object.insert(QStringLiteral("id"), file.second);
         object.insert(QStringLiteral("name"), file.first);
         object.insert(QStringLiteral("url"), fileUrl(guid, file.second));
+        if (const FileChecksum *checksum = checksumOf(checksums, file.second)) {
+            object.insert(QStringLiteral("digest"), checksum->digest);
+            object.insert(QStringLiteral("state"), checksum->state);
+        }
         array.append(object);
     }
     return array;
 }
 
-QString formatFileGroup(const FileGroupData &group)
+QString formatFileGroup(const FileGroupData &group, const std::vector<FileChecksum> &checksums)
 {
     QString text;
     for (const QString &line : group.ToDebugStringList())
         text += line + QLatin1Char('\n');
     text += QStringLiteral("Files:\n");
-    for (const auto &file : group.getFileList())
-        text += QStringLiteral("  %1  %2  %3\n")
+    for (const auto &file : group.getFileList()) {
+        text += QStringLiteral("  %1  %2  %3")
                     .arg(QString::number(file.second), file.first, fileUrl(group.getGuid(), file.second));
+        if (const FileChecksum *checksum = checksumOf(checksums, file.second))
+            text += QStringLiteral("  %1  %2")
+                        .arg(checksum->state, checksum->digest.isEmpty() ? QStringLiteral("-") : checksum->digest);
+        text += QLatin1Char('\n');
+    }
     return text;
 }
 

@@ -23,12 +23,42 @@ QString formatQueryTable(const QStringList &reply, int columnCount, bool wide);
 // The rows of a query result as records.
 std::vector<Kelda::FileGroupData> queryRecords(const QStringList &reply, int columnCount);
 
-QJsonObject fileGroupToJson(const Kelda::FileGroupData &group, bool withFiles);
-QJsonArray fileGroupsToJson(const std::vector<Kelda::FileGroupData> &groups);
-QJsonArray filesToJson(const QString &guid, const Kelda::FileGroupData::FileList &files);
+// What the archive recorded of one file of group `guid`, from the records of
+// GetFileChecksums and VerifyFileGroup.
+struct FileChecksum
+{
+    QString guid;
+    unsigned int fileId = 0;
+    QString name;
+    // Empty, as algorithm and digest are, for a file not read yet.
+    QString size;
+    QString algorithm;
+    QString digest;
+    QString lastCheck;
+    QString state;
+};
 
-// `info`: one "Label: value" line per field, then the files.
-QString formatFileGroup(const Kelda::FileGroupData &group);
+// The state of an intact file.
+extern const QString kChecksumStateOk;
+// The state of a file without a digest yet.
+extern const QString kChecksumStateUnverified;
+
+// Seven texts per file; an incomplete record at the end is dropped.
+std::vector<FileChecksum> checksumRecords(const QString &guid, const QStringList &records);
+// `verify`: group, id, name, size, state, last check and digest.
+QString formatChecksums(const std::vector<FileChecksum> &files);
+QJsonArray checksumsToJson(const std::vector<FileChecksum> &files);
+
+// `checksums`, when given, add each file's digest and state.
+QJsonObject fileGroupToJson(const Kelda::FileGroupData &group, bool withFiles,
+                            const std::vector<FileChecksum> &checksums = {});
+QJsonArray fileGroupsToJson(const std::vector<Kelda::FileGroupData> &groups);
+QJsonArray filesToJson(const QString &guid, const Kelda::FileGroupData::FileList &files,
+                       const std::vector<FileChecksum> &checksums = {});
+
+// `info`: one "Label: value" line per field, then the files, with their
+// state and digest when `checksums` has them.
+QString formatFileGroup(const Kelda::FileGroupData &group, const std::vector<FileChecksum> &checksums = {});
 // `files`: a table of id, name and URL.
 QString formatFiles(const QString &guid, const Kelda::FileGroupData::FileList &files);
 

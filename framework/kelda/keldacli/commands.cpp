@@ -113,11 +113,85 @@ ExitCode runInfo(const QCommandLineParser &parser, Session &session)
     FileGroupData group;
     if (const ExitCode code = queryMetaData(session, guid, group))
         return code;
+    // A server that keeps no digests still has the rest to show.
+    std::vector<FileChecksum> checksums;
+    Outcome outcome;
+    if (const ExitCode code = requestChecksums(session, guid, false, checksums, outcome))
+        return code;
+    if (outcome.error == KE_UnknownReplyCommand)
+        session.detail(QStringLiteral("the server keeps no digests"));
+    else if (outcome.error != KE_NoError)
+        return session.serverError(outcome.error, outcome.text);
     if (parser.isSet(kJson))
-        session.writeOut(jsonText(fileGroupToJson(group, true)));
+        session.writeOut(jsonText(fileGroupToJson(group, true, checksums)));
     else
-        session.out() << formatFileGroup(group);
+        session.out() << formatFileGroup(group, checksums);
     return ExitOk;
+}
+
+// ---------------------------------------------------------------- verify
+
+void verifyOptions(QCommandLineParser &parser)
+{
+    parser.addPositionalArgument(QStringLiteral("GUID"), QStringLiteral("File groups to verify."),
+                                 QStringLiteral("GUID..."));
+    parser.addOption({kAll, QStringLiteral("Verify every file group of the archive.")});
+    addJsonOption(parser);
+}
+
+// The GUIDs of every group, from the listing `ls` shows.
+ExitCode allGroups(Session &session, QStringList &guids)
+{
+    unsigned int columns = 0;
+    const QStringList reply = session.client().QueryFiles(FileQuery(), columns);
+    if (reply.isEmpty() || columns == 0)
+        return session.blockingFailure();
+    for (const FileGroupData &group : queryRecords(reply, int(columns)))
+        guids.append(group.getGuid());
+    return ExitOk;
+}
+
+ExitCode runVerify(const QCommandLineParser &parser, Session &session)
+{
+    const bool all = parser.isSet(kAll);
+    if (const ExitCode code = expectArguments(parser, session, all ? 0 : 1, all ? 0 : -1))
+        return code;
+    QStringList guids = parser.positionalArguments();
+    for (const QString &guid : guids) {
+        if (!isGuid(guid))
+            return session.fail(ExitUsage, QStringLiteral("'%1' is not a file group GUID").arg(guid));
+    }
+    if (const ExitCode code = session.connect())
+        return code;
+    if (all) {
+        if (const ExitCode code = allGroups(session, guids))
+            return code;
+    }
+
+    std::vector<FileChecksum> files;
+    for (const QString &guid : guids) {
+        std::vector<FileChecksum> group;
+        Outcome outcome;
+        if (const ExitCode code = requestChecksums(session, guid, true, group, outcome))
+            return code;
+        if (outcome.error != KE_NoError)
+            return session.serverError(outcome.error, outcome.text);
+        files.insert(files.end(), group.begin(), group.end());
+    }
+    if (parser.isSet(kJson))
+        session.writeOut(jsonText(checksumsToJson(files)));
+    else
+        session.out() << formatChecksums(files);
+    qint64 notIntact = 0;
+    for (const FileChecksum &file : files) {
+        if (file.state != kChecksumStateOk)
+            ++notIntact;
+    }
+    if (notIntact == 0)
+        return ExitOk;
+    return session.fail(
+        ExitNotIntact,
+        QStringLiteral("%1 of %2 not intact").arg(countText(notIntact, "file")).arg(qint64(files.size())));
 }
 
 // ---------------------------------------------------------------- rm, exists, ref, unref
@@ -425,7 +499,11 @@ const std::vector<Command> &commands()
         {"get", "URL|GUID", "Fetch an archived file, or every file of a group, under a read lock.", getOptions, runGet},
         {"ls", "", "List the file groups that match a query.", lsOptions, runLs},
         {"files", "GUID", "List the files of a group.", groupJsonOptions, runFiles},
-        {"info", "GUID", "Show the metadata of a group.", groupJsonOptions, runInfo},
+        {"info", "GUID", "Show the metadata of a group, with each file's digest and state.", groupJsonOptions, runInfo},
+        {"verify", "GUID... | --all",
+         "Have the server read the groups' files again and compare them with their digests; exit 8 when any is not "
+         "intact.",
+         verifyOptions, runVerify},
         {"rm", "URL|GUID", "Delete one file (URL) or a whole group (GUID).", rmOptions, runRm},
         {"users", "", "List the users the server knows.", listOptions, runUsers},
         {"apps", "", "List the applications the server knows.", listOptions, runApps},

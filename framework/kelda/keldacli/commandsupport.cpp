@@ -105,6 +105,35 @@ ExitCode queryMetaData(Session &session, const QString &guid, FileGroupData &gro
     return outcome.error == KE_NoError ? ExitOk : session.serverError(outcome.error, outcome.text);
 }
 
+ExitCode requestChecksums(Session &session, const QString &guid, bool verify, std::vector<FileChecksum> &files,
+                          Outcome &outcome)
+{
+    KeldaClient &client = session.client();
+    QStringList records;
+    const auto onReply = [&](const QString &expected, QString id, QStringList reply, int, int error, QString text) {
+        if (id != expected)
+            return false;
+        records = reply;
+        outcome = {error, text};
+        return true;
+    };
+    const ExitCode code = verify
+        ? request(
+              session, &KeldaClient::VerifyFileGroupSg, [&] { return client.VerifyFileGroupAsync(guid); }, onReply)
+        : request(
+              session, &KeldaClient::GetFileChecksumsSg, [&] { return client.GetFileChecksumsAsync(guid); }, onReply);
+    if (code == ExitOk)
+        files = checksumRecords(guid, records);
+    return code;
+}
+
+QString digestMismatchText(const QString &expected, const QByteArray &actual)
+{
+    return QStringLiteral("the copy differs from the archive and was removed\n  expected SHA-256: %1\n  "
+                          "actual SHA-256:   %2")
+        .arg(expected, QString::fromLatin1(actual));
+}
+
 QString sizeText(qint64 bytes)
 {
     return QLocale::c().formattedDataSize(bytes, 1);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "cliformat.h"
 #include "clisession.h"
 #include "exitcode.h"
 
@@ -83,6 +84,16 @@ ExitCode simpleRequest(Session &session, Signal signal, const std::function<QStr
 extern const QString kUnnamedRequest;
 
 ExitCode queryMetaData(Session &session, const QString &guid, Kelda::FileGroupData &group);
+
+// What the archive recorded of the files of group `guid`; with `verify`
+// after the server read them again. The server's answer lands in `outcome`
+// unreported, so that the caller can tell a server without the command
+// (KE_UnknownReplyCommand) from a failure.
+ExitCode requestChecksums(Session &session, const QString &guid, bool verify, std::vector<FileChecksum> &files,
+                          Outcome &outcome);
+
+// The message for a fetched copy whose digest is not the archive's.
+QString digestMismatchText(const QString &expected, const QByteArray &actual);
 
 // "64.0 KiB", "3.5 MiB": sizes in messages.
 QString sizeText(qint64 bytes);

@@ -55,7 +55,9 @@ void CopyWorkers::work()
             job = std::move(m_jobs.front());
             m_jobs.pop_front();
         }
-        Finished finished{job.index, copyFile(job.from, job.to, job.mode, buffer, m_copied)};
+        Finished finished{job.index, QString(), QByteArray()};
+        finished.error =
+            copyFile(job.from, job.to, job.mode, buffer, m_copied, job.digest ? &finished.digest : nullptr);
         bool first = false;
         {
             std::lock_guard<std::mutex> lock(m_mutex);

@@ -29,12 +29,16 @@ public:
         QString from;
         QString to;
         CopyMode mode = CopyMode::Durable;
+        // Whether to hash the copy as it is written.
+        bool digest = false;
     };
     struct Finished
     {
         int index = 0;
         // Empty on success.
         QString error;
+        // The copy's SHA-256 in hex, when the job asked for it.
+        QByteArray digest;
     };
 
     CopyWorkers(int threads, QObject *receiver, const char *drainMethod);

@@ -38,7 +38,7 @@ void DownloadQueue::fetch(int index)
     const Item &item = m_items[size_t(index)];
     const QString local = m_directory.isEmpty() ? QString() : QDir(m_directory).filePath(item.name);
     if (!local.isEmpty() && QFileInfo(local).isFile()) {
-        copy(index, local, item.destination, CopyMode::Plain);
+        copy(index, local, item.destination, CopyMode::Plain, !item.digest.isEmpty());
         return;
     }
     m_lockPending = m_directory.isEmpty();
@@ -72,7 +72,8 @@ void DownloadQueue::granted(const QString &requestId, const QString &path, int e
     } else {
         if (m_directory.isEmpty())
             m_directory = QFileInfo(path).path();
-        copy(index, path, m_items[size_t(index)].destination, CopyMode::Plain);
+        const Item &item = m_items[size_t(index)];
+        copy(index, path, item.destination, CopyMode::Plain, !item.digest.isEmpty());
     }
     releaseHeld();
 }
@@ -85,13 +86,19 @@ void DownloadQueue::releaseHeld()
         fetch(index);
 }
 
-void DownloadQueue::copied(int index, const QString &error)
+void DownloadQueue::copied(int index, const QString &error, const QByteArray &digest)
 {
     if (!error.isEmpty()) {
         fail(index, ExitLocalFile, error);
         return;
     }
-    m_bytes += QFileInfo(m_items[size_t(index)].destination).size();
+    const Item &item = m_items[size_t(index)];
+    if (!item.digest.isEmpty() && digest != item.digest.toLatin1()) {
+        QFile::remove(item.destination);
+        fail(index, ExitDigestMismatch, digestMismatchText(item.digest, digest));
+        return;
+    }
+    m_bytes += QFileInfo(item.destination).size();
     succeed(index);
 }
 

@@ -12,7 +12,8 @@ namespace KeldaCli {
 // Fetches the files of one group into a local folder, under the group's
 // read lock: the first request takes the lock and names the directory the
 // server keeps the group in, the files are copied from there. The caller
-// gives the lock back once, after the last copy.
+// gives the lock back once, after the last copy. A copy whose digest is not
+// the archive's is removed and fails the run with ExitDigestMismatch.
 class DownloadQueue : public TransferQueue
 {
     Q_OBJECT
@@ -23,6 +24,8 @@ public:
         unsigned int fileId = 0;
         QString name;
         QString destination;
+        // The archive's SHA-256 in hex; empty when there is none to compare.
+        QString digest;
     };
 
     DownloadQueue(Session &session, int jobs, const QString &guid, std::vector<Item> items);
@@ -34,7 +37,7 @@ public:
 protected:
     void begin(int index) override;
     bool send(int index) override;
-    void copied(int index, const QString &error) override;
+    void copied(int index, const QString &error, const QByteArray &digest) override;
     void report(int index) override;
     void abandon(int index) override;
     QString describe(int index) const override;

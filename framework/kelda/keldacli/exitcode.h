@@ -15,7 +15,12 @@ enum ExitCode : int {
     // A local file could not be read or written.
     ExitLocalFile = 5,
     // The server did not answer in time.
-    ExitTimeout = 6
+    ExitTimeout = 6,
+    // `get`: a fetched copy differs from the digest the archive recorded;
+    // the copy was removed.
+    ExitDigestMismatch = 7,
+    // `verify`: a file is not intact (mismatch, missing or unverified).
+    ExitNotIntact = 8
 };
 
 // The table printed by `kelda --help` and in the README.
@@ -28,7 +33,9 @@ inline const char *exitCodeHelp()
            "  3  the server cannot be reached\n"
            "  4  the server refused the request (its error text is printed)\n"
            "  5  a local file cannot be read or written\n"
-           "  6  the server did not answer in time\n";
+           "  6  the server did not answer in time\n"
+           "  7  get: a fetched copy differs from the archive's digest (the copy is removed)\n"
+           "  8  verify: a file is not intact (mismatch, missing or unverified)\n";
 }
 
 } // namespace KeldaCli

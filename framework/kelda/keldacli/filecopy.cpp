@@ -1,5 +1,7 @@
 #include "filecopy.h"
 
+#include "filedigest.h"
+
 #include <QFile>
 #include <QSaveFile>
 #include <QRandomGenerator>
@@ -7,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 namespace KeldaCli {
 
@@ -14,7 +17,8 @@ namespace {
 
 constexpr int kBlockSize = 1 << 20;
 
-QString copyBlocks(QFile &in, QIODevice &out, const QString &to, QByteArray &buffer, std::atomic<qint64> &copied)
+QString copyBlocks(QFile &in, QIODevice &out, const QString &to, QByteArray &buffer, std::atomic<qint64> &copied,
+                   Kelda::FileDigest *digest)
 {
     if (buffer.size() < kBlockSize)
         buffer.resize(kBlockSize);
@@ -26,16 +30,19 @@ QString copyBlocks(QFile &in, QIODevice &out, const QString &to, QByteArray &buf
             return QString();
         if (out.write(buffer.constData(), got) != got)
             return QStringLiteral("cannot write '%1': %2").arg(to, out.errorString());
+        if (digest)
+            digest->add(buffer.constData(), size_t(got));
         copied += got;
     }
 }
 
-QString durableCopy(QFile &in, const QString &to, QByteArray &buffer, std::atomic<qint64> &copied)
+QString durableCopy(QFile &in, const QString &to, QByteArray &buffer, std::atomic<qint64> &copied,
+                    Kelda::FileDigest *digest)
 {
     QSaveFile out(to);
     if (!out.open(QIODevice::WriteOnly))
         return QStringLiteral("cannot write '%1': %2").arg(to, out.errorString());
-    const QString error = copyBlocks(in, out, to, buffer, copied);
+    const QString error = copyBlocks(in, out, to, buffer, copied, digest);
     if (!error.isEmpty())
         return error;
     if (!out.commit())
@@ -45,13 +52,14 @@ QString durableCopy(QFile &in, const QString &to, QByteArray &buffer, std::atomi
 
 // A name of its own beside the destination, made with the permissions a
 // new file gets (unlike a QTemporaryFile's, which are the owner's only).
-QString plainCopy(QFile &in, const QString &to, QByteArray &buffer, std::atomic<qint64> &copied)
+QString plainCopy(QFile &in, const QString &to, QByteArray &buffer, std::atomic<qint64> &copied,
+                  Kelda::FileDigest *digest)
 {
     QFile out(
         QStringLiteral("%1.part-%2").arg(to).arg(QRandomGenerator::global()->generate(), 8, 16, QLatin1Char('0')));
     if (!out.open(QIODevice::WriteOnly | QIODevice::NewOnly))
         return QStringLiteral("cannot write '%1': %2").arg(out.fileName(), out.errorString());
-    QString error = copyBlocks(in, out, to, buffer, copied);
+    QString error = copyBlocks(in, out, to, buffer, copied, digest);
     out.close();
     if (error.isEmpty() && out.error() != QFileDevice::NoError)
         error = QStringLiteral("cannot write '%1': %2").arg(to, out.errorString());
@@ -66,12 +74,18 @@ QString plainCopy(QFile &in, const QString &to, QByteArray &buffer, std::atomic<
 
 } // namespace
 
-QString copyFile(const QString &from, const QString &to, CopyMode mode, QByteArray &buffer, std::atomic<qint64> &copied)
+QString copyFile(const QString &from, const QString &to, CopyMode mode, QByteArray &buffer, std::atomic<qint64> &copied,
+                 QByteArray *digest)
 {
     QFile in(from);
     if (!in.open(QIODevice::ReadOnly))
         return QStringLiteral("cannot read '%1': %2").arg(from, in.errorString());
-    return mode == CopyMode::Durable ? durableCopy(in, to, buffer, copied) : plainCopy(in, to, buffer, copied);
+    std::unique_ptr<Kelda::FileDigest> hash = digest ? std::make_unique<Kelda::FileDigest>() : nullptr;
+    const QString error = mode == CopyMode::Durable ? durableCopy(in, to, buffer, copied, hash.get())
+                                                    : plainCopy(in, to, buffer, copied, hash.get());
+    if (hash && error.isEmpty())
+        *digest = hash->finish().toHex();
+    return error;
 }
 
 } // namespace KeldaCli

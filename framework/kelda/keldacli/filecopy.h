@@ -19,9 +19,11 @@ enum class CopyMode {
 };
 
 // Copies `from` to `to`, replacing it, through `buffer`, and adds each block
-// to `copied` as it is written. Returns an empty string on success, else
-// what failed; nothing is left at `to` then. Safe to call from any thread.
-QString copyFile(const QString &from, const QString &to, CopyMode mode, QByteArray &buffer,
-                 std::atomic<qint64> &copied);
+// to `copied` as it is written. With `digest`, also sets it to the SHA-256
+// (lower-case hex) of what was written, hashed from the same buffer so that
+// the file is read once. Returns an empty string on success, else what
+// failed; nothing is left at `to` then. Safe to call from any thread.
+QString copyFile(const QString &from, const QString &to, CopyMode mode, QByteArray &buffer, std::atomic<qint64> &copied,
+                 QByteArray *digest = nullptr);
 
 } // namespace KeldaCli

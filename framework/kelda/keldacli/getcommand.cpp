@@ -4,6 +4,8 @@
 #include "commandsupport.h"
 #include "downloadqueue.h"
 
+#include "filedigest.h"
+
 #include "keldaclient.h"
 #include "keldafile.h"
 
@@ -11,6 +13,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
+#include <QHash>
 #include <QSaveFile>
 
 using namespace Kelda;
@@ -31,23 +34,70 @@ QString destinationFor(const QCommandLineParser &parser, const QString &archived
     return QFileInfo(dest).isDir() ? QDir(dest).filePath(fileName) : dest;
 }
 
-ExitCode copyOut(QFile &in, const QString &dest, Session &session)
+// The digests the archive recorded for group `guid`, by file id, for
+// comparing the copies with. A file not read by the server yet has none, and
+// a server that keeps no digests gives none at all.
+ExitCode archiveDigests(Session &session, const QString &guid, QHash<unsigned int, QString> &digests)
+{
+    std::vector<FileChecksum> files;
+    Outcome outcome;
+    if (const ExitCode code = requestChecksums(session, guid, false, files, outcome))
+        return code;
+    if (outcome.error == KE_UnknownReplyCommand) {
+        session.detail(QStringLiteral("the server keeps no digests; the copies are not compared"));
+        return ExitOk;
+    }
+    if (outcome.error != KE_NoError)
+        return session.serverError(outcome.error, outcome.text);
+    for (const FileChecksum &file : files) {
+        if (file.digest.isEmpty() || file.state == kChecksumStateUnverified)
+            session.detail(
+                QStringLiteral("%1 has no digest in the archive yet; its copy is not compared").arg(file.name));
+        else
+            digests.insert(file.fileId, file.digest.toLower());
+    }
+    return ExitOk;
+}
+
+// Copies `in` to `dest` and compares the copy with `expected` unless that is
+// empty. A file that differs never takes its name; on stdout it has gone out
+// already and only the exit code tells.
+ExitCode copyOut(QFile &in, const QString &dest, const QString &expected, Session &session)
 {
     Progress progress = session.progress(QFileInfo(in.fileName()).fileName());
     QString error;
+    FileDigest digest;
+    FileDigest *hash = expected.isEmpty() ? nullptr : &digest;
     if (dest == kStdout) {
         QFile out;
         session.out().flush();
-        if (!out.open(stdout, QIODevice::WriteOnly) || !copyWithProgress(in, out, in.size(), progress, error))
+        if (!out.open(stdout, QIODevice::WriteOnly) || !copyWithProgress(in, out, in.size(), progress, error, hash))
             return session.fail(ExitLocalFile, QStringLiteral("writing to stdout: %1").arg(error));
+        out.close();
+        const QByteArray actual = hash ? hash->finish().toHex() : QByteArray();
+        if (hash && actual != expected.toLatin1())
+            return session.fail(ExitDigestMismatch,
+                                QStringLiteral("the copy written to stdout differs from the archive\n  expected "
+                                               "SHA-256: %1\n  actual SHA-256:   %2")
+                                    .arg(expected, QString::fromLatin1(actual)));
         return ExitOk;
     }
     QSaveFile out(dest);
     if (!out.open(QIODevice::WriteOnly))
         return session.fail(ExitLocalFile, QStringLiteral("cannot write '%1': %2").arg(dest, out.errorString()));
-    if (!copyWithProgress(in, out, in.size(), progress, error) || !out.commit())
+    if (!copyWithProgress(in, out, in.size(), progress, error, hash))
         return session.fail(ExitLocalFile,
                             QStringLiteral("writing '%1': %2").arg(dest, error.isEmpty() ? out.errorString() : error));
+    if (hash) {
+        const QByteArray actual = hash->finish().toHex();
+        if (actual != expected.toLatin1()) {
+            out.cancelWriting();
+            return session.fail(ExitDigestMismatch,
+                                QStringLiteral("%1: %2").arg(dest, digestMismatchText(expected, actual)));
+        }
+    }
+    if (!out.commit())
+        return session.fail(ExitLocalFile, QStringLiteral("writing '%1': %2").arg(dest, out.errorString()));
     return ExitOk;
 }
 
@@ -67,6 +117,9 @@ ExitCode releaseLock(Session &session, const std::function<void()> &close)
 ExitCode getFile(const QCommandLineParser &parser, Session &session, const KeldaUrl &url)
 {
     const unsigned int fileId = url.hasKeldaFileId() ? url.toKeldaFileId() : 1u;
+    QHash<unsigned int, QString> digests;
+    if (const ExitCode code = archiveDigests(session, url.toKeldaGuid(), digests))
+        return code;
     KeldaFile file(&session.client(), url.toKeldaGuid(), fileId);
     if (!file.open(QIODevice::ReadOnly)) {
         if (file.GetError() != KE_NoError)
@@ -80,7 +133,7 @@ ExitCode getFile(const QCommandLineParser &parser, Session &session, const Kelda
             ExitLocalFile,
             QStringLiteral("cannot read the archived copy '%1': %2").arg(file.fileName(), file.errorString()));
     } else {
-        code = copyOut(file, destinationFor(parser, file.fileName()), session);
+        code = copyOut(file, destinationFor(parser, file.fileName()), digests.value(fileId), session);
     }
     const ExitCode closed = releaseLock(session, [&] { file.close(); });
     return code != ExitOk ? code : closed;
@@ -111,9 +164,13 @@ ExitCode getGroup(const QCommandLineParser &parser, Session &session, const QStr
     FileGroupData group;
     if (const ExitCode code = queryMetaData(session, guid, group))
         return code;
+    QHash<unsigned int, QString> digests;
+    if (const ExitCode code = archiveDigests(session, guid, digests))
+        return code;
     std::vector<DownloadQueue::Item> items;
     for (const FileGroupData::FileEntry &file : group.getFileList())
-        items.push_back({unsigned(file.second), file.first, QDir(folder).filePath(file.first)});
+        items.push_back({unsigned(file.second), file.first, QDir(folder).filePath(file.first),
+                         digests.value(unsigned(file.second))});
     if (items.empty()) {
         session.inform(QStringLiteral("the group %1 holds no files").arg(guid));
         return ExitOk;

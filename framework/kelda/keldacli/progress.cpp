@@ -1,5 +1,7 @@
 #include "progress.h"
 
+#include "filedigest.h"
+
 #include <QIODevice>
 
 #include <unistd.h>
@@ -72,7 +74,8 @@ QString byteProgressText(qint64 done, qint64 total)
     return QStringLiteral("%1 of %2 (%3 %)").arg(mebibytes(done), mebibytes(total)).arg(percent);
 }
 
-bool copyWithProgress(QIODevice &in, QIODevice &out, qint64 total, Progress &progress, QString &error)
+bool copyWithProgress(QIODevice &in, QIODevice &out, qint64 total, Progress &progress, QString &error,
+                      Kelda::FileDigest *digest)
 {
     QByteArray block(int(kBlockSize), Qt::Uninitialized);
     qint64 done = 0;
@@ -88,6 +91,8 @@ bool copyWithProgress(QIODevice &in, QIODevice &out, qint64 total, Progress &pro
             error = QStringLiteral("cannot write: %1").arg(out.errorString());
             return false;
         }
+        if (digest)
+            digest->add(block.constData(), size_t(got));
         done += got;
         progress.update(byteProgressText(done, total));
     }

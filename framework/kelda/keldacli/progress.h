@@ -7,6 +7,10 @@
 
 class QIODevice;
 
+namespace Kelda {
+class FileDigest;
+}
+
 namespace KeldaCli {
 
 // A one-line progress display on stderr for work that takes a while,
@@ -45,8 +49,10 @@ private:
 // "3.5 MiB of 10.0 MiB (35 %)"; without a known total only the amount.
 QString byteProgressText(qint64 done, qint64 total);
 
-// Copies everything from `in` to `out` in blocks, reporting to `progress`.
-// False on a read or write error; `error` then says which side failed.
-bool copyWithProgress(QIODevice &in, QIODevice &out, qint64 total, Progress &progress, QString &error);
+// Copies everything from `in` to `out` in blocks, reporting to `progress`,
+// and adds each block to `digest` when given. False on a read or write
+// error; `error` then says which side failed.
+bool copyWithProgress(QIODevice &in, QIODevice &out, qint64 total, Progress &progress, QString &error,
+                      Kelda::FileDigest *digest = nullptr);
 
 } // namespace KeldaCli

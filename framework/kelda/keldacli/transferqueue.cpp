@@ -63,10 +63,10 @@ qint64 TransferQueue::elapsedMs(int index) const
     return m_durationMs[size_t(index)];
 }
 
-void TransferQueue::copy(int index, const QString &from, const QString &to, CopyMode mode)
+void TransferQueue::copy(int index, const QString &from, const QString &to, CopyMode mode, bool digest)
 {
     m_replyWait[size_t(index)].invalidate();
-    m_workers->add({index, from, to, mode});
+    m_workers->add({index, from, to, mode, digest});
 }
 
 void TransferQueue::request(int index)
@@ -104,7 +104,7 @@ void TransferQueue::drainCopies()
         return;
     for (const CopyWorkers::Finished &finished : m_workers->takeFinished()) {
         if (m_states[size_t(finished.index)] == State::Running)
-            copied(finished.index, finished.error);
+            copied(finished.index, finished.error, finished.digest);
     }
 }
 

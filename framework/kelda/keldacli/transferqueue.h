@@ -50,8 +50,9 @@ protected:
     // Sends the request of item `index`. False when no answer is to be
     // awaited: the item went on without one, or failed.
     virtual bool send(int index) = 0;
-    // A copy started with copy() has ended; `error` is empty on success.
-    virtual void copied(int index, const QString &error) = 0;
+    // A copy started with copy() has ended; `error` is empty on success,
+    // `digest` the copy's SHA-256 in hex when copy() asked for it.
+    virtual void copied(int index, const QString &error, const QByteArray &digest) = 0;
     // Prints the result of a successful item; called in the items' order.
     virtual void report(int index) = 0;
     // An item that had begun but will not end (the run stopped): undo what
@@ -60,7 +61,7 @@ protected:
     // The file the messages of item `index` name.
     virtual QString describe(int index) const = 0;
 
-    void copy(int index, const QString &from, const QString &to, CopyMode mode);
+    void copy(int index, const QString &from, const QString &to, CopyMode mode, bool digest = false);
     // Calls send() for item `index` and, when it sent something, waits for
     // the answer: the run stops when none comes in time.
     void request(int index);

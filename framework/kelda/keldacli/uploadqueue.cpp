@@ -24,7 +24,7 @@ void UploadQueue::begin(int index)
     copy(index, m_items[size_t(index)].source, target(index), CopyMode::Durable);
 }
 
-void UploadQueue::copied(int index, const QString &error)
+void UploadQueue::copied(int index, const QString &error, const QByteArray &)
 {
     if (!error.isEmpty()) {
         fail(index, ExitLocalFile, error);

@@ -32,7 +32,7 @@ public:
 protected:
     void begin(int index) override;
     bool send(int index) override;
-    void copied(int index, const QString &error) override;
+    void copied(int index, const QString &error, const QByteArray &digest) override;
     void report(int index) override;
     void abandon(int index) override;
     QString describe(int index) const override;

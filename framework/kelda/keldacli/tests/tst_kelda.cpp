@@ -3,6 +3,7 @@
 #include "testcertificates.h"
 #include "trace.h"
 
+#include <QCryptographicHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -83,6 +84,8 @@ private slots:
     void oneFileRefused();
     void getGroup_data();
     void getGroup();
+    void integrity_data();
+    void integrity();
     void environment_data();
     void environment();
     void verbosity_data();
@@ -488,6 +491,77 @@ void KeldaToolTest::getGroup()
     QSignalSpy connected(&client, &KeldaClient::connected);
     QVERIFY(client.IsConnected() || connected.wait(15000));
     QVERIFY(!client.RequestFile(KeldaUrl(urls.first()), LOCK_Write).isEmpty());
+}
+
+void KeldaToolTest::integrity_data()
+{
+    QTest::addColumn<QString>("form");
+    QTest::addColumn<int>("jobs");
+    QTest::newRow("one file by URL") << QStringLiteral("url") << 1;
+    QTest::newRow("group, one at a time") << QStringLiteral("group") << 1;
+    QTest::newRow("group, four at once") << QStringLiteral("group") << 4;
+}
+
+// A group verifies and fetches clean; once one byte of its stored copy is
+// changed behind the server's back, verify and get each report it, and get
+// leaves no copy of the bad file.
+void KeldaToolTest::integrity()
+{
+    QFETCH(QString, form);
+    QFETCH(int, jobs);
+    const QString name = QStringLiteral("fixity-%1-%2.bin").arg(form).arg(jobs);
+    QByteArray bytes(2 * 1024 * 1024 + 7, Qt::Uninitialized);
+    QRandomGenerator(jobs).fillRange(reinterpret_cast<quint32 *>(bytes.data()), bytes.size() / 4);
+    const Run put =
+        kelda({QStringLiteral("put"), writeFile(name, bytes), writeFile(name + QStringLiteral(".txt"), "companion\n")});
+    QCOMPARE(put.exitCode, 0);
+    const QStringList urls = lines(put.out);
+    QCOMPARE(urls.size(), 2);
+    const QString guid = KeldaUrl(urls.first()).toKeldaGuid();
+    const QString target = form == QStringLiteral("url") ? urls.first() : guid;
+    const QString back = m_dir.filePath(QStringLiteral("back-%1-%2").arg(form).arg(jobs));
+    QVERIFY(QDir().mkpath(back));
+    const QStringList get{QStringLiteral("get"), target, QStringLiteral("-o"), back, QStringLiteral("--jobs"),
+                          QString::number(jobs)};
+    const QStringList verifyJson{QStringLiteral("verify"), QStringLiteral("--json"), guid};
+
+    Run run = kelda({QStringLiteral("info"), QStringLiteral("--json"), guid});
+    QCOMPARE(run.exitCode, 0);
+    const QJsonObject first = run.json().object().value(QStringLiteral("files")).toArray().at(0).toObject();
+    QCOMPARE(first.value(QStringLiteral("digest")).toString(),
+             QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex()));
+    run = kelda(verifyJson);
+    QCOMPARE(run.err, QString());
+    QCOMPARE(run.exitCode, 0);
+    QCOMPARE(run.json().array().size(), 2);
+    run = kelda(get);
+    QCOMPARE(run.err, QString());
+    QCOMPARE(run.exitCode, 0);
+    QCOMPARE(treeOf(back).value(name), bytes);
+    QVERIFY(QDir(back).removeRecursively());
+    QVERIFY(QDir().mkpath(back));
+
+    QDirIterator stored(m_server->basePath(), {name}, QDir::Files, QDirIterator::Subdirectories);
+    QVERIFY(stored.hasNext());
+    QFile copy(stored.next());
+    QVERIFY(copy.open(QIODevice::ReadWrite));
+    QVERIFY(copy.seek(bytes.size() / 2));
+    QVERIFY(copy.putChar(char(bytes.at(bytes.size() / 2) ^ 0x01)));
+    copy.close();
+
+    run = kelda(get);
+    QCOMPARE(run.exitCode, 7);
+    QVERIFY2(run.err.contains(first.value(QStringLiteral("digest")).toString()), qPrintable(run.err));
+    QVERIFY(!QFileInfo::exists(QDir(back).filePath(name)));
+    QVERIFY(treeOf(back).keys().filter(name + QStringLiteral(".part")).isEmpty());
+    run = kelda(verifyJson);
+    QCOMPARE(run.exitCode, 8);
+    QStringList states;
+    for (const QJsonValue &file : run.json().array())
+        states.append(file.toObject().value(QStringLiteral("name")).toString() + QLatin1Char('=') +
+                      file.toObject().value(QStringLiteral("state")).toString());
+    states.sort();
+    QCOMPARE(states, (QStringList{name + QStringLiteral(".txt=ok"), name + QStringLiteral("=mismatch")}));
 }
 
 void KeldaToolTest::environment_data()
