@@ -496,7 +496,10 @@ const std::vector<Command> &commands()
     static const std::vector<Command> table = {
         {"put", "FILE...", "Store local files (folders with -r) as a new file group; prints a URL per file.",
          putOptions, runPut},
-        {"get", "URL|GUID", "Fetch an archived file, or every file of a group, under a read lock.", getOptions, runGet},
+        {"get", "URL|GUID",
+         "Fetch an archived file, or every file of a group, under a read lock; a copy that differs from the archive's "
+         "SHA-256 is removed (exit 7).",
+         getOptions, runGet},
         {"ls", "", "List the file groups that match a query.", lsOptions, runLs},
         {"files", "GUID", "List the files of a group.", groupJsonOptions, runFiles},
         {"info", "GUID", "Show the metadata of a group, with each file's digest and state.", groupJsonOptions, runInfo},
