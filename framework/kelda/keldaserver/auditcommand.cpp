@@ -4,6 +4,7 @@
 #include "archiveschema.h"
 #include "audittrail.h"
 #include "serveroptions.h"
+#include "subcommand.h"
 
 #include <QCommandLineParser>
 #include <QDateTime>
@@ -34,8 +35,7 @@ void print(FILE *stream, const QString &text)
 
 int fail(int code, const QString &text)
 {
-    print(stderr, QStringLiteral("keldaserver audit: %1\n").arg(text));
-    return code;
+    return Subcommand::report(AuditCommand::Name, code, text);
 }
 
 // "2024-05-01T12:00:00Z", "2024-05-01T14:00:00+02:00" or "2024-05-01"; a
@@ -129,13 +129,12 @@ QString unreadableText(ArchiveDatabase &db, const QString &failure)
 
 int AuditCommand::run(const QStringList &arguments)
 {
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral(
-        "Prints the audit trail of an archive: every change clients asked for and every request the ownership "
-        "rules refused, one line each (tab-separated: time (UTC), peer address, certificate user, claimed user, "
-        "application, command, GUID, file id, result code; \"-\" for none), oldest first."));
-    const QCommandLineOption helpOption(QStringList{QStringLiteral("h"), QStringLiteral("help")},
-                                        QStringLiteral("Show this help and exit."));
+    Subcommand command(
+        Name,
+        QStringLiteral(
+            "Prints the audit trail of an archive: every change clients asked for and every request the ownership "
+            "rules refused, one line each (tab-separated: time (UTC), peer address, certificate user, claimed user, "
+            "application, command, GUID, file id, result code; \"-\" for none), oldest first."));
     const QCommandLineOption dbOption(
         QStringLiteral("db"),
         QStringLiteral("The server's --db: SQLite file (default %1) or postgresql://... URL.")
@@ -155,23 +154,14 @@ int AuditCommand::run(const QStringList &arguments)
     const QCommandLineOption jsonOption(QStringLiteral("json"),
                                         QStringLiteral("One JSON document {\"records\": [...]} instead of lines; "
                                                        "null for none."));
-    parser.addOptions({helpOption, dbOption, sinceOption, guidOption, userOption, jsonOption});
-    const QString help = QStringLiteral("Usage: keldaserver %1 [options]\n").arg(Name) +
-        parser.helpText().section(QLatin1Char('\n'), 1) +
-        QStringLiteral("\nExit codes:\n  0   printed (perhaps no record)\n  64  bad arguments\n"
-                       "  70  cannot open the database or read its audit trail\n");
-
-    QStringList own = arguments;
-    own.removeAt(1);
-    if (!parser.parse(own))
-        return fail(ServerOptions::ExitUsage, parser.errorText());
-    if (parser.isSet(helpOption)) {
-        print(stdout, help);
-        return ServerOptions::ExitOk;
-    }
-    if (!parser.positionalArguments().isEmpty())
-        return fail(ServerOptions::ExitUsage,
-                    QStringLiteral("Unexpected argument: %1").arg(parser.positionalArguments().first()));
+    command.parser().addOptions({dbOption, sinceOption, guidOption, userOption, jsonOption});
+    const int parsed =
+        command.parse(arguments,
+                      QStringLiteral("\nExit codes:\n  0   printed (perhaps no record)\n  64  bad arguments\n"
+                                     "  70  cannot open the database or read its audit trail\n"));
+    if (parsed != Subcommand::Proceed)
+        return parsed;
+    const QCommandLineParser &parser = command.parser();
     AuditTrail::Filter filter;
     if (parser.isSet(sinceOption)) {
         filter.sinceMs = parseTime(parser.value(sinceOption));

@@ -3,6 +3,7 @@
 #include "databaselocation.h"
 #include "filecopier.h"
 #include "serveroptions.h"
+#include "subcommand.h"
 #include "sqlitebackup.h"
 #include "storagelayout.h"
 
@@ -18,35 +19,22 @@ namespace Kelda {
 
 namespace {
 
-void printLine(FILE *stream, const QString &text)
-{
-    std::fputs(text.toLocal8Bit().constData(), stream);
-    std::fputc('\n', stream);
-}
-
 int fail(int code, const QString &text)
 {
-    printLine(stderr, QStringLiteral("keldaserver backup: %1").arg(text));
-    return code;
-}
-
-QString absolute(const QString &path)
-{
-    return QDir::cleanPath(QDir(path).absolutePath());
+    return Subcommand::report(QStringLiteral("backup"), code, text);
 }
 
 } // namespace
 
 int BackupCommand::run(const QStringList &arguments)
 {
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral(
-        "keldaserver backup: copy an SQLite archive, also while a server runs on it, into a new folder: the "
-        "database through SQLite's online backup, then every file below the base path and the network storage "
-        "folder, with a manifest of their sizes and SHA-256 digests (written last). For a PostgreSQL archive "
-        "use pg_dump and copy the storage folders; the README shows how."));
-    const QCommandLineOption helpOption(QStringList{QStringLiteral("h"), QStringLiteral("help")},
-                                        QStringLiteral("Show this help and exit."));
+    Subcommand command(
+        QStringLiteral("backup"),
+        QStringLiteral(
+            "Copies an SQLite archive, also while a server runs on it, into a new folder: the "
+            "database through SQLite's online backup, then every file below the base path and the network storage "
+            "folder, with a manifest of their sizes and SHA-256 digests (written last). For a PostgreSQL archive "
+            "use pg_dump and copy the storage folders; the README shows how."));
     const QCommandLineOption toOption(QStringLiteral("to"),
                                       QStringLiteral("The backup folder; must not exist or be empty (required)."),
                                       QStringLiteral("DIR"));
@@ -64,40 +52,34 @@ int BackupCommand::run(const QStringList &arguments)
                                             QStringLiteral(
                                                 "Exchange folder, left out of the backup (default BASE/exchange)."),
                                             QStringLiteral("DIR"));
-    parser.addOptions({helpOption, toOption, baseOption, dbOption, nasOption, exchangeOption});
-    const QString help = parser.helpText() +
-        QStringLiteral("\nExit codes:\n"
-                       "  0   the backup is complete\n"
-                       "  64  bad arguments, or the backup folder is not empty\n"
-                       "  70  the database or a storage file cannot be read, or the backup not written\n");
-    QStringList rest = arguments;
-    rest.removeAt(1);
-    if (!parser.parse(rest))
-        return fail(ServerOptions::ExitUsage,
-                    parser.errorText() + QStringLiteral("\nTry 'keldaserver backup --help'."));
-    if (parser.isSet(helpOption)) {
-        printLine(stdout, help);
-        return ServerOptions::ExitOk;
-    }
-    if (!parser.positionalArguments().isEmpty())
-        return fail(ServerOptions::ExitUsage,
-                    QStringLiteral("Unexpected argument: %1").arg(parser.positionalArguments().first()));
+    command.parser().addOptions({toOption, baseOption, dbOption, nasOption, exchangeOption});
+    const int parsed =
+        command.parse(arguments,
+                      QStringLiteral(
+                          "\nExit codes:\n"
+                          "  0   the backup is complete\n"
+                          "  64  bad arguments, or the backup folder is not empty\n"
+                          "  70  the database or a storage file cannot be read, or the backup not written\n"));
+    if (parsed != Subcommand::Proceed)
+        return parsed;
+    const QCommandLineParser &parser = command.parser();
     if (parser.value(toOption).isEmpty())
         return fail(ServerOptions::ExitUsage, QStringLiteral("--to DIR names the backup folder"));
     Options options;
-    options.basePath = absolute(parser.isSet(baseOption) ? parser.value(baseOption) : ServerOptions::defaultBasePath());
+    options.basePath = Subcommand::absolutePath(parser.isSet(baseOption) ? parser.value(baseOption)
+                                                                         : ServerOptions::defaultBasePath());
     const QString db =
         parser.isSet(dbOption) ? parser.value(dbOption) : ServerOptions::defaultDatabaseFile(options.basePath);
     if (DatabaseLocation::isPostgresUrl(db))
         return fail(ServerOptions::ExitUsage,
                     QStringLiteral("a PostgreSQL archive is backed up with pg_dump and a "
                                    "copy of the storage folders; see the README"));
-    options.databaseFile = absolute(db);
-    options.nasPath =
-        parser.isSet(nasOption) ? absolute(parser.value(nasOption)) : ServerOptions::defaultNasPath(options.basePath);
-    options.exchangePath = parser.isSet(exchangeOption) ? absolute(parser.value(exchangeOption))
+    options.databaseFile = Subcommand::absolutePath(db);
+    options.nasPath = parser.isSet(nasOption) ? Subcommand::absolutePath(parser.value(nasOption))
+                                              : ServerOptions::defaultNasPath(options.basePath);
+    options.exchangePath = parser.isSet(exchangeOption) ? Subcommand::absolutePath(parser.value(exchangeOption))
                                                         : ServerOptions::defaultExchangePath(options.basePath);
-    options.target = absolute(parser.value(toOption));
+    options.target = Subcommand::absolutePath(parser.value(toOption));
     return backUp(options);
 }
 
@@ -147,12 +129,12 @@ int BackupCommand::backUp(const Options &options)
     qint64 bytes = manifest.database.size;
     for (const BackupManifest::Entry &entry : manifest.files)
         bytes += entry.size;
-    printLine(stdout,
-              QStringLiteral("Backed up %1 and %2 files, %3 bytes in all, to %4")
-                  .arg(options.databaseFile)
-                  .arg(manifest.files.size())
-                  .arg(bytes)
-                  .arg(options.target));
+    Subcommand::printLine(stdout,
+                          QStringLiteral("Backed up %1 and %2 files, %3 bytes in all, to %4")
+                              .arg(options.databaseFile)
+                              .arg(manifest.files.size())
+                              .arg(bytes)
+                              .arg(options.target));
     return ServerOptions::ExitOk;
 }
 

@@ -3,6 +3,7 @@
 #include "databaselocation.h"
 #include "filecopier.h"
 #include "serveroptions.h"
+#include "subcommand.h"
 #include "sqlitebackup.h"
 
 #include <QCommandLineParser>
@@ -18,34 +19,21 @@ namespace {
 
 const char *const kJournals[] = {"-wal", "-shm", "-journal"};
 
-void printLine(FILE *stream, const QString &text)
-{
-    std::fputs(text.toLocal8Bit().constData(), stream);
-    std::fputc('\n', stream);
-}
-
 int fail(int code, const QString &text)
 {
-    printLine(stderr, QStringLiteral("keldaserver restore: %1").arg(text));
-    return code;
-}
-
-QString absolute(const QString &path)
-{
-    return QDir::cleanPath(QDir(path).absolutePath());
+    return Subcommand::report(QStringLiteral("restore"), code, text);
 }
 
 } // namespace
 
 int RestoreCommand::run(const QStringList &arguments)
 {
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral(
-        "keldaserver restore: put a backup of keldaserver backup in place, for a server that is not running. "
-        "Every file of the backup is checked against its manifest first; on any difference nothing is written. "
-        "Restored to other folders than it came from, the groups' directories are moved along."));
-    const QCommandLineOption helpOption(QStringList{QStringLiteral("h"), QStringLiteral("help")},
-                                        QStringLiteral("Show this help and exit."));
+    Subcommand command(
+        QStringLiteral("restore"),
+        QStringLiteral(
+            "Puts a backup of keldaserver backup in place, for a server that is not running. "
+            "Every file of the backup is checked against its manifest first; on any difference nothing is written. "
+            "Restored to other folders than it came from, the groups' directories are moved along."));
     const QCommandLineOption fromOption(QStringLiteral("from"), QStringLiteral("The backup folder (required)."),
                                         QStringLiteral("DIR"));
     const QCommandLineOption baseOption(
@@ -62,39 +50,33 @@ int RestoreCommand::run(const QStringList &arguments)
     const QCommandLineOption replaceOption(
         QStringLiteral("replace"),
         QStringLiteral("Overwrite a database and files that exist at the targets (default: refuse)."));
-    parser.addOptions({helpOption, fromOption, baseOption, dbOption, nasOption, replaceOption});
-    const QString help = parser.helpText() +
-        QStringLiteral("\nExit codes:\n"
-                       "  0   restored\n"
-                       "  64  bad arguments, or a database or file exists at a target without --replace\n"
-                       "  65  the backup is incomplete or does not match its manifest; nothing was written\n"
-                       "  70  a target cannot be written\n");
-    QStringList rest = arguments;
-    rest.removeAt(1);
-    if (!parser.parse(rest))
-        return fail(ServerOptions::ExitUsage,
-                    parser.errorText() + QStringLiteral("\nTry 'keldaserver restore --help'."));
-    if (parser.isSet(helpOption)) {
-        printLine(stdout, help);
-        return ServerOptions::ExitOk;
-    }
-    if (!parser.positionalArguments().isEmpty())
-        return fail(ServerOptions::ExitUsage,
-                    QStringLiteral("Unexpected argument: %1").arg(parser.positionalArguments().first()));
+    command.parser().addOptions({fromOption, baseOption, dbOption, nasOption, replaceOption});
+    const int parsed =
+        command.parse(arguments,
+                      QStringLiteral(
+                          "\nExit codes:\n"
+                          "  0   restored\n"
+                          "  64  bad arguments, or a database or file exists at a target without --replace\n"
+                          "  65  the backup is incomplete or does not match its manifest; nothing was written\n"
+                          "  70  a target cannot be written\n"));
+    if (parsed != Subcommand::Proceed)
+        return parsed;
+    const QCommandLineParser &parser = command.parser();
     if (parser.value(fromOption).isEmpty())
         return fail(ServerOptions::ExitUsage, QStringLiteral("--from DIR names the backup folder"));
     Options options;
-    options.source = absolute(parser.value(fromOption));
-    options.basePath = absolute(parser.isSet(baseOption) ? parser.value(baseOption) : ServerOptions::defaultBasePath());
+    options.source = Subcommand::absolutePath(parser.value(fromOption));
+    options.basePath = Subcommand::absolutePath(parser.isSet(baseOption) ? parser.value(baseOption)
+                                                                         : ServerOptions::defaultBasePath());
     const QString db =
         parser.isSet(dbOption) ? parser.value(dbOption) : ServerOptions::defaultDatabaseFile(options.basePath);
     if (DatabaseLocation::isPostgresUrl(db))
         return fail(ServerOptions::ExitUsage,
                     QStringLiteral("a PostgreSQL archive is restored with pg_restore and a "
                                    "copy of the storage folders; see the README"));
-    options.databaseFile = absolute(db);
-    options.nasPath =
-        parser.isSet(nasOption) ? absolute(parser.value(nasOption)) : ServerOptions::defaultNasPath(options.basePath);
+    options.databaseFile = Subcommand::absolutePath(db);
+    options.nasPath = parser.isSet(nasOption) ? Subcommand::absolutePath(parser.value(nasOption))
+                                              : ServerOptions::defaultNasPath(options.basePath);
     options.replace = parser.isSet(replaceOption);
     return restore(options);
 }
@@ -133,11 +115,11 @@ int RestoreCommand::restore(const Options &options)
     }
     if (!restoreDatabase(options, manifest, &error))
         return fail(ServerOptions::ExitStorage, error);
-    printLine(stdout,
-              QStringLiteral("Restored the backup of %1 (%2 files) into %3 and %4")
-                  .arg(manifest.created.toString(Qt::ISODate))
-                  .arg(manifest.files.size())
-                  .arg(options.databaseFile, options.basePath));
+    Subcommand::printLine(stdout,
+                          QStringLiteral("Restored the backup of %1 (%2 files) into %3 and %4")
+                              .arg(manifest.created.toString(Qt::ISODate))
+                              .arg(manifest.files.size())
+                              .arg(options.databaseFile, options.basePath));
     return ServerOptions::ExitOk;
 }
 
