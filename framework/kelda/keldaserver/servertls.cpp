@@ -1,35 +1,12 @@
 #include "servertls.h"
 
+#include "tlsfiles.h"
+
 #include <QFile>
 #include <QSslCertificate>
 #include <QSslKey>
 
 namespace Kelda {
-
-namespace {
-
-bool readFile(const QString &path, QByteArray *content, QString *error)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = QStringLiteral("Cannot read %1: %2").arg(path, file.errorString());
-        return false;
-    }
-    *content = file.readAll();
-    return true;
-}
-
-QSslKey readKey(const QByteArray &pem)
-{
-    for (const QSsl::KeyAlgorithm algorithm : {QSsl::Rsa, QSsl::Ec, QSsl::Dsa}) {
-        const QSslKey key(pem, algorithm, QSsl::Pem, QSsl::PrivateKey);
-        if (!key.isNull())
-            return key;
-    }
-    return QSslKey();
-}
-
-} // namespace
 
 bool ServerTls::load(const QString &certificateFile, const QString &keyFile, const QString &clientAuthorityFile,
                      QString *error)
@@ -46,16 +23,16 @@ bool ServerTls::load(const QString &certificateFile, const QString &keyFile, con
         return false;
     }
     QByteArray pem;
-    if (!readFile(certificateFile, &pem, error))
+    if (!TlsFiles::read(certificateFile, &pem, error))
         return false;
     const QList<QSslCertificate> chain = QSslCertificate::fromData(pem, QSsl::Pem);
     if (chain.isEmpty()) {
         *error = QStringLiteral("%1 holds no PEM certificate").arg(certificateFile);
         return false;
     }
-    if (!readFile(keyFile, &pem, error))
+    if (!TlsFiles::read(keyFile, &pem, error))
         return false;
-    const QSslKey key = readKey(pem);
+    const QSslKey key = TlsFiles::privateKey(pem);
     if (key.isNull()) {
         *error = QStringLiteral("%1 holds no unencrypted PEM private key").arg(keyFile);
         return false;
@@ -66,7 +43,7 @@ bool ServerTls::load(const QString &certificateFile, const QString &keyFile, con
     m_configuration.setProtocol(QSsl::TlsV1_2OrLater);
     m_configuration.setPeerVerifyMode(QSslSocket::VerifyNone);
     if (!clientAuthorityFile.isEmpty()) {
-        if (!readFile(clientAuthorityFile, &pem, error))
+        if (!TlsFiles::read(clientAuthorityFile, &pem, error))
             return false;
         const QList<QSslCertificate> authorities = QSslCertificate::fromData(pem, QSsl::Pem);
         if (authorities.isEmpty()) {

@@ -1,8 +1,9 @@
 #include "clienttls.h"
 
 #include "configuredserver.h"
-#include "keldaclient.h"
 #include "icfg.h"
+#include "keldaclient.h"
+#include "tlsfiles.h"
 
 #include <QFile>
 #include <QSslCertificate>
@@ -44,27 +45,6 @@ ClientTls configured()
     return tls;
 }
 
-bool readPem(const QString &path, QByteArray *pem, QString *error)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = QStringLiteral("Cannot read %1: %2").arg(path, file.errorString());
-        return false;
-    }
-    *pem = file.readAll();
-    return true;
-}
-
-QSslKey keyFrom(const QByteArray &pem)
-{
-    for (const QSsl::KeyAlgorithm algorithm : {QSsl::Rsa, QSsl::Ec, QSsl::Dsa}) {
-        const QSslKey key(pem, algorithm, QSsl::Pem, QSsl::PrivateKey);
-        if (!key.isNull())
-            return key;
-    }
-    return QSslKey();
-}
-
 } // namespace
 
 void KeldaClient::SetTlsFiles(const QString &caFile, const QString &certFile, const QString &keyFile)
@@ -91,7 +71,7 @@ void ClientTls::setOverride(const ClientTls &tls)
 bool ClientTls::makeConfiguration(QSslConfiguration *configuration, QString *error) const
 {
     QByteArray pem;
-    if (!readPem(caFile, &pem, error))
+    if (!TlsFiles::read(caFile, &pem, error))
         return false;
     const QList<QSslCertificate> authorities = QSslCertificate::fromData(pem, QSsl::Pem);
     if (authorities.isEmpty()) {
@@ -104,16 +84,16 @@ bool ClientTls::makeConfiguration(QSslConfiguration *configuration, QString *err
     tls.setProtocol(QSsl::TlsV1_2OrLater);
     tls.setPeerVerifyMode(QSslSocket::VerifyPeer);
     if (!certFile.isEmpty() || !keyFile.isEmpty()) {
-        if (!readPem(certFile, &pem, error))
+        if (!TlsFiles::read(certFile, &pem, error))
             return false;
         const QList<QSslCertificate> chain = QSslCertificate::fromData(pem, QSsl::Pem);
         if (chain.isEmpty()) {
             *error = QStringLiteral("%1 holds no PEM certificate").arg(certFile);
             return false;
         }
-        if (!readPem(keyFile, &pem, error))
+        if (!TlsFiles::read(keyFile, &pem, error))
             return false;
-        const QSslKey key = keyFrom(pem);
+        const QSslKey key = TlsFiles::privateKey(pem);
         if (key.isNull()) {
             *error = QStringLiteral("%1 holds no unencrypted PEM private key").arg(keyFile);
             return false;
