@@ -31,7 +31,7 @@
 #                    run each fuzz target that long from its seed corpus (clang,
 #                    build-asan); a finding is saved below
 #                    framework/kelda/fuzz/regressions/<target>/
-#   ./run.sh demo    build kelda and keldaserver, store, list and fetch files
+#   ./run.sh demo    build kelda and keldaserver, store, list, fetch and verify files
 #                    against a temporary server, check the copy, stop it
 #   ./run.sh serve   start a server that stays up (PORT, default 5223;
 #                    SERVE_DIR, default a temporary directory) for kelda
@@ -290,6 +290,8 @@ run_demo() {
     echo "fetched copy is byte-identical ($(stat -c %s "$dir/out/recording.bin") bytes)"
     echo "== kelda info $guid"
     "${kelda[@]}" info "$guid"
+    echo "== kelda verify $guid (the server reads every file again)"
+    "${kelda[@]}" verify "$guid"
 
     stop_server
     echo "== demo finished: server stopped"
