@@ -15,9 +15,9 @@ namespace Kelda {
 namespace {
 
 const QString kHelpTail =
-    QStringLiteral("\nCommands (each with its own --help):\n"
-                   "  audit     print the audit trail of the database: keldaserver audit --db FILE|URL\n"
-                   "            [--since TIME] [--guid GUID] [--user USER] [--json]\n"
+    QStringLiteral("\nCommands:\n"
+                   "  audit     print the audit trail of an archive, also without a running server\n"
+                   "            (keldaserver audit --help)\n"
                    "  backup    copy an SQLite archive, also while it is served, with a manifest\n"
                    "            of its files' digests (keldaserver backup --help)\n"
                    "  restore   check a backup against its manifest and put it in place\n"
