@@ -266,6 +266,9 @@ boot_container() {
         shutdown_container
         return 1
     fi
+    # The checkout may lie where the container mounts a file system of its
+    # own (a clone in /tmp, say): the part that runs inside goes in a copy.
+    install -m 0755 "$here/packaging/package-test.sh" "$container_dir/root/usr/local/lib/kelda-package-test.sh"
     # A machine id of its own, and nothing started but what keldaserver
     # needs. Its network is a loopback device only, which no wait for the
     # network to come online would ever see.
@@ -338,7 +341,7 @@ run_server() {
         echo "systemd in a container: systemctl there"
         local -a run=(nsenter -t "$container_leader" -a)
         start_with_systemctl "${run[@]}"
-        "${run[@]}" bash "$here/packaging/package-test.sh" --put-get "$server_port" </dev/null
+        "${run[@]}" bash /usr/local/lib/kelda-package-test.sh --put-get "$server_port" </dev/null
         stop_with_systemctl "${run[@]}"
         shutdown_container
     elif [ "$start" = setpriv ]; then
