@@ -414,7 +414,7 @@ run_bench() {
     configure
     local programs=(bench_protocol bench_replyparse bench_framing bench_roundtrip)
     if [ -d "$here/framework/kelda/keldaserver" ]; then
-        programs+=(bench_server bench_cli)
+        programs+=(bench_server bench_cli bench_checksum)
     fi
     cmake --build "$build_dir" -j "$jobs" --target "${programs[@]}"
     local rows status=0
