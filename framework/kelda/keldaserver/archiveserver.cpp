@@ -616,11 +616,16 @@ void ArchiveServer::dispatch(Peer &peer, Request request)
 
 void ArchiveServer::route(Peer &peer, DatabaseJob job)
 {
-    if (peer.reading) {
+    if (peer.reading || peer.awaitingCommits) {
         peer.afterReading.push_back(std::move(job));
         return;
     }
     if (m_digests && DigestPool::readsFilesFor(job.request.command)) {
+        if (peer.changesUnderWay > 0) {
+            peer.awaitingCommits = true;
+            peer.afterReading.push_back(std::move(job));
+            return;
+        }
         peer.reading = true;
         m_digests->post(std::move(job));
         return;
@@ -635,14 +640,19 @@ void ArchiveServer::onRead(DatabaseJob job)
         return;
     peer->reading = false;
     toDatabase(*peer, std::move(job));
+    releaseWaiting(*peer);
+}
+
+void ArchiveServer::releaseWaiting(Peer &peer)
+{
     std::deque<DatabaseJob> waiting;
-    waiting.swap(peer->afterReading);
+    waiting.swap(peer.afterReading);
     while (!waiting.empty()) {
-        route(*peer, std::move(waiting.front()));
+        route(peer, std::move(waiting.front()));
         waiting.pop_front();
-        if (peer->reading) {
+        if (peer.reading || peer.awaitingCommits) {
             for (DatabaseJob &later : waiting)
-                peer->afterReading.push_back(std::move(later));
+                peer.afterReading.push_back(std::move(later));
             return;
         }
     }
@@ -802,6 +812,10 @@ void ArchiveServer::deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &
             peer->converterTypes = done.converterTypes;
         }
         answer(*peer, done.sequence, done.reply);
+        if (fromWriter && peer->changesUnderWay == 0 && peer->awaitingCommits) {
+            peer->awaitingCommits = false;
+            releaseWaiting(*peer);
+        }
     }
 }
 

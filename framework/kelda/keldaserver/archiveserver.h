@@ -113,6 +113,10 @@ private:
         // A job of this connection is with the digest pool; its later
         // requests wait here, in order, until it is back.
         bool reading = false;
+        // A job that reads a file waits for the connection's earlier
+        // changes to commit, since the group or file it names may be one
+        // of them; its later requests wait with it.
+        bool awaitingCommits = false;
         std::deque<DatabaseJob> afterReading;
         qint64 parsingReserved = 0;
         bool tryExpand = true;
@@ -170,6 +174,7 @@ private:
     void route(Peer &peer, DatabaseJob job);
     void toDatabase(Peer &peer, DatabaseJob job);
     void onRead(DatabaseJob job);
+    void releaseWaiting(Peer &peer);
     void startServices();
     void finishUnanswered(Peer &peer);
     void updateHold(Peer &peer);

@@ -9,6 +9,7 @@
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
+#include <QUuid>
 #include <QtTest>
 
 using namespace Kelda;
@@ -63,6 +64,7 @@ private slots:
     void importChecksManifest();
     void interruptedCheckResumes();
     void unknownCommandAnswers41();
+    void addFileSentBehindItsGroup();
 
 private:
     // A group of files named f0.bin, f1.bin, ... with these contents.
@@ -276,6 +278,40 @@ void TestServerIntegrity::unknownCommandAnswers41()
     const QByteArray reply = raw.receive(5000);
     QVERIFY(reply.contains("ListSnapshotsReply"));
     QCOMPARE(ReplyFields::read(reply).error, int(KE_UnknownReplyCommand));
+}
+
+// A client that names its group's directory sends AddFile right behind
+// CreateFileGroup without waiting: the file is read only once the group is
+// committed, and the digest recorded is the file's.
+void TestServerIntegrity::addFileSentBehindItsGroup()
+{
+    ServerProcess server;
+    QVERIFY2(server.start(), qPrintable(server.errorString()));
+    const QString guid = QUuid::createUuid().toString(QUuid::WithoutBraces);
+    const QString directory = server.basePath() + QStringLiteral("/pipelined/") + guid;
+    QVERIFY(QDir().mkpath(directory));
+    const QByteArray content("sent behind its group");
+    QFile file(directory + QStringLiteral("/data.bin"));
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(content) == content.size());
+    file.close();
+
+    RawClient raw;
+    QVERIFY(raw.connectTo(server.port()));
+    raw.sendFrame(RawClient::request(
+        QStringLiteral("CreateFileGroup"), QStringLiteral("c"),
+        QStringLiteral("<m:Guid>%1</m:Guid><m:FileGroupName>pipelined</m:FileGroupName><m:FileType>1</m:FileType>"
+                       "<m:UserName>alice</m:UserName><m:Path>%2</m:Path>")
+            .arg(guid, directory)));
+    raw.sendFrame(RawClient::request(
+        QStringLiteral("AddFile"), QStringLiteral("a"),
+        QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>data.bin</m:FileName><m:FileId>1</m:FileId>").arg(guid)));
+    QCOMPARE(ReplyFields::read(raw.receive()).error, 0);
+    QCOMPARE(ReplyFields::read(raw.receive()).error, 0);
+
+    const auto client = connectClient(server.port(), QStringLiteral("alice"));
+    const QStringList records = client->GetFileChecksums(guid);
+    QCOMPARE(column(records, State), QStringList{QStringLiteral("ok")});
+    QCOMPARE(column(records, Digest), QStringList{sha256(content)});
 }
 
 QTEST_GUILESS_MAIN(TestServerIntegrity)
