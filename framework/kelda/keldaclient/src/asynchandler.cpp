@@ -2,6 +2,7 @@
 
 #include "commandsender.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -116,16 +117,18 @@ void AsyncHandlerCommandSenderSocket::sl_disconnect()
 void RequestWaiters::Add(const Listener &listener)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_listeners.append(listener);
+    m_listeners.push_back(listener);
 }
 
 void RequestWaiters::Remove(const Listener &listener)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_listeners.removeOne(listener);
+    const auto found = std::find(m_listeners.begin(), m_listeners.end(), listener);
+    if (found != m_listeners.end())
+        m_listeners.erase(found);
 }
 
-QVector<RequestWaiters::Listener> RequestWaiters::Listeners() const
+std::vector<RequestWaiters::Listener> RequestWaiters::Listeners() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_listeners;

@@ -3,12 +3,12 @@
 #include <QObject>
 #include <QSet>
 #include <QString>
-#include <QVector>
 
 #include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace Kelda {
 
@@ -81,10 +81,12 @@ public:
     void Disconnected();
 
 private:
-    QVector<Listener> Listeners() const;
+    // A copy made under the lock: implicitly shared data would detach on
+    // the reading thread, outside it.
+    std::vector<Listener> Listeners() const;
 
     mutable std::mutex m_mutex;
-    QVector<Listener> m_listeners;
+    std::vector<Listener> m_listeners;
 };
 
 // The wait of one blocking call: construct before sending (so that a reply
