@@ -60,8 +60,12 @@ namespace {
 // Shadow memory and the sanitizers' quarantines grow with the server's own
 // allocations: its resident size says nothing of its limits there.
 constexpr bool ResidentSizeTells = false;
+// An instrumented server under a flood runs several times slower; a starved
+// victim waits out its whole request timeout all the same.
+constexpr int Slowdown = 4;
 #else
 constexpr bool ResidentSizeTells = true;
+constexpr int Slowdown = 1;
 #endif
 
 constexpr int Prompt = 2000;
@@ -176,7 +180,7 @@ void TestServerLimits::probe(quint16 port, const QString &guid, unsigned int fil
         query.SetFileGroupSearchText(QStringLiteral("Victim"));
         unsigned int columns = 0;
         QVERIFY(!client.QueryFiles(query, columns).isEmpty());
-        QVERIFY2(timer.elapsed() < 2 * Prompt, qPrintable(QStringLiteral("%1 ms").arg(timer.elapsed())));
+        QVERIFY2(timer.elapsed() < 2 * Prompt * Slowdown, qPrintable(QStringLiteral("%1 ms").arg(timer.elapsed())));
     }
 }
 
