@@ -1,4 +1,5 @@
 #include "keldaclient.h"
+#include "scriptedpeer.h"
 #include "serverprocess.h"
 #include "testcertificates.h"
 #include "trace.h"
@@ -88,6 +89,8 @@ private slots:
     void integrity();
     void verifyAll_data();
     void verifyAll();
+    void serverWithoutDigests_data();
+    void serverWithoutDigests();
     void environment_data();
     void environment();
     void verbosity_data();
@@ -611,6 +614,50 @@ void KeldaToolTest::verifyAll()
                  qPrintable(named.first()));
     }
     QCOMPARE(run.err, corrupt ? QStringLiteral("kelda: verify: 1 file of 2 not intact\n") : QString());
+}
+
+void KeldaToolTest::serverWithoutDigests_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("message");
+    const QString url = QStringLiteral("kelda:///%1/1").arg(kGuid);
+    QTest::newRow("get fetches without comparing")
+        << QStringList{QStringLiteral("-v"), QStringLiteral("get"), url, QStringLiteral("-o"),
+                       QStringLiteral("old.bin")}
+        << 0 << QStringLiteral("the server keeps no digests; the copies are not compared\n");
+    QTest::newRow("get says nothing unless verbose")
+        << QStringList{QStringLiteral("get"), url, QStringLiteral("-o"), QStringLiteral("old.bin")} << 0 << QString();
+    QTest::newRow("verify cannot")
+        << QStringList{QStringLiteral("verify"), kGuid} << 4
+        << QStringLiteral("kelda: verify: the server keeps no digests and cannot verify files: not supported by "
+                          "this server (error 41)\n");
+}
+
+// A server from before digests answers their commands with code 41: get
+// fetches as before, verify says why it cannot.
+void KeldaToolTest::serverWithoutDigests()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(int, exitCode);
+    QFETCH(QString, message);
+    const QByteArray bytes("archived before digests\n");
+    const QString archived = writeFile(QStringLiteral("archived.bin"), bytes);
+    QFile::remove(m_dir.filePath(QStringLiteral("old.bin")));
+    ScriptedPeer peer;
+    for (const char *command : {"GetFileChecksums", "VerifyFileGroup"})
+        peer.setReplyChildren(QLatin1String(command), QStringLiteral("<m:Error>41</m:Error>"));
+    peer.setReplyChildren(QStringLiteral("RequestFile"),
+                          QStringLiteral("<m:Path>%1</m:Path>").arg(archived.toHtmlEscaped()));
+
+    const Run run = keldaAt(peer.port(), arguments);
+    QCOMPARE(run.err, message);
+    QCOMPARE(run.exitCode, exitCode);
+    if (exitCode == 0) {
+        QFile copy(m_dir.filePath(QStringLiteral("old.bin")));
+        QVERIFY(copy.open(QIODevice::ReadOnly));
+        QCOMPARE(copy.readAll(), bytes);
+    }
 }
 
 void KeldaToolTest::environment_data()
