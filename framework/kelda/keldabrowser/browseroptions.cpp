@@ -1,6 +1,7 @@
 #include "browseroptions.h"
 
 #include "configuredserver.h"
+#include "tlsoptions.h"
 
 #include <QCommandLineParser>
 
@@ -18,9 +19,6 @@ const QString kPort = QStringLiteral("port");
 const QString kScreenshot = QStringLiteral("screenshot");
 const QString kConnectTimeout = QStringLiteral("connect-timeout");
 const QString kHelp = QStringLiteral("help");
-const QString kTlsCa = QStringLiteral("tls-ca");
-const QString kTlsCert = QStringLiteral("tls-cert");
-const QString kTlsKey = QStringLiteral("tls-key");
 
 void addOptions(QCommandLineParser &parser, const BrowserOptions &defaults)
 {
@@ -36,13 +34,7 @@ void addOptions(QCommandLineParser &parser, const BrowserOptions &defaults)
                       QStringLiteral("Seconds --screenshot waits for the server (default %1).")
                           .arg(defaults.connectTimeoutMs / 1000),
                       QStringLiteral("SECONDS"), QString::number(defaults.connectTimeoutMs / 1000)});
-    parser.addOption({kTlsCa,
-                      QStringLiteral("Speak TLS and trust only a server certified by this authority (PEM); over "
-                                     "TlsCaFile of the configuration."),
-                      QStringLiteral("FILE")});
-    parser.addOption({kTlsCert, QStringLiteral("This user's certificate (PEM), for servers that ask for one."),
-                      QStringLiteral("FILE")});
-    parser.addOption({kTlsKey, QStringLiteral("The unencrypted key (PEM) of --tls-cert."), QStringLiteral("FILE")});
+    Kelda::TlsOptions::Add(parser);
     parser.addOption({{QStringLiteral("h"), kHelp}, QStringLiteral("Show this help.")});
 }
 
@@ -106,18 +98,8 @@ ParsedArguments parseArguments(const QStringList &arguments, const BrowserOption
         return parsed;
     }
     parsed.options.connectTimeoutMs = seconds * 1000;
-    parsed.options.tlsCaFile = parser.value(kTlsCa);
-    parsed.options.tlsCertFile = parser.value(kTlsCert);
-    parsed.options.tlsKeyFile = parser.value(kTlsKey);
-    if (parsed.options.tlsCaFile.isEmpty() && (parser.isSet(kTlsCert) || parser.isSet(kTlsKey))) {
-        parsed.error =
-            QStringLiteral("--tls-cert and --tls-key need --tls-ca, the authority that certifies the server");
+    if (!Kelda::TlsOptions::Read(parser, &parsed.options.tls, &parsed.error))
         return parsed;
-    }
-    if (parser.isSet(kTlsCert) != parser.isSet(kTlsKey)) {
-        parsed.error = QStringLiteral("--tls-cert and --tls-key go together");
-        return parsed;
-    }
     if (parser.isSet(kScreenshot)) {
         parsed.options.screenshotDir = parser.value(kScreenshot);
         if (parsed.options.screenshotDir.isEmpty())

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tlsoptions.h"
+
 #include <QString>
 #include <QStringList>
 
@@ -25,10 +27,7 @@ struct BrowserOptions
     // Non-empty: render every dialog into this folder and exit.
     QString screenshotDir;
     int connectTimeoutMs = 0;
-    // Over the configuration's TLS files when the authority is given.
-    QString tlsCaFile;
-    QString tlsCertFile;
-    QString tlsKeyFile;
+    Kelda::TlsOptions tls;
 };
 
 // What the command line asks for: options to run with, a help text to

@@ -108,8 +108,7 @@ int main(int argc, char *argv[])
     }
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("keldabrowser"));
-    if (!options.tlsCaFile.isEmpty())
-        Kelda::KeldaClient::SetTlsFiles(options.tlsCaFile, options.tlsCertFile, options.tlsKeyFile);
+    options.tls.Apply();
     Kelda::KeldaClient client(options.host, options.port, QStringLiteral("keldabrowser"), Kelda::LoginName(),
                               QString());
     if (!options.screenshotDir.isEmpty())

@@ -50,8 +50,7 @@ Session::~Session()
 
 ExitCode Session::connect()
 {
-    if (!m_settings.tlsCaFile.isEmpty())
-        KeldaClient::SetTlsFiles(m_settings.tlsCaFile, m_settings.tlsCertFile, m_settings.tlsKeyFile);
+    m_settings.tls.Apply();
     m_client = std::make_unique<KeldaClient>(m_settings.host, m_settings.port, m_settings.application, m_settings.user,
                                              m_settings.team);
     if (m_client->WaitForConnected(m_settings.connectTimeoutMs))

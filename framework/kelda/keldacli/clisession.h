@@ -5,6 +5,7 @@
 #include "verbosity.h"
 
 #include "keldaerror.h"
+#include "tlsoptions.h"
 
 #include <QEventLoop>
 #include <QObject>
@@ -28,11 +29,7 @@ struct ConnectionSettings
     QString user;
     QString team;
     int connectTimeoutMs = 5000;
-    // Over the configuration's TlsCaFile, TlsCertFile and TlsKeyFile when
-    // set; an empty authority leaves TLS as configured.
-    QString tlsCaFile;
-    QString tlsCertFile;
-    QString tlsKeyFile;
+    Kelda::TlsOptions tls;
 };
 
 // The defaults of the global options: host and port from the configuration,

@@ -174,6 +174,11 @@ ExitCode runVerify(const QCommandLineParser &parser, Session &session)
         Outcome outcome;
         if (const ExitCode code = requestChecksums(session, guid, true, group, outcome))
             return code;
+        if (outcome.error == KE_UnknownReplyCommand)
+            return session.fail(ExitServerError,
+                                QStringLiteral("the server keeps no digests and cannot verify files: %1 (error %2)")
+                                    .arg(outcome.text.trimmed())
+                                    .arg(outcome.error));
         if (outcome.error != KE_NoError)
             return session.serverError(outcome.error, outcome.text);
         files.insert(files.end(), group.begin(), group.end());

@@ -69,6 +69,32 @@ QString argumentWord(const CommandInfo &command)
     return QString();
 }
 
+// ---------------------------------------------------------------- bash and zsh
+
+using ListFormat = QString (*)(const QStringList &);
+
+// One branch per command of the `case $command in` both scripts share, which
+// sets the command's option lists; the shells differ only in how a list is
+// written: `options` for every name, `set` for the names that take a value.
+QString commandCases(const CompletionModel &model, ListFormat options, ListFormat set)
+{
+    QString text;
+    for (const CommandInfo &command : model.commands) {
+        text +=
+            QStringLiteral("        %1)\n"
+                           "            options=%2\n"
+                           "            file_valued=%3\n"
+                           "            type_valued=%4\n"
+                           "            other_valued=%5\n"
+                           "            arguments=%6\n"
+                           "            ;;\n")
+                .arg(command.name, options(allNames(command.options)), set(namesWith(command.options, ValueKind::File)),
+                     set(namesWith(command.options, ValueKind::FileType)),
+                     set(namesWith(command.options, ValueKind::Other)), shellQuoted(argumentWord(command)));
+    }
+    return text;
+}
+
 // ---------------------------------------------------------------- bash
 
 // " -o --output " for matching a word with [[ $list == *" $word "* ]].
@@ -77,23 +103,9 @@ QString bashSet(const QStringList &names)
     return shellQuoted(QLatin1Char(' ') + names.join(QLatin1Char(' ')) + QLatin1Char(' '));
 }
 
-QString bashCases(const CompletionModel &model)
+QString bashList(const QStringList &names)
 {
-    QString text;
-    for (const CommandInfo &command : model.commands) {
-        text += QStringLiteral("        %1)\n"
-                               "            options=%2\n"
-                               "            file_valued=%3\n"
-                               "            type_valued=%4\n"
-                               "            other_valued=%5\n"
-                               "            arguments=%6\n"
-                               "            ;;\n")
-                    .arg(command.name, shellQuoted(allNames(command.options).join(QLatin1Char(' '))),
-                         bashSet(namesWith(command.options, ValueKind::File)),
-                         bashSet(namesWith(command.options, ValueKind::FileType)),
-                         bashSet(namesWith(command.options, ValueKind::Other)), shellQuoted(argumentWord(command)));
-    }
-    return text;
+    return shellQuoted(names.join(QLatin1Char(' ')));
 }
 
 QString bashScript(const CompletionModel &model)
@@ -174,10 +186,10 @@ _kelda()
 
 complete -o filenames -F _kelda kelda
 )SH")
-        .arg(QLatin1String(kGuidPattern), shellQuoted(commandNames.join(QLatin1Char(' '))),
-             shellQuoted(allNames(model.globalOptions).join(QLatin1Char(' '))),
+        .arg(QLatin1String(kGuidPattern), bashList(commandNames), bashList(allNames(model.globalOptions)),
              bashSet(valuedNames(model.globalOptions)),
-             QStringLiteral("$") + shellQuoted(model.fileTypes.join(QLatin1String("\\n"))), bashCases(model));
+             QStringLiteral("$") + shellQuoted(model.fileTypes.join(QLatin1String("\\n"))),
+             commandCases(model, bashList, bashSet));
 }
 
 // ---------------------------------------------------------------- zsh
@@ -188,25 +200,6 @@ QString zshArray(const QStringList &items)
     for (const QString &item : items)
         quoted.append(shellQuoted(item));
     return QLatin1Char('(') + quoted.join(QLatin1Char(' ')) + QLatin1Char(')');
-}
-
-QString zshCases(const CompletionModel &model)
-{
-    QString text;
-    for (const CommandInfo &command : model.commands) {
-        text += QStringLiteral("        %1)\n"
-                               "            options=%2\n"
-                               "            file_valued=%3\n"
-                               "            type_valued=%4\n"
-                               "            other_valued=%5\n"
-                               "            arguments=%6\n"
-                               "            ;;\n")
-                    .arg(command.name, zshArray(allNames(command.options)),
-                         zshArray(namesWith(command.options, ValueKind::File)),
-                         zshArray(namesWith(command.options, ValueKind::FileType)),
-                         zshArray(namesWith(command.options, ValueKind::Other)), shellQuoted(argumentWord(command)));
-    }
-    return text;
 }
 
 QString zshScript(const CompletionModel &model)
@@ -285,7 +278,8 @@ else
 fi
 )SH")
         .arg(QLatin1String(kGuidPattern), zshArray(described), zshArray(allNames(model.globalOptions)),
-             zshArray(valuedNames(model.globalOptions)), zshArray(model.fileTypes), zshCases(model));
+             zshArray(valuedNames(model.globalOptions)), zshArray(model.fileTypes),
+             commandCases(model, zshArray, zshArray));
 }
 
 // ---------------------------------------------------------------- fish

@@ -45,27 +45,23 @@ void DownloadQueue::fetch(int index)
     request(index);
 }
 
-bool DownloadQueue::send(int index)
+QString DownloadQueue::send(int index)
 {
     const QString requestId = session().client().RequestFileAsync(m_items[size_t(index)].fileId, m_guid, LOCK_Read);
     if (requestId.isEmpty()) {
         m_lockPending = false;
         fail(index, ExitUnreachable, KeldaErrorString::Get(KE_NotConnected));
-        return false;
+        return QString();
     }
     m_requested = true;
-    m_requesting.insert(requestId, index);
-    return true;
+    return requestId;
 }
 
 void DownloadQueue::granted(const QString &requestId, const QString &path, int error, const QString &text)
 {
-    const auto it = m_requesting.find(requestId);
-    if (it == m_requesting.end())
+    const int index = answered(requestId);
+    if (index < 0)
         return;
-    const int index = it.value();
-    m_requesting.erase(it);
-    answered(index);
     m_lockPending = false;
     if (error != KE_NoError || path.isEmpty()) {
         fail(index, ExitServerError, serverErrorText(error != KE_NoError ? error : KE_OpenFileFailed, text));

@@ -2,7 +2,6 @@
 
 #include "transferqueue.h"
 
-#include <QHash>
 #include <QString>
 
 #include <vector>
@@ -36,7 +35,7 @@ public:
 
 protected:
     void begin(int index) override;
-    bool send(int index) override;
+    QString send(int index) override;
     void copied(int index, const QString &error, const QByteArray &digest) override;
     void report(int index) override;
     void abandon(int index) override;
@@ -54,8 +53,6 @@ private:
     // Items wait while the request that may name the directory is out.
     bool m_lockPending = false;
     std::vector<int> m_held;
-    // The RequestFile requests under way, by request id.
-    QHash<QString, int> m_requesting;
     bool m_requested = false;
     qint64 m_bytes = 0;
 };

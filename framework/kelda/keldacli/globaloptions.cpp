@@ -2,6 +2,7 @@
 
 #include "clisession.h"
 #include "environment.h"
+#include "tlsoptions.h"
 
 #include <QCommandLineParser>
 
@@ -15,9 +16,6 @@ const QString kApp = QStringLiteral("app");
 const QString kUser = QStringLiteral("user");
 const QString kTeam = QStringLiteral("team");
 const QString kConnectTimeout = QStringLiteral("connect-timeout");
-const QString kTlsCa = QStringLiteral("tls-ca");
-const QString kTlsCert = QStringLiteral("tls-cert");
-const QString kTlsKey = QStringLiteral("tls-key");
 const QString kQuiet = QStringLiteral("quiet");
 const QString kVerbose = QStringLiteral("verbose");
 
@@ -54,13 +52,7 @@ void addGlobalOptions(QCommandLineParser &parser, const ConnectionSettings &defa
                       QStringLiteral("Seconds to wait for the server's handshake (default %1).")
                           .arg(defaults.connectTimeoutMs / 1000),
                       QStringLiteral("SECONDS"), QString::number(defaults.connectTimeoutMs / 1000)});
-    parser.addOption({kTlsCa,
-                      QStringLiteral("Speak TLS and trust only a server certified by this authority (PEM); over "
-                                     "TlsCaFile of the configuration."),
-                      QStringLiteral("FILE")});
-    parser.addOption({kTlsCert, QStringLiteral("This user's certificate (PEM), for servers that ask for one."),
-                      QStringLiteral("FILE")});
-    parser.addOption({kTlsKey, QStringLiteral("The unencrypted key (PEM) of --tls-cert."), QStringLiteral("FILE")});
+    Kelda::TlsOptions::Add(parser);
     addVerbosityOptions(parser);
     parser.addOption({{QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Show this help.")});
 }
@@ -86,17 +78,8 @@ bool readGlobalOptions(const QCommandLineParser &parser, ConnectionSettings &set
     settings.application = parser.value(kApp);
     settings.user = parser.value(kUser);
     settings.team = parser.value(kTeam);
-    settings.tlsCaFile = parser.value(kTlsCa);
-    settings.tlsCertFile = parser.value(kTlsCert);
-    settings.tlsKeyFile = parser.value(kTlsKey);
-    if (settings.tlsCaFile.isEmpty() && (parser.isSet(kTlsCert) || parser.isSet(kTlsKey))) {
-        error = QStringLiteral("--tls-cert and --tls-key need --tls-ca, the authority that certifies the server");
+    if (!Kelda::TlsOptions::Read(parser, &settings.tls, &error))
         return false;
-    }
-    if (parser.isSet(kTlsCert) != parser.isSet(kTlsKey)) {
-        error = QStringLiteral("--tls-cert and --tls-key go together");
-        return false;
-    }
     error = verbosityConflict(parser);
     return error.isEmpty();
 }

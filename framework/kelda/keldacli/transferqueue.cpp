@@ -5,6 +5,8 @@
 #include "keldaclient.h"
 #include "keldaerror.h"
 
+#include <algorithm>
+
 namespace KeldaCli {
 
 namespace {
@@ -71,13 +73,27 @@ void TransferQueue::copy(int index, const QString &from, const QString &to, Copy
 
 void TransferQueue::request(int index)
 {
-    if (send(index))
-        m_replyWait[size_t(index)].start();
+    const QString requestId = send(index);
+    if (requestId.isEmpty())
+        return;
+    m_awaiting.insert(requestId, index);
+    m_replyWait[size_t(index)].start();
 }
 
-void TransferQueue::answered(int index)
+int TransferQueue::answered(const QString &requestId)
 {
+    const auto it = m_awaiting.find(requestId);
+    if (it == m_awaiting.end())
+        return -1;
+    const int index = it.value();
+    m_awaiting.erase(it);
     m_replyWait[size_t(index)].invalidate();
+    return index;
+}
+
+bool TransferQueue::awaitsAnswer(int index) const
+{
+    return std::find(m_awaiting.cbegin(), m_awaiting.cend(), index) != m_awaiting.cend();
 }
 
 void TransferQueue::succeed(int index)

@@ -6,6 +6,7 @@
 
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QHash>
 #include <QObject>
 #include <QTimer>
 
@@ -47,9 +48,9 @@ protected:
 
     // Starts item `index`: request() or copy().
     virtual void begin(int index) = 0;
-    // Sends the request of item `index`. False when no answer is to be
-    // awaited: the item went on without one, or failed.
-    virtual bool send(int index) = 0;
+    // Sends the request of item `index` and returns its id. Empty when no
+    // answer is to be awaited: the item went on without one, or failed.
+    virtual QString send(int index) = 0;
     // A copy started with copy() has ended; `error` is empty on success,
     // `digest` the copy's SHA-256 in hex when copy() asked for it.
     virtual void copied(int index, const QString &error, const QByteArray &digest) = 0;
@@ -65,9 +66,10 @@ protected:
     // Calls send() for item `index` and, when it sent something, waits for
     // the answer: the run stops when none comes in time.
     void request(int index);
-    // The answer to item `index`'s request came; call before going on with
-    // the item.
-    void answered(int index);
+    // The item whose request `requestId` is, no longer waiting; -1 when no
+    // item waits for that answer. Call before going on with the item.
+    int answered(const QString &requestId);
+    bool awaitsAnswer(int index) const;
     void succeed(int index);
     void fail(int index, ExitCode code, const QString &message);
 
@@ -91,6 +93,8 @@ private:
     std::vector<State> m_states;
     std::vector<QElapsedTimer> m_started;
     std::vector<QElapsedTimer> m_replyWait;
+    // The requests under way, by request id.
+    QHash<QString, int> m_awaiting;
     std::vector<qint64> m_durationMs;
     std::unique_ptr<CopyWorkers> m_workers;
     Progress m_progress;

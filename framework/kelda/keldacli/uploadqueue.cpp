@@ -33,27 +33,23 @@ void UploadQueue::copied(int index, const QString &error, const QByteArray &)
     request(index);
 }
 
-bool UploadQueue::send(int index)
+QString UploadQueue::send(int index)
 {
     const Item &item = m_items[size_t(index)];
     const QString requestId = session().client().AddFileAsync(target(index), item.guid, int(item.fileId));
     if (requestId.isEmpty()) {
         removeCopy(index);
         fail(index, ExitUnreachable, KeldaErrorString::Get(KE_NotConnected));
-        return false;
+        return QString();
     }
-    m_adding.insert(requestId, index);
-    return true;
+    return requestId;
 }
 
 void UploadQueue::added(const QString &requestId, unsigned int fileId)
 {
-    const auto it = m_adding.find(requestId);
-    if (it == m_adding.end())
+    const int index = answered(requestId);
+    if (index < 0)
         return;
-    const int index = it.value();
-    m_adding.erase(it);
-    answered(index);
     if (fileId == 0) {
         // The signal carries no code; the client's last error is the best
         // guess, as other replies may have come in between.
@@ -80,11 +76,8 @@ void UploadQueue::report(int index)
 // that the archive never lists a file it does not have.
 void UploadQueue::abandon(int index)
 {
-    for (auto it = m_adding.cbegin(); it != m_adding.cend(); ++it) {
-        if (it.value() == index)
-            return;
-    }
-    removeCopy(index);
+    if (!awaitsAnswer(index))
+        removeCopy(index);
 }
 
 QString UploadQueue::describe(int index) const

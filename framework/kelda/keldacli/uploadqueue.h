@@ -2,7 +2,6 @@
 
 #include "transferqueue.h"
 
-#include <QHash>
 #include <QString>
 
 #include <vector>
@@ -31,7 +30,7 @@ public:
 
 protected:
     void begin(int index) override;
-    bool send(int index) override;
+    QString send(int index) override;
     void copied(int index, const QString &error, const QByteArray &digest) override;
     void report(int index) override;
     void abandon(int index) override;
@@ -43,8 +42,6 @@ private:
     void removeCopy(int index);
 
     std::vector<Item> m_items;
-    // The AddFile requests under way, by request id.
-    QHash<QString, int> m_adding;
 };
 
 } // namespace KeldaCli

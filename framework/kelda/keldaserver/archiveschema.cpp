@@ -15,11 +15,10 @@ namespace {
 
 const char kSource[] = "framework/kelda/keldaserver/archiveschema";
 
-// Version 1, as its build wrote it: history, never to be edited.
-const QStringList kVersion1{
-    QStringLiteral("CREATE TABLE IF NOT EXISTS file_groups ("
-                   " guid VARCHAR(64) PRIMARY KEY,"
-                   " name TEXT NOT NULL, name_key TEXT NOT NULL,"
+// The columns of a group beside its key, alike in versions 1 and 2:
+// version 2 changed only the key. History, never to be edited.
+const QString kGroupsBesideKey =
+    QStringLiteral(" name TEXT NOT NULL, name_key TEXT NOT NULL,"
                    " file_type INTEGER NOT NULL,"
                    " location_state INTEGER NOT NULL,"
                    " backup_time BIGINT, creation_time BIGINT, modification_time BIGINT, life_cycle BIGINT,"
@@ -33,7 +32,12 @@ const QStringList kVersion1{
                    " path TEXT NOT NULL,"
                    " tovin_id TEXT, record_id TEXT,"
                    " copy_progress DOUBLE PRECISION NOT NULL,"
-                   " fixed_result_xml BYTEA NOT NULL)"),
+                   " fixed_result_xml BYTEA NOT NULL");
+
+// Version 1, as its build wrote it: history, never to be edited.
+const QStringList kVersion1{
+    QStringLiteral("CREATE TABLE IF NOT EXISTS file_groups ( guid VARCHAR(64) PRIMARY KEY,") + kGroupsBesideKey +
+        QLatin1Char(')'),
     QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_creation ON file_groups (creation_time, guid)"),
     QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_modification ON file_groups (modification_time)"),
     QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_life_cycle ON file_groups (life_cycle)"),
@@ -59,23 +63,7 @@ const QStringList kVersion1{
 // Version 2 on SQLite: the tables with text criteria get an integer key
 // that stays put (an implicit rowid may change on VACUUM), for their FTS5
 // indexes to name rows by.
-const QString kGroupsVersion2 =
-    QStringLiteral("guid VARCHAR(64) NOT NULL UNIQUE,"
-                   " name TEXT NOT NULL, name_key TEXT NOT NULL,"
-                   " file_type INTEGER NOT NULL,"
-                   " location_state INTEGER NOT NULL,"
-                   " backup_time BIGINT, creation_time BIGINT, modification_time BIGINT, life_cycle BIGINT,"
-                   " comment TEXT NOT NULL, comment_key TEXT NOT NULL,"
-                   " creator TEXT NOT NULL, creator_key TEXT NOT NULL,"
-                   " detail TEXT NOT NULL, detail_key TEXT NOT NULL,"
-                   " team TEXT NOT NULL, team_key TEXT NOT NULL,"
-                   " version TEXT NOT NULL, version_key TEXT NOT NULL,"
-                   " reserved_storage BIGINT NOT NULL,"
-                   " reference_counter INTEGER NOT NULL,"
-                   " path TEXT NOT NULL,"
-                   " tovin_id TEXT, record_id TEXT,"
-                   " copy_progress DOUBLE PRECISION NOT NULL,"
-                   " fixed_result_xml BYTEA NOT NULL");
+const QString kGroupsVersion2 = QStringLiteral("guid VARCHAR(64) NOT NULL UNIQUE,") + kGroupsBesideKey;
 const QString kGroupsColumns = QStringLiteral(
     "guid, name, name_key, file_type, location_state, backup_time, creation_time, modification_time, life_cycle,"
     " comment, comment_key, creator, creator_key, detail, detail_key, team, team_key, version, version_key,"

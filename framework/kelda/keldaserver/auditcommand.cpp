@@ -4,11 +4,11 @@
 #include "archiveschema.h"
 #include "audittrail.h"
 #include "serveroptions.h"
+#include "storageoptions.h"
 #include "subcommand.h"
 
 #include <QCommandLineParser>
 #include <QDateTime>
-#include <QDir>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -135,11 +135,11 @@ int AuditCommand::run(const QStringList &arguments)
             "Prints the audit trail of an archive: every change clients asked for and every request the ownership "
             "rules refused, one line each (tab-separated: time (UTC), peer address, certificate user, claimed user, "
             "application, command, GUID, file id, result code; \"-\" for none), oldest first."));
-    const QCommandLineOption dbOption(
-        QStringLiteral("db"),
-        QStringLiteral("The server's --db: SQLite file (default %1) or postgresql://... URL.")
-            .arg(QDir(ServerOptions::defaultBasePath()).filePath(QStringLiteral("keldaserver.sqlite"))),
-        QStringLiteral("FILE|URL"));
+    const StorageOptions storage({QString(),
+                                  QStringLiteral("The server's --db: SQLite file (default %1) or postgresql://... URL.")
+                                      .arg(ServerOptions::defaultDatabaseFile(ServerOptions::defaultBasePath())),
+                                  QString(), QString()},
+                                 QStringLiteral("FILE|URL"));
     const QCommandLineOption sinceOption(
         QStringLiteral("since"),
         QStringLiteral("Only records from this time on: ISO 8601, e.g. 2024-05-01 or 2024-05-01T12:00:00+02:00; "
@@ -154,7 +154,8 @@ int AuditCommand::run(const QStringList &arguments)
     const QCommandLineOption jsonOption(QStringLiteral("json"),
                                         QStringLiteral("One JSON document {\"records\": [...]} instead of lines; "
                                                        "null for none."));
-    command.parser().addOptions({dbOption, sinceOption, guidOption, userOption, jsonOption});
+    storage.addTo(command.parser());
+    command.parser().addOptions({sinceOption, guidOption, userOption, jsonOption});
     const int parsed =
         command.parse(arguments,
                       QStringLiteral("\nExit codes:\n  0   printed (perhaps no record)\n  64  bad arguments\n"
@@ -174,10 +175,7 @@ int AuditCommand::run(const QStringList &arguments)
 
     DatabaseLocation location;
     QString error;
-    const QString db = parser.isSet(dbOption)
-        ? parser.value(dbOption)
-        : QDir(ServerOptions::defaultBasePath()).filePath(QStringLiteral("keldaserver.sqlite"));
-    if (!DatabaseLocation::parse(db, &location, &error))
+    if (!DatabaseLocation::parse(storage.database(parser, ServerOptions::defaultBasePath()), &location, &error))
         return fail(ServerOptions::ExitUsage, error);
     // Opening an SQLite file that is not there would make one.
     if (!location.isPostgres() && !QFileInfo(location.file).isFile())

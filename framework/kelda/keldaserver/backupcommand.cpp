@@ -3,6 +3,7 @@
 #include "databaselocation.h"
 #include "filecopier.h"
 #include "serveroptions.h"
+#include "storageoptions.h"
 #include "subcommand.h"
 #include "sqlitebackup.h"
 #include "storagelayout.h"
@@ -38,21 +39,14 @@ int BackupCommand::run(const QStringList &arguments)
     const QCommandLineOption toOption(QStringLiteral("to"),
                                       QStringLiteral("The backup folder; must not exist or be empty (required)."),
                                       QStringLiteral("DIR"));
-    const QCommandLineOption baseOption(
-        QStringLiteral("base-path"),
-        QStringLiteral("Storage root of the archive (default %1).").arg(ServerOptions::defaultBasePath()),
-        QStringLiteral("DIR"));
-    const QCommandLineOption dbOption(QStringLiteral("db"),
-                                      QStringLiteral("SQLite database file (default BASE/keldaserver.sqlite)."),
-                                      QStringLiteral("FILE"));
-    const QCommandLineOption nasOption(QStringLiteral("nas-path"),
-                                       QStringLiteral("Network storage folder (default BASE/nas)."),
-                                       QStringLiteral("DIR"));
-    const QCommandLineOption exchangeOption(QStringLiteral("exchange-path"),
-                                            QStringLiteral(
-                                                "Exchange folder, left out of the backup (default BASE/exchange)."),
-                                            QStringLiteral("DIR"));
-    command.parser().addOptions({toOption, baseOption, dbOption, nasOption, exchangeOption});
+    const StorageOptions storage(
+        {QStringLiteral("Storage root of the archive (default %1).").arg(ServerOptions::defaultBasePath()),
+         QStringLiteral("SQLite database file (default BASE/keldaserver.sqlite)."),
+         QStringLiteral("Network storage folder (default BASE/nas)."),
+         QStringLiteral("Exchange folder, left out of the backup (default BASE/exchange).")},
+        QStringLiteral("FILE"));
+    command.parser().addOption(toOption);
+    storage.addTo(command.parser());
     const int parsed =
         command.parse(arguments,
                       QStringLiteral(
@@ -66,20 +60,16 @@ int BackupCommand::run(const QStringList &arguments)
     if (parser.value(toOption).isEmpty())
         return fail(ServerOptions::ExitUsage, QStringLiteral("--to DIR names the backup folder"));
     Options options;
-    options.basePath = Subcommand::absolutePath(parser.isSet(baseOption) ? parser.value(baseOption)
-                                                                         : ServerOptions::defaultBasePath());
-    const QString db =
-        parser.isSet(dbOption) ? parser.value(dbOption) : ServerOptions::defaultDatabaseFile(options.basePath);
+    options.basePath = StorageOptions::absolutePath(storage.givenBasePath(parser));
+    const QString db = storage.database(parser, options.basePath);
     if (DatabaseLocation::isPostgresUrl(db))
         return fail(ServerOptions::ExitUsage,
                     QStringLiteral("a PostgreSQL archive is backed up with pg_dump and a "
                                    "copy of the storage folders; see the README"));
-    options.databaseFile = Subcommand::absolutePath(db);
-    options.nasPath = parser.isSet(nasOption) ? Subcommand::absolutePath(parser.value(nasOption))
-                                              : ServerOptions::defaultNasPath(options.basePath);
-    options.exchangePath = parser.isSet(exchangeOption) ? Subcommand::absolutePath(parser.value(exchangeOption))
-                                                        : ServerOptions::defaultExchangePath(options.basePath);
-    options.target = Subcommand::absolutePath(parser.value(toOption));
+    options.databaseFile = StorageOptions::absolutePath(db);
+    options.nasPath = storage.nasPath(parser, options.basePath);
+    options.exchangePath = storage.exchangePath(parser, options.basePath);
+    options.target = StorageOptions::absolutePath(parser.value(toOption));
     return backUp(options);
 }
 

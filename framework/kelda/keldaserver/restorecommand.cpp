@@ -3,6 +3,7 @@
 #include "databaselocation.h"
 #include "filecopier.h"
 #include "serveroptions.h"
+#include "storageoptions.h"
 #include "subcommand.h"
 #include "sqlitebackup.h"
 
@@ -36,21 +37,17 @@ int RestoreCommand::run(const QStringList &arguments)
             "Restored to other folders than it came from, the groups' directories are moved along."));
     const QCommandLineOption fromOption(QStringLiteral("from"), QStringLiteral("The backup folder (required)."),
                                         QStringLiteral("DIR"));
-    const QCommandLineOption baseOption(
-        QStringLiteral("base-path"),
-        QStringLiteral("Storage root to restore into (default %1).").arg(ServerOptions::defaultBasePath()),
-        QStringLiteral("DIR"));
-    const QCommandLineOption dbOption(QStringLiteral("db"),
-                                      QStringLiteral(
-                                          "SQLite database file to restore (default BASE/keldaserver.sqlite)."),
-                                      QStringLiteral("FILE"));
-    const QCommandLineOption nasOption(QStringLiteral("nas-path"),
-                                       QStringLiteral("Network storage folder to restore into (default BASE/nas)."),
-                                       QStringLiteral("DIR"));
+    const StorageOptions storage(
+        {QStringLiteral("Storage root to restore into (default %1).").arg(ServerOptions::defaultBasePath()),
+         QStringLiteral("SQLite database file to restore (default BASE/keldaserver.sqlite)."),
+         QStringLiteral("Network storage folder to restore into (default BASE/nas)."), QString()},
+        QStringLiteral("FILE"));
     const QCommandLineOption replaceOption(
         QStringLiteral("replace"),
         QStringLiteral("Overwrite a database and files that exist at the targets (default: refuse)."));
-    command.parser().addOptions({fromOption, baseOption, dbOption, nasOption, replaceOption});
+    command.parser().addOption(fromOption);
+    storage.addTo(command.parser());
+    command.parser().addOption(replaceOption);
     const int parsed =
         command.parse(arguments,
                       QStringLiteral(
@@ -65,18 +62,15 @@ int RestoreCommand::run(const QStringList &arguments)
     if (parser.value(fromOption).isEmpty())
         return fail(ServerOptions::ExitUsage, QStringLiteral("--from DIR names the backup folder"));
     Options options;
-    options.source = Subcommand::absolutePath(parser.value(fromOption));
-    options.basePath = Subcommand::absolutePath(parser.isSet(baseOption) ? parser.value(baseOption)
-                                                                         : ServerOptions::defaultBasePath());
-    const QString db =
-        parser.isSet(dbOption) ? parser.value(dbOption) : ServerOptions::defaultDatabaseFile(options.basePath);
+    options.source = StorageOptions::absolutePath(parser.value(fromOption));
+    options.basePath = StorageOptions::absolutePath(storage.givenBasePath(parser));
+    const QString db = storage.database(parser, options.basePath);
     if (DatabaseLocation::isPostgresUrl(db))
         return fail(ServerOptions::ExitUsage,
                     QStringLiteral("a PostgreSQL archive is restored with pg_restore and a "
                                    "copy of the storage folders; see the README"));
-    options.databaseFile = Subcommand::absolutePath(db);
-    options.nasPath = parser.isSet(nasOption) ? Subcommand::absolutePath(parser.value(nasOption))
-                                              : ServerOptions::defaultNasPath(options.basePath);
+    options.databaseFile = StorageOptions::absolutePath(db);
+    options.nasPath = storage.nasPath(parser, options.basePath);
     options.replace = parser.isSet(replaceOption);
     return restore(options);
 }

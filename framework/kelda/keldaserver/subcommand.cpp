@@ -2,8 +2,6 @@
 
 #include "serveroptions.h"
 
-#include <QDir>
-
 namespace Kelda {
 
 Subcommand::Subcommand(const QString &name, const QString &description)
@@ -38,11 +36,6 @@ int Subcommand::report(const QString &name, int code, const QString &text)
 {
     printLine(stderr, QStringLiteral("keldaserver %1: %2").arg(name, text));
     return code;
-}
-
-QString Subcommand::absolutePath(const QString &path)
-{
-    return QDir::cleanPath(QDir(path).absolutePath());
 }
 
 void Subcommand::printLine(FILE *stream, const QString &text)

@@ -31,7 +31,6 @@ public:
     static int report(const QString &name, int code, const QString &text);
 
     static void printLine(FILE *stream, const QString &text);
-    static QString absolutePath(const QString &path);
 
 private:
     const QString m_name;

@@ -6,6 +6,8 @@ namespace Kelda {
 
 namespace TlsFiles {
 
+namespace {
+
 bool read(const QString &path, QByteArray *content, QString *error)
 {
     QFile file(path);
@@ -27,6 +29,34 @@ QSslKey privateKey(const QByteArray &pem)
             return key;
     }
     return QSslKey();
+}
+
+} // namespace
+
+bool readCertificates(const QString &path, QList<QSslCertificate> *certificates, QString *error)
+{
+    QByteArray pem;
+    if (!read(path, &pem, error))
+        return false;
+    *certificates = QSslCertificate::fromData(pem, QSsl::Pem);
+    if (certificates->isEmpty()) {
+        *error = QStringLiteral("%1 holds no PEM certificate").arg(path);
+        return false;
+    }
+    return true;
+}
+
+bool readPrivateKey(const QString &path, QSslKey *key, QString *error)
+{
+    QByteArray pem;
+    if (!read(path, &pem, error))
+        return false;
+    *key = privateKey(pem);
+    if (key->isNull()) {
+        *error = QStringLiteral("%1 holds no unencrypted PEM private key").arg(path);
+        return false;
+    }
+    return true;
 }
 
 } // namespace TlsFiles

@@ -1,19 +1,21 @@
 #pragma once
 
-#include <QByteArray>
+#include <QList>
+#include <QSslCertificate>
 #include <QSslKey>
 #include <QString>
 
 namespace Kelda {
 
-// Reading the PEM files both ends take for TLS.
+// Reading the PEM files both ends take for TLS. Each function fails with a
+// message that names the file.
 namespace TlsFiles {
 
-// The file's bytes, or false with a message that names the file.
-bool read(const QString &path, QByteArray *content, QString *error);
+// The certificates in the file, at least one.
+bool readCertificates(const QString &path, QList<QSslCertificate> *certificates, QString *error);
 
-// The private key in pem, whichever algorithm it is for; null when none.
-QSslKey privateKey(const QByteArray &pem);
+// The unencrypted private key in the file, whichever algorithm it is for.
+bool readPrivateKey(const QString &path, QSslKey *key, QString *error);
 
 } // namespace TlsFiles
 

@@ -1,4 +1,5 @@
 #include "keldaclient.h"
+#include "scriptedpeer.h"
 #include "serverprocess.h"
 #include "testcertificates.h"
 #include "trace.h"
@@ -86,6 +87,10 @@ private slots:
     void getGroup();
     void integrity_data();
     void integrity();
+    void verifyAll_data();
+    void verifyAll();
+    void serverWithoutDigests_data();
+    void serverWithoutDigests();
     void environment_data();
     void environment();
     void verbosity_data();
@@ -101,6 +106,7 @@ private slots:
 
 private:
     Run kelda(const QStringList &arguments);
+    Run keldaAt(quint16 port, const QStringList &arguments);
     // Without --host and --port: the environment, `environment` first, and
     // the configuration file of this test decide.
     Run keldaPlain(const QStringList &arguments, const QStringList &environment = {});
@@ -164,9 +170,13 @@ QMap<QString, QStringList> KeldaToolTest::groupsNamed(const QString &text)
 // Later options win: an argument list may name another port.
 Run KeldaToolTest::kelda(const QStringList &arguments)
 {
+    return keldaAt(m_server->port(), arguments);
+}
+
+Run KeldaToolTest::keldaAt(quint16 port, const QStringList &arguments)
+{
     return keldaPlain(QStringList{QStringLiteral("--host"), QStringLiteral("127.0.0.1"), QStringLiteral("--port"),
-                                  QString::number(m_server->port()), QStringLiteral("--connect-timeout"),
-                                  QStringLiteral("2")} +
+                                  QString::number(port), QStringLiteral("--connect-timeout"), QStringLiteral("2")} +
                       arguments);
 }
 
@@ -562,6 +572,92 @@ void KeldaToolTest::integrity()
                       file.toObject().value(QStringLiteral("state")).toString());
     states.sort();
     QCOMPARE(states, (QStringList{name + QStringLiteral(".txt=ok"), name + QStringLiteral("=mismatch")}));
+}
+
+void KeldaToolTest::verifyAll_data()
+{
+    QTest::addColumn<bool>("corrupt");
+    QTest::addColumn<int>("exitCode");
+    QTest::newRow("every file intact") << false << 0;
+    QTest::newRow("one stored file changed") << true << 8;
+}
+
+// verify --all on a server of its own, so that exactly its two groups are
+// listed: every file of both is read, and a changed one is named.
+void KeldaToolTest::verifyAll()
+{
+    QFETCH(bool, corrupt);
+    QFETCH(int, exitCode);
+    ServerProcess server;
+    QVERIFY2(server.start(), qPrintable(server.errorString()));
+    const QString tag = QString::fromLatin1(QTest::currentDataTag()).replace(QLatin1Char(' '), QLatin1Char('-'));
+    const QStringList names{tag + QStringLiteral("-first.bin"), tag + QStringLiteral("-second.bin")};
+    for (const QString &name : names)
+        QCOMPARE(
+            keldaAt(server.port(), {QStringLiteral("put"), writeFile(name, name.toUtf8().repeated(1000))}).exitCode, 0);
+    if (corrupt) {
+        QDirIterator stored(server.basePath(), {names.last()}, QDir::Files, QDirIterator::Subdirectories);
+        QVERIFY(stored.hasNext());
+        QFile copy(stored.next());
+        QVERIFY(copy.open(QIODevice::ReadWrite));
+        QVERIFY(copy.putChar('!'));
+    }
+
+    const Run run = keldaAt(server.port(), {QStringLiteral("verify"), QStringLiteral("--all")});
+    QCOMPARE(run.exitCode, exitCode);
+    const QStringList rows = lines(run.out);
+    for (const QString &name : names) {
+        const QStringList named = rows.filter(name);
+        QCOMPARE(named.size(), 1);
+        const bool bad = corrupt && name == names.last();
+        QVERIFY2(named.first().contains(bad ? QStringLiteral(" mismatch ") : QStringLiteral(" ok ")),
+                 qPrintable(named.first()));
+    }
+    QCOMPARE(run.err, corrupt ? QStringLiteral("kelda: verify: 1 file of 2 not intact\n") : QString());
+}
+
+void KeldaToolTest::serverWithoutDigests_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("message");
+    const QString url = QStringLiteral("kelda:///%1/1").arg(kGuid);
+    QTest::newRow("get fetches without comparing")
+        << QStringList{QStringLiteral("-v"), QStringLiteral("get"), url, QStringLiteral("-o"),
+                       QStringLiteral("old.bin")}
+        << 0 << QStringLiteral("the server keeps no digests; the copies are not compared\n");
+    QTest::newRow("get says nothing unless verbose")
+        << QStringList{QStringLiteral("get"), url, QStringLiteral("-o"), QStringLiteral("old.bin")} << 0 << QString();
+    QTest::newRow("verify cannot")
+        << QStringList{QStringLiteral("verify"), kGuid} << 4
+        << QStringLiteral("kelda: verify: the server keeps no digests and cannot verify files: not supported by "
+                          "this server (error 41)\n");
+}
+
+// A server from before digests answers their commands with code 41: get
+// fetches as before, verify says why it cannot.
+void KeldaToolTest::serverWithoutDigests()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(int, exitCode);
+    QFETCH(QString, message);
+    const QByteArray bytes("archived before digests\n");
+    const QString archived = writeFile(QStringLiteral("archived.bin"), bytes);
+    QFile::remove(m_dir.filePath(QStringLiteral("old.bin")));
+    ScriptedPeer peer;
+    for (const char *command : {"GetFileChecksums", "VerifyFileGroup"})
+        peer.setReplyChildren(QLatin1String(command), QStringLiteral("<m:Error>41</m:Error>"));
+    peer.setReplyChildren(QStringLiteral("RequestFile"),
+                          QStringLiteral("<m:Path>%1</m:Path>").arg(archived.toHtmlEscaped()));
+
+    const Run run = keldaAt(peer.port(), arguments);
+    QCOMPARE(run.err, message);
+    QCOMPARE(run.exitCode, exitCode);
+    if (exitCode == 0) {
+        QFile copy(m_dir.filePath(QStringLiteral("old.bin")));
+        QVERIFY(copy.open(QIODevice::ReadOnly));
+        QCOMPARE(copy.readAll(), bytes);
+    }
 }
 
 void KeldaToolTest::environment_data()

@@ -5,7 +5,6 @@
 #include "keldaclient.h"
 #include "tlsfiles.h"
 
-#include <QFile>
 #include <QSslCertificate>
 #include <QSslConfiguration>
 #include <QSslKey>
@@ -70,34 +69,19 @@ void ClientTls::setOverride(const ClientTls &tls)
 
 bool ClientTls::makeConfiguration(QSslConfiguration *configuration, QString *error) const
 {
-    QByteArray pem;
-    if (!TlsFiles::read(caFile, &pem, error))
+    QList<QSslCertificate> authorities;
+    if (!TlsFiles::readCertificates(caFile, &authorities, error))
         return false;
-    const QList<QSslCertificate> authorities = QSslCertificate::fromData(pem, QSsl::Pem);
-    if (authorities.isEmpty()) {
-        *error = QStringLiteral("%1 holds no PEM certificate").arg(caFile);
-        return false;
-    }
     QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
     // Only the named authority vouches for the server, not the system's.
     tls.setCaCertificates(authorities);
     tls.setProtocol(QSsl::TlsV1_2OrLater);
     tls.setPeerVerifyMode(QSslSocket::VerifyPeer);
     if (!certFile.isEmpty() || !keyFile.isEmpty()) {
-        if (!TlsFiles::read(certFile, &pem, error))
+        QList<QSslCertificate> chain;
+        QSslKey key;
+        if (!TlsFiles::readCertificates(certFile, &chain, error) || !TlsFiles::readPrivateKey(keyFile, &key, error))
             return false;
-        const QList<QSslCertificate> chain = QSslCertificate::fromData(pem, QSsl::Pem);
-        if (chain.isEmpty()) {
-            *error = QStringLiteral("%1 holds no PEM certificate").arg(certFile);
-            return false;
-        }
-        if (!TlsFiles::read(keyFile, &pem, error))
-            return false;
-        const QSslKey key = TlsFiles::privateKey(pem);
-        if (key.isNull()) {
-            *error = QStringLiteral("%1 holds no unencrypted PEM private key").arg(keyFile);
-            return false;
-        }
         tls.setLocalCertificateChain(chain);
         tls.setPrivateKey(key);
     }
