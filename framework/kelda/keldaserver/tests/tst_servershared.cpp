@@ -101,18 +101,10 @@ void TestServerShared::locksAcrossServers()
     QCOMPARE(path.isEmpty(), error != KE_NoError);
 
     // Released through one server, the group is free through the other.
-    QSignalSpy closed(m_alice.get(), &KeldaClient::CloseFileSg);
-    m_alice->CloseFile(fileId, guid);
-    QVERIFY(closed.wait(Wait));
-    if (error == KE_NoError) {
-        QSignalSpy bobClosed(m_bob.get(), &KeldaClient::CloseFileSg);
-        m_bob->CloseFile(fileId, guid);
-        QVERIFY(bobClosed.wait(Wait));
-    }
+    QCOMPARE(closeFile(*m_alice, fileId, guid), int(KE_NoError));
+    QVERIFY(error != KE_NoError || closeFile(*m_bob, fileId, guid) == KE_NoError);
     QVERIFY(!m_bob->RequestFile(fileId, guid, LOCK_Write).isEmpty());
-    QSignalSpy bobClosed(m_bob.get(), &KeldaClient::CloseFileSg);
-    m_bob->CloseFile(fileId, guid);
-    QVERIFY(bobClosed.wait(Wait));
+    QCOMPARE(closeFile(*m_bob, fileId, guid), int(KE_NoError));
 }
 
 void TestServerShared::simultaneousAddsGetConsecutiveIds()
@@ -199,9 +191,7 @@ void TestServerShared::groupOfOneServerHandledThroughTheOther()
     QCOMPARE(waitForRequest(aliceDeleted, m_alice->DeleteFileGroupAsync(guid)).value(1).toInt(),
              int(KE_FileGroupWriteLocked));
 
-    QSignalSpy closed(m_bob.get(), &KeldaClient::CloseFileSg);
-    m_bob->CloseFile(fileId, guid);
-    QVERIFY(closed.wait(Wait));
+    QCOMPARE(closeFile(*m_bob, fileId, guid), int(KE_NoError));
     QSignalSpy bobDeleted(m_bob.get(), &KeldaClient::deleteFileGroupSg);
     QCOMPARE(waitForRequest(bobDeleted, m_bob->DeleteFileGroupAsync(guid)).value(1).toInt(), int(KE_NoError));
 
