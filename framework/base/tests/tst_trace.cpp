@@ -1,21 +1,118 @@
 #include "trace.h"
 
+#include <QDir>
+#include <QFile>
+#include <QRegularExpression>
 #include <QtTest>
 
+#include <atomic>
+#include <thread>
+#include <vector>
+
 namespace {
+
 const char kSource[] = "framework/base/tests/tst_trace";
+
+QStringList linesOf(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 }
 
+} // namespace
+
+// What the mask lets through, controls escaped, and the trace file moved
+// away under writers on other threads, as log rotation does:
+// KELDA_TRACE_FILE names a file in a folder of its own (set by CTest). The
+// cases with a hook write nothing to the file.
 class TraceTest : public QObject
 {
     Q_OBJECT
 
 private slots:
+    void initTestCase();
+    void rotateUnderWriters_data();
+    void rotateUnderWriters();
     void maskSelectsTraces_data();
     void maskSelectsTraces();
     void controlsAreEscaped_data();
     void controlsAreEscaped();
 };
+
+void TraceTest::initTestCase()
+{
+    const QString path = qEnvironmentVariable("KELDA_TRACE_FILE");
+    QVERIFY(!path.isEmpty());
+    // Before the handler first opens it.
+    QVERIFY(QDir(QFileInfo(path).absolutePath()).removeRecursively());
+    QVERIFY(QDir().mkpath(QFileInfo(path).absolutePath()));
+}
+
+void TraceTest::rotateUnderWriters_data()
+{
+    QTest::addColumn<int>("writers");
+    QTest::addColumn<bool>("moveFolder"); // the name cannot be opened again
+    QTest::newRow("one writer") << 1 << false;
+    QTest::newRow("four writers") << 4 << false;
+    QTest::newRow("folder gone") << 4 << true;
+}
+
+void TraceTest::rotateUnderWriters()
+{
+    QFETCH(int, writers);
+    QFETCH(bool, moveFolder);
+    const QString path = qEnvironmentVariable("KELDA_TRACE_FILE");
+    const QString folder = QFileInfo(path).absolutePath();
+    const QString movedFolder = folder + QStringLiteral(".1");
+    const QString rotated =
+        moveFolder ? movedFolder + QLatin1Char('/') + QFileInfo(path).fileName() : path + QStringLiteral(".1");
+    constexpr int Lines = 2000;
+    ErrorHandler &handler = *ErrorHandler::Instance();
+
+    std::atomic<int> written{0};
+    std::vector<std::thread> threads;
+    for (int w = 0; w < writers; ++w) {
+        threads.emplace_back([&handler, &written, w] {
+            for (int i = 0; i < Lines; ++i) {
+                handler.Write(QStringLiteral("writer %1 line %2").arg(w).arg(i), "tst_tracereopen", w);
+                ++written;
+            }
+        });
+    }
+    while (written.load() < writers * Lines / 4)
+        std::this_thread::yield();
+    QVERIFY(moveFolder ? QDir().rename(folder, movedFolder) : QFile::rename(path, rotated));
+    const bool reopened = handler.Reopen();
+    handler.Write(QStringLiteral("after reopen"), "tst_tracereopen", 0);
+    for (std::thread &thread : threads)
+        thread.join();
+    QCOMPARE(reopened, !moveFolder);
+
+    const QStringList before = linesOf(rotated);
+    const QStringList after = moveFolder ? QStringList() : linesOf(path);
+    QCOMPARE(after.filter(QStringLiteral("after reopen")).size(), moveFolder ? 0 : 1);
+    QCOMPARE(before.filter(QStringLiteral("after reopen")).size(), moveFolder ? 1 : 0);
+    // Every line whole, and every one written exactly once across both files.
+    static const QRegularExpression shape(
+        QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} \\[[^\\]]+\\] tst_tracereopen:\\d+: "
+                       "(writer \\d+ line \\d+|after reopen)$"));
+    QSet<QString> seen;
+    for (const QString &line : before + after) {
+        const QRegularExpressionMatch match = shape.match(line);
+        QVERIFY2(match.hasMatch(), qPrintable(line));
+        QVERIFY2(!seen.contains(match.captured(1)), qPrintable(line));
+        seen.insert(match.captured(1));
+    }
+    QCOMPARE(seen.size(), writers * Lines + 1);
+
+    QFile::remove(rotated);
+    QFile::remove(path);
+    if (moveFolder)
+        QVERIFY(QDir().rename(movedFolder, folder));
+    QVERIFY(handler.Reopen());
+}
 
 void TraceTest::maskSelectsTraces_data()
 {

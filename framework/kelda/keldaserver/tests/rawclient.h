@@ -1,5 +1,7 @@
 #pragma once
 
+#include "replyfields.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QSslSocket>
@@ -20,6 +22,13 @@ public:
     QByteArray receive(int timeoutMs = 10000);
     // Whether the server closed the connection within timeoutMs.
     bool waitForClose(int timeoutMs = 10000);
+    // Sends the request, the command naming it, and returns the framed
+    // answer; empty when none came within timeoutMs.
+    QByteArray exchange(const QString &command, const QString &children, int timeoutMs = 15000);
+    ReplyFields ask(const QString &command, const QString &children, int timeoutMs = 15000)
+    {
+        return ReplyFields::read(exchange(command, children, timeoutMs));
+    }
 
     // A request document as the client writes it.
     static QByteArray request(const QString &command, const QString &requestId, const QString &children);

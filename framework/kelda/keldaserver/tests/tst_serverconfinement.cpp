@@ -49,8 +49,7 @@ private:
     QString outside(const QString &relative) const { return m_outside.filePath(relative); }
     // The way from the exchange folder (one below the base path) to path.
     QString up(const QString &path) const { return QDir(exchange(QString())).relativeFilePath(path); }
-    QByteArray ask(const QString &command, const QString &children);
-    static int errorOf(const QByteArray &reply);
+    int errorOf(const QString &command, const QString &children) { return m_raw.ask(command, children).error; }
     QString makeGroup(const QString &directoryPattern);
     bool requestable(const QString &guid);
     bool exists(const QString &guid);
@@ -107,21 +106,7 @@ void TestServerConfinement::cleanup()
     QVERIFY(requestable(m_nested));
     const QString path = m_client->RequestFile(m_victimFile, m_victim, LOCK_Read);
     QCOMPARE(readFile(path), QByteArray("victim"));
-    QSignalSpy closed(m_client.get(), &KeldaClient::CloseFileSg);
-    m_client->CloseFile(m_victimFile, m_victim);
-    QVERIFY(closed.wait(Wait));
-}
-
-QByteArray TestServerConfinement::ask(const QString &command, const QString &children)
-{
-    m_raw.sendFrame(RawClient::request(command, QStringLiteral("attack"), children));
-    return m_raw.receive();
-}
-
-int TestServerConfinement::errorOf(const QByteArray &reply)
-{
-    const int at = reply.indexOf("<m:Error>");
-    return at < 0 ? -1 : reply.mid(at + 9, reply.indexOf('<', at + 9) - at - 9).toInt();
+    QCOMPARE(closeFile(*m_client, m_victimFile, m_victim), int(KE_NoError));
 }
 
 // A group with the file data.bin (its GUID as content) in the directory
@@ -130,15 +115,14 @@ QString TestServerConfinement::makeGroup(const QString &directoryPattern)
 {
     const QString guid = KeldaClient::CreateGuid();
     const QString directory = base(directoryPattern.arg(guid));
-    const bool made = errorOf(ask(Tag::CreateFileGroup,
-                                  QStringLiteral("<m:Guid>%1</m:Guid><m:FileType>1</m:FileType>"
-                                                 "<m:Path>%2</m:Path>")
-                                      .arg(guid, directory))) == 0 &&
+    const bool made = errorOf(Tag::CreateFileGroup,
+                              QStringLiteral("<m:Guid>%1</m:Guid><m:FileType>1</m:FileType><m:Path>%2</m:Path>")
+                                  .arg(guid, directory)) == 0 &&
         writeFile(directory + QStringLiteral("/data.bin"), guid.toUtf8()) &&
-        errorOf(ask(Tag::AddFile,
-                    QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>data.bin</m:FileName>"
-                                   "<m:FileId>1</m:FileId>")
-                        .arg(guid))) == 0;
+        errorOf(
+            Tag::AddFile,
+            QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>data.bin</m:FileName><m:FileId>1</m:FileId>").arg(guid)) ==
+            0;
     return made ? guid : QString();
 }
 
@@ -146,17 +130,14 @@ bool TestServerConfinement::requestable(const QString &guid)
 {
     const QString children =
         QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>1</m:FileId><m:UserName>checker</m:UserName>");
-    const QByteArray reply = ask(Tag::RequestFile, children.arg(guid));
-    const int from = reply.indexOf("<m:Path>") + 8;
-    const QString path = QString::fromUtf8(reply.mid(from, reply.indexOf("</m:Path>") - from));
-    ask(Tag::CloseFile, children.arg(guid));
-    return errorOf(reply) == 0 && readFile(path) == guid.toUtf8();
+    const ReplyFields reply = m_raw.ask(Tag::RequestFile, children.arg(guid));
+    m_raw.ask(Tag::CloseFile, children.arg(guid));
+    return reply.error == 0 && readFile(reply.value(Tag::Path)) == guid.toUtf8();
 }
 
 bool TestServerConfinement::exists(const QString &guid)
 {
-    return ask(Tag::CheckFileGroupExists, QStringLiteral("<m:Guid>%1</m:Guid>").arg(guid))
-        .contains("<m:Exists>true</m:Exists>");
+    return m_raw.ask(Tag::CheckFileGroupExists, element(Tag::Guid, guid)).value(Tag::Exists) == QLatin1String("true");
 }
 
 // An exported archive of a group no server knows; returns its GUID.
@@ -219,15 +200,14 @@ void TestServerConfinement::createPath()
         guid = KeldaClient::CreateGuid();
     path.replace(QLatin1String("%1"), guid);
     const bool existed = QFileInfo::exists(path);
-    QCOMPARE(errorOf(ask(Tag::CreateFileGroup,
-                         QStringLiteral("<m:Guid>%1</m:Guid><m:FileType>1</m:FileType>"
-                                        "<m:Path>%2</m:Path>")
-                             .arg(guid, path))),
-             error);
+    QCOMPARE(
+        errorOf(Tag::CreateFileGroup,
+                QStringLiteral("<m:Guid>%1</m:Guid><m:FileType>1</m:FileType><m:Path>%2</m:Path>").arg(guid, path)),
+        error);
     QCOMPARE(QFileInfo::exists(path), existed || error == KE_NoError);
     QCOMPARE(exists(guid), error == KE_NoError);
     // Had it been created, deleting it must not reach beyond it.
-    QCOMPARE(errorOf(ask(Tag::DeleteFileGroup, QStringLiteral("<m:Guid>%1</m:Guid>").arg(guid))),
+    QCOMPARE(errorOf(Tag::DeleteFileGroup, element(Tag::Guid, guid)),
              error == KE_NoError ? int(KE_NoError) : int(KE_GuidNotFound));
 }
 
@@ -249,8 +229,8 @@ void TestServerConfinement::deleteRemovesOnlyRegisteredFiles()
     QVERIFY(QDir().mkpath(directory + QStringLiteral("/empty/deeper")));
     QVERIFY(!unregistered || writeFile(directory + QStringLiteral("/stranger"), "stays"));
     const QString children = QStringLiteral("<m:Guid>%1</m:Guid><m:ShallowDelete>%2</m:ShallowDelete>");
-    QCOMPARE(errorOf(ask(Tag::DeleteFileGroup,
-                         children.arg(guid, shallow ? QStringLiteral("true") : QStringLiteral("false")))),
+    QCOMPARE(errorOf(Tag::DeleteFileGroup,
+                     children.arg(guid, shallow ? QStringLiteral("true") : QStringLiteral("false"))),
              int(KE_NoError));
     QTRY_COMPARE_WITH_TIMEOUT(QFileInfo::exists(directory + QStringLiteral("/data.bin")), shallow, Wait);
     QTRY_COMPARE_WITH_TIMEOUT(QFileInfo::exists(directory), shallow || unregistered, Wait);
@@ -283,14 +263,13 @@ void TestServerConfinement::plantedLinks()
     const QString replaced = folderLink ? directory : directory + QStringLiteral("/data.bin");
     QVERIFY(folderLink ? QDir(directory).removeRecursively() : QFile::remove(replaced));
     QVERIFY(QFile::link(folderLink ? outside(QStringLiteral("bait")) : outside(QStringLiteral("secret")), replaced));
-    const QByteArray reply = ask(command,
-                                 QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>1</m:FileId>"
-                                                "<m:UserName>attacker</m:UserName>")
-                                     .arg(guid));
-    QCOMPARE(errorOf(reply), error);
+    QCOMPARE(
+        errorOf(command,
+                QStringLiteral("<m:Guid>%1</m:Guid><m:FileId>1</m:FileId><m:UserName>attacker</m:UserName>").arg(guid)),
+        error);
     QVERIFY(exists(guid));
-    const QByteArray state = ask(Tag::QueryLocationStateProgress, QStringLiteral("<m:Guid>%1</m:Guid>").arg(guid));
-    QVERIFY2(state.contains(QStringLiteral("<m:LocationState>%1<").arg(LS_Local).toUtf8()), state.constData());
+    QCOMPARE(m_raw.ask(Tag::QueryLocationStateProgress, element(Tag::Guid, guid)).value(Tag::LocationState),
+             QString::number(LS_Local));
     QVERIFY(QFileInfo(replaced).isSymLink());
 }
 
@@ -317,7 +296,7 @@ void TestServerConfinement::importPath()
     const QString planted = writeArchive(exchange(QStringLiteral("good")));
     QElapsedTimer timer;
     timer.start();
-    QCOMPARE(errorOf(ask(Tag::ImportArchive, QStringLiteral("<m:Path>%1</m:Path>").arg(path))), error);
+    QCOMPARE(errorOf(Tag::ImportArchive, element(Tag::Path, path)), error);
     QVERIFY(timer.elapsed() < 2000);
     QCOMPARE(exists(planted), imported);
     QVERIFY(!exists(m_outsideArchive) && !exists(m_large));
@@ -339,7 +318,7 @@ void TestServerConfinement::exportPath()
     QFETCH(QString, path);
     QFETCH(int, error);
     const QString children = QStringLiteral("<m:Path>%1</m:Path><m:Guid>%2</m:Guid>").arg(path, m_nested);
-    QCOMPARE(errorOf(ask(Tag::ExportArchive, children)), error);
+    QCOMPARE(errorOf(Tag::ExportArchive, children), error);
     QCOMPARE(QFileInfo::exists(exchange(QStringLiteral("exported/%1/data.bin").arg(m_nested))), error == KE_NoError);
     QVERIFY(QDir(exchange(QStringLiteral("exported"))).removeRecursively());
 }
@@ -348,19 +327,19 @@ void TestServerConfinement::outsideAnswersAlike()
 {
     for (const QLatin1String command : {Tag::ImportArchive, Tag::ExportArchive}) {
         const QString children = QStringLiteral("<m:Path>%1</m:Path><m:Guid>") + m_nested + QStringLiteral("</m:Guid>");
-        const QByteArray present = ask(command, children.arg(outside(QStringLiteral("archive"))));
-        QCOMPARE(errorOf(present), int(KE_CreatePathFailed));
-        QCOMPARE(ask(command, children.arg(outside(QStringLiteral("missing")))), present);
+        const QByteArray present = m_raw.exchange(command, children.arg(outside(QStringLiteral("archive"))));
+        QCOMPARE(ReplyFields::read(present).error, int(KE_CreatePathFailed));
+        QCOMPARE(m_raw.exchange(command, children.arg(outside(QStringLiteral("missing")))), present);
     }
 }
 
 void TestServerConfinement::exportNeverOverwrites()
 {
     const QString children = QStringLiteral("<m:Path>twice</m:Path><m:Guid>%1</m:Guid>").arg(m_nested);
-    QCOMPARE(errorOf(ask(Tag::ExportArchive, children)), int(KE_NoError));
+    QCOMPARE(errorOf(Tag::ExportArchive, children), int(KE_NoError));
     const QString copy = exchange(QStringLiteral("twice/%1/data.bin").arg(m_nested));
     QVERIFY(writeFile(copy, "edited after the export"));
-    QCOMPARE(errorOf(ask(Tag::ExportArchive, children)), int(KE_ExportArchiveFailed));
+    QCOMPARE(errorOf(Tag::ExportArchive, children), int(KE_ExportArchiveFailed));
     QCOMPARE(readFile(copy), QByteArray("edited after the export"));
     // The description and the manifest of the first export, nothing more.
     QCOMPARE(QDir(exchange(QStringLiteral("twice"))).entryList(QDir::Files).size(), 2);

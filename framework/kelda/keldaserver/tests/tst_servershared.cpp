@@ -28,8 +28,8 @@ private slots:
     void initTestCase();
     void locksAcrossServers_data();
     void locksAcrossServers();
+    void simultaneousAddsGetConsecutiveIds_data();
     void simultaneousAddsGetConsecutiveIds();
-    void addsThroughConnectionsOfOneServerGetConsecutiveIds();
     void groupOfOneServerHandledThroughTheOther();
     void converterHearsGroupsOfTheOtherServer();
     void moveClaimsFollowLiveServers();
@@ -101,84 +101,55 @@ void TestServerShared::locksAcrossServers()
     QCOMPARE(path.isEmpty(), error != KE_NoError);
 
     // Released through one server, the group is free through the other.
-    QSignalSpy closed(m_alice.get(), &KeldaClient::CloseFileSg);
-    m_alice->CloseFile(fileId, guid);
-    QVERIFY(closed.wait(Wait));
-    if (error == KE_NoError) {
-        QSignalSpy bobClosed(m_bob.get(), &KeldaClient::CloseFileSg);
-        m_bob->CloseFile(fileId, guid);
-        QVERIFY(bobClosed.wait(Wait));
-    }
+    QCOMPARE(closeFile(*m_alice, fileId, guid), int(KE_NoError));
+    QVERIFY(error != KE_NoError || closeFile(*m_bob, fileId, guid) == KE_NoError);
     QVERIFY(!m_bob->RequestFile(fileId, guid, LOCK_Write).isEmpty());
-    QSignalSpy bobClosed(m_bob.get(), &KeldaClient::CloseFileSg);
-    m_bob->CloseFile(fileId, guid);
-    QVERIFY(bobClosed.wait(Wait));
+    QCOMPARE(closeFile(*m_bob, fileId, guid), int(KE_NoError));
+}
+
+void TestServerShared::simultaneousAddsGetConsecutiveIds_data()
+{
+    QTest::addColumn<int>("connections");
+    QTest::addColumn<bool>("bothServers"); // else all to the first
+    QTest::newRow("two servers") << 2 << true;
+    // Connections of one server are served by several writing connections
+    // to the database: their changes of one group meet as those of two
+    // servers do.
+    QTest::newRow("connections of one server") << 6 << false;
 }
 
 void TestServerShared::simultaneousAddsGetConsecutiveIds()
 {
+    QFETCH(int, connections);
+    QFETCH(bool, bothServers);
     constexpr int Files = 24;
     QString directory;
     const QString guid = createGroup(*m_alice, QStringLiteral("Crowded"), FT_Image, &directory);
     QVERIFY(!guid.isEmpty());
-    QSignalSpy aliceAdded(m_alice.get(), &KeldaClient::AddFileSg);
-    QSignalSpy bobAdded(m_bob.get(), &KeldaClient::AddFileSg);
-    for (int i = 0; i < Files; ++i) {
-        const QString file = directory + QStringLiteral("f%1.bin").arg(i);
-        QVERIFY(writeFile(file, QByteArray::number(i)));
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (int c = 0; c < connections; ++c) {
+        clients.push_back(std::make_unique<RawClient>());
+        QVERIFY(clients.back()->connectTo((bothServers && c % 2 ? m_second : m_first)->port()));
     }
-    // Both servers receive their halves at the same moment.
     for (int i = 0; i < Files; ++i)
-        (i % 2 ? m_bob : m_alice)->AddFileAsync(directory + QStringLiteral("f%1.bin").arg(i), guid, 0);
-    QTRY_COMPARE_WITH_TIMEOUT(aliceAdded.size() + bobAdded.size(), Files, Wait);
-    QList<uint> ids;
-    for (const QSignalSpy *spy : {&aliceAdded, &bobAdded}) {
-        for (const QVariantList &emission : *spy)
-            ids.append(emission.value(1).toUInt());
+        QVERIFY(writeFile(directory + QStringLiteral("f%1.bin").arg(i), QByteArray::number(i)));
+    // Every connection receives its share at the same moment.
+    for (int i = 0; i < Files; ++i) {
+        const QString name = QStringLiteral("f%1.bin").arg(i);
+        clients[size_t(i % connections)]->sendFrame(RawClient::request(Tag::AddFile, name,
+                                                                       element(Tag::Guid, guid) +
+                                                                           element(Tag::FileName, name) +
+                                                                           element(Tag::FileId, QStringLiteral("0"))));
     }
+    QList<uint> ids;
+    for (int i = 0; i < Files; ++i)
+        ids.append(ReplyFields::read(clients[size_t(i % connections)]->receive(Wait)).value(Tag::FileId).toUInt());
     std::sort(ids.begin(), ids.end());
     QList<uint> expected;
     for (int i = 1; i <= Files; ++i)
         expected.append(uint(i));
     QCOMPARE(ids, expected);
-    QCOMPARE(m_bob->GetFileList(guid).size(), 2 * Files);
-}
-
-void TestServerShared::addsThroughConnectionsOfOneServerGetConsecutiveIds()
-{
-    // Connections of one server are served by several writing connections
-    // to the database: their changes of one group meet as those of two
-    // servers do.
-    constexpr int Connections = 6;
-    constexpr int FilesEach = 4;
-    QString directory;
-    const QString guid = createGroup(*m_alice, QStringLiteral("Busy"), FT_Image, &directory);
-    QVERIFY(!guid.isEmpty());
-    std::vector<std::unique_ptr<RawClient>> clients;
-    for (int c = 0; c < Connections; ++c) {
-        clients.push_back(std::make_unique<RawClient>());
-        QVERIFY(clients.back()->connectTo(m_first->port()));
-    }
-    for (int i = 0; i < FilesEach; ++i) {
-        for (int c = 0; c < Connections; ++c) {
-            const QString name = QStringLiteral("c%1-%2.bin").arg(c).arg(i);
-            QVERIFY(writeFile(directory + name, name.toUtf8()));
-            clients[size_t(c)]->sendFrame(RawClient::request(
-                Tag::AddFile, name,
-                QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>%2</m:FileName><m:FileId>0</m:FileId>")
-                    .arg(guid, name)));
-        }
-    }
-    QList<uint> ids;
-    for (auto &client : clients) {
-        for (int i = 0; i < FilesEach; ++i)
-            ids.append(ReplyFields::read(client->receive(Wait)).value(Tag::FileId).toUInt());
-    }
-    std::sort(ids.begin(), ids.end());
-    QList<uint> expected;
-    for (int i = 1; i <= Connections * FilesEach; ++i)
-        expected.append(uint(i));
-    QCOMPARE(ids, expected);
+    QCOMPARE(clients.back()->ask(Tag::GetFileList, element(Tag::Guid, guid)).all(Tag::FileId).size(), Files);
 }
 
 void TestServerShared::groupOfOneServerHandledThroughTheOther()
@@ -199,9 +170,7 @@ void TestServerShared::groupOfOneServerHandledThroughTheOther()
     QCOMPARE(waitForRequest(aliceDeleted, m_alice->DeleteFileGroupAsync(guid)).value(1).toInt(),
              int(KE_FileGroupWriteLocked));
 
-    QSignalSpy closed(m_bob.get(), &KeldaClient::CloseFileSg);
-    m_bob->CloseFile(fileId, guid);
-    QVERIFY(closed.wait(Wait));
+    QCOMPARE(closeFile(*m_bob, fileId, guid), int(KE_NoError));
     QSignalSpy bobDeleted(m_bob.get(), &KeldaClient::deleteFileGroupSg);
     QCOMPARE(waitForRequest(bobDeleted, m_bob->DeleteFileGroupAsync(guid)).value(1).toInt(), int(KE_NoError));
 
