@@ -72,10 +72,12 @@ ParsedReply ReplyStream::Finish(const QByteArray &message)
         m_final = true;
         try {
             ReadOn();
-            if (m_state == State::Done)
-                streamed = std::move(m_reply);
         } catch (const ReplyProtocolError &) {
+            // The whole read below reports it, as it always has.
+            m_state = State::Off;
         }
+        if (m_state == State::Done)
+            streamed = std::move(m_reply);
     }
     Reset();
     return streamed ? std::move(*streamed) : ParseReplyMessage(message);
