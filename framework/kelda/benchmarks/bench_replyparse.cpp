@@ -1,18 +1,19 @@
 // Measures the reading of QueryFileGroups replies from 10 to 100,000 groups
 // (envelope, parser and result table) against a bare QXmlStreamReader pass
-// over the same bytes.
+// over the same bytes, read whole and read while they arrive.
 
 #include "benchtable.h"
+#include "queryreply.h"
 #include "filegroupdata.h"
 #include "keldaxml.h"
 #include "replyparser.h"
+#include "replystream.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QTextStream>
 #include <QXmlStreamReader>
-#include <QXmlStreamWriter>
 
 #include <algorithm>
 #include <ctime>
@@ -23,69 +24,6 @@
 using namespace Kelda;
 
 namespace {
-
-QString TwoDigits(int value)
-{
-    return QStringLiteral("%1").arg(value, 2, 10, QLatin1Char('0'));
-}
-
-// A time stamp that differs from group to group: second i after a start.
-QString DistinctTime(int i, int startYear)
-{
-    const QDateTime start(QDate(startYear, 1, 1), QTime(0, 0));
-    return start.addSecs(qint64(i) * 37).toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"));
-}
-
-void WriteField(QXmlStreamWriter &writer, QLatin1String name, const QString &value)
-{
-    writer.writeTextElement(Tag::m(name), value);
-}
-
-// Creation and modification times differ for every group. Backup and life
-// cycle times are shared by the groups of one day, as batches of one backup
-// or one retention rule would share them, unless distinct is set.
-QByteArray MakeReply(int groups, bool distinct)
-{
-    QByteArray bytes;
-    QXmlStreamWriter writer(&bytes);
-    writer.writeStartDocument();
-    writer.writeNamespace(Ns::Envelope, Ns::PrefixS);
-    writer.writeStartElement(Tag::s(Tag::Envelope));
-    writer.writeStartElement(Tag::s(Tag::Header));
-    writer.writeTextElement(Tag::s(Tag::Version), Ns::SoapVersion);
-    writer.writeTextElement(Tag::s(Tag::RequestId), QStringLiteral("0f8fad5b-d9cb-469f-a165-70867728950e"));
-    writer.writeEndElement();
-    writer.writeStartElement(Tag::s(Tag::Body));
-    writer.writeStartElement(Tag::m(Tag::QueryFileGroupsReply));
-    writer.writeNamespace(Ns::Message, Ns::PrefixM);
-    for (int i = 0; i < groups; ++i) {
-        const QString day = QStringLiteral("2021-%1-%2").arg(TwoDigits(i / 28 % 12 + 1), TwoDigits(i % 28 + 1));
-        writer.writeStartElement(Tag::m(Tag::FileGroup));
-        WriteField(writer, Tag::Guid, QStringLiteral("6f1c2b7e-3d4a-4c5b-8e9f-%1").arg(i, 12, 10, QLatin1Char('0')));
-        WriteField(writer, Tag::FileGroupName, QStringLiteral("Recording %1").arg(i));
-        WriteField(writer, Tag::FileType, QString::number(i % 23));
-        WriteField(writer, Tag::LocationState, QString::number(i % 14));
-        WriteField(writer, Tag::BackupTime, distinct ? DistinctTime(i, 2022) : day + QStringLiteral(" 23:30:00"));
-        WriteField(writer, Tag::CreationTime, DistinctTime(i, 2019));
-        WriteField(writer, Tag::ModificationTime, DistinctTime(i, 2020));
-        WriteField(writer, Tag::LifeCycle,
-                   distinct ? DistinctTime(i, 2030)
-                            : QString(day).replace(0, 4, QStringLiteral("2031")) + QStringLiteral(" 00:00:00"));
-        WriteField(writer, Tag::Comment, QStringLiteral("comment & remarks %1").arg(i));
-        WriteField(writer, Tag::Creator, QStringLiteral("operator"));
-        WriteField(writer, Tag::Detail, QStringLiteral("detail"));
-        WriteField(writer, Tag::TeamMembership, QStringLiteral("team a"));
-        WriteField(writer, Tag::Version, QStringLiteral("1.%1").arg(i % 10));
-        WriteField(writer, Tag::ReservedStorage, QString::number(i % 1000));
-        WriteField(writer, Tag::ReferenceCounter, QString::number(i % 5));
-        writer.writeStartElement(Tag::m(Tag::Files));
-        writer.writeEndElement();
-        writer.writeEndElement();
-    }
-    WriteField(writer, Tag::Error, QStringLiteral("0"));
-    writer.writeEndDocument();
-    return bytes;
-}
 
 // Best wall and processor times of several runs, in milliseconds.
 struct Timing
@@ -104,6 +42,26 @@ struct Timing
     }
 };
 
+// The reply read as the client reads it while it arrives: 64 KiB at a time,
+// each time fed up to the last group in, then finished whole. Times the last
+// step into last.
+ParsedReply ReadWhileArriving(const QByteArray &reply, Timing &last)
+{
+    constexpr qint64 Arrival = 64 * 1024;
+    ReplyStream stream;
+    qint64 fed = 0;
+    for (qint64 arrived = Arrival; arrived < reply.size(); arrived += Arrival) {
+        const qint64 cut = ReplyStream::GroupBoundary(reply.constData(), arrived - Arrival, arrived);
+        if (cut > fed) {
+            stream.Feed(reply.mid(int(fed), int(cut - fed)), fed);
+            fed = cut;
+        }
+    }
+    std::optional<ParsedReply> parsed;
+    last.Run([&] { parsed.emplace(stream.Finish(reply)); });
+    return std::move(*parsed);
+}
+
 // The groups of the reply again, as records, to time the table rows alone.
 std::vector<FileGroupData> MakeRecords(const TableResult &table)
 {
@@ -117,6 +75,10 @@ struct SizeFigures
     qint64 bytes = 0;
     Timing bare;
     Timing full;
+    Timing streamed;
+    // The streamed read's last piece and the finish: what is left once the
+    // last byte is in.
+    Timing streamedLast;
     Timing rows;
     Timing reservedRows;
     qint64 tokens = 0;
@@ -126,7 +88,7 @@ std::optional<SizeFigures> Measure(int groups, int runs, bool distinct)
 {
     SizeFigures figures;
     figures.groups = groups;
-    const QByteArray reply = MakeReply(groups, distinct);
+    const QByteArray reply = QueryReply::Make(groups, distinct);
     figures.bytes = reply.size();
 
     const ParsedReply parsed = ParseReplyMessage(reply);
@@ -152,6 +114,7 @@ std::optional<SizeFigures> Measure(int groups, int runs, bool distinct)
     // The result outlives the timing: its destruction is not part of reading.
     std::optional<ParsedReply> kept;
     const auto parse = [&reply, &kept] { kept.emplace(ParseReplyMessage(reply)); };
+    const auto stream = [&reply, &kept, &figures] { kept.emplace(ReadWhileArriving(reply, figures.streamedLast)); };
     // ToStringList alone, into an empty table and into one reserved in full.
     const auto tableRows = [&records] {
         QStringList list;
@@ -181,10 +144,13 @@ std::optional<SizeFigures> Measure(int groups, int runs, bool distinct)
         figures.bare.Run(repeated(barePass));
         kept.reset();
         figures.full.Run(repeated(parse));
+        kept.reset();
+        figures.streamed.Run(repeated(stream));
         figures.rows.Run(repeated(tableRows));
         figures.reservedRows.Run(repeated(reservedRows));
     }
-    for (Timing *timing : {&figures.bare, &figures.full, &figures.rows, &figures.reservedRows}) {
+    // The last step is timed once per reply already.
+    for (Timing *timing : {&figures.bare, &figures.full, &figures.streamed, &figures.rows, &figures.reservedRows}) {
         timing->wall /= repeat;
         timing->cpu /= repeat;
     }
@@ -194,7 +160,7 @@ std::optional<SizeFigures> Measure(int groups, int runs, bool distinct)
 // Resident size added by holding the result of a reply of this many groups.
 qint64 ParsedResidentBytes(int groups)
 {
-    const QByteArray reply = MakeReply(groups, false);
+    const QByteArray reply = QueryReply::Make(groups, false);
     const qint64 before = BenchTable::ResidentBytes();
     const ParsedReply parsed = ParseReplyMessage(reply);
     const qint64 after = BenchTable::ResidentBytes();
@@ -210,7 +176,9 @@ int main(int argc, char *argv[])
     parser.setApplicationDescription(QStringLiteral(
         "Times the reading of QueryFileGroups replies of 10, 1,000, 10,000 and 100,000 groups (envelope, parser\n"
         "and result table) against a bare QXmlStreamReader pass over the same bytes, and prints both, their\n"
-        "ratio, the growth from 10,000 to 100,000 groups, and the resident size of 100,000 parsed groups."));
+        "ratio, the growth from 10,000 to 100,000 groups, and the resident size of 100,000 parsed groups.\n"
+        "The same replies read while they arrive, 64 KiB at a time, as the client reads them: the whole read,\n"
+        "and the part of it left once the last byte is in."));
     parser.addHelpOption();
     const QCommandLineOption groupsOption(QStringLiteral("groups"),
                                           QStringLiteral("Only this number of file groups in the reply."),
@@ -245,7 +213,8 @@ int main(int argc, char *argv[])
     out.setRealNumberNotation(QTextStream::FixedNotation);
     out.setRealNumberPrecision(1);
     out << "best of " << runs << " runs; wall ms per reply\n";
-    out << "  groups      MiB    bare ms   parse ms    MB/s   groups/s   ratio  rows ms  rows reserved ms\n";
+    out << "  groups      MiB    bare ms   parse ms    MB/s   groups/s   ratio  rows ms  rows reserved ms  streamed ms"
+           "  left ms\n";
     std::vector<SizeFigures> all;
     for (int groups : sizes) {
         const std::optional<SizeFigures> f = Measure(groups, runs, parser.isSet(distinctOption));
@@ -258,7 +227,8 @@ int main(int argc, char *argv[])
         out << qSetFieldWidth(8) << groups << qSetFieldWidth(9) << f->bytes / (1024.0 * 1024.0) << qSetFieldWidth(11)
             << f->bare.wall << qSetFieldWidth(11) << f->full.wall << qSetFieldWidth(8) << mbPerS << qSetFieldWidth(11)
             << groupsPerS << qSetFieldWidth(8) << ratio << qSetFieldWidth(9) << f->rows.wall << qSetFieldWidth(18)
-            << f->reservedRows.wall << qSetFieldWidth(0) << '\n';
+            << f->reservedRows.wall << qSetFieldWidth(13) << f->streamed.wall << qSetFieldWidth(9)
+            << f->streamedLast.wall << qSetFieldWidth(0) << '\n';
         BenchTable::Row(QStringLiteral("reply parse %1 groups, MB/s").arg(groups), BenchTable::Number(mbPerS, 0),
                         BenchTable::Number(f->bytes / 1e6 / (f->bare.wall / 1e3), 0) + QStringLiteral(" bare reader"),
                         BenchTable::Number(ratio, 2), QStringLiteral("ratio >= 0.5"));
@@ -272,6 +242,28 @@ int main(int argc, char *argv[])
                         BenchTable::Number(growth, 2) + QLatin1Char('x'),
                         BenchTable::Number(bareGrowth, 2) + QStringLiteral("x bare reader"),
                         BenchTable::Number(growth / bareGrowth, 2), QStringLiteral("ratio <= 1.3"));
+    }
+    if (all.size() == 4) {
+        const SizeFigures &large = all[3];
+        const double growth = large.streamed.wall / all[2].streamed.wall;
+        const double bareGrowth = large.bare.wall / all[2].bare.wall;
+        out << "read while arriving, 100,000 groups: " << large.bare.wall / large.streamed.wall
+            << " of the bare reader's speed, growth from 10,000 groups " << growth / bareGrowth
+            << " of the bare reader's, " << large.streamedLast.wall << " ms left after the last byte (whole read "
+            << large.full.wall << " ms)\n";
+        BenchTable::Row(QStringLiteral("reply read while arriving 100000 groups, MB/s"),
+                        BenchTable::Number(large.bytes / 1e3 / large.streamed.wall, 0),
+                        BenchTable::Number(large.bytes / 1e3 / large.bare.wall, 0) + QStringLiteral(" bare reader"),
+                        BenchTable::Number(large.bare.wall / large.streamed.wall, 2), QStringLiteral("ratio >= 0.6"));
+        BenchTable::Row(QStringLiteral("reply read while arriving, growth 10k -> 100k groups"),
+                        BenchTable::Number(growth, 2) + QLatin1Char('x'),
+                        BenchTable::Number(bareGrowth, 2) + QStringLiteral("x bare reader"),
+                        BenchTable::Number(growth / bareGrowth, 2), QStringLiteral("ratio <= 1.2"));
+        BenchTable::Row(QStringLiteral("reply 100000 groups, ms left after the last byte"),
+                        BenchTable::Number(large.streamedLast.wall, 1),
+                        BenchTable::Number(large.full.wall, 1) + QStringLiteral(" whole read"),
+                        BenchTable::Number(large.streamedLast.wall / large.full.wall, 3),
+                        QStringLiteral("figure only"));
     }
     if (resident > 0) {
         out << "resident size of 100,000 parsed groups: " << BenchTable::MiB(resident) << '\n';

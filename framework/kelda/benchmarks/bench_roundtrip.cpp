@@ -2,25 +2,36 @@
 // in-process peer that answers every request the moment it arrives, and, in
 // the same run, a raw ping-pong of the same request and reply bytes between
 // two loopback sockets: the floor that the library's threads, queues and
-// parsing add to. With --tls both run over TLS.
+// parsing add to. With --tls both run over TLS. Then blocking QueryFiles
+// answers of 10,000 and 100,000 groups, beside a bare QXmlStreamReader pass
+// over the same bytes, and how long the result takes once the last byte is
+// in.
 
 #include "benchtable.h"
+#include "filequery.h"
 #include "keldaclient.h"
 #include "keldaxml.h"
+#include "queryreply.h"
+#include "replyparser.h"
 #include "testcertificates.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
 #include <QEventLoop>
+#include <QLocale>
 #include <QTextStream>
 #include <QThread>
 #include <QTimer>
+#include <QXmlStreamReader>
 #include <QtEndian>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <mutex>
 #include <numeric>
+#include <thread>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -259,6 +270,58 @@ int Connected(int fd)
     return fd;
 }
 
+// The answer to QueryFileGroups, written in pieces as a server writes rows
+// while it reads them: at a pace in bytes per second, or at once.
+class QueryAnswer
+{
+public:
+    void Set(const QByteArray &document, double bytesPerSecond)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const QByteArray id = QueryReply::RequestId().toLatin1();
+        const int at = document.indexOf(id);
+        m_head = document.left(at);
+        m_tail = document.mid(at + id.size());
+        m_bytesPerSecond = bytesPerSecond;
+    }
+
+    // Writes the answer to the request with this id; false on a failed write.
+    bool Write(const Stream &stream, const QByteArray &requestId)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        constexpr int Piece = 64 * 1024;
+        QByteArray start(4, '\0');
+        qToLittleEndian<quint32>(quint32(m_head.size() + requestId.size() + m_tail.size()), start.data());
+        if (!WriteAll(stream, start + m_head + requestId))
+            return false;
+        const Clock::time_point begun = Clock::now();
+        for (int done = 0; done < m_tail.size(); done += Piece) {
+            const int size = std::min(Piece, m_tail.size() - done);
+            const bool last = done + size == m_tail.size();
+            // Taken before the write: the client may have read the piece, and
+            // be done with it, before this thread runs again.
+            if (last)
+                m_lastByte.store(Clock::now().time_since_epoch().count());
+            if (!WriteAll(stream, QByteArray::fromRawData(m_tail.constData() + done, size)))
+                return false;
+            if (m_bytesPerSecond > 0 && !last)
+                std::this_thread::sleep_until(
+                    begun + std::chrono::nanoseconds(qint64(double(done + size) * 1e9 / m_bytesPerSecond)));
+        }
+        return true;
+    }
+
+    // When the last piece of the last answer was written.
+    Clock::time_point LastByte() const { return Clock::time_point(Clock::duration(m_lastByte.load())); }
+
+private:
+    std::mutex m_mutex;
+    QByteArray m_head;
+    QByteArray m_tail;
+    double m_bytesPerSecond = 0;
+    std::atomic<Clock::rep> m_lastByte{0};
+};
+
 // Answers on a thread of its own with blocking reads and writes, so that the
 // reply leaves the moment the request is in: the peer adds nothing but the
 // socket calls the raw ping-pong makes as well. Keeps the first RequestFile
@@ -271,6 +334,8 @@ public:
         , m_tls(tls)
     { }
     ~InstantPeer() { Stop(); }
+
+    QueryAnswer &Query() { return m_query; }
 
     quint16 Listen()
     {
@@ -318,6 +383,11 @@ private:
             }
             QByteArray request;
             while (ReadFrame(connection, request)) {
+                if (request.contains("<m:QueryFileGroups ")) {
+                    if (!m_query.Write(connection, Between(request, "<s:RequestId>", "</s:RequestId>")))
+                        break;
+                    continue;
+                }
                 const QByteArray reply = ReplyTo(request, m_basePath);
                 if (!WriteAll(connection, Frame(reply)))
                     break;
@@ -332,6 +402,7 @@ private:
 
     QByteArray m_basePath;
     const TlsContexts *m_tls;
+    QueryAnswer m_query;
     int m_listener = -1;
     QThread *m_thread = nullptr;
     // Written by the peer's thread, read once it has ended.
@@ -406,6 +477,124 @@ Figures RawPingPong(const QByteArray &request, const QByteArray &reply, int call
     return figures;
 }
 
+double Milliseconds(Clock::duration duration)
+{
+    return std::chrono::duration<double, std::milli>(duration).count();
+}
+
+// One answer size: the blocking call from request to result, the part of it
+// after the peer's last byte, at once and paced, beside a bare reader pass
+// and the whole-message parse of the same bytes (best of the runs, ms).
+struct QueryFigures
+{
+    int groups = 0;
+    qint64 bytes = 0;
+    double call = 1e300;
+    double afterLastByte = 1e300;
+    double pacedAfterLastByte = 1e300;
+    double bare = 1e300;
+    double wholeParse = 1e300;
+    int failures = 0;
+};
+
+double BareReaderPass(const QByteArray &document)
+{
+    const Clock::time_point start = Clock::now();
+    QXmlStreamReader reader(document);
+    while (!reader.atEnd())
+        reader.readNext();
+    return Milliseconds(Clock::now() - start);
+}
+
+// Returns the call's time and sets the time after the last byte; counts a
+// failure when the table is not the one sent.
+double TimedQuery(KeldaClient &client, const QueryAnswer &answer, int groups, double *afterLastByte, int *failures)
+{
+    unsigned count = 0;
+    const Clock::time_point start = Clock::now();
+    const QStringList table = client.QueryFiles(FileQuery(), count);
+    const Clock::time_point end = Clock::now();
+    if (table.size() != int(count) * (groups + 1) || count == 0)
+        ++*failures;
+    *afterLastByte = Milliseconds(end - answer.LastByte());
+    return Milliseconds(end - start);
+}
+
+QueryFigures MeasureQuery(KeldaClient &client, InstantPeer &peer, int groups, int runs, double pace)
+{
+    QueryFigures figures;
+    figures.groups = groups;
+    const QByteArray document = QueryReply::Make(groups, false);
+    figures.bytes = document.size();
+    for (int i = 0; i < runs; ++i) {
+        double after = 0;
+        peer.Query().Set(document, 0);
+        figures.call = std::min(figures.call, TimedQuery(client, peer.Query(), groups, &after, &figures.failures));
+        figures.afterLastByte = std::min(figures.afterLastByte, after);
+        peer.Query().Set(document, pace);
+        TimedQuery(client, peer.Query(), groups, &after, &figures.failures);
+        figures.pacedAfterLastByte = std::min(figures.pacedAfterLastByte, after);
+        figures.bare = std::min(figures.bare, BareReaderPass(document));
+        const Clock::time_point start = Clock::now();
+        const ParsedReply parsed = ParseReplyMessage(document);
+        figures.wholeParse = std::min(figures.wholeParse, Milliseconds(Clock::now() - start));
+    }
+    return figures;
+}
+
+void ReportQueries(const std::vector<QueryFigures> &all, double pace)
+{
+    QTextStream out(stdout);
+    out << "blocking QueryFiles against the peer, best of the runs; the peer writes 64 KiB pieces at once, or\n"
+        << "paced at " << QString::number(pace / 1e6, 'f', 0)
+        << " MB/s; \"after\": from the peer's last piece to the result\n";
+    out << QStringLiteral("%1 %2 %3 %4 %5 %6 %7 %8\n")
+               .arg(QStringLiteral("groups"), 8)
+               .arg(QStringLiteral("MB"), 7)
+               .arg(QStringLiteral("call ms"), 9)
+               .arg(QStringLiteral("after ms"), 9)
+               .arg(QStringLiteral("paced after ms"), 15)
+               .arg(QStringLiteral("whole parse ms"), 15)
+               .arg(QStringLiteral("bare ms"), 8)
+               .arg(QStringLiteral("ratio"), 6);
+    for (const QueryFigures &f : all) {
+        out << QStringLiteral("%1 %2 %3 %4 %5 %6 %7 %8\n")
+                   .arg(f.groups, 8)
+                   .arg(double(f.bytes) / 1e6, 7, 'f', 1)
+                   .arg(f.call, 9, 'f', 1)
+                   .arg(f.afterLastByte, 9, 'f', 1)
+                   .arg(f.pacedAfterLastByte, 15, 'f', 1)
+                   .arg(f.wholeParse, 15, 'f', 1)
+                   .arg(f.bare, 8, 'f', 1)
+                   .arg(f.bare / f.call, 6, 'f', 2);
+    }
+    const QueryFigures &large = all.back();
+    const QString groups = QLocale::c().toString(large.groups);
+    BenchTable::Row(QStringLiteral("blocking QueryFiles %1 groups, MB/s").arg(groups),
+                    BenchTable::Number(double(large.bytes) / 1e3 / large.call, 0),
+                    BenchTable::Number(double(large.bytes) / 1e3 / large.bare, 0) + QStringLiteral(" bare reader"),
+                    BenchTable::Number(large.bare / large.call, 2), QStringLiteral("ratio >= 0.6"));
+    if (all.size() > 1) {
+        const double growth = large.call / all.front().call;
+        const double bareGrowth = large.bare / all.front().bare;
+        BenchTable::Row(QStringLiteral("blocking QueryFiles growth %1 -> %2 groups")
+                            .arg(QLocale::c().toString(all.front().groups), groups),
+                        BenchTable::Number(growth, 2) + QLatin1Char('x'),
+                        BenchTable::Number(bareGrowth, 2) + QStringLiteral("x bare reader"),
+                        BenchTable::Number(growth / bareGrowth, 2), QStringLiteral("ratio <= 1.2"));
+    }
+    BenchTable::Row(QStringLiteral("QueryFiles %1 groups, ms after the last byte").arg(groups),
+                    BenchTable::Number(large.afterLastByte, 1),
+                    BenchTable::Number(large.wholeParse, 1) + QStringLiteral(" whole parse"),
+                    BenchTable::Number(large.afterLastByte / large.wholeParse, 2), QStringLiteral("figure only"));
+    BenchTable::Row(QStringLiteral("QueryFiles %1 groups at %2 MB/s, ms after the last byte")
+                        .arg(groups)
+                        .arg(pace / 1e6, 0, 'f', 0),
+                    BenchTable::Number(large.pacedAfterLastByte, 1),
+                    BenchTable::Number(large.wholeParse, 1) + QStringLiteral(" whole parse"),
+                    BenchTable::Number(large.pacedAfterLastByte / large.wholeParse, 2), QStringLiteral("figure only"));
+}
+
 QString Micro(qint64 nanoseconds)
 {
     return QString::number(double(nanoseconds) / 1000.0, 'f', 1);
@@ -428,6 +617,9 @@ int main(int argc, char *argv[])
         "beside a raw ping-pong of the same bytes over two plain loopback sockets. Prints p50, p99 and max\n"
         "of both, their ratios and the number of failed calls; asynchronous requests per second with one in\n"
         "flight; the resident size of one connected client and its growth over 10,000 blocking calls.\n"
+        "Then blocking QueryFiles answers of a tenth of --query-groups and of --query-groups groups (without\n"
+        "--tls): the call, and the time from the peer's last byte to the result, written at once and paced,\n"
+        "beside a bare QXmlStreamReader pass and a whole-message parse of the same bytes.\n"
         "Exit code 1 when a call failed."));
     parser.addHelpOption();
     const QCommandLineOption callsOption(QStringList{QStringLiteral("n"), QStringLiteral("calls")},
@@ -439,9 +631,18 @@ int main(int argc, char *argv[])
         QStringLiteral("tls"),
         QStringLiteral("Everything over TLS (certificates made with the openssl tool): the library's client against "
                        "a TLS peer, beside a raw ping-pong of two OpenSSL sessions."));
+    const QCommandLineOption queryGroupsOption(
+        QStringLiteral("query-groups"),
+        QStringLiteral("Groups in the largest QueryFiles answer (default 100000, --quick 10000; 0: none)."),
+        QStringLiteral("count"));
+    const QCommandLineOption paceOption(QStringLiteral("pace"),
+                                        QStringLiteral("MB/s at which the paced answers are written (default 40)."),
+                                        QStringLiteral("MB/s"), QStringLiteral("40"));
     parser.addOption(callsOption);
     parser.addOption(quickOption);
     parser.addOption(tlsOption);
+    parser.addOption(queryGroupsOption);
+    parser.addOption(paceOption);
     parser.process(app);
     bool ok = false;
     const int calls = parser.isSet(quickOption) ? 2000 : parser.value(callsOption).toInt(&ok);
@@ -450,6 +651,13 @@ int main(int argc, char *argv[])
     QTextStream err(stderr);
     if (!ok || calls < 1) {
         err << "bench_roundtrip: --calls needs a positive number\n";
+        return 64;
+    }
+    const int queryGroups = parser.isSet(queryGroupsOption) ? parser.value(queryGroupsOption).toInt(&ok)
+                                                            : (parser.isSet(quickOption) ? 10000 : 100000);
+    const double pace = ok ? parser.value(paceOption).toDouble(&ok) * 1e6 : 0;
+    if (!ok || queryGroups < 0 || pace <= 0) {
+        err << "bench_roundtrip: --query-groups needs a number >= 0, --pace a positive number\n";
         return 64;
     }
 
@@ -496,6 +704,18 @@ int main(int argc, char *argv[])
         const qint64 beforeCalls = BenchTable::ResidentBytes();
         blocking.failures += BlockingRoundTrips(client, GrowthCalls).failures;
         callsGrowth = BenchTable::ResidentBytes() - beforeCalls;
+    }
+    std::vector<QueryFigures> queries;
+    if (!overTls && queryGroups > 0) {
+        KeldaClient client(QStringLiteral("127.0.0.1"), port, QStringLiteral("bench"), QStringLiteral("bench"),
+                           QStringLiteral("bench"));
+        if (!client.WaitForConnected(10000)) {
+            err << "bench_roundtrip: the client did not connect to the in-process peer\n";
+            return 1;
+        }
+        const int runs = parser.isSet(quickOption) ? 1 : 3;
+        for (int groups : {queryGroups / 10, queryGroups})
+            queries.push_back(MeasureQuery(client, peer, groups, runs, pace));
     }
     peer.Stop();
     const QByteArray request = peer.SampleRequest();
@@ -545,6 +765,9 @@ int main(int argc, char *argv[])
                     Micro(raw.Percentile(0.99)) + QStringLiteral(" raw ping-pong"),
                     Ratio(blocking.Percentile(0.99), raw.Percentile(0.99)),
                     overTls ? QStringLiteral("figure only") : QStringLiteral("ratio <= 6"));
+    int queryFailures = 0;
+    for (const QueryFigures &figures : queries)
+        queryFailures += figures.failures;
     if (overTls) {
         BenchTable::Row(QStringLiteral("failed calls over TLS"), QString::number(blocking.failures + asyncFailures),
                         QStringLiteral("-"), QStringLiteral("-"), QStringLiteral("0"));
@@ -554,12 +777,14 @@ int main(int argc, char *argv[])
                     BenchTable::Number(rawPerSecond, 0) + QStringLiteral(" raw ping-pong"),
                     BenchTable::Number(rawPerSecond > 0 ? asyncPerSecond / rawPerSecond : 0, 2),
                     QStringLiteral("figure only"));
-    BenchTable::Row(QStringLiteral("failed calls (blocking + async)"),
-                    QString::number(blocking.failures + asyncFailures), QStringLiteral("-"), QStringLiteral("-"),
-                    QStringLiteral("0"));
+    BenchTable::Row(QStringLiteral("failed calls (blocking + async + QueryFiles)"),
+                    QString::number(blocking.failures + asyncFailures + queryFailures), QStringLiteral("-"),
+                    QStringLiteral("-"), QStringLiteral("0"));
     BenchTable::Row(QStringLiteral("memory, one connected client"), BenchTable::MiB(clientResident),
                     QStringLiteral("-"), QStringLiteral("-"), QStringLiteral("figure only"));
     BenchTable::Row(QStringLiteral("memory growth over 10,000 blocking calls"), BenchTable::MiB(callsGrowth),
                     QStringLiteral("-"), QStringLiteral("-"), QStringLiteral("no growth"));
-    return blocking.failures == 0 && raw.failures == 0 && asyncFailures == 0 ? 0 : 1;
+    if (!queries.empty())
+        ReportQueries(queries, pace);
+    return blocking.failures == 0 && raw.failures == 0 && asyncFailures == 0 && queryFailures == 0 ? 0 : 1;
 }

@@ -44,6 +44,9 @@ public:
     bool inFrame() const { return m_state != State::Header || m_headerBytes > 0; }
     bool awaitsAdmission() const { return m_state == State::Announced; }
     qint64 receivedBytes() const { return m_received; }
+    // The payload's first receivedBytes() bytes while they arrive; valid
+    // until the next read() or reset().
+    const char *payloadData() const { return m_payload.constData(); }
     qint64 bufferedCapacity() const { return m_payload.capacity(); }
 
 private:

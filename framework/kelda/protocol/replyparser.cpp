@@ -1,14 +1,11 @@
 #include "replyparser.h"
 
-#include "filegroupcolumns.h"
 #include "keldaerror.h"
 #include "keldaxml.h"
-#include "replytimes.h"
+#include "querytablereader.h"
 #include "trace.h"
 
 #include <QCoreApplication>
-#include <QLocale>
-#include <QVarLengthArray>
 
 #include <iterator>
 #include <utility>
@@ -46,12 +43,6 @@ QString NamespaceText(QLatin1String expected, const QStringRef &got)
 QString UnexpectedText(const QStringRef &text)
 {
     return Translate("Unexpected text %1").arg(text);
-}
-
-// The reader's own text for an element inside a text element.
-QString ExpectedCharacterDataText()
-{
-    return QCoreApplication::translate("QXmlStream", "Expected character data.");
 }
 
 QString WithPosition(const QString &text, const QXmlStreamReader &reader)
@@ -125,22 +116,9 @@ void ReadListFields(QXmlStreamReader &reader, const ExpectedElements &list, int 
     }
 }
 
-// Completes the text of a failed reply and traces it; returns the code to
-// store.
 int FinishStatus(Status &status, QLatin1String traceText)
 {
-    // A server answers a command it does not know with this code in the
-    // command's own reply: the client asked for more than that server has.
-    if (status.error == KE_UnknownReplyCommand) {
-        status.errorString = NotSupportedText();
-        Q_TRACE_FAILURE(TraceSource, traceText.arg(status.errorString, QString::number(status.error)));
-    } else if (status.error != 0) {
-        const QString local = KeldaErrorString::Get(static_cast<KeldaError>(status.error));
-        status.errorString =
-            status.errorString.isEmpty() ? local : QStringLiteral("%1(%2)").arg(status.errorString, local);
-        Q_TRACE_FAILURE(TraceSource, traceText.arg(status.errorString, QString::number(status.error)));
-    }
-    return StoredErrorCode(status.error);
+    return CompleteStatus(status.error, status.errorString, traceText);
 }
 
 // The result of a reply made of the texts of its first children.
@@ -247,152 +225,6 @@ void ParseMetaData(QXmlStreamReader &reader, ParsedReply &out)
     out.result = std::move(result);
 }
 
-// QXmlStreamReader::readElementText() for values that are converted at once:
-// short texts need no heap allocation. The view lives until the next Read.
-class ElementText
-{
-public:
-    QStringView Read(QXmlStreamReader &reader)
-    {
-        m_buffer.clear();
-        for (;;) {
-            switch (reader.readNext()) {
-            case QXmlStreamReader::Characters:
-            case QXmlStreamReader::EntityReference: {
-                const QStringRef text = reader.text();
-                m_buffer.append(text.constData(), text.size());
-                break;
-            }
-            case QXmlStreamReader::EndElement:
-                return View();
-            case QXmlStreamReader::Comment:
-            case QXmlStreamReader::ProcessingInstruction:
-                break;
-            default:
-                if (!reader.hasError())
-                    reader.raiseError(ExpectedCharacterDataText());
-                return View();
-            }
-        }
-    }
-
-    int ReadInt(QXmlStreamReader &reader) { return ToInt(Read(reader)); }
-
-private:
-    QStringView View() const { return QStringView(m_buffer.constData(), m_buffer.size()); }
-
-    // The rules of QString::toInt(): blanks around, a sign, no group separators.
-    static int ToInt(QStringView text)
-    {
-        // Never destroyed, like the element lists.
-        static const QLocale *const c = [] {
-            auto *locale = new QLocale(QLocale::c());
-            locale->setNumberOptions(QLocale::RejectGroupSeparator);
-            return locale;
-        }();
-        return c->toInt(text);
-    }
-
-    QVarLengthArray<QChar, 64> m_buffer;
-};
-
-// The children of a query reply's m:FileGroup, and where each sits.
-constexpr const ExpectedElements &FileGroupRecord = Descriptor(ReplyKind::QueryFileGroups).record;
-
-constexpr int PositionInGroup(QLatin1String name)
-{
-    return IndexOfStart(FileGroupRecord, name);
-}
-
-// Reads one m:FileGroup of a query reply. m:Files is passed unread: a Files
-// element with children fails the reply at its first child.
-FileGroupData ReadFileGroup(QXmlStreamReader &reader, ElementText &value, ReplyTimes &times)
-{
-    FileGroupData group;
-    for (int index = NextChild(reader, FileGroupRecord); index != 0; index = NextChild(reader, FileGroupRecord)) {
-        switch (index) {
-        case PositionInGroup(Tag::Guid):
-            group.setGuid(reader.readElementText());
-            break;
-        case PositionInGroup(Tag::FileGroupName):
-            group.setFileGroupName(reader.readElementText());
-            break;
-        case PositionInGroup(Tag::FileType):
-            group.setFileType(static_cast<FileType>(value.ReadInt(reader)));
-            break;
-        case PositionInGroup(Tag::LocationState):
-            group.setLocationState(static_cast<LocationState>(value.ReadInt(reader)));
-            break;
-        case PositionInGroup(Tag::BackupTime):
-            group.setBackupTime(times.Read(value.Read(reader), FileGroupColumn::BackupTime));
-            break;
-        case PositionInGroup(Tag::CreationTime):
-            group.setCreationTime(times.Read(value.Read(reader), FileGroupColumn::CreationTime));
-            break;
-        case PositionInGroup(Tag::ModificationTime):
-            group.setModificationTime(times.Read(value.Read(reader), FileGroupColumn::ModificationTime));
-            break;
-        case PositionInGroup(Tag::LifeCycle):
-            group.setLifeCycle(times.Read(value.Read(reader), FileGroupColumn::LifeCycle));
-            break;
-        case PositionInGroup(Tag::Comment):
-            group.setComment(reader.readElementText());
-            break;
-        case PositionInGroup(Tag::Creator):
-            group.setCreator(reader.readElementText());
-            break;
-        case PositionInGroup(Tag::Detail):
-            group.setDetail(reader.readElementText());
-            break;
-        case PositionInGroup(Tag::TeamMembership):
-            group.setTeamMembership(reader.readElementText());
-            break;
-        case PositionInGroup(Tag::Version):
-            group.setVersion(reader.readElementText());
-            break;
-        case PositionInGroup(Tag::ReservedStorage):
-            group.setReservedStorage(value.ReadInt(reader));
-            break;
-        case PositionInGroup(Tag::ReferenceCounter):
-            group.setReferenceCounter(value.ReadInt(reader));
-            break;
-        default:
-            break; // Files
-        }
-    }
-    return group;
-}
-
-// The table grows group by group; a failure anywhere drops all of it.
-void ParseTable(QXmlStreamReader &reader, const CommandDescriptor &command, ParsedReply &out)
-{
-    TableResult result;
-    result.requestId = out.requestId;
-    FileGroupData::GetHeaders(result.table);
-    result.columnCount = result.table.size();
-    Status status;
-    ElementText value;
-    ReplyTimes times;
-    const int groupIndex = IndexOfStart(command.children, command.record.At(0).name);
-    const int errorIndex = command.children.Size() - 2;
-    for (int index = NextChild(reader, command.children); index != 0; index = NextChild(reader, command.children)) {
-        if (index == groupIndex) {
-            const FileGroupData group = ReadFileGroup(reader, value, times);
-            const int row = result.table.size();
-            group.ToStringList(result.table);
-            times.FillRow(result.table, row);
-        } else if (index == errorIndex) {
-            status.error = value.ReadInt(reader);
-        } else {
-            status.errorString = reader.readElementText();
-        }
-    }
-    out.lastError = FinishStatus(status, command.errorTrace);
-    result.error = status.error;
-    result.errorString = status.errorString;
-    out.result = std::move(result);
-}
-
 // Throws ReplyProtocolError; out keeps what was read before.
 void ParseBody(const CommandDescriptor &command, QXmlStreamReader &reader, ParsedReply &out)
 {
@@ -402,9 +234,12 @@ void ParseBody(const CommandDescriptor &command, QXmlStreamReader &reader, Parse
     case ResultKind::List:
         ParseList(reader, command, out);
         break;
-    case ResultKind::Table:
-        ParseTable(reader, command, out);
+    case ResultKind::Table: {
+        QueryTableReader table(command, out.requestId);
+        table.ReadAll(reader);
+        table.Finish(out);
         break;
+    }
     case ResultKind::MetaData:
         ParseMetaData(reader, out);
         break;
@@ -462,44 +297,74 @@ QString NotSupportedText()
     return Translate("not supported by this server");
 }
 
-int ReadNextExpected(QXmlStreamReader &reader, const ExpectedElements &expected, QLatin1String namespaceUri)
+std::optional<int> MatchExpected(const QXmlStreamReader &reader, const ExpectedElements &expected,
+                                 QLatin1String namespaceUri)
 {
     const int count = expected.Size();
+    switch (reader.tokenType()) {
+    case QXmlStreamReader::StartElement: {
+        const QStringRef name = reader.name();
+        if (reader.namespaceUri() != namespaceUri)
+            throw ReplyProtocolError(NamespaceText(namespaceUri, reader.namespaceUri()));
+        for (int i = 0; i < count; ++i) {
+            const ExpectedElements::Entry &entry = expected.At(i);
+            if (!entry.isEnd && entry.name.size() == name.size() && name == entry.name)
+                return i;
+        }
+        throw ReplyProtocolError(ExpectedButGotText(expected, name.toString()));
+    }
+    case QXmlStreamReader::EndElement: {
+        if (reader.namespaceUri() != namespaceUri)
+            break;
+        const QStringRef name = reader.name();
+        for (int i = 0; i < count; ++i) {
+            const ExpectedElements::Entry &entry = expected.At(i);
+            if (entry.isEnd && entry.name.size() == name.size() && name == entry.name)
+                return i;
+        }
+        break;
+    }
+    case QXmlStreamReader::Characters:
+        if (!reader.isWhitespace() && !IsBlank(reader.text()))
+            throw ReplyProtocolError(UnexpectedText(reader.text()));
+        break;
+    default:
+        break;
+    }
+    return std::nullopt;
+}
+
+int ReadNextExpected(QXmlStreamReader &reader, const ExpectedElements &expected, QLatin1String namespaceUri)
+{
     while (!reader.atEnd()) {
-        switch (reader.readNext()) {
-        case QXmlStreamReader::StartElement: {
-            const QStringRef name = reader.name();
-            if (reader.namespaceUri() != namespaceUri)
-                throw ReplyProtocolError(NamespaceText(namespaceUri, reader.namespaceUri()));
-            for (int i = 0; i < count; ++i) {
-                const ExpectedElements::Entry &entry = expected.At(i);
-                if (!entry.isEnd && entry.name.size() == name.size() && name == entry.name)
-                    return i;
-            }
-            throw ReplyProtocolError(ExpectedButGotText(expected, name.toString()));
-        }
-        case QXmlStreamReader::EndElement: {
-            if (reader.namespaceUri() != namespaceUri)
-                break;
-            const QStringRef name = reader.name();
-            for (int i = 0; i < count; ++i) {
-                const ExpectedElements::Entry &entry = expected.At(i);
-                if (entry.isEnd && entry.name.size() == name.size() && name == entry.name)
-                    return i;
-            }
-            break;
-        }
-        case QXmlStreamReader::Characters:
-            if (!reader.isWhitespace() && !IsBlank(reader.text()))
-                throw ReplyProtocolError(UnexpectedText(reader.text()));
-            break;
-        default:
-            break;
-        }
+        reader.readNext();
+        if (const std::optional<int> index = MatchExpected(reader, expected, namespaceUri))
+            return *index;
     }
     if (reader.hasError())
         throw ReplyProtocolError(reader.errorString());
     throw ReplyProtocolError(ExpectedButEndText(expected));
+}
+
+void ReadReplyHead(QXmlStreamReader &reader, ParsedReply &out)
+{
+    ReadEnvelope(reader, out);
+    out.index = ReadNextExpected(reader, DispatchList, Ns::Message);
+}
+
+int CompleteStatus(int error, QString &errorString, QLatin1String traceText)
+{
+    // A server answers a command it does not know with this code in the
+    // command's own reply: the client asked for more than that server has.
+    if (error == KE_UnknownReplyCommand) {
+        errorString = NotSupportedText();
+        Q_TRACE_FAILURE(TraceSource, traceText.arg(errorString, QString::number(error)));
+    } else if (error != 0) {
+        const QString local = KeldaErrorString::Get(static_cast<KeldaError>(error));
+        errorString = errorString.isEmpty() ? local : QStringLiteral("%1(%2)").arg(errorString, local);
+        Q_TRACE_FAILURE(TraceSource, traceText.arg(errorString, QString::number(error)));
+    }
+    return StoredErrorCode(error);
 }
 
 int StoredErrorCode(int error)
@@ -546,8 +411,7 @@ ParsedReply ParseReplyMessage(const QByteArray &message)
     QXmlStreamReader reader(message);
     ParsedReply out;
     try {
-        ReadEnvelope(reader, out);
-        out.index = ReadNextExpected(reader, DispatchList, Ns::Message);
+        ReadReplyHead(reader, out);
         ParseBody(out.Kind(), reader, out);
     } catch (const ReplyProtocolError &error) {
         FailWith(error, reader, out);

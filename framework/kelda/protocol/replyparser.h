@@ -51,6 +51,10 @@ private:
 // element that is not listed or in another namespace, for text that is not
 // whitespace, at the end of the document and on a reader error.
 int ReadNextExpected(QXmlStreamReader &reader, const ExpectedElements &expected, QLatin1String namespaceUri);
+// What ReadNextExpected makes of the token the reader stands on: its index,
+// or nothing for a token it passes. Throws as ReadNextExpected does.
+std::optional<int> MatchExpected(const QXmlStreamReader &reader, const ExpectedElements &expected,
+                                 QLatin1String namespaceUri);
 
 // Result values, member order = argument order of the reply signal.
 
@@ -215,6 +219,10 @@ struct ParsedReply
 // Reads a whole message: envelope, dispatch and the reply's parser.
 ParsedReply ParseReplyMessage(const QByteArray &message);
 
+// Reads the envelope up to the body's element and sets the request id and
+// the dispatch index of out. Throws ReplyProtocolError.
+void ReadReplyHead(QXmlStreamReader &reader, ParsedReply &out);
+
 // Runs the parser of kind on a reader positioned inside its body element,
 // as the envelope reading leaves it.
 ParsedReply ParseReply(ReplyKind kind, QXmlStreamReader &reader, const QString &requestId);
@@ -223,6 +231,9 @@ ParsedReply ParseReply(const CommandDescriptor &command, QXmlStreamReader &reade
 
 // The code stored as the last error for a received code.
 int StoredErrorCode(int error);
+// Completes the text of a reply's error code with the local one, traces a
+// failure with traceText and returns the code to store.
+int CompleteStatus(int error, QString &errorString, QLatin1String traceText);
 
 // "yyyy-MM-dd hh:mm:ss", no zone conversion; anything else is invalid.
 QDateTime ParseReplyDateTime(QStringView text);

@@ -50,6 +50,21 @@ bool isZlibHeader(uchar cmf, uchar flg)
     return deflate && windowFits && checksumOk && noDictionary;
 }
 
+// Judged from the size header and the zlib header, which follows it, and the
+// payload's whole size: the first bytes of a payload tell as much as all.
+constexpr int kCompressionJudgedBy = kCompressedSizeHeader + 2;
+
+bool plausiblyCompressed(const uchar *head, qint64 payloadSize)
+{
+    if (payloadSize < kCompressedSizeHeader + kMinimalZlibStream)
+        return false;
+    if (!isZlibHeader(head[kCompressedSizeHeader], head[kCompressedSizeHeader + 1]))
+        return false;
+    const qint64 expandedSize = qFromBigEndian<quint32>(head);
+    const qint64 streamSize = payloadSize - kCompressedSizeHeader;
+    return expandedSize <= streamSize * kMaxDeflateRatio + kExpansionSlack;
+}
+
 } // namespace
 
 XmlSeparator::XmlSeparator(QIODevice *device, QObject *parent)
@@ -64,7 +79,7 @@ XmlSeparator::XmlSeparator(QIODevice *device, qint32 mode, QObject *parent)
     , m_pDevice(device)
 {
     connectDevice();
-    connect(this, &XmlSeparator::queued_xmlReceived, this, &XmlSeparator::xmlReceived, Qt::QueuedConnection);
+    connect(this, &XmlSeparator::queued_xmlReceived, this, &XmlSeparator::deliver, Qt::QueuedConnection);
 }
 
 XmlSeparator::~XmlSeparator() = default;
@@ -102,14 +117,7 @@ void XmlSeparator::setMaxFrameLength(quint32 bytes)
 
 bool XmlSeparator::isPlausiblyCompressed(const QByteArray &payload)
 {
-    if (payload.size() < kCompressedSizeHeader + kMinimalZlibStream)
-        return false;
-    const auto *bytes = reinterpret_cast<const uchar *>(payload.constData());
-    if (!isZlibHeader(bytes[kCompressedSizeHeader], bytes[kCompressedSizeHeader + 1]))
-        return false;
-    const qint64 expandedSize = qFromBigEndian<quint32>(bytes);
-    const qint64 streamSize = payload.size() - kCompressedSizeHeader;
-    return expandedSize <= streamSize * kMaxDeflateRatio + kExpansionSlack;
+    return plausiblyCompressed(reinterpret_cast<const uchar *>(payload.constData()), payload.size());
 }
 
 qint64 XmlSeparator::bufferedCapacity() const
@@ -174,6 +182,7 @@ void XmlSeparator::reset()
 {
     m_pReader->clear();
     m_pFrames->reset();
+    m_iShownBytes = 0;
     m_message.clear();
     m_input.clear();
     m_iInputOffset = 0;
@@ -196,6 +205,7 @@ void XmlSeparator::refuseFrame(quint64 length)
     disconnectDevice();
     m_pReader->clear();
     m_pFrames->reset();
+    m_iShownBytes = 0;
     m_message = QByteArray();
     m_input = QByteArray();
     m_iInputOffset = 0;
@@ -282,6 +292,7 @@ void XmlSeparator::frameXmlDocuments()
             piece = takePiece(false);
             break;
         case ParseResult::DocumentComplete:
+            ++m_iUndelivered;
             emit queued_xmlReceived(m_message);
             m_message.clear();
             m_pReader->clear();
@@ -326,6 +337,7 @@ void XmlSeparator::frameLengthPrefixed()
             return;
         }
     }
+    ++m_iUndelivered;
     emit queued_xmlReceived(expandPayload(payload));
 
     // One message per event-loop turn: a burst of replies reaches the owner
@@ -341,6 +353,7 @@ bool XmlSeparator::takeLengthPrefixed(QByteArray &payload)
     for (;;) {
         switch (m_pFrames->read(*m_pDevice)) {
         case Kelda::FrameReader::Step::NeedData:
+            showArrivingPayload();
             return false;
         case Kelda::FrameReader::Step::Announced:
             // Refused on the announcement alone, so that memory stays
@@ -351,10 +364,33 @@ bool XmlSeparator::takeLengthPrefixed(QByteArray &payload)
             refuseFrame(m_pFrames->announcedLength());
             return false;
         case Kelda::FrameReader::Step::Complete:
+            m_iShownBytes = 0;
             payload = m_pFrames->takeFrame();
             return true;
         }
     }
+}
+
+void XmlSeparator::showArrivingPayload()
+{
+    const qint64 received = m_pFrames->receivedBytes();
+    if (received <= m_iShownBytes || m_iUndelivered > 0)
+        return;
+    // A compressed payload is expanded, and then read, whole once it is in:
+    // its bytes tell nothing before. Until the first payload shows that the
+    // peer does not compress, a payload waits for the bytes that tell.
+    const auto *head = reinterpret_cast<const uchar *>(m_pFrames->payloadData());
+    if (m_bTryDecompress &&
+        (received < kCompressionJudgedBy || plausiblyCompressed(head, m_pFrames->announcedLength())))
+        return;
+    m_iShownBytes = received;
+    emit payloadArriving(QByteArray::fromRawData(m_pFrames->payloadData(), int(received)));
+}
+
+void XmlSeparator::deliver(const QByteArray &message)
+{
+    --m_iUndelivered;
+    emit xmlReceived(message);
 }
 
 QByteArray XmlSeparator::expandPayload(const QByteArray &payload)

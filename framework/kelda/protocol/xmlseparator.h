@@ -25,7 +25,8 @@ class QXmlStreamReader;
 //
 // Every message found is emitted as queued_xmlReceived from inside
 // readNewData() and reaches xmlReceived one event-loop turn later, so a
-// listener never runs inside the read routine.
+// listener never runs inside the read routine. The one exception is
+// payloadArriving, which shows a payload while it arrives.
 class XmlSeparator : public QObject
 {
     Q_OBJECT
@@ -72,6 +73,15 @@ Q_SIGNALS:
     // A message over the limit, or one whose bytes could not be stored.
     // Emitted from inside readNewData(); reading has stopped.
     void frameTooLarge(quint64 length);
+    // The bytes of a length-prefixed payload that arrived so far, emitted
+    // from inside readNewData() whenever more arrived while the payload is
+    // still incomplete, for payloads that are handed on as they are (not
+    // expanded). received points into the growing buffer and is valid only
+    // during the emission: connect directly, on this object's thread, and
+    // leave the device and this object alone. A payload is shown only once
+    // every earlier message has reached xmlReceived, so a listener sees a
+    // payload arrive and then its message, with no other in between.
+    void payloadArriving(const QByteArray &received);
 
 public Q_SLOTS:
     bool sendXml(const QByteArray &message);
@@ -95,6 +105,8 @@ private:
     ParseResult parseFedData();
     void frameLengthPrefixed();
     bool takeLengthPrefixed(QByteArray &payload);
+    void showArrivingPayload();
+    void deliver(const QByteArray &message);
     QByteArray expandPayload(const QByteArray &payload);
     QByteArray takePiece(bool skipWhiteSpace);
     qint64 pendingInput() const;
@@ -119,4 +131,9 @@ private:
     int m_iInputOffset = 0;
     bool m_bReading = false;
     bool m_bFrameScheduled = false;
+    // Messages emitted as queued_xmlReceived that have not reached
+    // xmlReceived yet.
+    int m_iUndelivered = 0;
+    // The bytes of the payload under way that payloadArriving has shown.
+    qint64 m_iShownBytes = 0;
 };

@@ -4,6 +4,7 @@
 #include "keldaerror.h"
 #include "replyparser.h"
 #include "replysignals.h"
+#include "replystream.h"
 #include "requestmessages.h"
 #include "threadhandover.h"
 #include "trace.h"
@@ -30,6 +31,7 @@ CommandSender::CommandSender(const QString &host, quint16 port, const QString &a
     , m_teamMembership(teamMembership)
     , m_host(host)
     , m_port(port)
+    , m_stream(std::make_unique<ReplyStream>())
 { }
 
 CommandSender::~CommandSender()
@@ -55,6 +57,8 @@ void CommandSender::start()
     auto *socket = new CommandSenderSocket(m_host, m_port, tls);
     socket->SetMaxFrameLength(m_maxFrameLength.load());
     connect(socket, &CommandSenderSocket::si_newMessage, this, &CommandSender::SlotHandleXmlReply);
+    connect(socket, &CommandSenderSocket::si_messagePart, this, &CommandSender::SlotHandleMessagePart);
+    connect(socket, &CommandSenderSocket::si_partedMessage, this, &CommandSender::SlotHandlePartedMessage);
     connect(socket, &CommandSenderSocket::si_connected, this, &CommandSender::SlotConnected);
     connect(socket, &CommandSenderSocket::si_disconnected, this, &CommandSender::SlotDisconnected);
     m_socketThread.Start(socket);
@@ -353,6 +357,7 @@ void CommandSender::SlotConnected()
 
 void CommandSender::SlotDisconnected()
 {
+    m_stream->Reset();
     m_connected.store(false);
     emit disconnected();
     m_waiters.Disconnected();
@@ -367,7 +372,24 @@ void CommandSender::SlotCheckConnection()
 
 void CommandSender::SlotHandleXmlReply(const QByteArray &message)
 {
-    const ParsedReply parsed = ParseReplyMessage(message);
+    m_stream->Reset();
+    HandleReply(ParseReplyMessage(message));
+}
+
+void CommandSender::SlotHandleMessagePart(const QByteArray &part, qint64 offset)
+{
+    m_stream->Feed(part, offset);
+    if (CommandSenderSocket *socket = m_socket.loadAcquire())
+        socket->PartRead(part.size());
+}
+
+void CommandSender::SlotHandlePartedMessage(const QByteArray &message)
+{
+    HandleReply(m_stream->Finish(message));
+}
+
+void CommandSender::HandleReply(const ParsedReply &parsed)
+{
     if (!parsed.IsValid()) {
         SlotHandleXmlError(parsed.error, true);
         return;

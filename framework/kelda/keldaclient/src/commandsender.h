@@ -18,6 +18,7 @@
 #include <QVector>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 
 class QTimer;
@@ -27,14 +28,15 @@ namespace Kelda {
 class CommandRequest;
 class CommandSenderSocket;
 class FileQuery;
+class ReplyStream;
 struct ParsedReply;
 
 // The worker between the client object and the command socket. Send() runs on
 // the caller's thread: it completes the request, hands its bytes to the
 // socket thread by a queued call and returns the request id. Replies are
-// parsed on this object's own thread ("commandSenderThread"), emitted as the
-// reply signals their descriptors name and then announced with
-// si_requestHandled.
+// parsed on this object's own thread ("commandSenderThread"), a query answer
+// part by part while it arrives, emitted as the reply signals their
+// descriptors name and then announced with si_requestHandled.
 class CommandSender : public QObject
 {
     Q_OBJECT
@@ -164,11 +166,16 @@ public slots:
     void SlotConnected();
     void SlotDisconnected();
     void SlotHandleXmlReply(const QByteArray &message);
+    // A message read while it arrives: its first bytes part by part, then
+    // the whole (see CommandSenderSocket::si_messagePart).
+    void SlotHandleMessagePart(const QByteArray &part, qint64 offset);
+    void SlotHandlePartedMessage(const QByteArray &message);
     void SlotHandleXmlError(QString a_error, bool a_bRecoverable = false);
     void SlotCheckConnection();
 
 private:
     void FillIdentity(CommandRequest &request);
+    void HandleReply(const ParsedReply &parsed);
     void StoreReplyValues(const QString &requestId, ReplyValues values);
     void StoreReplyValues(const ParsedReply &reply);
     void EmitReply(const ParsedReply &reply);
@@ -191,6 +198,8 @@ private:
 
     std::atomic<bool> m_connected{false};
     std::atomic<quint32> m_maxFrameLength{XmlSeparator::DefaultMaxFrameLength};
+    // The message whose parts are arriving; used on this object's thread.
+    const std::unique_ptr<ReplyStream> m_stream;
     // Written by the client's thread before start() reads it on this one.
     std::mutex m_tlsMutex;
     ClientTls m_tls;

@@ -119,6 +119,11 @@ void CommandSenderSocket::SetMaxFrameLength(quint32 bytes)
     m_uMaxFrameLength.store(bytes);
 }
 
+void CommandSenderSocket::PartRead(qint64 bytes)
+{
+    m_parts.PartRead(bytes);
+}
+
 void CommandSenderSocket::sl_sendMessage(const QByteArray &message)
 {
     XmlSeparator *framer = m_pFramer.load();
@@ -144,6 +149,8 @@ void CommandSenderSocket::sl_sendMessage(const QByteArray &message)
 
 void CommandSenderSocket::sl_handleNewMessage(const QByteArray &message)
 {
+    const bool parted = m_parts.HasParts();
+    m_parts.Reset();
     if (m_bMessageLogOn)
         writeLogEntry(Direction::Received, message);
     m_bAwaitingReply = false;
@@ -154,7 +161,18 @@ void CommandSenderSocket::sl_handleNewMessage(const QByteArray &message)
         m_sendQueue.pop_front();
         sl_sendMessage(next);
     }
-    emit si_newMessage(message);
+    if (parted)
+        emit si_partedMessage(message);
+    else
+        emit si_newMessage(message);
+}
+
+void CommandSenderSocket::sl_handlePayloadArriving(const QByteArray &received)
+{
+    qint64 offset = 0;
+    for (QByteArray part = m_parts.TakePart(received, &offset); !part.isEmpty();
+         part = m_parts.TakePart(received, &offset))
+        emit si_messagePart(part, offset);
 }
 
 void CommandSenderSocket::sl_handleXmlError(const QString &errorText)
@@ -233,6 +251,8 @@ void CommandSenderSocket::sl_connect()
     connect(framer, &XmlSeparator::xmlReceived, this, &CommandSenderSocket::sl_handleNewMessage);
     connect(framer, &XmlSeparator::errorOccured, this, &CommandSenderSocket::sl_handleXmlError);
     connect(framer, &XmlSeparator::frameTooLarge, this, &CommandSenderSocket::sl_handleFrameTooLarge);
+    connect(framer, &XmlSeparator::payloadArriving, this, &CommandSenderSocket::sl_handlePayloadArriving,
+            Qt::DirectConnection);
     m_pFramer.store(framer);
 }
 
@@ -366,6 +386,7 @@ void CommandSenderSocket::startReconnectTimer()
 
 void CommandSenderSocket::deleteFramer()
 {
+    m_parts.Reset();
     XmlSeparator *framer = m_pFramer.exchange(nullptr);
     if (!framer)
         return;

@@ -8,6 +8,7 @@
 #include <QString>
 
 #include "clienttls.h"
+#include "replyparts.h"
 #include "xmlseparator.h"
 
 #include <atomic>
@@ -23,7 +24,8 @@ namespace Kelda {
 // Owns the one TCP connection to the archive server.
 //
 // Connects on its own and reconnects every 5000 ms after a failure, frames
-// traffic with a little-endian length-prefixed XmlSeparator, keeps at most
+// traffic with a little-endian length-prefixed XmlSeparator, hands a query
+// answer on in parts while it arrives (ReplyParts), keeps at most
 // one request on the wire (later ones wait in a queue that is served when a
 // message arrives) and, when the marker file <data folder>/Logging/
 // logkeldamessages.txt exists, logs every message sent and received.
@@ -55,9 +57,18 @@ public:
     // connection, which is then made again as after any failure. Applies
     // from the next connection attempt.
     void SetMaxFrameLength(quint32 bytes);
+    // The receiver of si_messagePart has read that many bytes of parts.
+    // Thread-safe.
+    void PartRead(qint64 bytes);
 
 Q_SIGNALS:
     void si_newMessage(const QByteArray &message);
+    // The first bytes of a message still arriving, from offset on; offset 0
+    // starts a message. Its last part is followed by si_partedMessage, or,
+    // when the connection is lost first, by no message at all.
+    void si_messagePart(const QByteArray &part, qint64 offset);
+    // A message some of whose first bytes came as parts, whole.
+    void si_partedMessage(const QByteArray &message);
     void si_connected();
     void si_disconnected();
 
@@ -66,6 +77,7 @@ public Q_SLOTS:
 
 private Q_SLOTS:
     void sl_handleNewMessage(const QByteArray &message);
+    void sl_handlePayloadArriving(const QByteArray &received);
     void sl_handleXmlError(const QString &errorText);
     void sl_handleFrameTooLarge(quint64 length);
     void sl_dropConnection();
@@ -94,6 +106,7 @@ private:
     std::deque<QByteArray> m_sendQueue;
     bool m_bAwaitingReply = false;
     std::atomic<XmlSeparator *> m_pFramer{nullptr};
+    ReplyParts m_parts;
     QTcpSocket *m_pSocket = nullptr;
     int m_iLastSocketError = -2;
     std::atomic<bool> m_bConnected{false};

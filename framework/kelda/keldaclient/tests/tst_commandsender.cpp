@@ -1,6 +1,7 @@
 #include "commanddescriptors.h"
 #include "commandsender.h"
 #include "filequery.h"
+#include "keldaxml.h"
 #include "replyparser.h"
 #include "replysignals.h"
 #include "trace.h"
@@ -49,6 +50,8 @@ private slots:
     void sendTraces();
     void replySignals_data();
     void replySignals();
+    void answerReadInParts_data();
+    void answerReadInParts();
 
 private:
     QStringList m_traces;
@@ -171,6 +174,62 @@ void CommandSenderTest::replySignals()
     ReplySignals::Emit(&sender, ParseReplyMessage(EmptyReply(command.reply)));
     QCOMPARE(emitted.size(), 1);
     QCOMPARE(m_traces, QStringList());
+}
+
+// A query answer of so many groups, g<first> onwards.
+QByteArray Answer(int first, int groups)
+{
+    QByteArray children;
+    for (int i = first; i < first + groups; ++i)
+        children += "<m:FileGroup><m:Guid>g" + QByteArray::number(i) + "</m:Guid></m:FileGroup>";
+    return QByteArray(EmptyReply(Tag::QueryFileGroupsReply))
+        .replace("/></s:Body>", ">" + children + "</m:QueryFileGroupsReply></s:Body>");
+}
+
+void CommandSenderTest::answerReadInParts_data()
+{
+    QTest::addColumn<bool>("afterOther"); // the first part of another answer came before
+    QTest::addColumn<bool>("disconnected"); // and then the connection was lost
+    QTest::addColumn<bool>("inParts"); // the answer's first two groups came as parts
+    QTest::addColumn<QByteArray>("whole"); // what came whole
+
+    const QByteArray answer = Answer(0, 3);
+    QTest::newRow("in parts") << false << false << true << answer;
+    QTest::newRow("in parts, after a part of another") << true << false << true << answer;
+    QTest::newRow("whole, after a part of one the connection lost") << true << true << false << answer;
+    // Only the rest is taken from the whole: what came in parts is not read again.
+    QTest::newRow("whole differs where the parts were")
+        << false << false << true << QByteArray(answer).replace(">g0<", ">x0<").replace(">g1<", ">x1<");
+}
+
+// Parts of an answer never mix with another's: the table is the one the
+// whole answer gives.
+void CommandSenderTest::answerReadInParts()
+{
+    QFETCH(bool, afterOther);
+    QFETCH(bool, disconnected);
+    QFETCH(bool, inParts);
+    QFETCH(QByteArray, whole);
+    CommandSender sender(QStringLiteral("127.0.0.1"), 1, QString(), QString(), QString());
+    QSignalSpy replies(&sender, &CommandSender::queryFileGroupsReply);
+    const QByteArray answer = Answer(0, 3);
+    const auto groupEnd = [](const QByteArray &bytes, int from) {
+        return bytes.indexOf("</m:FileGroup>", from) + int(qstrlen("</m:FileGroup>"));
+    };
+    if (afterOther)
+        sender.SlotHandleMessagePart(Answer(100, 3).left(groupEnd(Answer(100, 3), 0)), 0);
+    if (disconnected)
+        sender.SlotDisconnected();
+    if (inParts) {
+        const int first = groupEnd(answer, 0);
+        sender.SlotHandleMessagePart(answer.left(first), 0);
+        sender.SlotHandleMessagePart(answer.mid(first, groupEnd(answer, first) - first), first);
+        sender.SlotHandlePartedMessage(whole);
+    } else {
+        sender.SlotHandleXmlReply(whole);
+    }
+    QCOMPARE(replies.count(), 1);
+    QCOMPARE(replies.first().at(1).toStringList(), std::get<TableResult>(ParseReplyMessage(answer).result).table);
 }
 
 QTEST_GUILESS_MAIN(CommandSenderTest)

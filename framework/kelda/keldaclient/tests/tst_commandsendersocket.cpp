@@ -15,6 +15,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
+#include <QtEndian>
 
 using Kelda::CommandSenderSocket;
 using Kelda::TransportTimings;
@@ -67,6 +68,7 @@ private Q_SLOTS:
     void initTestCase();
     void requestsWaitForTheReplyAndAreLogged();
     void refusedConnectionIsTracedOnceAndRetried();
+    void queryAnswerIsHandedOnInParts();
 
 private:
     QTemporaryDir m_dir;
@@ -159,6 +161,45 @@ void TestCommandSenderSocket::refusedConnectionIsTracedOnceAndRetried()
     QTRY_VERIFY(socket.findChildren<QTcpSocket *>().isEmpty());
     QTRY_VERIFY(retry->isActive());
     QCOMPARE(traces.size(), 1);
+}
+
+// While a query answer arrives, what is in goes on in parts that end behind a group, then the answer whole;
+// the next message goes on whole as ever.
+void TestCommandSenderSocket::queryAnswerIsHandedOnInParts()
+{
+    Peer peer;
+    CommandSenderSocket socket(kLocalHost, peer.server.serverPort());
+    QSignalSpy connected(&socket, &CommandSenderSocket::si_connected);
+    QVERIFY(connected.wait(kSignalWaitMs));
+    QSignalSpy parts(&socket, &CommandSenderSocket::si_messagePart);
+    QSignalSpy parted(&socket, &CommandSenderSocket::si_partedMessage);
+    QSignalSpy whole(&socket, &CommandSenderSocket::si_newMessage);
+
+    QByteArray answer = "<s:Envelope xmlns:s=\"http://www.w3.org/2003/05/soap-envelope\"><s:Body>"
+                        "<m:QueryFileGroupsReply xmlns:m=\"http://kelda.archive/8SP/KELDA\">";
+    for (int i = 0; i < 200; ++i)
+        answer += "<m:FileGroup><m:Guid>g" + QByteArray::number(i) + "</m:Guid></m:FileGroup>";
+    answer += "</m:QueryFileGroupsReply></s:Body></s:Envelope>";
+    QByteArray frame(4, '\0');
+    qToLittleEndian<quint32>(quint32(answer.size()), frame.data());
+    frame += answer;
+    peer.connection->write(frame.left(frame.size() / 2));
+    QTRY_VERIFY(!parts.isEmpty());
+    QByteArray next(4, '\0');
+    qToLittleEndian<quint32>(7, next.data());
+    peer.connection->write(frame.mid(frame.size() / 2) + next + "<next/>");
+    QTRY_COMPARE(whole.count(), 1);
+
+    QCOMPARE(whole.first().first().toByteArray(), QByteArray("<next/>"));
+    QCOMPARE(parted.count(), 1);
+    QCOMPARE(parted.first().first().toByteArray(), answer);
+    QByteArray joined;
+    for (const QList<QVariant> &part : parts) {
+        QCOMPARE(part.at(1).toLongLong(), qint64(joined.size()));
+        joined += part.at(0).toByteArray();
+        QVERIFY(joined.endsWith("</m:FileGroup>"));
+    }
+    QVERIFY(answer.startsWith(joined));
 }
 
 QTEST_GUILESS_MAIN(TestCommandSenderSocket)

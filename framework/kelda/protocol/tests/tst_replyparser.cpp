@@ -1,6 +1,7 @@
 #include "replyparser.h"
 
 #include "errorhandler.h"
+#include "replystream.h"
 #include "filegroupcolumns.h"
 #include "keldaerror.h"
 
@@ -74,7 +75,10 @@ struct ArgumentsOf
     QVariantList operator()(const StatusResult &r) const { return {r.requestId, r.error, r.errorString}; }
     QVariantList operator()(const TextResult &r) const { return {r.requestId, r.text, r.error, r.errorString}; }
     QVariantList operator()(const ListResult &r) const { return {r.requestId, r.list, r.error, r.errorString}; }
-    QVariantList operator()(const TableResult &r) const { return {r.requestId, r.table, r.columnCount, r.error}; }
+    QVariantList operator()(const TableResult &r) const
+    {
+        return {r.requestId, r.table, r.columnCount, r.error, r.errorString};
+    }
     QVariantList operator()(const FileIdResult &r) const { return {r.requestId, r.fileId}; }
     QVariantList operator()(const MetaDataResult &r) const
     {
@@ -96,6 +100,32 @@ struct TraceCapture
     ~TraceCapture() { ErrorHandler::Instance()->SetTraceHook({}); }
     QStringList texts;
 };
+
+// Everything a reader hands on, for comparison.
+QVariantList Outcome(const ParsedReply &reply)
+{
+    return {reply.index, reply.requestId, reply.error, reply.lastError.value_or(NoStore),
+            std::visit(ArgumentsOf(), reply.result)};
+}
+
+// The message read as the client reads it while it arrives step bytes at a
+// time: each time fed up to the last group end tag in, then finished whole.
+// reading: whether the stream was still reading when the last byte came.
+ParsedReply Streamed(const QByteArray &message, int step, bool *reading = nullptr)
+{
+    ReplyStream stream;
+    qint64 forwarded = 0;
+    for (int arrived = step; arrived < message.size(); arrived += step) {
+        const qint64 cut = ReplyStream::GroupBoundary(message.constData(), arrived - step, arrived);
+        if (cut > forwarded) {
+            stream.Feed(message.mid(int(forwarded), int(cut - forwarded)), forwarded);
+            forwarded = cut;
+        }
+    }
+    if (reading)
+        *reading = stream.IsReading();
+    return stream.Finish(message);
+}
 
 // The result table of the groups: the headers, then one row per group.
 QStringList Table(const std::vector<FileGroupData> &groups)
@@ -225,7 +255,17 @@ void TestReplyParser::replies_data()
               "<m:FileGroupName>full</m:FileGroupName><m:Guid>g1</m:Guid></m:FileGroup>\n<m:Error>5</m:Error>\n"
               "<m:FileGroup><m:Guid>g2</m:Guid><m:CreationTime>2020-02-30 03:04:05</m:CreationTime>"
               "<m:BackupTime>2020-01-02T03:04:05</m:BackupTime><m:FileType>1,000</m:FileType></m:FileGroup>"),
-        {rid, table, FileGroupColumn::Count, 5}, 5);
+        {rid, table, FileGroupColumn::Count, 5, e5}, 5);
+    FileGroupData named;
+    named.setGuid(T("g3"));
+    named.setFileGroupName(T("n"));
+    row("groups under another prefix, end tags in comments",
+        Message("<k:QueryFileGroupsReply xmlns:k=\"http://kelda.archive/8SP/KELDA\">"
+                "<k:FileGroup><k:Guid>g2</k:Guid></k:FileGroup ><!-- </k:FileGroup> -->"
+                "<k:ErrorString>x<!-- </k:FileGroup> --> </k:ErrorString>\n"
+                "<k:FileGroup><k:Guid>g3</k:Guid><k:FileGroupName>n</k:FileGroupName></k:FileGroup>"
+                "</k:QueryFileGroupsReply>"),
+        {rid, Table({sparse, named}), FileGroupColumn::Count, 0, T("x ")}, 0);
 
     QStringList names;
     for (const auto &reply : Replies)
@@ -247,6 +287,14 @@ void TestReplyParser::replies_data()
     fails("element in a number",
           Reply("QueryFileGroupsReply", "<m:FileGroup><m:FileType>1<m:x/></m:FileType></m:FileGroup>"),
           T("Expected character data."), "<m:x/>");
+    fails("broken in a later group",
+          Reply("QueryFileGroupsReply",
+                "<m:FileGroup><m:Guid>g1</m:Guid></m:FileGroup>\n<m:FileGroup><m:Guid>g2</m:Guid></m:FileGroup>"
+                "<m:FileGroup><m:Guid>g3</m:Guid><m:Bogus/></m:FileGroup>"),
+          T("Expected one of /FileGroup, Guid, FileGroupName, FileType, LocationState, BackupTime, CreationTime, "
+            "ModificationTime, LifeCycle, Comment, Creator, Detail, TeamMembership, Version, ReservedStorage, "
+            "ReferenceCounter, Files, but got Bogus"),
+          "<m:Bogus/>");
     fails("Files with children",
           Reply("QueryFileGroupsReply", "<m:FileGroup><m:Files><m:File/></m:Files></m:FileGroup>"),
           T("Expected one of /FileGroup, Guid, FileGroupName, FileType, LocationState, BackupTime, CreationTime, "
@@ -274,12 +322,24 @@ void TestReplyParser::replies()
     QCOMPARE(std::visit(ArgumentsOf(), parsed.result), arguments);
     QCOMPARE(parsed.lastError.value_or(NoStore), lastError);
     QVERIFY(error.isEmpty() || capture.texts.isEmpty());
+    // Read while it arrives, byte by byte or in larger pieces, the message gives the same, traced once. A query
+    // answer is read on until the last byte, unless a comment holds an end tag where the reading cannot pause.
+    const QStringList traces = capture.texts;
+    for (int step : {1, 7, 64}) {
+        capture.texts.clear();
+        bool reading = false;
+        QCOMPARE(Outcome(Streamed(message, step, &reading)), Outcome(parsed));
+        QCOMPARE(capture.texts, traces);
+        if (error.isEmpty() && !message.contains("<!--"))
+            QCOMPARE(reading, parsed.Kind() == ReplyKind::QueryFileGroups);
+    }
     if (!error.isEmpty())
         return;
     // Meta data is read by the record's own reader, which makes a cut its error code.
     const QRegularExpression position(T(" at line \\d+, column \\d+$"));
     for (int size = 0; parsed.Kind() != ReplyKind::QueryMetaData && size < message.size(); ++size) {
         const ParsedReply cut = ParseReplyMessage(message.left(size));
+        QCOMPARE(Outcome(Streamed(message.left(size), 1)), Outcome(cut));
         QCOMPARE(cut.IsValid(), size >= message.indexOf("</s:Body>"));
         if (!cut.IsValid())
             QVERIFY(cut.error.contains(position) && std::holds_alternative<std::monostate>(cut.result) &&

@@ -62,6 +62,8 @@ private Q_SLOTS:
     void oversizedMessageIsRefused();
     void hugeAnnouncementHoldsOnlyWhatArrived_data();
     void hugeAnnouncementHoldsOnlyWhatArrived();
+    void arrivingPayloadIsShown_data();
+    void arrivingPayloadIsShown();
 };
 
 void TestXmlSeparator::framing_data()
@@ -256,6 +258,61 @@ void TestXmlSeparator::hugeAnnouncementHoldsOnlyWhatArrived()
     QVERIFY(separator.bufferedCapacity() >= kBody); // what arrived is kept
     QCOMPARE(framed.count(), 0);
     QCOMPARE(refused.count(), 0);
+}
+
+void TestXmlSeparator::arrivingPayloadIsShown_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<QByteArray>("before"); // a message in the same first read
+    QTest::addColumn<QByteArray>("stream");
+    QTest::addColumn<QByteArray>("expected");
+    QTest::addColumn<bool>("shown");
+
+    QByteArray payload("<r>");
+    while (payload.size() < 5000)
+        payload += "<g>text</g>";
+    payload += "</r>";
+    const int le = XmlSeparator::LittleEndianMode;
+    QTest::newRow("plain payload") << le << QByteArray() << ::le(payload) << payload << true;
+    QTest::newRow("behind a message not handed on yet") << le << ::le("<a/>") << ::le(payload) << payload << true;
+    QTest::newRow("compressed payload, expanded whole")
+        << le << QByteArray() << ::le(qCompress(payload)) << payload << false;
+    QTest::newRow("plain xml") << int(XmlSeparator::PlainXmlMode) << QByteArray() << payload << payload << false;
+}
+
+// While a length-prefixed payload arrives, what is in is shown, growing, and
+// only after every earlier message has been handed on; a compressed one is
+// not, its bytes tell nothing before they are expanded.
+void TestXmlSeparator::arrivingPayloadIsShown()
+{
+    QFETCH(int, mode);
+    QFETCH(QByteArray, before);
+    QFETCH(QByteArray, stream);
+    QFETCH(QByteArray, expected);
+    QFETCH(bool, shown);
+
+    FeedDevice device;
+    XmlSeparator separator(&device, mode);
+    QSignalSpy received(&separator, &XmlSeparator::xmlReceived);
+    QByteArrayList arrived;
+    // The bytes shown are the separator's own buffer, valid during the signal only.
+    connect(&separator, &XmlSeparator::payloadArriving, this, [&](const QByteArray &bytes) {
+        arrived << QByteArray(bytes.constData(), bytes.size());
+        QCOMPARE(received.count(), before.isEmpty() ? 0 : 1);
+    });
+    const int step = stream.size() / 4;
+    device.feed(before + stream.left(step));
+    separator.readNewData();
+    QTRY_COMPARE(received.count(), before.isEmpty() ? 0 : 1);
+    for (int i = step; i < stream.size(); i += step)
+        device.feed(stream.mid(i, step));
+
+    QTRY_COMPARE(messages(received).value(before.isEmpty() ? 0 : 1), expected);
+    QCOMPARE(!arrived.isEmpty(), shown);
+    for (int i = 0; i < arrived.size(); ++i) {
+        QVERIFY(expected.startsWith(arrived.at(i)) && arrived.at(i).size() < expected.size());
+        QVERIFY(i == 0 || arrived.at(i).size() > arrived.at(i - 1).size());
+    }
 }
 
 QTEST_GUILESS_MAIN(TestXmlSeparator)
