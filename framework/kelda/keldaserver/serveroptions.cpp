@@ -133,6 +133,11 @@ QString ServerOptions::defaultExchangePath(const QString &basePath)
     return QDir(basePath).filePath(QStringLiteral("exchange"));
 }
 
+QString ServerOptions::defaultSpoolPath(const QString &basePath)
+{
+    return QDir(basePath).filePath(QStringLiteral("spool"));
+}
+
 namespace {
 
 // A numeric limit: its option, the field it sets and the range it takes.
@@ -185,6 +190,12 @@ const LimitOption kLimits[] = {
      "Elements and attributes a request may hold; a larger one is answered with code 57 "
      "(default %1).",
      16, 1 << 26, KELDA_LIMIT(maxElements, int)},
+    {"max-spool", "BYTES",
+     "Disk that large query answers waiting for their clients may take together; a query that finds no room is "
+     "answered with code 19 (default %1).",
+     1, std::numeric_limits<qint64>::max() / 4, KELDA_LIMIT(maxSpool, qint64)},
+    {"max-answer", "BYTES", "Largest query answer; a larger one is answered with code 19 (default %1).", 1,
+     XmlSeparator::LargestMaxFrameLength, KELDA_LIMIT(maxAnswer, qint64)},
 };
 
 #undef KELDA_LIMIT
@@ -225,6 +236,11 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
         QStringLiteral("exchange-path"),
         QStringLiteral("The only folder ExportArchive writes into and ImportArchive reads from; relative paths "
                        "in those requests are taken below it (default BASE/exchange)."),
+        QStringLiteral("DIR"));
+    const QCommandLineOption spoolOption(
+        QStringLiteral("spool-path"),
+        QStringLiteral("Folder where large query answers wait for their clients, in files without names "
+                       "(default BASE/spool)."),
         QStringLiteral("DIR"));
     const QCommandLineOption traceOption(QStringLiteral("trace-mask"),
                                          QStringLiteral(
@@ -274,8 +290,8 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
             .arg(DefaultVerifyRateMBps),
         QStringLiteral("MB/s"));
     parser.addOptions({helpOption, versionOption, listenOption, baseOption, dbOption, nasOption, exchangeOption,
-                       traceOption, allowOption, tlsCertOption, tlsKeyOption, tlsClientCaOption, adminOption,
-                       converterOption, metricsOption, verifyIntervalOption, verifyRateOption});
+                       spoolOption, traceOption, allowOption, tlsCertOption, tlsKeyOption, tlsClientCaOption,
+                       adminOption, converterOption, metricsOption, verifyIntervalOption, verifyRateOption});
     std::vector<QCommandLineOption> limitOptions;
     for (const LimitOption &limit : kLimits) {
         limitOptions.emplace_back(QString::fromLatin1(limit.name),
@@ -375,6 +391,7 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
     };
     options.nasPath = folder(nasOption, defaultNasPath(options.basePath));
     options.exchangePath = folder(exchangeOption, defaultExchangePath(options.basePath));
+    options.spoolPath = folder(spoolOption, defaultSpoolPath(options.basePath));
     return options;
 }
 
