@@ -2,12 +2,14 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QRandomGenerator>
 
 #include <cerrno>
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Kelda {
@@ -19,8 +21,11 @@ SpoolFolder::SpoolFolder(qint64 maxBytes, qint64 maxAnswer)
 
 bool SpoolFolder::open(const QString &path, QString *error)
 {
-    if (!QDir().mkpath(path)) {
-        *error = QStringLiteral("Cannot create the spool folder %1").arg(path);
+    // Only the server looks inside: its clients may share the storage.
+    if (!QDir().mkpath(QFileInfo(path).absolutePath()) ||
+        (::mkdir(QFile::encodeName(path).constData(), 0700) != 0 && errno != EEXIST)) {
+        *error = QStringLiteral("Cannot create the spool folder %1: %2")
+                     .arg(path, QString::fromLocal8Bit(std::strerror(errno)));
         return false;
     }
     m_folder =
