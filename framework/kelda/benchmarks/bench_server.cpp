@@ -2,8 +2,9 @@
 // 1, 8 and 32 clients doing create, add, request, close and query, one
 // request at a time and with whole sequences sent ahead; then, over archives
 // of 100,000 groups and more, the time to answer every kind of query, the
-// server's peak memory for an answer of all groups, and the sequence with
-// and without a query. Every change is committed to disk before its answer,
+// server's peak memory for an answer of all groups, how fast that answer
+// arrives beside the client's parse of it, and the sequence with and
+// without a query. Every change is committed to disk before its answer,
 // as always. The metadata goes to SQLite, to a given PostgreSQL database, or
 // to a throw-away PostgreSQL cluster, served by one server or by two sharing
 // the database, the clients split between them; on the throw-away cluster
@@ -37,6 +38,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <thread>
@@ -86,9 +88,15 @@ public:
         m_socket.write(frame + payload);
     }
 
-    QByteArray receive()
+    // With clock, *firstByteNs is set to when the answer's first byte was
+    // there.
+    QByteArray receive(const QElapsedTimer *clock = nullptr, qint64 *firstByteNs = nullptr)
     {
+        if (firstByteNs)
+            *firstByteNs = -1;
         for (;;) {
+            if (firstByteNs && *firstByteNs < 0 && m_input.size() > m_offset)
+                *firstByteNs = clock->nsecsElapsed();
             if (m_input.size() - m_offset >= 4) {
                 const quint32 length = qFromLittleEndian<quint32>(m_input.constData() + m_offset);
                 if (quint32(m_input.size() - m_offset) >= length + 4) {
@@ -139,6 +147,50 @@ double processCpuSeconds(qint64 pid)
         return 0;
     return (fields.at(11).toLongLong() + fields.at(12).toLongLong()) / double(sysconf(_SC_CLK_TCK));
 }
+
+// A field of /proc/PID/status, in KiB; 0 when unknown.
+qint64 statusKiB(qint64 pid, const QByteArray &name)
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith(name))
+            return line.mid(name.size()).trimmed().split(' ').value(0).toLongLong();
+    }
+    return 0;
+}
+
+// The largest anonymous resident size of a process while this watches it,
+// sampled every 2 ms: the memory it allocated itself. Pages of a file it
+// maps (SQLite reads its database through a mapping of at most 256 MiB)
+// count in the resident size too, but the kernel takes them back at will.
+class AnonymousPeak
+{
+public:
+    explicit AnonymousPeak(qint64 pid)
+        : m_sampler([this, pid] {
+            while (!m_stop) {
+                m_peakKiB = std::max(m_peakKiB.load(), statusKiB(pid, "RssAnon:"));
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
+        })
+    { }
+    ~AnonymousPeak() { stop(); }
+
+    double stop()
+    {
+        m_stop = true;
+        if (m_sampler.joinable())
+            m_sampler.join();
+        return m_peakKiB / 1024.0;
+    }
+
+private:
+    std::atomic<bool> m_stop{false};
+    std::atomic<qint64> m_peakKiB{0};
+    std::thread m_sampler;
+};
 
 // Of all servers; a PostgreSQL server's own processes are not counted.
 double serverCpuSeconds(const Run &run)
@@ -301,6 +353,76 @@ double timeQuery(Run &run, const QString &label, const QString &children, int re
                  .arg(repeats);
     out().flush();
     return answer[median];
+}
+
+double median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    return values.empty() ? 0 : values[values.size() / 2];
+}
+
+// How the answer of all groups travels, medians: from its first to its last
+// byte at the client, and the client's parse of it, in ms.
+struct Transfer
+{
+    double firstToLastMs = 0;
+    double parseMs = 0;
+    qint64 bytes = 0;
+    // The server's, while it answered.
+    double peakAnonymousMiB = 0;
+
+    double arrivalMBps() const { return firstToLastMs > 0 ? bytes / 1e3 / firstToLastMs : 0; }
+    double parseMBps() const { return parseMs > 0 ? bytes / 1e3 / parseMs : 0; }
+};
+
+// The answer of all groups, three times: when its first and its last byte
+// arrive, and how long the client takes to parse it. The server writes the
+// answer whole before its first byte leaves; from then on only its sending
+// and the network set the pace, which must keep up with the client's parse.
+Transfer timeAllGroups(Run &run, int repeats = 3)
+{
+    Connection connection;
+    if (!connection.open(run.ports.back()))
+        return {};
+    AnonymousPeak watch(run.serverPids.back());
+    std::vector<double> first;
+    std::vector<double> last;
+    std::vector<double> parse;
+    int rows = 0;
+    Transfer transfer;
+    for (int i = 0; i < repeats; ++i) {
+        QElapsedTimer timer;
+        timer.start();
+        connection.send(request(Tag::QueryFileGroups, QString()));
+        qint64 firstByteNs = -1;
+        const QByteArray reply = connection.receive(&timer, &firstByteNs);
+        const qint64 lastByteNs = timer.nsecsElapsed();
+        const ParsedReply parsed = ParseReplyMessage(reply);
+        parse.push_back((timer.nsecsElapsed() - lastByteNs) / 1e6);
+        first.push_back(firstByteNs / 1e6);
+        last.push_back(lastByteNs / 1e6);
+        const auto *table = std::get_if<TableResult>(&parsed.result);
+        rows = table && table->columnCount > 0 ? table->table.size() / table->columnCount - 1 : -1;
+        transfer.bytes = reply.size();
+    }
+    std::vector<double> between;
+    for (size_t i = 0; i < first.size(); ++i)
+        between.push_back(last[i] - first[i]);
+    transfer.firstToLastMs = median(between);
+    transfer.parseMs = median(parse);
+    transfer.peakAnonymousMiB = watch.stop();
+    out() << QStringLiteral("  all groups: %1 groups, %2 MB; first byte after %3 ms, last after %4 ms (%5 MB/s from "
+                            "first to last); the client parses it in %6 ms (%7 MB/s) (medians of %8)\n")
+                 .arg(rows)
+                 .arg(transfer.bytes / 1e6, 0, 'f', 1)
+                 .arg(median(first), 0, 'f', 1)
+                 .arg(median(last), 0, 'f', 1)
+                 .arg(transfer.arrivalMBps(), 0, 'f', 0)
+                 .arg(transfer.parseMs, 0, 'f', 1)
+                 .arg(transfer.parseMBps(), 0, 'f', 0)
+                 .arg(repeats);
+    out().flush();
+    return transfer;
 }
 
 // The servers of one measurement on one base path and database (empty:
@@ -522,6 +644,7 @@ bool benchmarkScale(const QString &backend, const QString &database, const QStri
         return false;
     }
     std::map<int, double> peakMiB;
+    std::map<int, Transfer> transfers;
     std::map<int, double> ratio;
     int filled = 0;
     for (int size : sizes) {
@@ -541,10 +664,12 @@ bool benchmarkScale(const QString &backend, const QString &database, const QStri
         for (const QueryKind &kind : queryKinds())
             times.emplace_back(kind, timeQuery(run, kind.label, kind.children));
         // Each of these answers is hundreds of megabytes at a million.
-        timeQuery(run, QStringLiteral("all groups"), QString(), 3);
+        transfers[size] = timeAllGroups(run);
         peakMiB[size] = servers.first().peakResidentKiB() / 1024.0;
-        out() << QStringLiteral("  server peak resident size after the answer of all groups: %1 MiB\n")
-                     .arg(peakMiB[size], 0, 'f', 1);
+        out() << QStringLiteral("  server peak resident size after the answers of all groups: %1 MiB; its own "
+                                "memory (anonymous) while it answered: at most %2 MiB\n")
+                     .arg(peakMiB[size], 0, 'f', 1)
+                     .arg(transfers[size].peakAnonymousMiB, 0, 'f', 1);
         const Rates without = measure(run, 8, sequences, 0, false);
         const Rates with = measure(run, 8, sequences, 0, true);
         ratio[size] = without.sequences > 0 ? with.sequences / without.sequences : 0;
@@ -563,13 +688,41 @@ bool benchmarkScale(const QString &backend, const QString &database, const QStri
                             time.first.text ? BenchTable::Number(time.second / 20.0, 2) : QStringLiteral("-"),
                             time.first.text ? QStringLiteral("<= 20 ms at 1,000,000") : QStringLiteral("figure only"));
     }
-    for (int size : sizes)
+    // The server's memory must not grow with the answer. The resident size
+    // includes the pages SQLite maps from the database, which grow with the
+    // archive up to the mapping's size; its own memory, the anonymous part,
+    // may grow beyond the smallest archive's only by the reader's page
+    // cache, which a database larger than the mapping fills.
+    const double smallest = transfers[sizes.front()].peakAnonymousMiB;
+    const bool sqlite = !location.isPostgres();
+    const double cacheMiB = sqlite ? ArchiveDatabase::SqliteCacheKiB / 1024.0 : 0;
+    for (int size : sizes) {
         BenchTable::Row(QStringLiteral("%1: server peak RSS, all groups of %2").arg(backend, groupsText(size)),
                         BenchTable::Number(peakMiB[size], 1) + QStringLiteral(" MiB"),
                         BenchTable::Number(peakMiB[sizes.front()], 1) + QStringLiteral(" MiB at ") +
                             groupsText(sizes.front()),
                         BenchTable::Number(peakMiB[sizes.front()] > 0 ? peakMiB[size] / peakMiB[sizes.front()] : 0, 2),
                         QStringLiteral("figure only"));
+        if (size == sizes.front())
+            continue;
+        const double anonymous = transfers[size].peakAnonymousMiB;
+        const double limit = smallest + cacheMiB;
+        BenchTable::Row(
+            QStringLiteral("%1: server peak anonymous RSS, all groups of %2").arg(backend, groupsText(size)),
+            BenchTable::Number(anonymous, 1) + QStringLiteral(" MiB"),
+            BenchTable::Number(limit, 1) + QStringLiteral(" MiB at ") + groupsText(sizes.front()) +
+                (sqlite ? QStringLiteral(" + cache") : QString()),
+            BenchTable::Number(limit > 0 ? anonymous / limit : 0, 2), QStringLiteral("<= 1.1"));
+    }
+    for (int size : sizes) {
+        const Transfer &transfer = transfers[size];
+        BenchTable::Row(QStringLiteral("%1: all groups of %2, first to last byte, MB/s").arg(backend, groupsText(size)),
+                        BenchTable::Number(transfer.arrivalMBps(), 0),
+                        BenchTable::Number(transfer.parseMBps(), 0) + QStringLiteral(" client parse"),
+                        BenchTable::Number(transfer.parseMBps() > 0 ? transfer.arrivalMBps() / transfer.parseMBps() : 0,
+                                           2),
+                        QStringLiteral(">= 0.5"));
+    }
     out().flush();
     return true;
 }
@@ -642,7 +795,9 @@ int main(int argc, char *argv[])
     parser.setApplicationDescription(QStringLiteral(
         "Starts keldaserver on a fresh base path and prints its throughput with 1, 8 and 32 clients; then fills "
         "archives of 100,000 groups and of --groups groups and prints the time of every query kind, the server's "
-        "peak memory for an answer of all groups and the sequence with and without a query. The large archives are "
+        "peak memory for an answer of all groups, the rate at which that answer arrives from its first to its last "
+        "byte beside the rate at which the client parses it, and the sequence with and without a query. The large "
+        "archives are "
         "filled straight into the database through the server's own store, in this process and before the server "
         "starts, not through requests."));
     parser.addHelpOption();

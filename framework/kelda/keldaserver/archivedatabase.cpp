@@ -164,8 +164,9 @@ void ArchiveDatabase::setUpSqlite()
     execute(QStringLiteral("PRAGMA busy_timeout=5000"), KE_DatabaseNotAvailable);
     // Pages are read through a mapping instead of a system call each,
     // and more of them stay cached between transactions.
-    execute(QStringLiteral("PRAGMA mmap_size=268435456"), KE_DatabaseNotAvailable);
-    execute(QStringLiteral("PRAGMA cache_size=-65536"), KE_DatabaseNotAvailable);
+    execute(QStringLiteral("PRAGMA mmap_size=%1").arg(SqliteMapBytes), KE_DatabaseNotAvailable);
+    // A negative size counts KiB.
+    execute(QStringLiteral("PRAGMA cache_size=-%1").arg(SqliteCacheKiB), KE_DatabaseNotAvailable);
 }
 
 void ArchiveDatabase::setUpPostgres()

@@ -41,6 +41,12 @@ public:
     ArchiveDatabase(const ArchiveDatabase &) = delete;
     ArchiveDatabase &operator=(const ArchiveDatabase &) = delete;
 
+    // What one SQLite connection may hold of its database: pages mapped
+    // from the file, and pages in its own cache for the rest. A database
+    // larger than the mapping fills the cache by a scan of all groups.
+    static constexpr qint64 SqliteMapBytes = 256 * 1024 * 1024;
+    static constexpr qint64 SqliteCacheKiB = 64 * 1024;
+
     // This server among those sharing the database: names its commit marks
     // and its liveness. Set before open().
     void setInstanceId(const QString &id) { m_instanceId = id; }

@@ -1,5 +1,6 @@
 #include "archiveengine.h"
 
+#include "answerspool.h"
 #include "groupresultxml.h"
 #include "commanddescriptors.h"
 #include "filedigest.h"
@@ -29,6 +30,8 @@ const char kSource[] = "framework/kelda/keldaserver/archiveengine";
 const QLatin1String kDescriptionSuffix(".fgdesc");
 // The export's list of digests, in the form sha256sum reads and writes.
 const QLatin1String kManifestName("SHA256SUMS");
+// Rows of a query answer gathered before they go to its spool together.
+constexpr int SpoolPieceBytes = 256 * 1024;
 
 [[noreturn]] void refuse(KeldaError code, const QString &text)
 {
@@ -213,7 +216,7 @@ bool ArchiveEngine::handle(const Request &request, const RequestOrigin &origin, 
         enforce(m_rules.checkClaims(request, origin));
         ReplyWriter writer(ReplyWriter::replyElement(request.command), request.requestId);
         (this->*handler)(request, origin, writer, outcome);
-        outcome.reply = writer.finish();
+        finishReply(writer, outcome);
         return true;
     } catch (const RequestFailure &failure) {
         Q_TRACE_FAILURE(kSource,
@@ -227,6 +230,26 @@ bool ArchiveEngine::handle(const Request &request, const RequestOrigin &origin, 
         outcome.refused = failure.refused;
         return false;
     }
+}
+
+void ArchiveEngine::finishReply(ReplyWriter &writer, RequestOutcome &outcome)
+{
+    if (!outcome.spool) {
+        outcome.reply = writer.finish();
+        return;
+    }
+    spool(*outcome.spool, writer.finish());
+    // A small one travels like any other reply.
+    if (outcome.spool->isInMemory()) {
+        outcome.reply = outcome.spool->takeMemory();
+        outcome.spool.reset();
+    }
+}
+
+void ArchiveEngine::spool(AnswerSpool &spool, const QByteArray &bytes)
+{
+    if (!spool.append(bytes))
+        refuse(KE_QueryFilesFailed, spool.errorString());
 }
 
 StoredGroup ArchiveEngine::requireGroup(const QString &guid)
@@ -658,7 +681,7 @@ void ArchiveEngine::getApplicationList(const Request &, const RequestOrigin &, R
 }
 
 void ArchiveEngine::queryFileGroups(const Request &request, const RequestOrigin &, ReplyWriter &writer,
-                                    RequestOutcome &)
+                                    RequestOutcome &outcome)
 {
     GroupSearch criteria;
     criteria.name = request.text(Tag::FileGroupNameSearchText);
@@ -703,13 +726,24 @@ void ArchiveEngine::queryFileGroups(const Request &request, const RequestOrigin 
     // without their file lists.
     QElapsedTimer timer;
     timer.start();
+    if (m_spoolFolder) {
+        outcome.spool = std::make_shared<AnswerSpool>(m_spoolFolder);
+        spool(*outcome.spool, writer.takeBytes());
+    }
     QByteArray rows;
     int count = 0;
-    m_store.search(criteria, [&rows, &count](const SearchRow &row) {
+    m_store.search(criteria, [&rows, &count, &outcome](const SearchRow &row) {
         GroupResultXml::append(rows, row);
         ++count;
+        if (outcome.spool && rows.size() >= SpoolPieceBytes) {
+            spool(*outcome.spool, rows);
+            rows.resize(0);
+        }
     });
-    writer.writeRaw(rows);
+    if (outcome.spool)
+        spool(*outcome.spool, rows);
+    else
+        writer.writeRaw(rows);
     Q_TRACE_DETAIL(kSource, QStringLiteral("QueryFileGroups: %1 groups in %2 ms").arg(count).arg(timer.elapsed()));
     writer.writeStatus(KE_NoError, QString());
 }

@@ -20,7 +20,9 @@
 
 namespace Kelda {
 
+class AnswerSpool;
 class ReplyWriter;
+class SpoolFolder;
 
 // A group that converters of its type should hear about.
 struct NewGroupNotice
@@ -52,6 +54,8 @@ struct MoveOrder
 struct RequestOutcome
 {
     QByteArray reply; // empty: the request is answered by no reply
+    // A large reply, written to disk as it was made; reply is empty then.
+    std::shared_ptr<AnswerSpool> spool;
     std::vector<std::function<void()>> afterCommit;
     std::vector<NewGroupNotice> newGroups;
     std::vector<MoveOrder> moves;
@@ -102,6 +106,11 @@ public:
     // Who may do what; without a call every request is allowed, as for
     // clients that are not identified.
     void setAccessRules(const AccessRules &rules) { m_rules = rules; }
+
+    // Query answers are written as their rows are read into spools of this
+    // folder, which keep a large one on disk (RequestOutcome::spool);
+    // without a folder every reply is built whole in memory.
+    void setSpoolFolder(std::shared_ptr<SpoolFolder> folder) { m_spoolFolder = std::move(folder); }
 
     // Whether a command only reads; such requests may run beside changes.
     static bool isReadOnly(const QString &command);
@@ -170,6 +179,10 @@ private:
     void getFileChecksums(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
     void verifyFileGroup(const Request &, const RequestOrigin &, ReplyWriter &, RequestOutcome &);
 
+    // The reply once its handler is done: whole, or the rest of its spool.
+    static void finishReply(ReplyWriter &writer, RequestOutcome &outcome);
+    static void spool(AnswerSpool &spool, const QByteArray &bytes);
+
     static void writeChecks(ReplyWriter &writer, ReplyKind kind, const std::vector<FileCheck> &checks);
     FileCheck checkOfAddedFile(const StoredGroup &group, const QString &name, const RequestOrigin &origin,
                                const ConfinedDirectory &directory);
@@ -195,6 +208,7 @@ private:
     ArchiveStore &m_store;
     StorageLayout m_layout;
     AccessRules m_rules;
+    std::shared_ptr<SpoolFolder> m_spoolFolder;
 };
 
 } // namespace Kelda

@@ -61,6 +61,12 @@ ArchiveServer::~ArchiveServer()
     shutdown();
 }
 
+bool ArchiveServer::openSpoolFolder()
+{
+    m_spoolFolder = std::make_shared<SpoolFolder>(m_options.maxSpool, m_options.maxAnswer);
+    return m_spoolFolder->open(m_options.spoolPath, &m_error);
+}
+
 bool ArchiveServer::openDatabase()
 {
     const StorageLayout layout(m_options.basePath, m_options.nasPath, m_options.exchangePath, m_options.maxImportBytes);
@@ -96,6 +102,7 @@ bool ArchiveServer::openDatabase()
                                                 [recorder](DatabaseJob job) { recorder->post(std::move(job)); });
     m_reader->setTroubleCounters(&m_metrics.databaseErrors, &m_metrics.databaseReconnects);
     m_reader->setAccessRules(rules);
+    m_reader->setSpoolFolder(m_spoolFolder);
     if (!m_reader->open()) {
         m_error = m_reader->errorString();
         return false;
@@ -140,7 +147,7 @@ bool ArchiveServer::start()
             return false;
         }
     }
-    if (!openDatabase()) {
+    if (!openSpoolFolder() || !openDatabase()) {
         m_exitCode = ServerOptions::ExitStorage;
         return false;
     }
@@ -593,13 +600,13 @@ void ArchiveServer::onUnreadable(Peer &peer, const RequestReader::Result &read)
         return;
     }
     answer(peer, startRequest(peer, command),
-           ReplyWriter::status(command, read.request.requestId, KE_SoapParsingError, read.error));
+           {ReplyWriter::status(command, read.request.requestId, KE_SoapParsingError, read.error), nullptr});
 }
 
 void ArchiveServer::dispatch(Peer &peer, Request request)
 {
     if (!ArchiveEngine::isKnown(request.command)) {
-        answer(peer, startRequest(peer, request.command), ArchiveEngine::unknownCommandReply(request));
+        answer(peer, startRequest(peer, request.command), {ArchiveEngine::unknownCommandReply(request), nullptr});
         return;
     }
     DatabaseJob job;
@@ -806,12 +813,12 @@ void ArchiveServer::deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &
         if (fromWriter)
             --peer->changesUnderWay;
         else
-            peer->connection->gate()->built -= done.reply.size();
+            peer->connection->gate()->built -= done.size();
         if (done.registersConverter) {
             peer->converter = true;
             peer->converterTypes = done.converterTypes;
         }
-        answer(*peer, done.sequence, done.reply);
+        answer(*peer, done.sequence, {done.reply, done.spool});
         if (fromWriter && peer->changesUnderWay == 0 && peer->awaitingCommits) {
             peer->awaitingCommits = false;
             releaseWaiting(*peer);
@@ -819,10 +826,10 @@ void ArchiveServer::deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &
     }
 }
 
-void ArchiveServer::answer(Peer &peer, quint64 sequence, const QByteArray &reply)
+void ArchiveServer::answer(Peer &peer, quint64 sequence, Reply reply)
 {
     if (sequence != peer.nextToSend) {
-        peer.waiting.insert(sequence, reply);
+        peer.waiting.insert(sequence, std::move(reply));
         return;
     }
     sendInOrder(peer, reply);
@@ -832,9 +839,12 @@ void ArchiveServer::answer(Peer &peer, quint64 sequence, const QByteArray &reply
     updateHold(peer);
 }
 
-void ArchiveServer::sendInOrder(Peer &peer, const QByteArray &reply)
+void ArchiveServer::sendInOrder(Peer &peer, const Reply &reply)
 {
-    peer.connection->send(reply);
+    if (reply.spool)
+        peer.connection->send(reply.spool);
+    else
+        peer.connection->send(reply.bytes);
     const auto started = peer.started.find(peer.nextToSend);
     if (started != peer.started.end()) {
         m_metrics.requestAnswered(started->command, replyCode(reply), m_clock.nsecsElapsed() - started->atNs);
@@ -844,15 +854,19 @@ void ArchiveServer::sendInOrder(Peer &peer, const QByteArray &reply)
     --peer.underWay;
 }
 
-int ArchiveServer::replyCode(const QByteArray &reply)
+int ArchiveServer::replyCode(const Reply &reply)
 {
+    // Only a query that succeeded keeps its spool; one that failed is
+    // answered with its status alone.
+    if (reply.spool)
+        return KE_NoError;
     // The status closes every reply this server writes: look from the end.
     static const QByteArray open = '<' + Tag::m(Tag::Error).toLatin1() + '>';
-    const int at = reply.lastIndexOf(open);
+    const int at = reply.bytes.lastIndexOf(open);
     if (at < 0)
         return -1;
     const int from = at + open.size();
-    return reply.mid(from, reply.indexOf('<', from) - from).toInt();
+    return reply.bytes.mid(from, reply.bytes.indexOf('<', from) - from).toInt();
 }
 
 quint64 ArchiveServer::startRequest(Peer &peer, const QString &command)

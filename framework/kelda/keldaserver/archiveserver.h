@@ -9,6 +9,7 @@
 #include "parserpool.h"
 #include "serveroptions.h"
 #include "servermetrics.h"
+#include "spoolfolder.h"
 #include "storageusage.h"
 
 #include <QElapsedTimer>
@@ -96,6 +97,14 @@ private:
         qint64 reserved = 0;
     };
 
+    // An answer on its way to its connection: its bytes, or the spool that
+    // holds a large one.
+    struct Reply
+    {
+        QByteArray bytes;
+        std::shared_ptr<AnswerSpool> spool;
+    };
+
     struct Peer
     {
         ClientConnection *connection = nullptr;
@@ -103,7 +112,7 @@ private:
         quint64 nextSequence = 0;
         quint64 nextToSend = 0;
         int changesUnderWay = 0;
-        QMap<quint64, QByteArray> waiting;
+        QMap<quint64, Reply> waiting;
         bool converter = false;
         QVector<int> converterTypes;
         // Frames received and not yet answered (or known to get no answer).
@@ -146,6 +155,7 @@ private:
         std::vector<DatabaseJob> read; // jobs whose files the digest pool read
     };
 
+    bool openSpoolFolder();
     bool openDatabase();
     void startMover();
     bool listen();
@@ -185,11 +195,11 @@ private:
     void post(const std::function<void(Outbox &)> &fill);
     void drainOutbox();
     void deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &answers, bool fromWriter);
-    void answer(Peer &peer, quint64 sequence, const QByteArray &reply);
-    void sendInOrder(Peer &peer, const QByteArray &reply);
+    void answer(Peer &peer, quint64 sequence, Reply reply);
+    void sendInOrder(Peer &peer, const Reply &reply);
     // Numbers a request of the peer and notes when it arrived.
     quint64 startRequest(Peer &peer, const QString &command);
-    static int replyCode(const QByteArray &reply);
+    static int replyCode(const Reply &reply);
     void notifyConverters(const NewGroupNotice &notice);
     DatabaseWorker &writerFor(quint64 connectionId);
 
@@ -209,6 +219,7 @@ private:
     // client connections, in their order, and the first also the moves.
     std::vector<std::unique_ptr<DatabaseWorker>> m_writers;
     std::unique_ptr<DatabaseWorker> m_reader;
+    std::shared_ptr<SpoolFolder> m_spoolFolder;
     std::unique_ptr<GroupMover> m_mover;
     std::unique_ptr<GroupListener> m_listenerThread;
     std::unique_ptr<ParserPool> m_parsers;

@@ -2,6 +2,7 @@
 
 #include <trace.h>
 
+#include "answerspool.h"
 #include "servertls.h"
 
 #include <QSslSocket>
@@ -40,6 +41,7 @@ ClientConnection::ClientConnection(quint64 id, QTcpSocket *socket, const Limits 
         if (!m_closed) {
             m_closed = true;
             m_gate->closed = true;
+            dropQueued();
             emit closed(this);
         }
     });
@@ -55,8 +57,12 @@ void ClientConnection::startEncryption(const ServerTls &tls)
         close();
         return;
     }
+    m_secure = secure;
     m_identifiesClients = tls.identifiesClients();
     m_handshake.start();
+    // Encrypting moves the bytes into a buffer of their own: the socket
+    // drains only once those are written.
+    connect(secure, &QSslSocket::encryptedBytesWritten, this, &ClientConnection::onBytesWritten);
     secure->setSslConfiguration(tls.configuration());
     connect(secure, &QSslSocket::encrypted, this, &ClientConnection::onEncrypted);
     connect(secure, qOverload<const QList<QSslError> &>(&QSslSocket::sslErrors), this, &ClientConnection::onSslErrors);
@@ -127,18 +133,86 @@ void ClientConnection::send(const QByteArray &document)
 {
     if (m_closed || m_socket->state() != QAbstractSocket::ConnectedState)
         return;
-    uchar length[4];
-    qToLittleEndian<quint32>(quint32(document.size()), length);
-    if (!m_socket->bytesToWrite())
-        m_sinceWritten.start();
-    m_socket->write(reinterpret_cast<const char *>(length), sizeof length);
-    m_socket->write(document);
+    if (m_queue.empty()) {
+        writeFramed(document);
+    } else {
+        m_queue.push_back({document, nullptr});
+        m_queuedBytes += sizeof(quint32) + document.size();
+    }
     updateUnsent();
+}
+
+void ClientConnection::send(std::shared_ptr<AnswerSpool> spool)
+{
+    if (m_closed || m_socket->state() != QAbstractSocket::ConnectedState)
+        return;
+    m_queuedBytes += sizeof(quint32) + spool->remaining();
+    m_queue.push_back({QByteArray(), std::move(spool)});
+    feed();
+}
+
+void ClientConnection::writeFramed(const QByteArray &document)
+{
+    writeLength(document.size());
+    m_socket->write(document);
+}
+
+void ClientConnection::writeLength(qint64 length)
+{
+    uchar prefix[sizeof(quint32)];
+    qToLittleEndian<quint32>(quint32(length), prefix);
+    if (!socketBacklog())
+        m_sinceWritten.start();
+    m_socket->write(reinterpret_cast<const char *>(prefix), sizeof prefix);
+}
+
+void ClientConnection::feed()
+{
+    while (!m_queue.empty() && socketBacklog() < SpoolFeedBytes) {
+        Queued &next = m_queue.front();
+        if (!next.spool) {
+            m_queuedBytes -= sizeof(quint32) + next.document.size();
+            writeFramed(next.document);
+            m_queue.pop_front();
+            continue;
+        }
+        if (!next.started) {
+            writeLength(next.spool->size());
+            m_queuedBytes -= sizeof(quint32);
+            next.started = true;
+        }
+        const QByteArray piece = next.spool->read(SpoolFeedBytes);
+        if (piece.isEmpty()) {
+            // Half an answer cannot be taken back: the client must start
+            // over on a new connection.
+            Q_TRACE_FAILURE(
+                kSource,
+                QStringLiteral("%1; closing the connection of client %2").arg(next.spool->errorString(), m_peer));
+            close();
+            return;
+        }
+        m_socket->write(piece);
+        m_queuedBytes -= piece.size();
+        if (next.spool->remaining() == 0)
+            m_queue.pop_front();
+    }
+    updateUnsent();
+}
+
+qint64 ClientConnection::socketBacklog() const
+{
+    return m_socket->bytesToWrite() + (m_secure ? m_secure->encryptedBytesToWrite() : 0);
+}
+
+void ClientConnection::dropQueued()
+{
+    m_queue.clear();
+    m_queuedBytes = 0;
 }
 
 void ClientConnection::updateUnsent()
 {
-    m_gate->unsent.store(m_socket->bytesToWrite(), std::memory_order_relaxed);
+    m_gate->unsent.store(socketBacklog() + m_queuedBytes, std::memory_order_relaxed);
     if (!m_backlogged && m_gate->overBacklog()) {
         m_backlogged = true;
         m_sinceWritten.start();
@@ -149,7 +223,7 @@ void ClientConnection::updateUnsent()
 void ClientConnection::onBytesWritten()
 {
     m_sinceWritten.start();
-    updateUnsent();
+    feed();
     if (m_backlogged && m_gate->backlog() < m_gate->maxBacklog / 2) {
         m_backlogged = false;
         emit drained(this);
@@ -259,6 +333,7 @@ void ClientConnection::close()
         return;
     m_closed = true;
     m_gate->closed = true;
+    dropQueued();
     m_socket->abort();
     emit closed(this);
 }

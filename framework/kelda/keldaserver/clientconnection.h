@@ -9,13 +9,16 @@
 #include <QObject>
 #include <QString>
 
+#include <deque>
 #include <memory>
 
 class QSslError;
+class QSslSocket;
 class QTcpSocket;
 
 namespace Kelda {
 
+class AnswerSpool;
 class ServerTls;
 
 // One client's TCP connection: collects its frames and writes its answers.
@@ -24,7 +27,9 @@ class ServerTls;
 // is bounded, so bytes not yet wanted stay in the socket; a frame's payload
 // is read only after the owner admitted its announced length; reading pauses
 // while the owner holds the connection (too many requests under way) or
-// while answers pile up unread (the backlog). Writing never blocks.
+// while answers pile up unread (the backlog). Writing never blocks, and a
+// spooled answer goes to the socket a piece at a time as the client takes
+// it, so that the connection holds little of it in memory.
 class ClientConnection : public QObject
 {
     Q_OBJECT
@@ -56,6 +61,9 @@ public:
 
     // Frames the answer with its length and queues it on the socket.
     void send(const QByteArray &document);
+    // The same for an answer in a spool, which is let go once sent or once
+    // the connection closes.
+    void send(std::shared_ptr<AnswerSpool> spool);
     // Lets the frame announced by frameAnnounced() be read.
     void admitFrame();
     // While held, no further frame is read.
@@ -82,6 +90,9 @@ public:
     static constexpr int FramesPerTurn = 16;
     // Bytes Qt may buffer from the socket ahead of the frame reader.
     static constexpr qint64 ReadBufferSize = 64 * 1024;
+    // Below this many unsent bytes in the socket, the next piece of a
+    // spooled answer (as large) is read from disk.
+    static constexpr qint64 SpoolFeedBytes = 256 * 1024;
 
 Q_SIGNALS:
     // Direct connections: the owner answers admitFrame() now or later.
@@ -101,10 +112,30 @@ private:
     bool mayRead() const;
     void onBytesWritten();
     void updateUnsent();
+    void writeFramed(const QByteArray &document);
+    void writeLength(qint64 length);
+    // Hands queued answers to the socket while it holds few bytes.
+    void feed();
+    // Bytes the socket holds unsent, encrypted ones included.
+    qint64 socketBacklog() const;
+    void dropQueued();
+
+    // An answer waiting behind a spooled one that is being sent.
+    struct Queued
+    {
+        QByteArray document;
+        std::shared_ptr<AnswerSpool> spool;
+        bool started = false;
+    };
 
     const quint64 m_id;
     QTcpSocket *m_socket;
+    QSslSocket *m_secure = nullptr;
     const std::shared_ptr<ConnectionGate> m_gate;
+    std::deque<Queued> m_queue;
+    // Bytes of m_queue not yet handed to the socket, length prefixes
+    // included.
+    qint64 m_queuedBytes = 0;
     FrameReader m_reader;
     QString m_peer;
     QHostAddress m_peerAddress;

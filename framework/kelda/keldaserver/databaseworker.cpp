@@ -22,6 +22,11 @@ const QString kUnsaved = QStringLiteral("The change could not be saved");
 const QString kUnrecorded = QStringLiteral("The change could not be recorded in the audit trail");
 } // namespace
 
+qint64 DatabaseAnswer::size() const
+{
+    return spool ? spool->size() : reply.size();
+}
+
 DatabaseWorker::DatabaseWorker(Role role, const DatabaseLocation &database, const QString &instanceId,
                                const StorageLayout &layout, Delivery delivery, HandOff handOff)
     : m_role(role)
@@ -135,6 +140,7 @@ void DatabaseWorker::serve()
     store.database().setTroubleCounters(m_errorCounter, m_reconnectCounter);
     ArchiveEngine engine(store, m_layout);
     engine.setAccessRules(m_rules);
+    engine.setSpoolFolder(m_spoolFolder);
     AuditTrail trail(store.database());
     const bool opened = store.open(m_database);
     {
@@ -309,14 +315,14 @@ bool DatabaseWorker::readOrHold(DatabaseJob &job, std::vector<DatabaseAnswer> &a
     } else {
         answer.connectionId = job.origin.connectionId;
         answer.sequence = job.origin.sequence;
-        answer.reply = readOne(job);
+        readOne(job, answer);
         // Reading changes nothing: after a connection that was lost while
         // idle, the read may simply run again on a fresh one.
         if (m_store->connectionLost() && ensureConnected())
-            answer.reply = readOne(job);
+            readOne(job, answer);
     }
     if (gate)
-        gate->built += answer.reply.size();
+        gate->built += answer.size();
     answers.push_back(std::move(answer));
     deliverReads(answers, false);
     return true;
@@ -327,9 +333,11 @@ void DatabaseWorker::deliverReads(std::vector<DatabaseAnswer> &answers, bool alw
     if (answers.empty())
         return;
     if (!always) {
+        // A spooled answer leaves at once: its client waits for it, and
+        // the bytes are on disk rather than in memory.
         qint64 bytes = 0;
         for (const DatabaseAnswer &answer : answers)
-            bytes += answer.reply.size();
+            bytes += answer.spool ? ReadDeliveryBytes : answer.reply.size();
         if (bytes < ReadDeliveryBytes)
             return;
     }
@@ -337,7 +345,7 @@ void DatabaseWorker::deliverReads(std::vector<DatabaseAnswer> &answers, bool alw
     answers.clear();
 }
 
-QByteArray DatabaseWorker::readOne(const DatabaseJob &job)
+void DatabaseWorker::readOne(const DatabaseJob &job, DatabaseAnswer &answer)
 {
     RequestOutcome outcome;
     try {
@@ -351,7 +359,8 @@ QByteArray DatabaseWorker::readOne(const DatabaseJob &job)
         record.audit = AuditRecord::of(job.request, job.origin, outcome.code);
         m_handOff(std::move(record));
     }
-    return outcome.reply;
+    answer.reply = std::move(outcome.reply);
+    answer.spool = std::move(outcome.spool);
 }
 
 bool DatabaseWorker::ping()

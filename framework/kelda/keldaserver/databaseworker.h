@@ -1,6 +1,7 @@
 #pragma once
 
 #include "accessrules.h"
+#include "answerspool.h"
 #include "archiveengine.h"
 #include "auditrecord.h"
 #include "connectiongate.h"
@@ -57,10 +58,14 @@ struct DatabaseAnswer
     quint64 connectionId = 0;
     quint64 sequence = 0;
     QByteArray reply;
+    // A large reply, on disk; reply is empty then.
+    std::shared_ptr<AnswerSpool> spool;
     std::vector<NewGroupNotice> newGroups;
     std::vector<MoveOrder> moves;
     bool registersConverter = false;
     QVector<int> converterTypes;
+
+    qint64 size() const;
 };
 
 // A thread with a database connection of its own.
@@ -123,6 +128,9 @@ public:
     }
     // Who may do what; set before open().
     void setAccessRules(const AccessRules &rules) { m_rules = rules; }
+    // Where a reader spools large query answers (see
+    // ArchiveEngine::setSpoolFolder); set before open().
+    void setSpoolFolder(std::shared_ptr<SpoolFolder> folder) { m_spoolFolder = std::move(folder); }
 
     // Starts the thread and waits until the database is open; false with
     // errorString() when it cannot be.
@@ -176,7 +184,7 @@ private:
     // Carries out one read now, or holds it back; false once held.
     bool readOrHold(DatabaseJob &job, std::vector<DatabaseAnswer> &answers);
     void deliverReads(std::vector<DatabaseAnswer> &answers, bool always);
-    QByteArray readOne(const DatabaseJob &job);
+    void readOne(const DatabaseJob &job, DatabaseAnswer &answer);
     bool ping();
     static bool isDropped(const DatabaseJob &job);
     std::vector<DatabaseJob *> transact(const std::vector<DatabaseJob *> &jobs, bool mayRetry,
@@ -199,6 +207,7 @@ private:
     std::atomic<quint64> *m_errorCounter = nullptr;
     std::atomic<quint64> *m_reconnectCounter = nullptr;
     AccessRules m_rules;
+    std::shared_ptr<SpoolFolder> m_spoolFolder;
     const DatabaseLocation m_database;
     const QString m_instanceId;
     const StorageLayout m_layout;

@@ -134,6 +134,11 @@ QString ServerOptions::defaultExchangePath(const QString &basePath)
     return QDir(basePath).filePath(QStringLiteral("exchange"));
 }
 
+QString ServerOptions::defaultSpoolPath(const QString &basePath)
+{
+    return QDir(basePath).filePath(QStringLiteral("spool"));
+}
+
 namespace {
 
 // A numeric limit: its option, the field it sets and the range it takes.
@@ -186,6 +191,12 @@ const LimitOption kLimits[] = {
      "Elements and attributes a request may hold; a larger one is answered with code 57 "
      "(default %1).",
      16, 1 << 26, KELDA_LIMIT(maxElements, int)},
+    {"max-spool", "BYTES",
+     "Disk that large query answers waiting for their clients may take together; a query that finds no room is "
+     "answered with code 19 (default %1).",
+     1, std::numeric_limits<qint64>::max() / 4, KELDA_LIMIT(maxSpool, qint64)},
+    {"max-answer", "BYTES", "Largest query answer; a larger one is answered with code 19 (default %1).", 1,
+     XmlSeparator::LargestMaxFrameLength, KELDA_LIMIT(maxAnswer, qint64)},
 };
 
 #undef KELDA_LIMIT
@@ -218,6 +229,11 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
          QStringLiteral("The only folder ExportArchive writes into and ImportArchive reads from; relative paths "
                         "in those requests are taken below it (default BASE/exchange).")},
         QStringLiteral("FILE|URL"));
+    const QCommandLineOption spoolOption(
+        QStringLiteral("spool-path"),
+        QStringLiteral("Folder where large query answers wait for their clients, in files without names "
+                       "(default BASE/spool)."),
+        QStringLiteral("DIR"));
     const QCommandLineOption traceOption(QStringLiteral("trace-mask"),
                                          QStringLiteral(
                                              "Trace level mask, decimal or 0x hex: 0x20 failures, 0x40 every request "
@@ -267,8 +283,8 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
         QStringLiteral("MB/s"));
     parser.addOptions({helpOption, versionOption, listenOption});
     storage.addTo(parser);
-    parser.addOptions({traceOption, allowOption, tlsCertOption, tlsKeyOption, tlsClientCaOption, adminOption,
-                       converterOption, metricsOption, verifyIntervalOption, verifyRateOption});
+    parser.addOptions({spoolOption, traceOption, allowOption, tlsCertOption, tlsKeyOption, tlsClientCaOption,
+                       adminOption, converterOption, metricsOption, verifyIntervalOption, verifyRateOption});
     std::vector<QCommandLineOption> limitOptions;
     for (const LimitOption &limit : kLimits) {
         limitOptions.emplace_back(QString::fromLatin1(limit.name),
@@ -363,6 +379,8 @@ ServerOptions ServerOptions::parse(const QStringList &arguments)
         return failure(options, databaseError);
     options.nasPath = storage.nasPath(parser, options.basePath);
     options.exchangePath = storage.exchangePath(parser, options.basePath);
+    options.spoolPath = parser.isSet(spoolOption) ? StorageOptions::absolutePath(parser.value(spoolOption))
+                                                  : defaultSpoolPath(options.basePath);
     return options;
 }
 

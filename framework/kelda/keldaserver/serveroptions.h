@@ -3,6 +3,7 @@
 #include "addressallowlist.h"
 #include "databaselocation.h"
 #include "servertls.h"
+#include "xmlseparator.h"
 
 #include <QHostAddress>
 #include <QString>
@@ -36,6 +37,9 @@ struct ServerOptions
     static constexpr int DefaultMaxConnectionsPerAddress = 100;
     static constexpr int DefaultIdleTimeoutSeconds = 900;
     static constexpr int DefaultMaxElements = 100000;
+    static constexpr qint64 GiB = 1024 * MiB;
+    static constexpr qint64 DefaultMaxSpool = 4 * GiB;
+    static constexpr qint64 DefaultMaxAnswer = XmlSeparator::LargestMaxFrameLength;
     static constexpr double DefaultVerifyIntervalHours = 168;
     static constexpr double DefaultVerifyRateMBps = 200;
     // The unit of --verify-rate.
@@ -52,6 +56,8 @@ struct ServerOptions
     QString nasPath;
     // The one folder ExportArchive and ImportArchive may touch.
     QString exchangePath;
+    // Where large query answers wait on disk for their clients.
+    QString spoolPath;
     quint32 maxFrame = DefaultMaxFrame;
     // Bounds on what clients may make the server hold or do; the README's
     // "Limits and safety" table says what a client sees at each.
@@ -64,6 +70,10 @@ struct ServerOptions
     int maxConnectionsPerAddress = DefaultMaxConnectionsPerAddress;
     int idleTimeoutSeconds = DefaultIdleTimeoutSeconds;
     int maxElements = DefaultMaxElements;
+    // Disk of the spooled answers together, and the size of one answer:
+    // by default the largest a client takes.
+    qint64 maxSpool = DefaultMaxSpool;
+    qint64 maxAnswer = DefaultMaxAnswer;
     // The background check re-reads every file once per interval, at most
     // at this rate; an interval of 0 switches it off, a rate of 0 lifts the
     // limit.
@@ -93,6 +103,7 @@ struct ServerOptions
     static QString defaultDatabaseFile(const QString &basePath);
     static QString defaultNasPath(const QString &basePath);
     static QString defaultExchangePath(const QString &basePath);
+    static QString defaultSpoolPath(const QString &basePath);
 };
 
 // "HOST:PORT", "[v6]:PORT" or ":PORT"; false for anything else.

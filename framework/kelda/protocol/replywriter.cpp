@@ -2,11 +2,15 @@
 
 #include "keldaxml.h"
 
+#include <utility>
+
 namespace Kelda {
 
 ReplyWriter::ReplyWriter(const QString &bodyElement, const QString &requestId)
-    : m_writer(&m_bytes)
+    : m_buffer(&m_bytes)
+    , m_writer(&m_buffer)
 {
+    m_buffer.open(QIODevice::WriteOnly);
     m_writer.setAutoFormatting(false);
     m_writer.writeStartDocument();
     m_writer.writeNamespace(Ns::Envelope, Ns::PrefixS);
@@ -120,6 +124,15 @@ void ReplyWriter::appendPlainElement(QByteArray &out, const QByteArray &qualifie
     out += "</";
     out += qualifiedName;
     out += '>';
+}
+
+QByteArray ReplyWriter::takeBytes()
+{
+    // A pending start tag is closed first: its ">" belongs to these bytes.
+    m_writer.writeCharacters(QString());
+    const QByteArray taken = std::exchange(m_buffer.buffer(), QByteArray());
+    m_buffer.seek(0);
+    return taken;
 }
 
 QByteArray ReplyWriter::finish()

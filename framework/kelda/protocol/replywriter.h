@@ -2,6 +2,7 @@
 
 #include "commanddescriptor.h"
 
+#include <QBuffer>
 #include <QByteArray>
 #include <QLatin1String>
 #include <QString>
@@ -47,7 +48,12 @@ public:
     // The same for a value that needs no escaping: digits, times.
     static void appendPlainElement(QByteArray &out, const QByteArray &qualifiedName, const QByteArray &value);
 
-    // Closes the document and hands out its bytes.
+    // Hands out the bytes written so far and goes on from none, so that a
+    // large reply can leave in pieces: the pieces in order, then finish(),
+    // are the document.
+    QByteArray takeBytes();
+
+    // Closes the document and hands out its bytes (those not taken before).
     QByteArray finish();
 
     // A complete reply that carries only Error and ErrorString.
@@ -56,6 +62,7 @@ public:
 
 private:
     QByteArray m_bytes;
+    QBuffer m_buffer;
     QXmlStreamWriter m_writer;
 };
 

@@ -202,13 +202,13 @@ void TestServerLimits::attack_data()
     QTest::addColumn<int>("expected"); // every attacker's outcome
     QTest::addColumn<qint64>("growthKiB"); // the server's peak may grow by at most this
 
-    // The answers asked for come to 6.4 GB; a server that builds no more
-    // than its limits allow stays two orders of magnitude below, whatever
-    // the allocator keeps of what it freed (seen from 50 to 250 MB).
+    // The answers asked for come to 6.4 GB. Each waits on disk for its
+    // client, so the server holds a few pieces of each (11 MB seen in all);
+    // answers held whole in memory took 58 to 64 MB here.
     QTest::newRow("queries whose answers are never read")
         << QStringList{QStringLiteral("--max-backlog"), QStringLiteral("1M"), QStringLiteral("--max-in-flight"),
                        QStringLiteral("4")}
-        << int(FloodQueries) << 8 << int(Pushing) << 512 * MiB;
+        << int(FloodQueries) << 8 << int(Pushing) << 32 * MiB;
     QTest::newRow("half a million attributes") << QStringList() << int(Attributes) << 2 << int(Refused57) << 100 * MiB;
     QTest::newRow("elements beyond the limit") << QStringList() << int(Elements) << 2 << int(Refused57) << 100 * MiB;
     QTest::newRow("compressed, size understated") << QStringList{QStringLiteral("--max-frame"), QStringLiteral("4M")}
