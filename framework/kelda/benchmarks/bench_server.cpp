@@ -38,6 +38,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -201,9 +202,18 @@ double serverCpuSeconds(const Run &run)
     return seconds;
 }
 
+// The first reply that fails is printed, so that a failed count in the
+// figures comes with its reason.
 bool succeeded(const QByteArray &reply)
 {
-    return reply.contains("<m:Error>0</m:Error>");
+    if (reply.contains("<m:Error>0</m:Error>"))
+        return true;
+    static std::atomic<bool> told{false};
+    if (!told.exchange(true)) {
+        const QByteArray shown = reply.isEmpty() ? QByteArray("no answer within 60 s") : reply.left(600);
+        std::fprintf(stderr, "first failed request: %s\n", shown.constData());
+    }
+    return false;
 }
 
 // One sequence as an application using the asynchronous calls makes it: the
