@@ -305,9 +305,9 @@ QString ArchiveEngine::claimNewGroup(const StoredGroup &group, const QString &re
         refuse(KE_GuidNotFound, QStringLiteral("The request names no file group"));
     if (!StorageLayout::isGuid(guid))
         refuse(KE_AddFileGroupFailed, QStringLiteral("\"%1\" is not a GUID in lower-case text form").arg(guid));
-    QString directory = m_layout.defaultGroupDirectory(guid, created);
-    if (!requestedPath.trimmed().isEmpty())
-        directory = QDir::cleanPath(QDir::fromNativeSeparators(requestedPath.trimmed()));
+    QString directory = StorageLayout::requestedGroupDirectory(requestedPath);
+    if (directory.isEmpty())
+        directory = m_layout.defaultGroupDirectory(guid, created);
     QString refusal = m_layout.refusedGroupDirectory(directory, guid);
     // One look at the table for both: the GUID, and a directory shared
     // with another group, which would let deleting one remove the other's

@@ -10,6 +10,7 @@
 #include <trace.h>
 
 #include <QDir>
+#include <QSet>
 #include <QSslSocket>
 #include <QTcpSocket>
 #include <QUuid>
@@ -628,16 +629,53 @@ void ArchiveServer::route(Peer &peer, DatabaseJob job)
         return;
     }
     if (m_digests && DigestPool::readsFilesFor(job.request.command)) {
-        if (peer.changesUnderWay > 0) {
+        if (mustAwaitCommits(peer, job.request)) {
             peer.awaitingCommits = true;
             peer.afterReading.push_back(std::move(job));
             return;
         }
+        job.directory = plannedDirectory(peer, job.request);
         peer.reading = true;
         m_digests->post(std::move(job));
         return;
     }
     toDatabase(peer, std::move(job));
+}
+
+ArchiveServer::ChangeUnderWay ArchiveServer::changeUnderWay(const Request &request)
+{
+    static const QSet<QString> keepingFiles{Tag::CreateFileGroup, Tag::CreateTovinFileGroup, Tag::AddFile,
+                                            Tag::RequestFile,     Tag::CloseFile,            Tag::AddReference,
+                                            Tag::RemoveReference, Tag::RemoveAllReferences};
+    ChangeUnderWay change;
+    change.keepsFiles = keepingFiles.contains(request.command);
+    if (request.command == Tag::CreateFileGroup || request.command == Tag::CreateTovinFileGroup) {
+        change.createdGuid = request.text(Tag::Guid).trimmed();
+        change.createdDirectory = StorageLayout::requestedGroupDirectory(request.text(Tag::Path));
+    }
+    return change;
+}
+
+bool ArchiveServer::mustAwaitCommits(const Peer &peer, const Request &request)
+{
+    // A verification reads the group's file list as committed.
+    if (request.command != Tag::AddFile)
+        return !peer.changes.empty();
+    return std::any_of(peer.changes.begin(), peer.changes.end(),
+                       [](const auto &change) { return !change.second.keepsFiles; });
+}
+
+QString ArchiveServer::plannedDirectory(const Peer &peer, const Request &request)
+{
+    // A pipelining client creates the group and adds its files without
+    // waiting for the answers; the file is read from where the group will
+    // be, and the handler checks that this is where the group is.
+    const QString guid = request.text(Tag::Guid);
+    for (const auto &change : peer.changes) {
+        if (change.second.createdGuid == guid)
+            return change.second.createdDirectory;
+    }
+    return QString();
 }
 
 void ArchiveServer::onRead(DatabaseJob job)
@@ -669,12 +707,12 @@ void ArchiveServer::toDatabase(Peer &peer, DatabaseJob job)
 {
     // A read may overtake nothing of its own connection: while a change of
     // it is under way, the writer hands the read on after its commit.
-    if (job.readOnly && peer.changesUnderWay == 0) {
+    if (job.readOnly && peer.changes.empty()) {
         m_reader->post(std::move(job));
         return;
     }
     if (!job.readOnly)
-        ++peer.changesUnderWay;
+        peer.changes[job.origin.sequence] = changeUnderWay(job.request);
     writerFor(job.origin.connectionId).post(std::move(job));
 }
 
@@ -811,7 +849,7 @@ void ArchiveServer::deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &
         if (done.connectionId == 0 || peer == m_peers.end())
             continue;
         if (fromWriter)
-            --peer->changesUnderWay;
+            peer->changes.erase(done.sequence);
         else
             peer->connection->gate()->built -= done.size();
         if (done.registersConverter) {
@@ -819,7 +857,7 @@ void ArchiveServer::deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &
             peer->converterTypes = done.converterTypes;
         }
         answer(*peer, done.sequence, {done.reply, done.spool});
-        if (fromWriter && peer->changesUnderWay == 0 && peer->awaitingCommits) {
+        if (fromWriter && peer->awaitingCommits && !mustAwaitCommits(*peer, peer->afterReading.front().request)) {
             peer->awaitingCommits = false;
             releaseWaiting(*peer);
         }

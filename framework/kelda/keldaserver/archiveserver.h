@@ -21,6 +21,7 @@
 #include <QTimer>
 
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -105,13 +106,26 @@ private:
         std::shared_ptr<AnswerSpool> spool;
     };
 
+    // A change sent to the writer and not yet answered.
+    struct ChangeUnderWay
+    {
+        // Moves or removes no file of any group, and changes no group's
+        // directory: a file may be read while it is under way.
+        bool keepsFiles = false;
+        // CreateFileGroup: the group, and the directory it names (empty
+        // when the server chooses).
+        QString createdGuid;
+        QString createdDirectory;
+    };
+
     struct Peer
     {
         ClientConnection *connection = nullptr;
         // Requests numbered in arrival order; answers leave in that order.
         quint64 nextSequence = 0;
         quint64 nextToSend = 0;
-        int changesUnderWay = 0;
+        // The connection's changes at the writer, by sequence.
+        std::map<quint64, ChangeUnderWay> changes;
         QMap<quint64, Reply> waiting;
         bool converter = false;
         QVector<int> converterTypes;
@@ -122,9 +136,9 @@ private:
         // A job of this connection is with the digest pool; its later
         // requests wait here, in order, until it is back.
         bool reading = false;
-        // A job that reads a file waits for the connection's earlier
-        // changes to commit, since the group or file it names may be one
-        // of them; its later requests wait with it.
+        // A job that reads files waits for the connection's earlier
+        // changes that could move or remove them to commit; its later
+        // requests wait with it.
         bool awaitingCommits = false;
         std::deque<DatabaseJob> afterReading;
         qint64 parsingReserved = 0;
@@ -182,6 +196,9 @@ private:
     // Sends a job on its way: to the digest pool first when its files are
     // to be read, then to a writer or the reader.
     void route(Peer &peer, DatabaseJob job);
+    static ChangeUnderWay changeUnderWay(const Request &request);
+    static bool mustAwaitCommits(const Peer &peer, const Request &request);
+    static QString plannedDirectory(const Peer &peer, const Request &request);
     void toDatabase(Peer &peer, DatabaseJob job);
     void onRead(DatabaseJob job);
     void releaseWaiting(Peer &peer);

@@ -41,6 +41,8 @@ struct DatabaseJob
     // every earlier change of its connection is committed.
     bool readOnly = false;
     QString guid;
+    // MoveFinished: the group's new directory. AddFile: the directory of a
+    // group this connection's CreateFileGroup, still under way, names.
     QString directory;
     double percent = 0;
     bool ok = false;

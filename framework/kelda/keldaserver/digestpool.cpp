@@ -84,7 +84,7 @@ void DigestPool::serve()
         if (opened && !m_cutShort && !(job.gate && job.gate->closed.load())) {
             try {
                 job.origin.readings =
-                    std::make_shared<const std::vector<FileReading>>(read(store, m_layout, job.request, &m_cutShort));
+                    std::make_shared<const std::vector<FileReading>>(read(store, m_layout, job.request, job.directory, &m_cutShort));
             } catch (const RequestFailure &failure) {
                 Q_TRACE_FAILURE(kSource, failure.text);
             }
@@ -94,11 +94,17 @@ void DigestPool::serve()
 }
 
 std::vector<FileReading> DigestPool::read(ArchiveStore &store, const StorageLayout &layout, const Request &request,
-                                          const std::atomic<bool> *stop)
+                                          const QString &plannedDirectory, const std::atomic<bool> *stop)
 {
     std::vector<FileReading> readings;
     const QString guid = request.text(Tag::Guid);
-    const std::optional<StoredGroup> group = guid.trimmed().isEmpty() ? std::nullopt : store.group(guid);
+    std::optional<StoredGroup> group = guid.trimmed().isEmpty() ? std::nullopt : store.group(guid);
+    if (!group && request.command == Tag::AddFile && !plannedDirectory.isEmpty() &&
+        layout.refusedGroupDirectory(plannedDirectory, guid).isEmpty()) {
+        group.emplace();
+        group->data.setGuid(guid);
+        group->path = plannedDirectory;
+    }
     if (!group)
         return readings;
     QString error;

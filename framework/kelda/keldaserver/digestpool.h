@@ -44,9 +44,13 @@ public:
     static bool readsFilesFor(const QString &command);
 
     // Reads what the request names, as a pool thread does; for the pool and
-    // for tests that drive the engine without threads.
+    // for tests that drive the engine without threads. plannedDirectory is
+    // where a group that is not in the database yet will be: the directory
+    // its CreateFileGroup names, when that is still under way on the same
+    // connection. The handler checks that a reading is of the directory
+    // the group has, so a group that never comes to be costs a read only.
     static std::vector<FileReading> read(ArchiveStore &store, const StorageLayout &layout, const Request &request,
-                                         const std::atomic<bool> *stop);
+                                         const QString &plannedDirectory, const std::atomic<bool> *stop);
 
     void post(DatabaseJob job);
     // Cuts the reads under way short (their jobs are delivered with failed

@@ -46,6 +46,12 @@ QString StorageLayout::refusedGroupDirectory(const QString &directory, const QSt
     return QString();
 }
 
+QString StorageLayout::requestedGroupDirectory(const QString &requestedPath)
+{
+    const QString trimmed = requestedPath.trimmed();
+    return trimmed.isEmpty() ? QString() : QDir::cleanPath(QDir::fromNativeSeparators(trimmed));
+}
+
 QString StorageLayout::rootOf(const QString &directory) const
 {
     if (isAtOrBelow(m_nasPath, directory))

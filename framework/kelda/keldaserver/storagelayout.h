@@ -34,6 +34,9 @@ public:
     // one of its components must be the GUID. Other groups are the
     // database's matter.
     QString refusedGroupDirectory(const QString &directory, const QString &guid) const;
+    // The directory a CreateFileGroup request's Path names, in the form the
+    // group keeps; empty when the request leaves the choice to the server.
+    static QString requestedGroupDirectory(const QString &requestedPath);
 
     // The root a group directory lies below (network storage or base
     // path), empty when it lies below neither.

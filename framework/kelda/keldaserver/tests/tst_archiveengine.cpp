@@ -58,7 +58,7 @@ public:
         RequestOrigin origin;
         if (DigestPool::readsFilesFor(command))
             origin.readings =
-                std::make_shared<const std::vector<FileReading>>(DigestPool::read(m_store, m_layout, request, nullptr));
+                std::make_shared<const std::vector<FileReading>>(DigestPool::read(m_store, m_layout, request, QString(), nullptr));
         if (ArchiveEngine::isReadOnly(command)) {
             m_engine.handle(request, origin, outcome);
             return ReplyFields::read(outcome.reply);
