@@ -347,6 +347,15 @@ void ArchiveDatabase::begin()
 
 bool ArchiveDatabase::commit()
 {
+    try {
+        for (const QString &sql : qAsConst(m_beforeCommit))
+            run(sql, {}, KE_DatabaseNotAvailable);
+    } catch (const RequestFailure &failure) {
+        m_error = failure.text;
+        if (!m_connectionLost)
+            rollback();
+        return false;
+    }
     endRead();
     if (m_session) {
         if (m_session->commit())

@@ -8,6 +8,7 @@
 #include <QElapsedTimer>
 
 #include <iterator>
+#include <vector>
 
 namespace Kelda {
 
@@ -95,6 +96,35 @@ const QStringList kFileDigests{
     QStringLiteral("CREATE INDEX IF NOT EXISTS group_files_checked ON group_files (checked_at)"),
 };
 
+// SQLite's trigram indexes and what they index.
+struct TextIndex
+{
+    QString table;
+    const QString &index;
+    QStringList columns;
+    QString detail;
+};
+
+const std::vector<TextIndex> &textIndexes()
+{
+    // A whole group's keys in one index: a column filter picks the
+    // criterion, and knowing only the columns a trigram occurs in (not
+    // where) keeps it small; the exact test follows anyway.
+    static const std::vector<TextIndex> indexes{
+        {QStringLiteral("file_groups"), ArchiveSchema::GroupTextIndex, kGroupsKeys, QStringLiteral("column")},
+        {QStringLiteral("group_locks"), ArchiveSchema::LockTextIndex, {QStringLiteral("holder_key")},
+         QStringLiteral("none")},
+        {QStringLiteral("group_references"), ArchiveSchema::ReferenceTextIndex, {QStringLiteral("application_key")},
+         QStringLiteral("none")},
+    };
+    return indexes;
+}
+
+QString pendingTable(const TextIndex &index)
+{
+    return index.index + QStringLiteral("_pending");
+}
+
 // Servers wait this long for another's upgrade of a large archive.
 const QString kUpgradeLockTimeout = QStringLiteral("SET LOCAL lock_timeout = '30min'");
 
@@ -111,6 +141,7 @@ const ArchiveSchema::Step ArchiveSchema::Steps[] = {
     &ArchiveSchema::indexSearchCriteria,
     &ArchiveSchema::recordFileDigests,
     &ArchiveSchema::createAuditTrail,
+    &ArchiveSchema::deferTextIndexUpdates,
 };
 
 ArchiveSchema::ArchiveSchema(ArchiveDatabase &database)
@@ -202,14 +233,8 @@ void ArchiveSchema::indexSearchCriteria()
                           QStringLiteral("guid, holder, holder_key, write_lock"), {});
         rebuildWithRowIds(QStringLiteral("group_references"), kReferencesVersion2,
                           QStringLiteral("guid, application, application_key, ref_count"), {});
-        // A whole group's keys in one index: a column filter picks the
-        // criterion, and knowing only the columns a trigram occurs in
-        // (not where) keeps it small; the exact test follows anyway.
-        createTextIndex(QStringLiteral("file_groups"), GroupTextIndex, kGroupsKeys, QStringLiteral("column"));
-        createTextIndex(QStringLiteral("group_locks"), LockTextIndex, {QStringLiteral("holder_key")},
-                        QStringLiteral("none"));
-        createTextIndex(QStringLiteral("group_references"), ReferenceTextIndex, {QStringLiteral("application_key")},
-                        QStringLiteral("none"));
+        for (const TextIndex &index : textIndexes())
+            createTextIndex(index.table, index.index, index.columns, index.detail);
     }
     run(kWriteLocksIndex);
 }
@@ -232,6 +257,59 @@ void ArchiveSchema::createAuditTrail()
                        " guid TEXT NOT NULL, file_id BIGINT, result INTEGER NOT NULL)")
             .arg(AuditTable, id));
     run(QStringLiteral("CREATE INDEX %1_time ON %1 (at_ms)").arg(AuditTable));
+}
+
+void ArchiveSchema::deferTextIndexUpdates()
+{
+    // FTS5 writes what it holds of a transaction's changes at every
+    // savepoint, and with triggers each statement is one: kept in step row
+    // by row, every request wrote several small index segments, and merging
+    // them was most of a change's cost. The triggers now note the rows in a
+    // plain table, and the commit hands the notes to the index in one
+    // statement (textIndexFlush).
+    if (m_db.isPostgres())
+        return;
+    for (const TextIndex &index : textIndexes()) {
+        const QString pending = pendingTable(index);
+        const QString names = index.columns.join(QLatin1String(", "));
+        QStringList newValues;
+        QStringList oldValues;
+        for (const QString &column : index.columns) {
+            newValues.append(QStringLiteral("new.") + column);
+            oldValues.append(QStringLiteral("old.") + column);
+        }
+        const QString insert = QStringLiteral("INSERT INTO %1 (remove, row_id, %2) VALUES (0, new.id, %3);")
+                                   .arg(pending, names, newValues.join(QLatin1String(", ")));
+        const QString remove = QStringLiteral("INSERT INTO %1 (remove, row_id, %2) VALUES (1, old.id, %3);")
+                                   .arg(pending, names, oldValues.join(QLatin1String(", ")));
+        run(QStringLiteral("CREATE TABLE %1 (id INTEGER PRIMARY KEY, remove INTEGER NOT NULL,"
+                           " row_id INTEGER NOT NULL, %2)")
+                .arg(pending, names));
+        for (const QString &event : {QStringLiteral("insert"), QStringLiteral("delete"), QStringLiteral("update")})
+            run(QStringLiteral("DROP TRIGGER %1_%2").arg(index.index, event));
+        run(QStringLiteral("CREATE TRIGGER %1_insert AFTER INSERT ON %2 BEGIN %3 END")
+                .arg(index.index, index.table, insert));
+        run(QStringLiteral("CREATE TRIGGER %1_delete AFTER DELETE ON %2 BEGIN %3 END")
+                .arg(index.index, index.table, remove));
+        run(QStringLiteral("CREATE TRIGGER %1_update AFTER UPDATE OF %2 ON %3 BEGIN %4 %5 END")
+                .arg(index.index, names, index.table, remove, insert));
+    }
+}
+
+QStringList ArchiveSchema::textIndexFlush()
+{
+    QStringList statements;
+    for (const TextIndex &index : textIndexes()) {
+        const QString pending = pendingTable(index);
+        const QString names = index.columns.join(QLatin1String(", "));
+        // In the order the rows changed: a row removed and its id taken
+        // again by a new one in the same transaction stays right.
+        statements.append(QStringLiteral("INSERT INTO %1 (%1, rowid, %2) SELECT CASE WHEN remove THEN 'delete' END,"
+                                         " row_id, %2 FROM %3 ORDER BY id")
+                              .arg(index.index, names, pending));
+        statements.append(QStringLiteral("DELETE FROM %1").arg(pending));
+    }
+    return statements;
 }
 
 void ArchiveSchema::rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,

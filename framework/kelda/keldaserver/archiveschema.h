@@ -20,7 +20,7 @@ class ArchiveSchema
 {
 public:
     // The version this build writes; adding one means adding its step.
-    static constexpr int Version = 4;
+    static constexpr int Version = 5;
 
     // SQLite's trigram indexes: FTS5 tables over the search keys, whose
     // rowid is the id of the row they index.
@@ -31,6 +31,10 @@ public:
     static const QString AuditTable;
 
     explicit ArchiveSchema(ArchiveDatabase &database);
+
+    // On SQLite, run before every commit: hands the rows the transaction
+    // changed to the trigram indexes.
+    static QStringList textIndexFlush();
 
     // Throws RequestFailure; tooNew() tells when the reason is a schema
     // newer than Version.
@@ -49,6 +53,7 @@ private:
     void recordFileDigests();
     void ensureTrigramIndexes();
     void createAuditTrail();
+    void deferTextIndexUpdates();
 
     void rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,
                            const QStringList &indexes);

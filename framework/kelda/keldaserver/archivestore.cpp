@@ -118,6 +118,15 @@ QString marks(int count)
 
 } // namespace
 
+bool ArchiveStore::open(const DatabaseLocation &location)
+{
+    if (!m_db.open(location))
+        return false;
+    if (!m_db.isPostgres())
+        m_db.setBeforeCommit(ArchiveSchema::textIndexFlush());
+    return true;
+}
+
 void ArchiveStore::setLocksGroups(bool locks)
 {
     m_locksGroups = locks;

@@ -152,7 +152,7 @@ public:
     // database.
     void setLocksGroups(bool locks);
 
-    bool open(const DatabaseLocation &location) { return m_db.open(location); }
+    bool open(const DatabaseLocation &location);
     bool reopen() { return m_db.reopen(); }
     QString errorString() const { return m_db.errorString(); }
     bool schemaTooNew() const { return m_db.schemaTooNew(); }
