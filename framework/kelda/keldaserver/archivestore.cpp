@@ -180,6 +180,12 @@ std::optional<StoredGroup> ArchiveStore::group(const QString &guid)
     return result;
 }
 
+std::optional<QString> ArchiveStore::groupDirectory(const QString &guid)
+{
+    return m_db.run(QStringLiteral("SELECT path FROM file_groups WHERE guid = ?"), {guid}, KE_ReadFileGroupFromDbFailed)
+        .firstText();
+}
+
 NewGroupConflicts ArchiveStore::newGroupConflicts(const QString &guid, const QString &directory)
 {
     NewGroupConflicts conflicts;

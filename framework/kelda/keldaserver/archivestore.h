@@ -170,6 +170,8 @@ public:
     void dropCommitMark() { m_db.dropCommitMark(); }
 
     std::optional<StoredGroup> group(const QString &guid);
+    // Only the group's directory: a look that builds no whole group.
+    std::optional<QString> groupDirectory(const QString &guid);
     // An empty directory asks only for the GUID.
     NewGroupConflicts newGroupConflicts(const QString &guid, const QString &directory);
     // Stores a new group, remembers its creator and, on a shared database,

@@ -98,53 +98,46 @@ std::vector<FileReading> DigestPool::read(ArchiveStore &store, const StorageLayo
 {
     std::vector<FileReading> readings;
     const QString guid = request.text(Tag::Guid);
-    std::optional<StoredGroup> group = guid.trimmed().isEmpty() ? std::nullopt : store.group(guid);
-    if (!group && request.command == Tag::AddFile && !plannedDirectory.isEmpty() &&
-        layout.refusedGroupDirectory(plannedDirectory, guid).isEmpty()) {
-        group.emplace();
-        group->data.setGuid(guid);
-        group->path = plannedDirectory;
-    }
-    if (!group)
+    std::optional<QString> path = guid.trimmed().isEmpty() ? std::nullopt : store.groupDirectory(guid);
+    if (!path && request.command == Tag::AddFile && !plannedDirectory.isEmpty() &&
+        layout.refusedGroupDirectory(plannedDirectory, guid).isEmpty())
+        path = plannedDirectory;
+    if (!path)
         return readings;
+    const auto unread = [&guid, &path](int fileId, const QString &name) {
+        FileReading reading;
+        reading.guid = guid;
+        reading.directory = *path;
+        reading.fileId = fileId;
+        reading.name = name;
+        return reading;
+    };
     QString error;
-    const ConfinedDirectory directory =
-        layout.openGroupDirectory(group->path, ConfinedDirectory::Creation::Existing, &error);
+    const ConfinedDirectory directory = layout.openGroupDirectory(*path, ConfinedDirectory::Creation::Existing, &error);
     if (request.command == Tag::AddFile) {
         const QString name = request.text(Tag::FileName);
         // The handler refuses such names and links with reasons of their
         // own; nothing is read for them.
         if (directory.isOpen() && ConfinedDirectory::isPlainName(name) &&
             directory.kindOf(name) == ConfinedDirectory::Kind::Regular)
-            readings.push_back(readFile(directory, *group, 0, name, stop));
+            readings.push_back(readFile(directory, unread(0, name), stop));
         return readings;
     }
-    for (const auto &file : store.files(group->data.getGuid())) {
-        FileReading reading;
-        if (directory.isOpen()) {
-            reading = readFile(directory, *group, file.second, file.first, stop);
-        } else {
-            reading.guid = group->data.getGuid();
-            reading.directory = group->path;
-            reading.fileId = file.second;
-            reading.name = file.first;
+    for (const auto &file : store.files(guid)) {
+        FileReading reading = unread(file.second, file.first);
+        if (directory.isOpen())
+            reading = readFile(directory, reading, stop);
+        else
             reading.error = error;
-        }
         readings.push_back(reading);
     }
     return readings;
 }
 
-FileReading DigestPool::readFile(const ConfinedDirectory &directory, const StoredGroup &group, int fileId,
-                                 const QString &name, const std::atomic<bool> *stop)
+FileReading DigestPool::readFile(const ConfinedDirectory &directory, FileReading reading, const std::atomic<bool> *stop)
 {
-    FileReading reading;
-    reading.guid = group.data.getGuid();
-    reading.directory = group.path;
-    reading.fileId = fileId;
-    reading.name = name;
     const std::optional<ConfinedDirectory::Digest> digest =
-        directory.digestFile(name, &reading.error, ReadControl{stop, nullptr});
+        directory.digestFile(reading.name, &reading.error, ReadControl{stop, nullptr});
     if (digest) {
         reading.found = true;
         reading.size = digest->size;

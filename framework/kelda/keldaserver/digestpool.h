@@ -15,7 +15,6 @@
 namespace Kelda {
 
 class ArchiveStore;
-struct StoredGroup;
 
 // Threads that read the files a request names before the request reaches
 // the thread that commits changes: AddFile records the digest of the file
@@ -60,8 +59,9 @@ public:
 
 private:
     void serve();
-    static FileReading readFile(const ConfinedDirectory &directory, const StoredGroup &group, int fileId,
-                                const QString &name, const std::atomic<bool> *stop);
+    // Reads the file that reading names (its group, directory, id and name
+    // set) and fills in what was found.
+    static FileReading readFile(const ConfinedDirectory &directory, FileReading reading, const std::atomic<bool> *stop);
 
     const DatabaseLocation m_database;
     const QString m_instanceId;

@@ -1,4 +1,6 @@
+#include "archivedatabase.h"
 #include "archiveengine.h"
+#include "archiveschema.h"
 #include "digestpool.h"
 #include "keldaxml.h"
 #include "postgrescluster.h"
@@ -485,7 +487,7 @@ void TestArchiveEngine::criteria()
 
 void TestArchiveEngine::indexFollowsChanges_data()
 {
-    // A change, and the query that must see it within the transaction.
+    // A change, and the query that must see it once it is committed.
     QTest::addColumn<QString>("change");
     QTest::addColumn<QString>("criterion");
     QTest::addColumn<bool>("found");
@@ -504,8 +506,16 @@ void TestArchiveEngine::indexFollowsChanges()
     QFETCH(QString, criterion);
     QFETCH(bool, found);
     const QString word = QStringLiteral("Zephyr%1").arg(QDateTime::currentMSecsSinceEpoch());
+    // Queries run after the commit of their connection's changes, and so
+    // does the test: the trigram indexes take a transaction's rows as it
+    // commits.
+    const auto commit = [this] {
+        QVERIFY(m_rules->store().commit());
+        m_rules->store().begin();
+    };
     const QString guid = m_rules->createGroup({{Tag::FileGroupName, {word}}});
     QVERIFY(!guid.isEmpty());
+    commit();
     // A query before the change builds the search's sample, which the
     // change leaves behind.
     QCOMPARE(m_rules->query({{criterion, {word}}}).size(), criterion == Tag::FileGroupNameSearchText ? 1 : 0);
@@ -518,7 +528,18 @@ void TestArchiveEngine::indexFollowsChanges()
         QCOMPARE(m_rules->lock(guid, word, false).error, int(KE_NoError));
     else if (!change.isEmpty())
         QCOMPARE(m_rules->handle(change, owner).error, int(KE_NoError));
+    commit();
     QCOMPARE(m_rules->query({{criterion, {word.toUpper()}}}).size(), found ? 1 : 0);
+    // Each index holds exactly what its table does.
+    for (const QString &index :
+         {ArchiveSchema::GroupTextIndex, ArchiveSchema::LockTextIndex, ArchiveSchema::ReferenceTextIndex}) {
+        try {
+            m_rules->store().database().execute(
+                QStringLiteral("INSERT INTO %1 (%1, rank) VALUES ('integrity-check', 1)").arg(index), KE_UnknownError);
+        } catch (const RequestFailure &failure) {
+            QFAIL(qPrintable(failure.text));
+        }
+    }
 }
 
 QTEST_GUILESS_MAIN(TestArchiveEngine)
