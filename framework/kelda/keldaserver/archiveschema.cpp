@@ -112,9 +112,13 @@ const std::vector<TextIndex> &textIndexes()
     // where) keeps it small; the exact test follows anyway.
     static const std::vector<TextIndex> indexes{
         {QStringLiteral("file_groups"), ArchiveSchema::GroupTextIndex, kGroupsKeys, QStringLiteral("column")},
-        {QStringLiteral("group_locks"), ArchiveSchema::LockTextIndex, {QStringLiteral("holder_key")},
+        {QStringLiteral("group_locks"),
+         ArchiveSchema::LockTextIndex,
+         {QStringLiteral("holder_key")},
          QStringLiteral("none")},
-        {QStringLiteral("group_references"), ArchiveSchema::ReferenceTextIndex, {QStringLiteral("application_key")},
+        {QStringLiteral("group_references"),
+         ArchiveSchema::ReferenceTextIndex,
+         {QStringLiteral("application_key")},
          QStringLiteral("none")},
     };
     return indexes;
@@ -137,11 +141,8 @@ const QString ArchiveSchema::AuditTable = QStringLiteral("audit_records");
 
 // Steps[v] brings version v to v + 1.
 const ArchiveSchema::Step ArchiveSchema::Steps[] = {
-    &ArchiveSchema::createVersion1,
-    &ArchiveSchema::indexSearchCriteria,
-    &ArchiveSchema::recordFileDigests,
-    &ArchiveSchema::createAuditTrail,
-    &ArchiveSchema::deferTextIndexUpdates,
+    &ArchiveSchema::createVersion1,   &ArchiveSchema::indexSearchCriteria,   &ArchiveSchema::recordFileDigests,
+    &ArchiveSchema::createAuditTrail, &ArchiveSchema::deferTextIndexUpdates,
 };
 
 ArchiveSchema::ArchiveSchema(ArchiveDatabase &database)

@@ -644,8 +644,9 @@ void ArchiveServer::route(Peer &peer, DatabaseJob job)
 
 ArchiveServer::ChangeUnderWay ArchiveServer::changeUnderWay(const Request &request)
 {
-    static const QSet<QString> keepingFiles{Tag::CreateFileGroup, Tag::CreateTovinFileGroup, Tag::AddFile,
-                                            Tag::RequestFile,     Tag::CloseFile,            Tag::AddReference,
+    static const QSet<QString> keepingFiles{Tag::CreateFileGroup, Tag::CreateTovinFileGroup,
+                                            Tag::AddFile,         Tag::RequestFile,
+                                            Tag::CloseFile,       Tag::AddReference,
                                             Tag::RemoveReference, Tag::RemoveAllReferences};
     ChangeUnderWay change;
     change.keepsFiles = keepingFiles.contains(request.command);
@@ -661,8 +662,14 @@ bool ArchiveServer::mustAwaitCommits(const Peer &peer, const Request &request)
     // A verification reads the group's file list as committed.
     if (request.command != Tag::AddFile)
         return !peer.changes.empty();
-    return std::any_of(peer.changes.begin(), peer.changes.end(),
-                       [](const auto &change) { return !change.second.keepsFiles; });
+    // A client may place the file where the server will put a group whose
+    // directory it leaves to the server; that directory is known once the
+    // group is committed.
+    const QString guid = request.text(Tag::Guid);
+    return std::any_of(peer.changes.begin(), peer.changes.end(), [&guid](const auto &change) {
+        return !change.second.keepsFiles ||
+            (change.second.createdGuid == guid && change.second.createdDirectory.isEmpty());
+    });
 }
 
 QString ArchiveServer::plannedDirectory(const Peer &peer, const Request &request)

@@ -83,8 +83,8 @@ void DigestPool::serve()
         // Without readings the handler refuses the request as unread.
         if (opened && !m_cutShort && !(job.gate && job.gate->closed.load())) {
             try {
-                job.origin.readings =
-                    std::make_shared<const std::vector<FileReading>>(read(store, m_layout, job.request, job.directory, &m_cutShort));
+                job.origin.readings = std::make_shared<const std::vector<FileReading>>(
+                    read(store, m_layout, job.request, job.directory, &m_cutShort));
             } catch (const RequestFailure &failure) {
                 Q_TRACE_FAILURE(kSource, failure.text);
             }

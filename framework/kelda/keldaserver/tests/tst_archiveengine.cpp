@@ -59,8 +59,8 @@ public:
         RequestOutcome outcome;
         RequestOrigin origin;
         if (DigestPool::readsFilesFor(command))
-            origin.readings =
-                std::make_shared<const std::vector<FileReading>>(DigestPool::read(m_store, m_layout, request, QString(), nullptr));
+            origin.readings = std::make_shared<const std::vector<FileReading>>(
+                DigestPool::read(m_store, m_layout, request, QString(), nullptr));
         if (ArchiveEngine::isReadOnly(command)) {
             m_engine.handle(request, origin, outcome);
             return ReplyFields::read(outcome.reply);

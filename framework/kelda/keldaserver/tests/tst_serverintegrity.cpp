@@ -64,6 +64,7 @@ private slots:
     void importChecksManifest();
     void interruptedCheckResumes();
     void unknownCommandAnswers41();
+    void digestRecordedAtAdd_data();
     void digestRecordedAtAdd();
 
 private:
@@ -267,12 +268,27 @@ void TestServerIntegrity::unknownCommandAnswers41()
 }
 
 // A client that names its group's directory sends AddFile right behind
-// CreateFileGroup without waiting: the file is read only once the group is
-// committed, and the digest recorded is the file's.
+// CreateFileGroup without waiting: the file is read from that directory
+// while the creation is still under way, and the digest recorded is the
+// file's. A creation refused takes its AddFile with it.
+void TestServerIntegrity::digestRecordedAtAdd_data()
+{
+    QTest::addColumn<QString>("parent");
+    QTest::addColumn<int>("created");
+    QTest::addColumn<int>("added");
+    QTest::newRow("below the base path") << QStringLiteral("pipelined") << int(KE_NoError) << int(KE_NoError);
+    QTest::newRow("in the exchange folder")
+        << QStringLiteral("exchange") << int(KE_CreatePathFailed) << int(KE_GuidNotFound);
+}
+
 void TestServerIntegrity::digestRecordedAtAdd()
 {
+    QFETCH(QString, parent);
+    QFETCH(int, created);
+    QFETCH(int, added);
     const QString guid = QUuid::createUuid().toString(QUuid::WithoutBraces);
-    const QString directory = m_server.basePath() + QStringLiteral("/pipelined/") + guid;
+    const QString directory =
+        QDir::cleanPath(m_server.basePath() + QLatin1Char('/') + parent + QLatin1Char('/') + guid);
     QVERIFY(QDir().mkpath(directory));
     const QByteArray content = QByteArray(300 * 1000, 'x') + "sent behind its group";
     QVERIFY(writeFile(directory + QStringLiteral("/data.bin"), content));
@@ -287,8 +303,10 @@ void TestServerIntegrity::digestRecordedAtAdd()
     raw.sendFrame(RawClient::request(
         QStringLiteral("AddFile"), QStringLiteral("a"),
         QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>data.bin</m:FileName><m:FileId>1</m:FileId>").arg(guid)));
-    QCOMPARE(ReplyFields::read(raw.receive()).error, 0);
-    QCOMPARE(ReplyFields::read(raw.receive()).error, 0);
+    QCOMPARE(ReplyFields::read(raw.receive()).error, created);
+    QCOMPARE(ReplyFields::read(raw.receive()).error, added);
+    if (added != KE_NoError)
+        return;
 
     const QStringList records = m_client->GetFileChecksums(guid);
     QCOMPARE(int(m_client->GetError()), int(KE_NoError));
