@@ -348,8 +348,8 @@ void ArchiveDatabase::begin()
 bool ArchiveDatabase::commit()
 {
     try {
-        for (const QString &sql : qAsConst(m_beforeCommit))
-            run(sql, {}, KE_DatabaseNotAvailable);
+        if (m_beforeCommit)
+            m_beforeCommit();
     } catch (const RequestFailure &failure) {
         m_error = failure.text;
         if (!m_connectionLost)

@@ -8,7 +8,6 @@
 #include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QString>
-#include <QStringList>
 #include <QVariantList>
 
 #include <atomic>
@@ -99,8 +98,9 @@ public:
     // it fail there, the transaction fails with it.
     void runLater(const QString &sql, const QVariantList &values, KeldaError code);
 
-    // Statements every commit runs first, in its transaction.
-    void setBeforeCommit(const QStringList &statements) { m_beforeCommit = statements; }
+    // What every commit does first, in its transaction; it throws
+    // RequestFailure to fail the commit.
+    void setBeforeCommit(std::function<void()> step) { m_beforeCommit = std::move(step); }
     void begin();
     bool commit();
     void rollback();
@@ -152,7 +152,7 @@ private:
     bool m_schemaTooNew = false;
     Schema m_schema = Schema::Upgrade;
     bool m_connectionLost = false;
-    QStringList m_beforeCommit;
+    std::function<void()> m_beforeCommit;
     std::atomic<quint64> *m_errorCounter = nullptr;
     std::atomic<quint64> *m_reconnectCounter = nullptr;
     QHash<QString, std::shared_ptr<SqliteStatement>> m_statements;

@@ -124,6 +124,22 @@ const std::vector<TextIndex> &textIndexes()
     return indexes;
 }
 
+// From version 5 on SQLite: locks are few and held briefly, so a search
+// reads them all, and an index of them cost every lock and release a write
+// of its own.
+const std::vector<TextIndex> &deferredTextIndexes()
+{
+    static const std::vector<TextIndex> indexes = [] {
+        std::vector<TextIndex> kept;
+        for (const TextIndex &index : textIndexes()) {
+            if (&index.index != &ArchiveSchema::LockTextIndex)
+                kept.push_back(index);
+        }
+        return kept;
+    }();
+    return indexes;
+}
+
 QString pendingTable(const TextIndex &index)
 {
     return index.index + QStringLiteral("_pending");
@@ -265,12 +281,16 @@ void ArchiveSchema::deferTextIndexUpdates()
     // FTS5 writes what it holds of a transaction's changes at every
     // savepoint, and with triggers each statement is one: kept in step row
     // by row, every request wrote several small index segments, and merging
-    // them was most of a change's cost. The triggers now note the rows in a
-    // plain table, and the commit hands the notes to the index in one
-    // statement (textIndexFlush).
+    // them was a large part of a change's cost. The triggers now note the
+    // rows in a plain table, and the commit hands the notes to the index in
+    // one statement (textIndexFlush).
     if (m_db.isPostgres())
         return;
-    for (const TextIndex &index : textIndexes()) {
+    const QStringList events{QStringLiteral("insert"), QStringLiteral("delete"), QStringLiteral("update")};
+    for (const QString &event : events)
+        run(QStringLiteral("DROP TRIGGER %1_%2").arg(LockTextIndex, event));
+    run(QStringLiteral("DROP TABLE %1").arg(LockTextIndex));
+    for (const TextIndex &index : deferredTextIndexes()) {
         const QString pending = pendingTable(index);
         const QString names = index.columns.join(QLatin1String(", "));
         QStringList newValues;
@@ -286,7 +306,7 @@ void ArchiveSchema::deferTextIndexUpdates()
         run(QStringLiteral("CREATE TABLE %1 (id INTEGER PRIMARY KEY, remove INTEGER NOT NULL,"
                            " row_id INTEGER NOT NULL, %2)")
                 .arg(pending, names));
-        for (const QString &event : {QStringLiteral("insert"), QStringLiteral("delete"), QStringLiteral("update")})
+        for (const QString &event : events)
             run(QStringLiteral("DROP TRIGGER %1_%2").arg(index.index, event));
         run(QStringLiteral("CREATE TRIGGER %1_insert AFTER INSERT ON %2 BEGIN %3 END")
                 .arg(index.index, index.table, insert));
@@ -297,20 +317,34 @@ void ArchiveSchema::deferTextIndexUpdates()
     }
 }
 
-QStringList ArchiveSchema::textIndexFlush()
+const QString &ArchiveSchema::pendingTextCheck()
 {
-    QStringList statements;
-    for (const TextIndex &index : textIndexes()) {
-        const QString pending = pendingTable(index);
-        const QString names = index.columns.join(QLatin1String(", "));
-        // In the order the rows changed: a row removed and its id taken
-        // again by a new one in the same transaction stays right.
-        statements.append(QStringLiteral("INSERT INTO %1 (%1, rowid, %2) SELECT CASE WHEN remove THEN 'delete' END,"
-                                         " row_id, %2 FROM %3 ORDER BY id")
-                              .arg(index.index, names, pending));
-        statements.append(QStringLiteral("DELETE FROM %1").arg(pending));
-    }
-    return statements;
+    static const QString check = [] {
+        QStringList columns;
+        for (const TextIndex &index : deferredTextIndexes())
+            columns.append(QStringLiteral("EXISTS (SELECT 1 FROM %1)").arg(pendingTable(index)));
+        return QStringLiteral("SELECT ") + columns.join(QLatin1String(", "));
+    }();
+    return check;
+}
+
+const QStringList &ArchiveSchema::textIndexFlush(int index)
+{
+    static const std::vector<QStringList> flushes = [] {
+        std::vector<QStringList> all;
+        for (const TextIndex &index : deferredTextIndexes()) {
+            const QString pending = pendingTable(index);
+            const QString names = index.columns.join(QLatin1String(", "));
+            // In the order the rows changed: a row removed and its id taken
+            // again by a new one in the same transaction stays right.
+            all.push_back({QStringLiteral("INSERT INTO %1 (%1, rowid, %2) SELECT CASE WHEN remove THEN 'delete' END,"
+                                          " row_id, %2 FROM %3 ORDER BY id")
+                               .arg(index.index, names, pending),
+                           QStringLiteral("DELETE FROM %1").arg(pending)});
+        }
+        return all;
+    }();
+    return flushes.at(size_t(index));
 }
 
 void ArchiveSchema::rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,

@@ -23,7 +23,8 @@ public:
     static constexpr int Version = 5;
 
     // SQLite's trigram indexes: FTS5 tables over the search keys, whose
-    // rowid is the id of the row they index.
+    // rowid is the id of the row they index. Locks have one up to version
+    // 4 only.
     static const QString GroupTextIndex;
     static const QString LockTextIndex;
     static const QString ReferenceTextIndex;
@@ -32,9 +33,13 @@ public:
 
     explicit ArchiveSchema(ArchiveDatabase &database);
 
-    // On SQLite, run before every commit: hands the rows the transaction
-    // changed to the trigram indexes.
-    static QStringList textIndexFlush();
+    // On SQLite the trigram indexes take the rows a transaction changed as
+    // it commits. pendingTextCheck answers one row with a column for each
+    // such index, true when rows wait for it; textIndexFlush(column) are
+    // the statements that hand them over.
+    static constexpr int DeferredTextIndexes = 2;
+    static const QString &pendingTextCheck();
+    static const QStringList &textIndexFlush(int index);
 
     // Throws RequestFailure; tooNew() tells when the reason is a schema
     // newer than Version.

@@ -123,8 +123,25 @@ bool ArchiveStore::open(const DatabaseLocation &location)
     if (!m_db.open(location))
         return false;
     if (!m_db.isPostgres())
-        m_db.setBeforeCommit(ArchiveSchema::textIndexFlush());
+        m_db.setBeforeCommit([this] { flushTextIndexes(); });
     return true;
+}
+
+void ArchiveStore::flushTextIndexes()
+{
+    ResultRows &waiting = m_db.run(ArchiveSchema::pendingTextCheck(), {}, KE_DatabaseNotAvailable);
+    bool due[ArchiveSchema::DeferredTextIndexes] = {};
+    if (waiting.next()) {
+        for (int i = 0; i < ArchiveSchema::DeferredTextIndexes; ++i)
+            due[i] = waiting.flag(i);
+    }
+    waiting.finish();
+    for (int i = 0; i < ArchiveSchema::DeferredTextIndexes; ++i) {
+        if (!due[i])
+            continue;
+        for (const QString &sql : ArchiveSchema::textIndexFlush(i))
+            m_db.run(sql, {}, KE_DatabaseNotAvailable);
+    }
 }
 
 void ArchiveStore::setLocksGroups(bool locks)
@@ -565,7 +582,6 @@ void ArchiveStore::sampleSearchKeys()
                 {QStringLiteral("name_key"), QStringLiteral("comment_key"), QStringLiteral("detail_key"),
                  QStringLiteral("creator_key"), QStringLiteral("team_key"), QStringLiteral("version_key")},
                 ArchiveSchema::GroupTextIndex);
-    sampleTable(QStringLiteral("group_locks"), {QStringLiteral("holder_key")}, ArchiveSchema::LockTextIndex);
     sampleTable(QStringLiteral("group_references"), {QStringLiteral("application_key")},
                 ArchiveSchema::ReferenceTextIndex);
     m_sampled.start();

@@ -152,6 +152,7 @@ public:
     // database.
     void setLocksGroups(bool locks);
 
+    // On SQLite, every commit brings the trigram indexes up to date first.
     bool open(const DatabaseLocation &location);
     bool reopen() { return m_db.reopen(); }
     QString errorString() const { return m_db.errorString(); }
@@ -234,6 +235,7 @@ private:
     void refreshCounters(const QString &guid);
     QString forUpdate() const;
     void sampleSearchKeys();
+    void flushTextIndexes();
     // Counts the trigrams of a sample of the table's rows per column, and
     // per row under the name of the table's index.
     void sampleTable(const QString &table, const QStringList &columns, const QString &index);

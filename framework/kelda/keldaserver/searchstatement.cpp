@@ -81,8 +81,8 @@ SearchStatement::SearchStatement(const GroupSearch &criteria, bool postgres, con
         m_values.append(criteria.locationState);
     }
     addLockState(criteria.lockState);
-    addLinkedText(QStringLiteral("group_locks"), QStringLiteral("holder_key"), ArchiveSchema::LockTextIndex,
-                  criteria.lockUser);
+    // Locks are few: SQLite reads them all.
+    addLinkedText(QStringLiteral("group_locks"), QStringLiteral("holder_key"), QString(), criteria.lockUser);
     addLinkedText(QStringLiteral("group_references"), QStringLiteral("application_key"),
                   ArchiveSchema::ReferenceTextIndex, criteria.referencingApplication);
     addRange("backup_time", criteria.backup);
@@ -193,7 +193,7 @@ void SearchStatement::addLinkedText(const QString &table, const QString &column,
     if (text.isEmpty())
         return;
     m_sql += QStringLiteral(" AND g.guid IN (SELECT t.guid FROM %1 t WHERE 1 = 1").arg(table);
-    const QString term = m_postgres ? QString() : indexTerm(QString(), index, text);
+    const QString term = m_postgres || index.isEmpty() ? QString() : indexTerm(QString(), index, text);
     if (!term.isEmpty()) {
         m_sql += QStringLiteral(" AND t.id IN (SELECT rowid FROM %1 WHERE %1 MATCH ?)").arg(index);
         m_values.append(term);
