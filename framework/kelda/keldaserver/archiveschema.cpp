@@ -317,6 +317,11 @@ void ArchiveSchema::deferTextIndexUpdates()
     }
 }
 
+int ArchiveSchema::deferredTextIndexCount()
+{
+    return int(deferredTextIndexes().size());
+}
+
 const QString &ArchiveSchema::pendingTextCheck()
 {
     static const QString check = [] {

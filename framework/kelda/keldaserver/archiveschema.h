@@ -35,9 +35,9 @@ public:
 
     // On SQLite the trigram indexes take the rows a transaction changed as
     // it commits. pendingTextCheck answers one row with a column for each
-    // such index, true when rows wait for it; textIndexFlush(column) are
-    // the statements that hand them over.
-    static constexpr int DeferredTextIndexes = 2;
+    // such index (deferredTextIndexCount of them), true when rows wait for
+    // it; textIndexFlush(column) are the statements that hand them over.
+    static int deferredTextIndexCount();
     static const QString &pendingTextCheck();
     static const QStringList &textIndexFlush(int index);
 

@@ -130,16 +130,16 @@ bool ArchiveStore::open(const DatabaseLocation &location)
 void ArchiveStore::flushTextIndexes()
 {
     ResultRows &waiting = m_db.run(ArchiveSchema::pendingTextCheck(), {}, KE_DatabaseNotAvailable);
-    bool due[ArchiveSchema::DeferredTextIndexes] = {};
+    std::vector<bool> due(size_t(ArchiveSchema::deferredTextIndexCount()), false);
     if (waiting.next()) {
-        for (int i = 0; i < ArchiveSchema::DeferredTextIndexes; ++i)
-            due[i] = waiting.flag(i);
+        for (size_t i = 0; i < due.size(); ++i)
+            due[i] = waiting.flag(int(i));
     }
     waiting.finish();
-    for (int i = 0; i < ArchiveSchema::DeferredTextIndexes; ++i) {
+    for (size_t i = 0; i < due.size(); ++i) {
         if (!due[i])
             continue;
-        for (const QString &sql : ArchiveSchema::textIndexFlush(i))
+        for (const QString &sql : ArchiveSchema::textIndexFlush(int(i)))
             m_db.run(sql, {}, KE_DatabaseNotAvailable);
     }
 }
