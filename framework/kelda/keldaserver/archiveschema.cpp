@@ -140,6 +140,15 @@ const std::vector<TextIndex> &deferredTextIndexes()
     return indexes;
 }
 
+// "new.a, new.b" for a trigger's row values.
+QString rowValues(const QStringList &columns, QLatin1String row)
+{
+    QStringList values;
+    for (const QString &column : columns)
+        values.append(row + QLatin1Char('.') + column);
+    return values.join(QLatin1String(", "));
+}
+
 QString pendingTable(const TextIndex &index)
 {
     return index.index + QStringLiteral("_pending");
@@ -293,27 +302,16 @@ void ArchiveSchema::deferTextIndexUpdates()
     for (const TextIndex &index : deferredTextIndexes()) {
         const QString pending = pendingTable(index);
         const QString names = index.columns.join(QLatin1String(", "));
-        QStringList newValues;
-        QStringList oldValues;
-        for (const QString &column : index.columns) {
-            newValues.append(QStringLiteral("new.") + column);
-            oldValues.append(QStringLiteral("old.") + column);
-        }
         const QString insert = QStringLiteral("INSERT INTO %1 (remove, row_id, %2) VALUES (0, new.id, %3);")
-                                   .arg(pending, names, newValues.join(QLatin1String(", ")));
+                                   .arg(pending, names, rowValues(index.columns, QLatin1String("new")));
         const QString remove = QStringLiteral("INSERT INTO %1 (remove, row_id, %2) VALUES (1, old.id, %3);")
-                                   .arg(pending, names, oldValues.join(QLatin1String(", ")));
+                                   .arg(pending, names, rowValues(index.columns, QLatin1String("old")));
         run(QStringLiteral("CREATE TABLE %1 (id INTEGER PRIMARY KEY, remove INTEGER NOT NULL,"
                            " row_id INTEGER NOT NULL, %2)")
                 .arg(pending, names));
         for (const QString &event : events)
             run(QStringLiteral("DROP TRIGGER %1_%2").arg(index.index, event));
-        run(QStringLiteral("CREATE TRIGGER %1_insert AFTER INSERT ON %2 BEGIN %3 END")
-                .arg(index.index, index.table, insert));
-        run(QStringLiteral("CREATE TRIGGER %1_delete AFTER DELETE ON %2 BEGIN %3 END")
-                .arg(index.index, index.table, remove));
-        run(QStringLiteral("CREATE TRIGGER %1_update AFTER UPDATE OF %2 ON %3 BEGIN %4 %5 END")
-                .arg(index.index, names, index.table, remove, insert));
+        createTriggers(index.index, index.table, names, insert, remove);
     }
 }
 
@@ -371,26 +369,26 @@ void ArchiveSchema::createTextIndex(const QString &table, const QString &index, 
                                     const QString &detail)
 {
     const QString names = columns.join(QLatin1String(", "));
-    QStringList newValues;
-    QStringList oldValues;
-    for (const QString &column : columns) {
-        newValues.append(QStringLiteral("new.") + column);
-        oldValues.append(QStringLiteral("old.") + column);
-    }
     const QString insert = QStringLiteral("INSERT INTO %1 (rowid, %2) VALUES (new.id, %3);")
-                               .arg(index, names, newValues.join(QLatin1String(", ")));
+                               .arg(index, names, rowValues(columns, QLatin1String("new")));
     const QString remove = QStringLiteral("INSERT INTO %1 (%1, rowid, %2) VALUES ('delete', old.id, %3);")
-                               .arg(index, names, oldValues.join(QLatin1String(", ")));
+                               .arg(index, names, rowValues(columns, QLatin1String("old")));
     run(QStringLiteral("CREATE VIRTUAL TABLE %1 USING fts5(%2, content='%3', content_rowid='id',"
                        " tokenize='trigram', detail='%4')")
             .arg(index, names, table, detail));
     // Kept in step by the statements that change the table, inside their
     // transaction.
+    createTriggers(index, table, names, insert, remove);
+    run(QStringLiteral("INSERT INTO %1 (%1) VALUES ('rebuild')").arg(index));
+}
+
+void ArchiveSchema::createTriggers(const QString &index, const QString &table, const QString &columns,
+                                   const QString &insert, const QString &remove)
+{
     run(QStringLiteral("CREATE TRIGGER %1_insert AFTER INSERT ON %2 BEGIN %3 END").arg(index, table, insert));
     run(QStringLiteral("CREATE TRIGGER %1_delete AFTER DELETE ON %2 BEGIN %3 END").arg(index, table, remove));
     run(QStringLiteral("CREATE TRIGGER %1_update AFTER UPDATE OF %2 ON %3 BEGIN %4 %5 END")
-            .arg(index, names, table, remove, insert));
-    run(QStringLiteral("INSERT INTO %1 (%1) VALUES ('rebuild')").arg(index));
+            .arg(index, columns, table, remove, insert));
 }
 
 void ArchiveSchema::ensureTrigramIndexes()

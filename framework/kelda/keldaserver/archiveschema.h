@@ -63,6 +63,10 @@ private:
     void rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,
                            const QStringList &indexes);
     void createTextIndex(const QString &table, const QString &index, const QStringList &columns, const QString &detail);
+    // Triggers named after index: insert runs for each row the table gains,
+    // remove for each it loses, both for a row whose columns change.
+    void createTriggers(const QString &index, const QString &table, const QString &columns, const QString &insert,
+                        const QString &remove);
     // The statements in a savepoint of their own; the reason they failed,
     // or empty.
     QString tryRun(const QStringList &statements);
