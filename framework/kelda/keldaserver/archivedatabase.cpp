@@ -8,6 +8,7 @@
 #include <QSqlError>
 
 #include <libpq-fe.h>
+#include <sqlite3.h>
 
 #include <atomic>
 
@@ -153,6 +154,11 @@ bool ArchiveDatabase::connect()
         }
     }
     return true;
+}
+
+bool ArchiveDatabase::configureSqliteLibrary()
+{
+    return sqlite3_config(SQLITE_CONFIG_STMTJRNL_SPILL, SqliteSubJournalBytes) == SQLITE_OK;
 }
 
 void ArchiveDatabase::setUpSqlite()

@@ -46,6 +46,15 @@ public:
     // larger than the mapping fills the cache by a scan of all groups.
     static constexpr qint64 SqliteMapBytes = 256 * 1024 * 1024;
     static constexpr qint64 SqliteCacheKiB = 64 * 1024;
+    // Each request runs in a savepoint, and what SQLite keeps to roll one
+    // back spills past 64 KiB into a temporary file, a new one for every
+    // transaction: a request touching twenty pages wrote them twice more.
+    // Kept in memory up to this size instead, per connection.
+    static constexpr int SqliteSubJournalBytes = 4 * 1024 * 1024;
+    // Sets what the SQLite library is given once for the whole process.
+    // Call before any database is opened and before other threads start;
+    // false when SQLite was in use already.
+    static bool configureSqliteLibrary();
 
     // This server among those sharing the database: names its commit marks
     // and its liveness. Set before open().

@@ -439,14 +439,16 @@ void ArchiveEngine::addFile(const Request &request, const RequestOrigin &origin,
     if (!directory.isOpen())
         refuse(KE_OpenFileFailed,
                QStringLiteral("Cannot use the directory of file group %1: %2").arg(group.data.getGuid(), error));
-    // A link may point anywhere; archived files are files of their own.
-    if (directory.kindOf(name) == ConfinedDirectory::Kind::Link)
-        refuse(KE_AddFileFailed, QStringLiteral("Refused %1: it is a symbolic link").arg(name));
-    if (!directory.checkRegularFile(name, &error))
+    const std::optional<qint64> size = directory.regularFileSize(name, &error);
+    if (!size) {
+        // A link may point anywhere; archived files are files of their own.
+        if (directory.kindOf(name) == ConfinedDirectory::Kind::Link)
+            refuse(KE_AddFileFailed, QStringLiteral("Refused %1: it is a symbolic link").arg(name));
         refuse(KE_OpenFileFailed,
                QStringLiteral("%1 is no regular file in the group's directory %2; copy it there "
                               "first (%3)")
                    .arg(name, StorageLayout::directoryForReply(group.path), error));
+    }
     const QString guid = group.data.getGuid();
     const qint64 wanted = request.number(Tag::FileId);
     const FileFacts facts = m_store.fileFacts(guid, name, wanted);
@@ -458,7 +460,7 @@ void ArchiveEngine::addFile(const Request &request, const RequestOrigin &origin,
             refuse(KE_AddFileFailed, QStringLiteral("File group %1 has no free file id left").arg(guid));
         fileId = facts.highestId + 1;
     }
-    FileCheck check = checkOfAddedFile(group, name, origin, directory);
+    FileCheck check = checkOfAddedFile(group, name, origin, *size);
     check.fileId = fileId;
     m_store.addFile(guid, fileId, name, now().toMSecsSinceEpoch(), check);
     outcome.fileId = fileId;
@@ -467,7 +469,7 @@ void ArchiveEngine::addFile(const Request &request, const RequestOrigin &origin,
 }
 
 FileCheck ArchiveEngine::checkOfAddedFile(const StoredGroup &group, const QString &name, const RequestOrigin &origin,
-                                          const ConfinedDirectory &directory)
+                                          qint64 sizeNow)
 {
     const FileReading *reading = nullptr;
     if (origin.readings) {
@@ -482,8 +484,7 @@ FileCheck ArchiveEngine::checkOfAddedFile(const StoredGroup &group, const QStrin
                    .arg(name, reading ? reading->error : QStringLiteral("it was not read")));
     // Read before this request reached the database: a file that changed
     // since would be recorded with a digest of other content.
-    QString error;
-    if (directory.regularFileSize(name, &error) != reading->size)
+    if (sizeNow != reading->size)
         refuse(KE_ReadFileFailed, QStringLiteral("%1 changed while the server read it; add it again").arg(name));
     FileCheck check;
     check.name = name;

@@ -184,8 +184,10 @@ private:
     static void spool(AnswerSpool &spool, const QByteArray &bytes);
 
     static void writeChecks(ReplyWriter &writer, ReplyKind kind, const std::vector<FileCheck> &checks);
+    // sizeNow: the file's size as the request is carried out, against
+    // the size the digest was read at.
     FileCheck checkOfAddedFile(const StoredGroup &group, const QString &name, const RequestOrigin &origin,
-                               const ConfinedDirectory &directory);
+                               qint64 sizeNow);
 
     QString createGroup(StoredGroup group, const QString &requestedPath, RequestOutcome &outcome);
     // Checks a new group and creates its directory; returns the directory.

@@ -9,11 +9,16 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+#if __has_include(<linux/openat2.h>)
+#include <linux/openat2.h>
+#endif
 
 #include <cerrno>
 #include <cstring>
-#include <vector>
+#include <memory>
 
 namespace Kelda {
 
@@ -26,6 +31,7 @@ constexpr int kMaxDepth = 32;
 constexpr size_t kCopyBuffer = 256 * 1024;
 // Large enough that a read's cost is the digest's, not the system call's.
 constexpr size_t kDigestBuffer = 1024 * 1024;
+constexpr size_t kSmallestBuffer = 4096;
 
 qint64 modifiedNs(const struct stat &status)
 {
@@ -103,6 +109,47 @@ void setError(QString *error, const QString &text)
         *error = text;
 }
 
+// A read buffer no larger than the file it is for. Most archived files are
+// small, and a megabyte cleared and mapped for each of them cost more than
+// reading them.
+class ReadBuffer
+{
+public:
+    ReadBuffer(qint64 fileSize, size_t largest)
+        : m_size(size_t(qBound(qint64(kSmallestBuffer), fileSize, qint64(largest))))
+        , m_data(new char[m_size])
+    { }
+    char *data() const { return m_data.get(); }
+    size_t size() const { return m_size; }
+
+private:
+    size_t m_size;
+    std::unique_ptr<char[]> m_data;
+};
+
+// Opens the directory at relative below dirFd in one call, refusing a
+// symbolic link anywhere on the way and any step out of dirFd. -1 when the
+// kernel cannot (no openat2) or the path does not resolve; the caller then
+// walks it component by component, which also says what went wrong.
+int openDirectoryBeneath(int dirFd, const QByteArray &relative)
+{
+#if defined(SYS_openat2) && defined(RESOLVE_BENEATH)
+    struct open_how how;
+    std::memset(&how, 0, sizeof how);
+    how.flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    for (;;) {
+        const long fd = ::syscall(SYS_openat2, dirFd, relative.constData(), &how, sizeof how);
+        if (fd >= 0 || errno != EINTR)
+            return int(fd);
+    }
+#else
+    Q_UNUSED(dirFd)
+    Q_UNUSED(relative)
+    return -1;
+#endif
+}
+
 } // namespace
 
 ConfinedDirectory::ConfinedDirectory(FileDescriptor fd, const QString &path)
@@ -143,12 +190,32 @@ ConfinedDirectory ConfinedDirectory::open(const QString &root, const QString &pa
         current.m_missing = failure == ENOENT;
         return current;
     }
+    if (components.isEmpty())
+        return current;
+    ConfinedDirectory resolved = current.openBelow(components, creation, error);
+    if (resolved.isOpen())
+        return resolved;
     for (const QString &component : qAsConst(components)) {
         current = current.openChild(component, creation, error);
         if (!current.isOpen())
             break;
     }
     return current;
+}
+
+ConfinedDirectory ConfinedDirectory::openBelow(const QStringList &components, Creation creation, QString *error) const
+{
+    const QString relative = components.join(QLatin1Char('/'));
+    if (relative.contains(QChar(0)))
+        return ConfinedDirectory();
+    const int fd = openDirectoryBeneath(m_fd.get(), encoded(relative));
+    if (fd >= 0)
+        return ConfinedDirectory(FileDescriptor(fd), childPath(relative));
+    // A new group's directory: its parent is usually there already.
+    if (errno != ENOENT || creation != Creation::CreateMissing || components.size() < 2)
+        return ConfinedDirectory();
+    const ConfinedDirectory parent = openBelow(components.mid(0, components.size() - 1), Creation::Existing, error);
+    return parent.isOpen() ? parent.openChild(components.last(), creation, error) : ConfinedDirectory();
 }
 
 ConfinedDirectory ConfinedDirectory::openChild(const QString &name, Creation creation, QString *error) const
@@ -232,26 +299,33 @@ QStringList ConfinedDirectory::entryNames() const
     return names;
 }
 
-FileDescriptor ConfinedDirectory::openRegular(const QString &name, struct stat *status, QString *error) const
+bool ConfinedDirectory::statRegular(const QString &name, struct stat *status, QString *error) const
 {
-    const QString path = childPath(name);
     if (!isPlainName(name)) {
         setError(error, QStringLiteral("\"%1\" below %2 is no plain name").arg(name, m_path));
-        return FileDescriptor();
+        return false;
     }
-    const QByteArray child = encoded(name);
-    // Looked at before opening: opening a device or FIFO may itself have
-    // effects or wait.
-    if (::fstatat(m_fd.get(), child.constData(), status, AT_SYMLINK_NOFOLLOW) != 0) {
-        setError(error, describe(path, errno));
-        return FileDescriptor();
+    if (::fstatat(m_fd.get(), encoded(name).constData(), status, AT_SYMLINK_NOFOLLOW) != 0) {
+        setError(error, describe(childPath(name), errno));
+        return false;
     }
     if (!S_ISREG(status->st_mode)) {
-        setError(error, QStringLiteral("%1 is %2, not a regular file").arg(path, kindText(status->st_mode)));
-        return FileDescriptor();
+        setError(error,
+                 QStringLiteral("%1 is %2, not a regular file").arg(childPath(name), kindText(status->st_mode)));
+        return false;
     }
+    return true;
+}
+
+FileDescriptor ConfinedDirectory::openRegular(const QString &name, struct stat *status, QString *error) const
+{
+    // Looked at before opening: opening a device or FIFO may itself have
+    // effects or wait.
+    if (!statRegular(name, status, error))
+        return FileDescriptor();
+    const QString path = childPath(name);
     FileDescriptor fd(
-        ::openat(m_fd.get(), child.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        ::openat(m_fd.get(), encoded(name).constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!fd.isValid()) {
         setError(error, describe(path, errno));
         return fd;
@@ -267,13 +341,13 @@ FileDescriptor ConfinedDirectory::openRegular(const QString &name, struct stat *
 bool ConfinedDirectory::checkRegularFile(const QString &name, QString *error) const
 {
     struct stat status;
-    return openRegular(name, &status, error).isValid();
+    return statRegular(name, &status, error);
 }
 
 std::optional<qint64> ConfinedDirectory::regularFileSize(const QString &name, QString *error) const
 {
     struct stat status;
-    if (!openRegular(name, &status, error).isValid())
+    if (!statRegular(name, &status, error))
         return std::nullopt;
     return qint64(status.st_size);
 }
@@ -292,7 +366,7 @@ std::optional<QByteArray> ConfinedDirectory::readFile(const QString &name, qint6
     // The size is only a hint: the file may grow while it is read.
     QByteArray content;
     content.reserve(int(status.st_size));
-    std::vector<char> buffer(64 * 1024);
+    const ReadBuffer buffer(status.st_size, 64 * 1024);
     for (;;) {
         const ssize_t got = readSome(fd.get(), buffer.data(), buffer.size());
         if (got < 0) {
@@ -340,7 +414,7 @@ std::optional<ConfinedDirectory::Digest> ConfinedDirectory::digestFile(const QSt
         return std::nullopt;
     ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     FileDigest digest;
-    std::vector<char> buffer(kDigestBuffer);
+    const ReadBuffer buffer(before.st_size, kDigestBuffer);
     qint64 read = 0;
     for (;;) {
         if (control.stop && *control.stop) {
@@ -392,7 +466,7 @@ bool ConfinedDirectory::copyFileTo(const QString &name, const ConfinedDirectory 
     };
     FileDigest digest;
     qint64 total = 0;
-    std::vector<char> buffer(kCopyBuffer);
+    const ReadBuffer buffer(status.st_size, kCopyBuffer);
     for (;;) {
         if (control.stop && *control.stop)
             return fail(EINTR);

@@ -72,7 +72,7 @@ public:
     ConfinedDirectory createSubdirectory(const QString &name, QString *error) const;
     QStringList entryNames() const;
 
-    // Opens name the way a read would, to check that it is a regular file.
+    // Whether name is a regular file, looked at without following a link.
     bool checkRegularFile(const QString &name, QString *error) const;
     std::optional<qint64> regularFileSize(const QString &name, QString *error) const;
     // The whole content, when name is a regular file of at most maxBytes.
@@ -104,6 +104,10 @@ private:
     ConfinedDirectory(FileDescriptor fd, const QString &path);
 
     ConfinedDirectory openChild(const QString &name, Creation creation, QString *error) const;
+    // The fast way to a directory below this one; closed when it did not
+    // work out, and the caller walks.
+    ConfinedDirectory openBelow(const QStringList &components, Creation creation, QString *error) const;
+    bool statRegular(const QString &name, struct stat *status, QString *error) const;
     FileDescriptor openRegular(const QString &name, struct stat *status, QString *error) const;
     QString childPath(const QString &name) const;
     bool removeEmptyChild(const QString &name, int depth) const;

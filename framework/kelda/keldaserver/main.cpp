@@ -1,3 +1,4 @@
+#include "archivedatabase.h"
 #include "archiveserver.h"
 #include "backupcommand.h"
 #include "restorecommand.h"
@@ -44,6 +45,7 @@ int main(int argc, char *argv[])
     // zone, named once, is read once.
     if (qEnvironmentVariableIsEmpty("TZ"))
         qputenv("TZ", ":/etc/localtime");
+    ArchiveDatabase::configureSqliteLibrary();
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("keldaserver"));
     QCoreApplication::setApplicationVersion(QStringLiteral(KELDA_VERSION));

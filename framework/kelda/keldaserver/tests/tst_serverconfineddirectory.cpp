@@ -111,6 +111,7 @@ void TestServerConfinedDirectory::onlyRegularFilesAreRead_data()
     row("regular file", root(QStringLiteral("a/b/c")), "f", true, "mine");
     row("at the size limit", root(), "four", true, "1234");
     row("over the size limit", root(), "five", true, "");
+    row("larger than one read", root(), "large", true, "");
     row("link to a file", root(), "link", false, "");
     row("FIFO without writer", root(), "fifo", false, "");
     row("socket", root(), "socket", false, "");
@@ -125,6 +126,12 @@ void TestServerConfinedDirectory::onlyRegularFilesAreRead()
     QFETCH(bool, regular);
     QFETCH(QByteArray, content);
     QVERIFY(write(root(QStringLiteral("four")), "1234") && write(root(QStringLiteral("five")), "12345"));
+    if (name == QLatin1String("large")) {
+        QByteArray large(3 * 1024 * 1024 + 5, Qt::Uninitialized);
+        for (int i = 0; i < large.size(); ++i)
+            large[i] = char(i * 7 / 4096);
+        QVERIFY(write(root(name), large));
+    }
     QVERIFY(QFile::link(outside(QStringLiteral("secret")), root(QStringLiteral("link"))));
     QCOMPARE(::mkfifo(QFile::encodeName(root(QStringLiteral("fifo"))).constData(), 0600), 0);
     QLocalServer socket;
