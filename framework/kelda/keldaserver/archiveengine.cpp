@@ -38,6 +38,19 @@ constexpr int SpoolPieceBytes = 256 * 1024;
     throw RequestFailure{code, text};
 }
 
+void refuseUnnamedGroup(const QString &guid)
+{
+    if (guid.trimmed().isEmpty())
+        refuse(KE_GuidNotFound, QStringLiteral("The request names no file group"));
+}
+
+template <typename Group> Group foundGroup(const QString &guid, std::optional<Group> group)
+{
+    if (!group)
+        refuse(KE_GuidNotFound, QStringLiteral("No file group %1").arg(guid));
+    return std::move(*group);
+}
+
 void enforce(const std::optional<AccessRules::Refusal> &refusal)
 {
     if (refusal)
@@ -254,19 +267,26 @@ void ArchiveEngine::spool(AnswerSpool &spool, const QByteArray &bytes)
 
 StoredGroup ArchiveEngine::requireGroup(const QString &guid)
 {
-    if (guid.trimmed().isEmpty())
-        refuse(KE_GuidNotFound, QStringLiteral("The request names no file group"));
-    std::optional<StoredGroup> group = m_store.group(guid);
-    if (!group)
-        refuse(KE_GuidNotFound, QStringLiteral("No file group %1").arg(guid));
-    return *group;
+    refuseUnnamedGroup(guid);
+    return foundGroup(guid, m_store.group(guid));
+}
+
+GroupPlace ArchiveEngine::requirePlace(const QString &guid)
+{
+    refuseUnnamedGroup(guid);
+    return foundGroup(guid, m_store.groupPlace(guid));
 }
 
 void ArchiveEngine::refuseWhileMoving(const StoredGroup &group)
 {
-    if (group.data.getLocationState() == LS_CentralNotMoved)
+    refuseWhileMoving(group.data.getGuid(), group.data.getLocationState());
+}
+
+void ArchiveEngine::refuseWhileMoving(const QString &guid, LocationState state)
+{
+    if (state == LS_CentralNotMoved)
         refuse(KE_InvalidLocationStateForCommand,
-               QStringLiteral("File group %1 is being moved to network storage").arg(group.data.getGuid()));
+               QStringLiteral("File group %1 is being moved to network storage").arg(guid));
 }
 
 void ArchiveEngine::refuseWhileLocked(const QString &guid, const RequestOrigin &origin)
@@ -425,8 +445,8 @@ void ArchiveEngine::createTovinFileGroup(const Request &request, const RequestOr
 void ArchiveEngine::addFile(const Request &request, const RequestOrigin &origin, ReplyWriter &writer,
                             RequestOutcome &outcome)
 {
-    const StoredGroup group = requireGroup(request.text(Tag::Guid));
-    refuseWhileMoving(group);
+    const GroupPlace group = requirePlace(request.text(Tag::Guid));
+    refuseWhileMoving(group.guid, group.locationState);
     const QString name = request.text(Tag::FileName);
     if (StorageLayout::fileInside(group.path, name).isEmpty())
         refuse(KE_AddFileFailed,
@@ -438,7 +458,7 @@ void ArchiveEngine::addFile(const Request &request, const RequestOrigin &origin,
         m_layout.openGroupDirectory(group.path, ConfinedDirectory::Creation::Existing, &error);
     if (!directory.isOpen())
         refuse(KE_OpenFileFailed,
-               QStringLiteral("Cannot use the directory of file group %1: %2").arg(group.data.getGuid(), error));
+               QStringLiteral("Cannot use the directory of file group %1: %2").arg(group.guid, error));
     const std::optional<qint64> size = directory.regularFileSize(name, &error);
     if (!size) {
         // A link may point anywhere; archived files are files of their own.
@@ -449,7 +469,7 @@ void ArchiveEngine::addFile(const Request &request, const RequestOrigin &origin,
                               "first (%3)")
                    .arg(name, StorageLayout::directoryForReply(group.path), error));
     }
-    const QString guid = group.data.getGuid();
+    const QString guid = group.guid;
     const qint64 wanted = request.number(Tag::FileId);
     const FileFacts facts = m_store.fileFacts(guid, name, wanted);
     if (facts.nameTaken)
@@ -468,7 +488,7 @@ void ArchiveEngine::addFile(const Request &request, const RequestOrigin &origin,
     writer.writeStatus(KE_NoError, QString());
 }
 
-FileCheck ArchiveEngine::checkOfAddedFile(const StoredGroup &group, const QString &name, const RequestOrigin &origin,
+FileCheck ArchiveEngine::checkOfAddedFile(const GroupPlace &group, const QString &name, const RequestOrigin &origin,
                                           qint64 sizeNow)
 {
     const FileReading *reading = nullptr;
@@ -499,9 +519,9 @@ FileCheck ArchiveEngine::checkOfAddedFile(const StoredGroup &group, const QStrin
 void ArchiveEngine::requestFile(const Request &request, const RequestOrigin &origin, ReplyWriter &writer,
                                 RequestOutcome &)
 {
-    const StoredGroup group = requireGroup(request.text(Tag::Guid));
-    refuseWhileMoving(group);
-    const QString guid = group.data.getGuid();
+    const GroupPlace group = requirePlace(request.text(Tag::Guid));
+    refuseWhileMoving(group.guid, group.locationState);
+    const QString guid = group.guid;
     const qint64 fileId = request.number(Tag::FileId, -1);
     // The file's name and the group's locks in one look.
     const FileAccess access = fileId > 0 && fileId <= INT_MAX ? m_store.fileAccess(guid, int(fileId)) : FileAccess();
@@ -539,11 +559,10 @@ void ArchiveEngine::requestFile(const Request &request, const RequestOrigin &ori
 
 void ArchiveEngine::closeFile(const Request &request, const RequestOrigin &, ReplyWriter &writer, RequestOutcome &)
 {
-    const StoredGroup group = requireGroup(request.text(Tag::Guid));
+    const QString guid = requirePlace(request.text(Tag::Guid)).guid;
     const QString holder = request.text(Tag::UserName);
-    if (m_store.releaseLocks(group.data.getGuid(), holder) == 0)
-        refuse(KE_DeleteLockFailed,
-               QStringLiteral("%1 holds no lock on file group %2").arg(holder, group.data.getGuid()));
+    if (m_store.releaseLocks(guid, holder) == 0)
+        refuse(KE_DeleteLockFailed, QStringLiteral("%1 holds no lock on file group %2").arg(holder, guid));
     writer.writeStatus(KE_NoError, QString());
 }
 

@@ -145,7 +145,10 @@ private:
     static Handler handlerFor(const QString &command);
 
     StoredGroup requireGroup(const QString &guid);
+    // Enough of a group for requests on its files.
+    GroupPlace requirePlace(const QString &guid);
     void refuseWhileMoving(const StoredGroup &group);
+    void refuseWhileMoving(const QString &guid, LocationState state);
     void refuseWhileLocked(const QString &guid, const RequestOrigin &origin);
     // A lock's holder named as far as the caller may see it.
     QString lockedText(const QString &guid, const LockHolder &holder, const RequestOrigin &origin) const;
@@ -186,7 +189,7 @@ private:
     static void writeChecks(ReplyWriter &writer, ReplyKind kind, const std::vector<FileCheck> &checks);
     // sizeNow: the file's size as the request is carried out, against
     // the size the digest was read at.
-    FileCheck checkOfAddedFile(const StoredGroup &group, const QString &name, const RequestOrigin &origin,
+    FileCheck checkOfAddedFile(const GroupPlace &group, const QString &name, const RequestOrigin &origin,
                                qint64 sizeNow);
 
     QString createGroup(StoredGroup group, const QString &requestedPath, RequestOutcome &outcome);

@@ -197,6 +197,18 @@ std::optional<StoredGroup> ArchiveStore::group(const QString &guid)
     return result;
 }
 
+std::optional<GroupPlace> ArchiveStore::groupPlace(const QString &guid)
+{
+    ResultRows &rows =
+        m_db.run(QStringLiteral("SELECT guid, path, location_state FROM file_groups WHERE guid = ?") + forUpdate(),
+                 {guid}, KE_ReadFileGroupFromDbFailed);
+    std::optional<GroupPlace> place;
+    if (rows.next())
+        place = GroupPlace{rows.text(0), rows.text(1), static_cast<LocationState>(rows.number(2))};
+    rows.finish();
+    return place;
+}
+
 std::optional<QString> ArchiveStore::groupDirectory(const QString &guid)
 {
     return m_db.run(QStringLiteral("SELECT path FROM file_groups WHERE guid = ?"), {guid}, KE_ReadFileGroupFromDbFailed)

@@ -35,6 +35,15 @@ struct StoredGroup
     QByteArray fixedResultXml;
 };
 
+// Where a group's files are and whether it is being moved: what requests
+// on single files need of it, without the rest of its row.
+struct GroupPlace
+{
+    QString guid;
+    QString path;
+    LocationState locationState = LS_Undefined;
+};
+
 struct LockHolder
 {
     QString holder; // the lock identity "address|application|user"
@@ -173,6 +182,8 @@ public:
     std::optional<StoredGroup> group(const QString &guid);
     // Only the group's directory: a look that builds no whole group.
     std::optional<QString> groupDirectory(const QString &guid);
+    // Held for update like group().
+    std::optional<GroupPlace> groupPlace(const QString &guid);
     // An empty directory asks only for the GUID.
     NewGroupConflicts newGroupConflicts(const QString &guid, const QString &directory);
     // Stores a new group, remembers its creator and, on a shared database,

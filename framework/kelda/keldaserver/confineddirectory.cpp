@@ -310,8 +310,7 @@ bool ConfinedDirectory::statRegular(const QString &name, struct stat *status, QS
         return false;
     }
     if (!S_ISREG(status->st_mode)) {
-        setError(error,
-                 QStringLiteral("%1 is %2, not a regular file").arg(childPath(name), kindText(status->st_mode)));
+        setError(error, QStringLiteral("%1 is %2, not a regular file").arg(childPath(name), kindText(status->st_mode)));
         return false;
     }
     return true;
