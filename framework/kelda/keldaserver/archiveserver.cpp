@@ -622,24 +622,20 @@ void ArchiveServer::dispatch(Peer &peer, Request request)
     route(peer, std::move(job));
 }
 
+bool ArchiveServer::readsFiles(const DatabaseJob &job) const
+{
+    return m_digests && DigestPool::readsFilesFor(job.request.command);
+}
+
 void ArchiveServer::route(Peer &peer, DatabaseJob job)
 {
-    if (peer.reading || peer.awaitingCommits) {
-        peer.afterReading.push_back(std::move(job));
+    if (peer.held.empty() && !readsFiles(job)) {
+        toDatabase(peer, std::move(job));
         return;
     }
-    if (m_digests && DigestPool::readsFilesFor(job.request.command)) {
-        if (mustAwaitCommits(peer, job.request)) {
-            peer.awaitingCommits = true;
-            peer.afterReading.push_back(std::move(job));
-            return;
-        }
-        job.directory = plannedDirectory(peer, job.request);
-        peer.reading = true;
-        m_digests->post(std::move(job));
-        return;
-    }
-    toDatabase(peer, std::move(job));
+    const quint64 sequence = job.origin.sequence;
+    peer.held.push_back({sequence, std::move(job)});
+    releaseWaiting(peer);
 }
 
 ArchiveServer::ChangeUnderWay ArchiveServer::changeUnderWay(const Request &request)
@@ -657,56 +653,87 @@ ArchiveServer::ChangeUnderWay ArchiveServer::changeUnderWay(const Request &reque
     return change;
 }
 
-bool ArchiveServer::mustAwaitCommits(const Peer &peer, const Request &request)
-{
-    // A verification reads the group's file list as committed.
-    if (request.command != Tag::AddFile)
-        return !peer.changes.empty();
-    // A client may place the file where the server will put a group whose
-    // directory it leaves to the server; that directory is known once the
-    // group is committed.
-    const QString guid = request.text(Tag::Guid);
-    return std::any_of(peer.changes.begin(), peer.changes.end(), [&guid](const auto &change) {
-        return !change.second.keepsFiles ||
-            (change.second.createdGuid == guid && change.second.createdDirectory.isEmpty());
-    });
-}
-
-QString ArchiveServer::plannedDirectory(const Peer &peer, const Request &request)
-{
-    // A pipelining client creates the group and adds its files without
-    // waiting for the answers; the file is read from where the group will
-    // be, and the handler checks that this is where the group is.
-    const QString guid = request.text(Tag::Guid);
-    for (const auto &change : peer.changes) {
-        if (change.second.createdGuid == guid)
-            return change.second.createdDirectory;
-    }
-    return QString();
-}
-
 void ArchiveServer::onRead(DatabaseJob job)
 {
     const auto peer = m_peers.find(job.origin.connectionId);
     if (peer == m_peers.end())
         return;
-    peer->reading = false;
-    toDatabase(*peer, std::move(job));
+    for (HeldJob &held : peer->held) {
+        if (held.sequence == job.origin.sequence) {
+            held.job = std::move(job);
+            held.withPool = false;
+            held.read = true;
+            break;
+        }
+    }
     releaseWaiting(*peer);
 }
 
 void ArchiveServer::releaseWaiting(Peer &peer)
 {
-    std::deque<DatabaseJob> waiting;
-    waiting.swap(peer.afterReading);
-    while (!waiting.empty()) {
-        route(peer, std::move(waiting.front()));
-        waiting.pop_front();
-        if (peer.reading || peer.awaitingCommits) {
-            for (DatabaseJob &later : waiting)
-                peer.afterReading.push_back(std::move(later));
+    while (!peer.held.empty()) {
+        HeldJob &front = peer.held.front();
+        if (front.withPool || (!front.read && readsFiles(front.job)))
+            break;
+        toDatabase(peer, std::move(front.job));
+        peer.held.pop_front();
+    }
+    if (!peer.held.empty())
+        startReads(peer);
+    peer.awaitingCommits = !peer.held.empty() && !peer.held.front().withPool;
+}
+
+void ArchiveServer::startReads(Peer &peer)
+{
+    // A file is read while nothing before it may move or remove files: no
+    // change at the writer or held before it but those that keep files.
+    // A pipelining client creates a group and adds its files without
+    // waiting for the answers; the file is read from the directory the
+    // creation names, and the handler checks that this is where the group
+    // is. A client may also place the file where the server will put a
+    // group whose directory it leaves to the server, known once the group
+    // is committed: such a file waits.
+    bool moving = false;
+    QHash<QString, QString> planned; // GUID: the directory its first creation under way names
+    QSet<QString> unplanned; // GUIDs of creations under way that name none
+    const auto follow = [&](const ChangeUnderWay &change) {
+        moving = moving || !change.keepsFiles;
+        if (change.createdGuid.isEmpty())
             return;
+        if (!planned.contains(change.createdGuid))
+            planned.insert(change.createdGuid, change.createdDirectory);
+        if (change.createdDirectory.isEmpty())
+            unplanned.insert(change.createdGuid);
+    };
+    for (const auto &change : peer.changes)
+        follow(change.second);
+    int withPool =
+        int(std::count_if(peer.held.begin(), peer.held.end(), [](const HeldJob &held) { return held.withPool; }));
+    for (std::size_t i = 0; i < peer.held.size() && !moving && withPool < ReadsPerConnection; ++i) {
+        HeldJob &held = peer.held[i];
+        if (held.withPool || held.read)
+            continue;
+        const Request &request = held.job.request;
+        if (request.command == Tag::VerifyFileGroup) {
+            // It reads the group's file list as committed, and nothing
+            // behind it is read before it.
+            if (i == 0 && peer.changes.empty())
+                held.withPool = true;
+            if (!held.withPool)
+                break;
+        } else if (request.command == Tag::AddFile) {
+            const QString guid = request.text(Tag::Guid);
+            if (unplanned.contains(guid))
+                continue;
+            held.job.directory = planned.value(guid);
+            held.withPool = true;
+        } else {
+            if (!held.job.readOnly)
+                follow(changeUnderWay(request));
+            continue;
         }
+        ++withPool;
+        m_digests->post(std::move(held.job));
     }
 }
 
@@ -864,10 +891,8 @@ void ArchiveServer::deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &
             peer->converterTypes = done.converterTypes;
         }
         answer(*peer, done.sequence, {done.reply, done.spool});
-        if (fromWriter && peer->awaitingCommits && !mustAwaitCommits(*peer, peer->afterReading.front().request)) {
-            peer->awaitingCommits = false;
+        if (fromWriter && peer->awaitingCommits)
             releaseWaiting(*peer);
-        }
     }
 }
 

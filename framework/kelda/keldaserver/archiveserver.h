@@ -76,6 +76,10 @@ public:
     static constexpr int ParserThreads = 2;
     // Threads that read the files of AddFile and VerifyFileGroup.
     static constexpr int DigestThreads = 2;
+    // Files of one connection with the digest pool at once: a client that
+    // adds many large files takes no more turns of the pool than this
+    // before other clients' files are read.
+    static constexpr int ReadsPerConnection = 2;
     // Longest command name worth answering.
     static constexpr int MaxCommandLength = 128;
     // Descriptors kept free for the database, files and moves: a connection
@@ -118,6 +122,14 @@ private:
         QString createdDirectory;
     };
 
+    struct HeldJob
+    {
+        quint64 sequence = 0;
+        DatabaseJob job; // moved to the digest pool while withPool
+        bool withPool = false;
+        bool read = false;
+    };
+
     struct Peer
     {
         ClientConnection *connection = nullptr;
@@ -133,14 +145,13 @@ private:
         int underWay = 0;
         std::deque<Frame> frames;
         bool parsing = false;
-        // A job of this connection is with the digest pool; its later
-        // requests wait here, in order, until it is back.
-        bool reading = false;
-        // A job that reads files waits for the connection's earlier
-        // changes that could move or remove them to commit; its later
-        // requests wait with it.
+        // Requests held in arrival order behind the first one whose files
+        // are being read, or that waits for the connection's earlier
+        // changes that could move or remove them to commit. Files added
+        // behind it are read meanwhile when nothing before them may move
+        // files; their places are kept here.
+        std::deque<HeldJob> held;
         bool awaitingCommits = false;
-        std::deque<DatabaseJob> afterReading;
         qint64 parsingReserved = 0;
         bool tryExpand = true;
         // Pending bytes held by the frame being received.
@@ -196,12 +207,14 @@ private:
     // Sends a job on its way: to the digest pool first when its files are
     // to be read, then to a writer or the reader.
     void route(Peer &peer, DatabaseJob job);
+    bool readsFiles(const DatabaseJob &job) const;
     static ChangeUnderWay changeUnderWay(const Request &request);
-    static bool mustAwaitCommits(const Peer &peer, const Request &request);
-    static QString plannedDirectory(const Peer &peer, const Request &request);
     void toDatabase(Peer &peer, DatabaseJob job);
     void onRead(DatabaseJob job);
+    // Sends on, in order, the held jobs that need nothing more, and starts
+    // the reads that may start.
     void releaseWaiting(Peer &peer);
+    void startReads(Peer &peer);
     void startServices();
     void finishUnanswered(Peer &peer);
     void updateHold(Peer &peer);

@@ -290,8 +290,11 @@ void TestServerIntegrity::digestRecordedAtAdd()
     const QString directory =
         QDir::cleanPath(m_server.basePath() + QLatin1Char('/') + parent + QLatin1Char('/') + guid);
     QVERIFY(QDir().mkpath(directory));
-    const QByteArray content = QByteArray(300 * 1000, 'x') + "sent behind its group";
-    QVERIFY(writeFile(directory + QStringLiteral("/data.bin"), content));
+    // Files of such different sizes that their reads may end in any order.
+    const QList<QByteArray> contents{QByteArray(300 * 1000, 'x') + "sent behind its group", "small",
+                                     QByteArray(1000 * 1000, 'y'), "last"};
+    for (int i = 0; i < contents.size(); ++i)
+        QVERIFY(writeFile(directory + QStringLiteral("/data%1.bin").arg(i), contents.at(i)));
 
     RawClient raw;
     QVERIFY(raw.connectTo(m_server.port()));
@@ -300,23 +303,35 @@ void TestServerIntegrity::digestRecordedAtAdd()
         QStringLiteral("<m:Guid>%1</m:Guid><m:FileGroupName>pipelined</m:FileGroupName><m:FileType>1</m:FileType>"
                        "<m:UserName>alice</m:UserName><m:Path>%2</m:Path>")
             .arg(guid, directory)));
-    raw.sendFrame(RawClient::request(
-        QStringLiteral("AddFile"), QStringLiteral("a"),
-        QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>data.bin</m:FileName><m:FileId>1</m:FileId>").arg(guid)));
+    // The server numbers the files: in the order they were carried out.
+    for (int i = 0; i < contents.size(); ++i)
+        raw.sendFrame(RawClient::request(
+            QStringLiteral("AddFile"), QStringLiteral("a%1").arg(i),
+            QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>data%2.bin</m:FileName><m:FileId>0</m:FileId>")
+                .arg(guid)
+                .arg(i)));
     QCOMPARE(ReplyFields::read(raw.receive()).error, created);
-    QCOMPARE(ReplyFields::read(raw.receive()).error, added);
+    for (int i = 0; i < contents.size(); ++i) {
+        const ReplyFields reply = ReplyFields::read(raw.receive());
+        QCOMPARE(reply.error, added);
+        if (added == KE_NoError)
+            QCOMPARE(reply.value(Tag::FileId), QString::number(i + 1));
+    }
     if (added != KE_NoError)
         return;
 
     const QStringList records = m_client->GetFileChecksums(guid);
     QCOMPARE(int(m_client->GetError()), int(KE_NoError));
-    QCOMPARE(records.size(), int(Fields));
-    QCOMPARE(records.at(Name), QStringLiteral("data.bin"));
-    QCOMPARE(records.at(Size), QString::number(content.size()));
-    QCOMPARE(records.at(Algorithm), QStringLiteral("SHA-256"));
-    QCOMPARE(records.at(Digest), sha256(content));
-    QCOMPARE(records.at(State), QStringLiteral("ok"));
-    QVERIFY(!records.at(LastCheck).isEmpty());
+    QCOMPARE(records.size(), int(Fields) * contents.size());
+    for (int i = 0; i < contents.size(); ++i) {
+        const QStringList record = records.mid(i * int(Fields), int(Fields));
+        QCOMPARE(record.at(Name), QStringLiteral("data%1.bin").arg(i));
+        QCOMPARE(record.at(Size), QString::number(contents.at(i).size()));
+        QCOMPARE(record.at(Algorithm), QStringLiteral("SHA-256"));
+        QCOMPARE(record.at(Digest), sha256(contents.at(i)));
+        QCOMPARE(record.at(State), QStringLiteral("ok"));
+        QVERIFY(!record.at(LastCheck).isEmpty());
+    }
 }
 
 QTEST_GUILESS_MAIN(TestServerIntegrity)
