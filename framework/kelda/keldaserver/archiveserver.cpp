@@ -671,6 +671,8 @@ void ArchiveServer::onRead(DatabaseJob job)
 
 void ArchiveServer::releaseWaiting(Peer &peer)
 {
+    // Without the pool (it is gone at shutdown) a job is sent on unread,
+    // and the handler refuses it as such.
     while (!peer.held.empty()) {
         HeldJob &front = peer.held.front();
         if (front.withPool || (!front.read && readsFiles(front.job)))
@@ -678,7 +680,7 @@ void ArchiveServer::releaseWaiting(Peer &peer)
         toDatabase(peer, std::move(front.job));
         peer.held.pop_front();
     }
-    if (!peer.held.empty())
+    if (!peer.held.empty() && m_digests)
         startReads(peer);
     peer.awaitingCommits = !peer.held.empty() && !peer.held.front().withPool;
 }
