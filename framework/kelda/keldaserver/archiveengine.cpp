@@ -492,12 +492,19 @@ FileCheck ArchiveEngine::checkOfAddedFile(const GroupPlace &group, const QString
                                           qint64 sizeNow)
 {
     const FileReading *reading = nullptr;
+    const FileReading *elsewhere = nullptr;
     if (origin.readings) {
         for (const FileReading &candidate : *origin.readings) {
-            if (candidate.name == name && candidate.directory == group.path)
-                reading = &candidate;
+            if (candidate.name == name)
+                (candidate.directory == group.path ? reading : elsewhere) = &candidate;
         }
     }
+    if (!reading && elsewhere)
+        refuse(KE_ReadFileFailed,
+               QStringLiteral("Cannot record %1: it was read from %2, which a creation of file group %3 under way "
+                              "named, but the group's directory is %4")
+                   .arg(name, StorageLayout::directoryForReply(elsewhere->directory), group.guid,
+                        StorageLayout::directoryForReply(group.path)));
     if (!reading || !reading->found)
         refuse(KE_ReadFileFailed,
                QStringLiteral("Cannot read %1 to record its digest: %2")

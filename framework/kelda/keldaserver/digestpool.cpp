@@ -98,10 +98,12 @@ std::vector<FileReading> DigestPool::read(ArchiveStore &store, const StorageLayo
 {
     std::vector<FileReading> readings;
     const QString guid = request.text(Tag::Guid);
-    std::optional<QString> path = guid.trimmed().isEmpty() ? std::nullopt : store.groupDirectory(guid);
-    if (!path && request.command == Tag::AddFile && !plannedDirectory.isEmpty() &&
+    std::optional<QString> path;
+    if (request.command == Tag::AddFile && !plannedDirectory.isEmpty() &&
         layout.refusedGroupDirectory(plannedDirectory, guid).isEmpty())
         path = plannedDirectory;
+    else if (!guid.trimmed().isEmpty())
+        path = store.groupDirectory(guid);
     if (!path)
         return readings;
     const auto unread = [&guid, &path](int fileId, const QString &name) {

@@ -44,10 +44,11 @@ public:
 
     // Reads what the request names, as a pool thread does; for the pool and
     // for tests that drive the engine without threads. plannedDirectory is
-    // where a group that is not in the database yet will be: the directory
-    // its CreateFileGroup names, when that is still under way on the same
-    // connection. The handler checks that a reading is of the directory
-    // the group has, so a group that never comes to be costs a read only.
+    // the directory the group's CreateFileGroup names, when that is still
+    // under way on the same connection: the file is read from there, without
+    // a look at the database, where the group is not yet. The handler checks
+    // that a reading is of the directory the group has, so a creation that
+    // fails (the GUID taken, say) leaves its AddFile unread.
     static std::vector<FileReading> read(ArchiveStore &store, const StorageLayout &layout, const Request &request,
                                          const QString &plannedDirectory, const std::atomic<bool> *stop);
 

@@ -274,16 +274,20 @@ void TestServerIntegrity::unknownCommandAnswers41()
 void TestServerIntegrity::digestRecordedAtAdd_data()
 {
     QTest::addColumn<QString>("parent");
+    QTest::addColumn<bool>("taken"); // a group of that GUID exists elsewhere, with other files of the same names
     QTest::addColumn<int>("created");
     QTest::addColumn<int>("added");
-    QTest::newRow("below the base path") << QStringLiteral("pipelined") << int(KE_NoError) << int(KE_NoError);
+    QTest::newRow("below the base path") << QStringLiteral("pipelined") << false << int(KE_NoError) << int(KE_NoError);
     QTest::newRow("in the exchange folder")
-        << QStringLiteral("exchange") << int(KE_CreatePathFailed) << int(KE_GuidNotFound);
+        << QStringLiteral("exchange") << false << int(KE_CreatePathFailed) << int(KE_GuidNotFound);
+    QTest::newRow("the GUID taken") << QStringLiteral("pipelined") << true << int(KE_AddFileGroupFailed)
+                                    << int(KE_ReadFileFailed);
 }
 
 void TestServerIntegrity::digestRecordedAtAdd()
 {
     QFETCH(QString, parent);
+    QFETCH(bool, taken);
     QFETCH(int, created);
     QFETCH(int, added);
     const QString guid = QUuid::createUuid().toString(QUuid::WithoutBraces);
@@ -293,11 +297,33 @@ void TestServerIntegrity::digestRecordedAtAdd()
     // Files of such different sizes that their reads may end in any order.
     const QList<QByteArray> contents{QByteArray(300 * 1000, 'x') + "sent behind its group", "small",
                                      QByteArray(1000 * 1000, 'y'), "last"};
+    // What the group of a taken GUID holds: other bytes, the same sizes.
+    const auto other = [&contents](int i) { return QByteArray(contents.at(i).size(), 'o'); };
+    const QByteArray lead(8 * 1000 * 1000, 'l');
     for (int i = 0; i < contents.size(); ++i)
         QVERIFY(writeFile(directory + QStringLiteral("/data%1.bin").arg(i), contents.at(i)));
 
     RawClient raw;
     QVERIFY(raw.connectTo(m_server.port()));
+    if (taken) {
+        const QString elsewhere = QDir::cleanPath(m_server.basePath() + QStringLiteral("/taken/") + guid);
+        QVERIFY(QDir().mkpath(elsewhere));
+        for (int i = 0; i < contents.size(); ++i)
+            QVERIFY(writeFile(elsewhere + QStringLiteral("/data%1.bin").arg(i), other(i)));
+        QCOMPARE(raw.ask(QStringLiteral("CreateFileGroup"),
+                         QStringLiteral("<m:Guid>%1</m:Guid><m:FileGroupName>first</m:FileGroupName>"
+                                        "<m:FileType>1</m:FileType><m:UserName>alice</m:UserName>"
+                                        "<m:Path>%2</m:Path>")
+                             .arg(guid, elsewhere))
+                     .error,
+                 int(KE_NoError));
+        // Read while the requests behind it come in: the creation then
+        // waits behind it, still under way as the files behind it are read.
+        QVERIFY(writeFile(elsewhere + QStringLiteral("/lead.bin"), lead));
+        raw.sendFrame(RawClient::request(
+            QStringLiteral("AddFile"), QStringLiteral("lead"),
+            QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>lead.bin</m:FileName><m:FileId>0</m:FileId>").arg(guid)));
+    }
     raw.sendFrame(RawClient::request(
         QStringLiteral("CreateFileGroup"), QStringLiteral("c"),
         QStringLiteral("<m:Guid>%1</m:Guid><m:FileGroupName>pipelined</m:FileGroupName><m:FileType>1</m:FileType>"
@@ -310,25 +336,41 @@ void TestServerIntegrity::digestRecordedAtAdd()
             QStringLiteral("<m:Guid>%1</m:Guid><m:FileName>data%2.bin</m:FileName><m:FileId>0</m:FileId>")
                 .arg(guid)
                 .arg(i)));
+    int recorded = 0;
+    if (taken) {
+        QCOMPARE(ReplyFields::read(raw.receive()).error, int(KE_NoError));
+        ++recorded;
+    }
     QCOMPARE(ReplyFields::read(raw.receive()).error, created);
     for (int i = 0; i < contents.size(); ++i) {
         const ReplyFields reply = ReplyFields::read(raw.receive());
-        QCOMPARE(reply.error, added);
-        if (added == KE_NoError)
+        // When the failed creation is answered before an AddFile comes in,
+        // that AddFile is one for the group that exists, and its file is
+        // read there.
+        if (taken && reply.error == KE_NoError)
+            ++recorded;
+        else
+            QCOMPARE(reply.error, added);
+        if (added == KE_NoError) {
             QCOMPARE(reply.value(Tag::FileId), QString::number(i + 1));
+            ++recorded;
+        }
     }
-    if (added != KE_NoError)
-        return;
 
     const QStringList records = m_client->GetFileChecksums(guid);
-    QCOMPARE(int(m_client->GetError()), int(KE_NoError));
-    QCOMPARE(records.size(), int(Fields) * contents.size());
-    for (int i = 0; i < contents.size(); ++i) {
+    QCOMPARE(records.size(), int(Fields) * recorded);
+    for (int i = 0; i < recorded; ++i) {
         const QStringList record = records.mid(i * int(Fields), int(Fields));
-        QCOMPARE(record.at(Name), QStringLiteral("data%1.bin").arg(i));
-        QCOMPARE(record.at(Size), QString::number(contents.at(i).size()));
+        // Never the content of the folder the failed creation named.
+        const QString name = record.at(Name);
+        const QByteArray content = !taken       ? contents.at(i)
+            : name == QLatin1String("lead.bin") ? lead
+                                                : other(name.mid(4, 1).toInt());
+        if (!taken)
+            QCOMPARE(record.at(Name), QStringLiteral("data%1.bin").arg(i));
+        QCOMPARE(record.at(Size), QString::number(content.size()));
         QCOMPARE(record.at(Algorithm), QStringLiteral("SHA-256"));
-        QCOMPARE(record.at(Digest), sha256(contents.at(i)));
+        QCOMPARE(record.at(Digest), sha256(content));
         QCOMPARE(record.at(State), QStringLiteral("ok"));
         QVERIFY(!record.at(LastCheck).isEmpty());
     }
