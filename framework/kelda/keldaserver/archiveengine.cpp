@@ -501,8 +501,7 @@ FileCheck ArchiveEngine::checkOfAddedFile(const GroupPlace &group, const QString
     }
     if (!reading && elsewhere)
         refuse(KE_ReadFileFailed,
-               QStringLiteral("Cannot record %1: it was read from %2, which a creation of file group %3 under way "
-                              "named, but the group's directory is %4")
+               QStringLiteral("Cannot record %1: the server read it in %2, but file group %3 is in %4")
                    .arg(name, StorageLayout::directoryForReply(elsewhere->directory), group.guid,
                         StorageLayout::directoryForReply(group.path)));
     if (!reading || !reading->found)
