@@ -682,7 +682,6 @@ void ArchiveServer::releaseWaiting(Peer &peer)
     }
     if (!peer.held.empty() && m_digests)
         startReads(peer);
-    peer.awaitingCommits = !peer.held.empty() && !peer.held.front().withPool;
 }
 
 void ArchiveServer::startReads(Peer &peer)
@@ -893,7 +892,8 @@ void ArchiveServer::deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &
             peer->converterTypes = done.converterTypes;
         }
         answer(*peer, done.sequence, {done.reply, done.spool});
-        if (fromWriter && peer->awaitingCommits)
+        // The first held job is not with the pool: it waits for commits.
+        if (fromWriter && !peer->held.empty() && !peer->held.front().withPool)
             releaseWaiting(*peer);
     }
 }

@@ -151,7 +151,6 @@ private:
         // behind it are read meanwhile when nothing before them may move
         // files; their places are kept here.
         std::deque<HeldJob> held;
-        bool awaitingCommits = false;
         qint64 parsingReserved = 0;
         bool tryExpand = true;
         // Pending bytes held by the frame being received.
