@@ -209,12 +209,6 @@ std::optional<GroupPlace> ArchiveStore::groupPlace(const QString &guid)
     return place;
 }
 
-std::optional<QString> ArchiveStore::groupDirectory(const QString &guid)
-{
-    return m_db.run(QStringLiteral("SELECT path FROM file_groups WHERE guid = ?"), {guid}, KE_ReadFileGroupFromDbFailed)
-        .firstText();
-}
-
 NewGroupConflicts ArchiveStore::newGroupConflicts(const QString &guid, const QString &directory)
 {
     NewGroupConflicts conflicts;

@@ -180,9 +180,8 @@ public:
     void dropCommitMark() { m_db.dropCommitMark(); }
 
     std::optional<StoredGroup> group(const QString &guid);
-    // Only the group's directory: a look that builds no whole group.
-    std::optional<QString> groupDirectory(const QString &guid);
-    // Held for update like group().
+    // Where a group is: a look that builds no whole group; held for update
+    // like group().
     std::optional<GroupPlace> groupPlace(const QString &guid);
     // An empty directory asks only for the GUID.
     NewGroupConflicts newGroupConflicts(const QString &guid, const QString &directory);

@@ -100,10 +100,12 @@ std::vector<FileReading> DigestPool::read(ArchiveStore &store, const StorageLayo
     const QString guid = request.text(Tag::Guid);
     std::optional<QString> path;
     if (request.command == Tag::AddFile && !plannedDirectory.isEmpty() &&
-        layout.refusedGroupDirectory(plannedDirectory, guid).isEmpty())
+        layout.refusedGroupDirectory(plannedDirectory, guid).isEmpty()) {
         path = plannedDirectory;
-    else if (!guid.trimmed().isEmpty())
-        path = store.groupDirectory(guid);
+    } else if (!guid.trimmed().isEmpty()) {
+        if (const std::optional<GroupPlace> place = store.groupPlace(guid))
+            path = place->path;
+    }
     if (!path)
         return readings;
     const auto unread = [&guid, &path](int fileId, const QString &name) {
