@@ -232,11 +232,14 @@ bool ArchiveEngine::handle(const Request &request, const RequestOrigin &origin, 
         finishReply(writer, outcome);
         return true;
     } catch (const RequestFailure &failure) {
-        Q_TRACE_FAILURE(kSource,
-                        QStringLiteral("%1 %2 failed: %3 (%4)")
-                            .arg(request.command, request.requestId, failure.text)
-                            .arg(int(failure.code)));
+        const QString readFirstIn = outcome.readFirstIn;
+        if (readFirstIn.isEmpty())
+            Q_TRACE_FAILURE(kSource,
+                            QStringLiteral("%1 %2 failed: %3 (%4)")
+                                .arg(request.command, request.requestId, failure.text)
+                                .arg(int(failure.code)));
         outcome = RequestOutcome();
+        outcome.readFirstIn = readFirstIn;
         outcome.reply = ReplyWriter::status(request.command, request.requestId, failure.code, failure.text);
         outcome.retry = failure.retry;
         outcome.code = failure.code;
@@ -480,7 +483,7 @@ void ArchiveEngine::addFile(const Request &request, const RequestOrigin &origin,
             refuse(KE_AddFileFailed, QStringLiteral("File group %1 has no free file id left").arg(guid));
         fileId = facts.highestId + 1;
     }
-    FileCheck check = checkOfAddedFile(group, name, origin, *size);
+    FileCheck check = checkOfAddedFile(group, directory, name, origin, *size, outcome);
     check.fileId = fileId;
     m_store.addFile(guid, fileId, name, now().toMSecsSinceEpoch(), check);
     outcome.fileId = fileId;
@@ -488,8 +491,31 @@ void ArchiveEngine::addFile(const Request &request, const RequestOrigin &origin,
     writer.writeStatus(KE_NoError, QString());
 }
 
-FileCheck ArchiveEngine::checkOfAddedFile(const GroupPlace &group, const QString &name, const RequestOrigin &origin,
-                                          qint64 sizeNow)
+FileCheck ArchiveEngine::checkOfAddedFile(const GroupPlace &group, const ConfinedDirectory &directory,
+                                          const QString &name, const RequestOrigin &origin, qint64 sizeNow,
+                                          RequestOutcome &outcome)
+{
+    if (origin.readings)
+        return checkOfPoolReading(group, name, origin, sizeNow);
+    QString error;
+    qint64 size = -1;
+    const std::optional<ConfinedDirectory::Digest> digest =
+        directory.digestSmallFile(name, InlineDigestBytes, &size, &error);
+    if (!digest && error.isEmpty() && size > InlineDigestBytes)
+        outcome.readFirstIn = group.path;
+    if (!digest)
+        refuse(KE_ReadFileFailed,
+               QStringLiteral("Cannot read %1 to record its digest: %2")
+                   .arg(name, error.isEmpty() ? QStringLiteral("it was not read") : error));
+    FileReading reading;
+    reading.found = true;
+    reading.size = digest->size;
+    reading.digest = FileDigest::hex(digest->sha256);
+    return checkOf(name, reading);
+}
+
+FileCheck ArchiveEngine::checkOfPoolReading(const GroupPlace &group, const QString &name, const RequestOrigin &origin,
+                                            qint64 sizeNow)
 {
     const FileReading *reading = nullptr;
     const FileReading *elsewhere = nullptr;
@@ -512,11 +538,16 @@ FileCheck ArchiveEngine::checkOfAddedFile(const GroupPlace &group, const QString
     // since would be recorded with a digest of other content.
     if (sizeNow != reading->size)
         refuse(KE_ReadFileFailed, QStringLiteral("%1 changed while the server read it; add it again").arg(name));
+    return checkOf(name, *reading);
+}
+
+FileCheck ArchiveEngine::checkOf(const QString &name, const FileReading &reading)
+{
     FileCheck check;
     check.name = name;
-    check.size = reading->size;
+    check.size = reading.size;
     check.algorithm = FileDigest::algorithm();
-    check.digest = reading->digest;
+    check.digest = reading.digest;
     check.checkedMs = now().toMSecsSinceEpoch();
     check.state = FileCheck::State::Ok;
     return check;

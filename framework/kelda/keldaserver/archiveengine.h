@@ -69,6 +69,10 @@ struct RequestOutcome
     bool refused = false;
     // The file the request acted on, when the server chose it.
     std::optional<qint64> fileId;
+    // AddFile of a file too large to read here: once the digest pool has
+    // read it in this directory (RequestOrigin::readings), the request is
+    // carried out again. The reply refuses it as unread meanwhile.
+    QString readFirstIn;
 };
 
 // Where a request came from.
@@ -81,8 +85,9 @@ struct RequestOrigin
     // The user the client's verified certificate names; empty when clients
     // are not identified by certificate.
     QString certificateUser;
-    // The files the server read for this request before it reached the
-    // database thread (AddFile, VerifyFileGroup); null for other requests.
+    // The files the digest pool read for this request before it reached
+    // the database thread (VerifyFileGroup; AddFile of a large file); null
+    // when the pool has not had the request.
     std::shared_ptr<const std::vector<FileReading>> readings;
 };
 
@@ -135,6 +140,10 @@ public:
     // The copy progress a local group keeps after a move that failed, so
     // that the next look at its location reports the failure.
     static constexpr double FailedMoveProgress = -1;
+    // AddFile reads and digests a file of at most this size itself, within
+    // the time of a commit; a larger one goes to the digest pool first
+    // (RequestOutcome::readFirstIn), so that it holds up no other client.
+    static constexpr qint64 InlineDigestBytes = 64 * 1024;
 
     // Current time, whole seconds: the forms shown to users have no
     // fraction, so a time window a user types matches what was stored.
@@ -187,10 +196,15 @@ private:
     static void spool(AnswerSpool &spool, const QByteArray &bytes);
 
     static void writeChecks(ReplyWriter &writer, ReplyKind kind, const std::vector<FileCheck> &checks);
-    // sizeNow: the file's size as the request is carried out, against
-    // the size the digest was read at.
-    FileCheck checkOfAddedFile(const GroupPlace &group, const QString &name, const RequestOrigin &origin,
-                               qint64 sizeNow);
+    // The digest an added file is recorded with: read here when the file
+    // is small, else the pool's reading. sizeNow: the file's size as the
+    // request is carried out, against the size the pool read.
+    FileCheck checkOfAddedFile(const GroupPlace &group, const ConfinedDirectory &directory, const QString &name,
+                               const RequestOrigin &origin, qint64 sizeNow, RequestOutcome &outcome);
+    FileCheck checkOfPoolReading(const GroupPlace &group, const QString &name, const RequestOrigin &origin,
+                                 qint64 sizeNow);
+    // A file's record as read just now.
+    static FileCheck checkOf(const QString &name, const FileReading &reading);
 
     QString createGroup(StoredGroup group, const QString &requestedPath, RequestOutcome &outcome);
     // Checks a new group and creates its directory; returns the directory.

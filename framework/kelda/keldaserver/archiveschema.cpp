@@ -151,7 +151,7 @@ QString rowValues(const QStringList &columns, QLatin1String row)
 
 QString pendingTable(const TextIndex &index)
 {
-    return index.index + QStringLiteral("_pending");
+    return ArchiveSchema::pendingTextTable(index.index);
 }
 
 // Servers wait this long for another's upgrade of a large archive.
@@ -320,15 +320,23 @@ int ArchiveSchema::deferredTextIndexCount()
     return int(deferredTextIndexes().size());
 }
 
-const QString &ArchiveSchema::pendingTextCheck()
+QString ArchiveSchema::pendingTextTable(const QString &index)
 {
-    static const QString check = [] {
+    return index + QStringLiteral("_pending");
+}
+
+const QString &ArchiveSchema::pendingTextCheck(bool all)
+{
+    const auto check = [](int skipped) {
         QStringList columns;
         for (const TextIndex &index : deferredTextIndexes())
-            columns.append(QStringLiteral("EXISTS (SELECT 1 FROM %1)").arg(pendingTable(index)));
+            columns.append(
+                QStringLiteral("EXISTS (SELECT 1 FROM %1 LIMIT 1 OFFSET %2)").arg(pendingTable(index)).arg(skipped));
         return QStringLiteral("SELECT ") + columns.join(QLatin1String(", "));
-    }();
-    return check;
+    };
+    static const QString any = check(0);
+    static const QString enough = check(TextFlushRows - 1);
+    return all ? any : enough;
 }
 
 const QStringList &ArchiveSchema::textIndexFlush(int index)

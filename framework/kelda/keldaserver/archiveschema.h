@@ -33,13 +33,20 @@ public:
 
     explicit ArchiveSchema(ArchiveDatabase &database);
 
-    // On SQLite the trigram indexes take the rows a transaction changed as
-    // it commits. pendingTextCheck answers one row with a column for each
-    // such index (deferredTextIndexCount of them), true when rows wait for
-    // it; textIndexFlush(column) are the statements that hand them over.
+    // On SQLite the triggers of a trigram index note the rows that change
+    // in its pending table, and a commit hands them to the index once
+    // TextFlushRows have gathered: an index segment per commit cost every
+    // new group several page writes. A search takes the pending rows as
+    // candidates beside those the index finds (its exact test follows
+    // anyway). pendingTextCheck answers one row with a column for each such
+    // index (deferredTextIndexCount of them), true when enough rows wait
+    // for it (all: when any does); textIndexFlush(column) are the
+    // statements that hand them over.
+    static constexpr int TextFlushRows = 128;
     static int deferredTextIndexCount();
-    static const QString &pendingTextCheck();
+    static const QString &pendingTextCheck(bool all);
     static const QStringList &textIndexFlush(int index);
+    static QString pendingTextTable(const QString &index);
 
     // Throws RequestFailure; tooNew() tells when the reason is a schema
     // newer than Version.

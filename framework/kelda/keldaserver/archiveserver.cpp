@@ -89,6 +89,9 @@ bool ArchiveServer::openDatabase()
         writer->setWriterIndex(index);
         writer->setTroubleCounters(&m_metrics.databaseErrors, &m_metrics.databaseReconnects);
         writer->setAccessRules(rules);
+        // The pool starts with the services, before any client is served;
+        // at shutdown it stops before the writers.
+        writer->setFileReader([this](DatabaseJob job) { return m_digests && m_digests->post(std::move(job)); });
         m_writers.push_back(std::move(writer));
         if (!m_writers.back()->open()) {
             m_error = m_writers.back()->errorString();
@@ -253,7 +256,10 @@ void ArchiveServer::startServices()
     const StorageLayout layout(m_options.basePath, m_options.nasPath, m_options.exchangePath, m_options.maxImportBytes);
     m_digests =
         std::make_unique<DigestPool>(DigestThreads, m_options.database, m_instanceId, layout, [this](DatabaseJob job) {
-            post([&](Outbox &outbox) { outbox.read.push_back(std::move(job)); });
+            if (job.returnsRead)
+                writerFor(job.origin.connectionId).post(std::move(job));
+            else
+                post([&](Outbox &outbox) { outbox.read.push_back(std::move(job)); });
         });
     if (m_options.verifyIntervalHours <= 0)
         return;
@@ -638,21 +644,6 @@ void ArchiveServer::route(Peer &peer, DatabaseJob job)
     releaseWaiting(peer);
 }
 
-ArchiveServer::ChangeUnderWay ArchiveServer::changeUnderWay(const Request &request)
-{
-    static const QSet<QString> keepingFiles{Tag::CreateFileGroup, Tag::CreateTovinFileGroup,
-                                            Tag::AddFile,         Tag::RequestFile,
-                                            Tag::CloseFile,       Tag::AddReference,
-                                            Tag::RemoveReference, Tag::RemoveAllReferences};
-    ChangeUnderWay change;
-    change.keepsFiles = keepingFiles.contains(request.command);
-    if (request.command == Tag::CreateFileGroup || request.command == Tag::CreateTovinFileGroup) {
-        change.createdGuid = request.text(Tag::Guid).trimmed();
-        change.createdDirectory = StorageLayout::requestedGroupDirectory(request.text(Tag::Path));
-    }
-    return change;
-}
-
 void ArchiveServer::onRead(DatabaseJob job)
 {
     const auto peer = m_peers.find(job.origin.connectionId);
@@ -675,66 +666,19 @@ void ArchiveServer::releaseWaiting(Peer &peer)
     // and the handler refuses it as such.
     while (!peer.held.empty()) {
         HeldJob &front = peer.held.front();
-        if (front.withPool || (!front.read && readsFiles(front.job)))
-            break;
+        if (front.withPool)
+            return;
+        if (!front.read && readsFiles(front.job)) {
+            // The connection's earlier changes may add or remove files.
+            if (!peer.changes.empty())
+                return;
+            if (m_digests->post(front.job)) {
+                front.withPool = true;
+                return;
+            }
+        }
         toDatabase(peer, std::move(front.job));
         peer.held.pop_front();
-    }
-    if (!peer.held.empty() && m_digests)
-        startReads(peer);
-}
-
-void ArchiveServer::startReads(Peer &peer)
-{
-    // A file is read while nothing before it may move or remove files: no
-    // change at the writer or held before it but those that keep files.
-    // A pipelining client creates a group and adds its files without
-    // waiting for the answers; the file is read from the directory the
-    // creation names, and the handler checks that this is where the group
-    // is. A client may also place the file where the server will put a
-    // group whose directory it leaves to the server, known once the group
-    // is committed: such a file waits.
-    bool moving = false;
-    QHash<QString, QString> planned; // GUID: the directory its first creation under way names
-    QSet<QString> unplanned; // GUIDs of creations under way that name none
-    const auto follow = [&](const ChangeUnderWay &change) {
-        moving = moving || !change.keepsFiles;
-        if (change.createdGuid.isEmpty())
-            return;
-        if (!planned.contains(change.createdGuid))
-            planned.insert(change.createdGuid, change.createdDirectory);
-        if (change.createdDirectory.isEmpty())
-            unplanned.insert(change.createdGuid);
-    };
-    for (const auto &change : peer.changes)
-        follow(change.second);
-    int withPool =
-        int(std::count_if(peer.held.begin(), peer.held.end(), [](const HeldJob &held) { return held.withPool; }));
-    for (std::size_t i = 0; i < peer.held.size() && !moving && withPool < ReadsPerConnection; ++i) {
-        HeldJob &held = peer.held[i];
-        if (held.withPool || held.read)
-            continue;
-        const Request &request = held.job.request;
-        if (request.command == Tag::VerifyFileGroup) {
-            // It reads the group's file list as committed, and nothing
-            // behind it is read before it.
-            if (i == 0 && peer.changes.empty())
-                held.withPool = true;
-            if (!held.withPool)
-                break;
-        } else if (request.command == Tag::AddFile) {
-            const QString guid = request.text(Tag::Guid);
-            if (unplanned.contains(guid))
-                continue;
-            held.job.directory = planned.value(guid);
-            held.withPool = true;
-        } else {
-            if (!held.job.readOnly)
-                follow(changeUnderWay(request));
-            continue;
-        }
-        ++withPool;
-        m_digests->post(std::move(held.job));
     }
 }
 
@@ -747,7 +691,7 @@ void ArchiveServer::toDatabase(Peer &peer, DatabaseJob job)
         return;
     }
     if (!job.readOnly)
-        peer.changes[job.origin.sequence] = changeUnderWay(job.request);
+        peer.changes.insert(job.origin.sequence);
     writerFor(job.origin.connectionId).post(std::move(job));
 }
 

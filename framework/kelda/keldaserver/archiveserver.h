@@ -24,6 +24,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -74,12 +75,9 @@ public:
     static constexpr quint32 SmallFrame = 64 * 1024;
     // Threads that decode large requests.
     static constexpr int ParserThreads = 2;
-    // Threads that read the files of AddFile and VerifyFileGroup.
+    // Threads that read the files of VerifyFileGroup and of AddFile when
+    // they are large. A connection has one request there at a time.
     static constexpr int DigestThreads = 2;
-    // Files of one connection with the digest pool at once: a client that
-    // adds many large files takes no more turns of the pool than this
-    // before other clients' files are read.
-    static constexpr int ReadsPerConnection = 2;
     // Longest command name worth answering.
     static constexpr int MaxCommandLength = 128;
     // Descriptors kept free for the database, files and moves: a connection
@@ -110,18 +108,6 @@ private:
         std::shared_ptr<AnswerSpool> spool;
     };
 
-    // A change sent to the writer and not yet answered.
-    struct ChangeUnderWay
-    {
-        // Moves or removes no file of any group, and changes no group's
-        // directory: a file may be read while it is under way.
-        bool keepsFiles = false;
-        // CreateFileGroup: the group, and the directory it names (empty
-        // when the server chooses).
-        QString createdGuid;
-        QString createdDirectory;
-    };
-
     struct HeldJob
     {
         quint64 sequence = 0;
@@ -136,8 +122,8 @@ private:
         // Requests numbered in arrival order; answers leave in that order.
         quint64 nextSequence = 0;
         quint64 nextToSend = 0;
-        // The connection's changes at the writer, by sequence.
-        std::map<quint64, ChangeUnderWay> changes;
+        // The sequences of the connection's changes at the writer.
+        std::set<quint64> changes;
         QMap<quint64, Reply> waiting;
         bool converter = false;
         QVector<int> converterTypes;
@@ -145,11 +131,10 @@ private:
         int underWay = 0;
         std::deque<Frame> frames;
         bool parsing = false;
-        // Requests held in arrival order behind the first one whose files
-        // are being read, or that waits for the connection's earlier
-        // changes that could move or remove them to commit. Files added
-        // behind it are read meanwhile when nothing before them may move
-        // files; their places are kept here.
+        // Requests held in arrival order behind a VerifyFileGroup whose
+        // files are being read, or that waits for the connection's earlier
+        // changes to commit. (An AddFile whose file is large waits for its
+        // reading at the writer, and what follows it waits there too.)
         std::deque<HeldJob> held;
         qint64 parsingReserved = 0;
         bool tryExpand = true;
@@ -207,13 +192,11 @@ private:
     // to be read, then to a writer or the reader.
     void route(Peer &peer, DatabaseJob job);
     bool readsFiles(const DatabaseJob &job) const;
-    static ChangeUnderWay changeUnderWay(const Request &request);
     void toDatabase(Peer &peer, DatabaseJob job);
     void onRead(DatabaseJob job);
     // Sends on, in order, the held jobs that need nothing more, and starts
-    // the reads that may start.
+    // the reading the first one waits for.
     void releaseWaiting(Peer &peer);
-    void startReads(Peer &peer);
     void startServices();
     void finishUnanswered(Peer &peer);
     void updateHold(Peer &peer);

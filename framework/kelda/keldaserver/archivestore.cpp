@@ -123,13 +123,15 @@ bool ArchiveStore::open(const DatabaseLocation &location)
     if (!m_db.open(location))
         return false;
     if (!m_db.isPostgres())
-        m_db.setBeforeCommit([this] { flushTextIndexes(); });
+        m_db.setBeforeCommit([this] { flushTextIndexes(false); });
     return true;
 }
 
-void ArchiveStore::flushTextIndexes()
+void ArchiveStore::flushTextIndexes(bool all)
 {
-    ResultRows &waiting = m_db.run(ArchiveSchema::pendingTextCheck(), {}, KE_DatabaseNotAvailable);
+    if (isPostgres())
+        return;
+    ResultRows &waiting = m_db.run(ArchiveSchema::pendingTextCheck(all), {}, KE_DatabaseNotAvailable);
     std::vector<bool> due(size_t(ArchiveSchema::deferredTextIndexCount()), false);
     if (waiting.next()) {
         for (size_t i = 0; i < due.size(); ++i)

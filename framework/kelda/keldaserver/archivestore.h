@@ -178,6 +178,9 @@ public:
     void writeCommitMark(qint64 token) { m_db.writeCommitMark(token); }
     bool hasCommitMark(qint64 token) { return m_db.hasCommitMark(token); }
     void dropCommitMark() { m_db.dropCommitMark(); }
+    // Hands the rows noted for SQLite's trigram indexes to them: all, or
+    // (as every commit does) those of an index with TextFlushRows waiting.
+    void flushTextIndexes(bool all);
 
     std::optional<StoredGroup> group(const QString &guid);
     // Where a group is: a look that builds no whole group; held for update
@@ -245,7 +248,6 @@ private:
     void refreshCounters(const QString &guid);
     QString forUpdate() const;
     void sampleSearchKeys();
-    void flushTextIndexes();
     // Counts the trigrams of a sample of the table's rows per column, and
     // per row under the name of the table's index.
     void sampleTable(const QString &table, const QStringList &columns, const QString &index);

@@ -322,6 +322,11 @@ FileDescriptor ConfinedDirectory::openRegular(const QString &name, struct stat *
     // effects or wait.
     if (!statRegular(name, status, error))
         return FileDescriptor();
+    return openLookedAt(name, status, error);
+}
+
+FileDescriptor ConfinedDirectory::openLookedAt(const QString &name, struct stat *status, QString *error) const
+{
     const QString path = childPath(name);
     FileDescriptor fd(
         ::openat(m_fd.get(), encoded(name).constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
@@ -412,6 +417,32 @@ std::optional<ConfinedDirectory::Digest> ConfinedDirectory::digestFile(const QSt
     if (!fd.isValid())
         return std::nullopt;
     ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    return digestOpened(fd, before, name, error, control);
+}
+
+std::optional<ConfinedDirectory::Digest> ConfinedDirectory::digestSmallFile(const QString &name, qint64 largest,
+                                                                            qint64 *size, QString *error) const
+{
+    struct stat status;
+    if (!statRegular(name, &status, error))
+        return std::nullopt;
+    *size = status.st_size;
+    if (status.st_size > largest)
+        return std::nullopt;
+    const FileDescriptor fd = openLookedAt(name, &status, error);
+    if (!fd.isValid())
+        return std::nullopt;
+    *size = status.st_size;
+    if (status.st_size > largest)
+        return std::nullopt;
+    return digestOpened(fd, status, name, error, {});
+}
+
+std::optional<ConfinedDirectory::Digest> ConfinedDirectory::digestOpened(const FileDescriptor &fd,
+                                                                         const struct stat &before, const QString &name,
+                                                                         QString *error,
+                                                                         const ReadControl &control) const
+{
     FileDigest digest;
     const ReadBuffer buffer(before.st_size, kDigestBuffer);
     qint64 read = 0;

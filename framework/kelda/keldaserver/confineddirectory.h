@@ -82,6 +82,10 @@ public:
     // Reads the regular file name once and digests it. A file that changes
     // while it is read (its size or time moves) fails.
     std::optional<Digest> digestFile(const QString &name, QString *error, const ReadControl &control = {}) const;
+    // The same for a file of at most largest bytes; a larger one is not
+    // opened: the result is empty without an error. *size receives the size
+    // found whenever name is a regular file.
+    std::optional<Digest> digestSmallFile(const QString &name, qint64 largest, qint64 *size, QString *error) const;
     // Copies the regular file name into target under the same name, which
     // must not exist there yet; the copy is flushed to disk before this
     // returns, so that its source may be removed. *copied, when given,
@@ -109,6 +113,10 @@ private:
     ConfinedDirectory openBelow(const QStringList &components, Creation creation, QString *error) const;
     bool statRegular(const QString &name, struct stat *status, QString *error) const;
     FileDescriptor openRegular(const QString &name, struct stat *status, QString *error) const;
+    // Opens what statRegular found a regular file, and checks it still is.
+    FileDescriptor openLookedAt(const QString &name, struct stat *status, QString *error) const;
+    std::optional<Digest> digestOpened(const FileDescriptor &fd, const struct stat &before, const QString &name,
+                                       QString *error, const ReadControl &control) const;
     QString childPath(const QString &name) const;
     bool removeEmptyChild(const QString &name, int depth) const;
     void removeEmptySubdirectories(int depth) const;

@@ -384,6 +384,7 @@ bool DatabaseWorker::ping()
 
 std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::carryOut(std::deque<DatabaseJob> &batch)
 {
+    unpark(batch);
     QSet<quint64> writers;
     for (const DatabaseJob &job : batch) {
         if (job.kind == DatabaseJob::Kind::Request && !job.readOnly)
@@ -405,8 +406,12 @@ std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::carryOut(std::deque
         }
     }
     const auto handOffDeferred = [this, &deferred] {
-        for (DatabaseJob &job : deferred)
-            m_handOff(std::move(job));
+        for (DatabaseJob &job : deferred) {
+            if (waitsForRead(job))
+                park(std::move(job));
+            else
+                m_handOff(std::move(job));
+        }
     };
     auto answers = std::make_shared<std::vector<DatabaseAnswer>>();
     answers->reserve(batch.size());
@@ -422,8 +427,13 @@ std::shared_ptr<std::vector<DatabaseAnswer>> DatabaseWorker::carryOut(std::deque
 std::vector<DatabaseJob *> DatabaseWorker::transact(const std::vector<DatabaseJob *> &jobs, bool mayRetry,
                                                     std::vector<DatabaseAnswer> &answers)
 {
+    // Parked or at the pool: answered later.
+    std::vector<bool> later(jobs.size(), false);
     const auto failAll = [&](const QString &text) {
-        for (const DatabaseJob *job : jobs) {
+        for (size_t i = 0; i < jobs.size(); ++i) {
+            const DatabaseJob *job = jobs[i];
+            if (later[i])
+                continue;
             if (job->kind == DatabaseJob::Kind::MoveFinished && m_store->connectionLost())
                 m_heldMoves.push_back(*job);
             answers.push_back(failedAnswer(*job, text));
@@ -448,8 +458,16 @@ std::vector<DatabaseJob *> DatabaseWorker::transact(const std::vector<DatabaseJo
     std::vector<DatabaseAnswer> done(jobs.size());
     std::vector<bool> again(jobs.size(), false);
     std::vector<std::function<void()>> afterCommit;
-    for (size_t i = 0; i < jobs.size() && !m_store->connectionLost(); ++i)
-        again[i] = !carryOutOne(*jobs[i], done[i], afterCommit, mayRetry) && mayRetry;
+    for (size_t i = 0; i < jobs.size() && !m_store->connectionLost(); ++i) {
+        if (waitsForRead(*jobs[i])) {
+            park(std::move(*jobs[i]));
+            later[i] = true;
+            continue;
+        }
+        const Carried carried = carryOutOne(*jobs[i], done[i], afterCommit, mayRetry);
+        later[i] = carried == Carried::Reading;
+        again[i] = carried == Carried::Again && mayRetry;
+    }
     if (m_store->connectionLost() || !commitBatch()) {
         Q_TRACE_FAILURE(kSource, QStringLiteral("Commit failed: %1").arg(m_store->errorString()));
         // Nothing of this transaction is saved: no job may be confirmed.
@@ -461,10 +479,68 @@ std::vector<DatabaseJob *> DatabaseWorker::transact(const std::vector<DatabaseJo
     for (size_t i = 0; i < jobs.size(); ++i) {
         if (again[i])
             retries.push_back(jobs[i]);
-        else
+        else if (!later[i])
             answers.push_back(std::move(done[i]));
     }
     return retries;
+}
+
+void DatabaseWorker::unpark(std::deque<DatabaseJob> &batch)
+{
+    if (m_reading.empty())
+        return;
+    std::deque<DatabaseJob> ordered;
+    for (DatabaseJob &job : batch) {
+        const quint64 connection = job.origin.connectionId;
+        if (job.returnsRead) {
+            m_reading.erase(connection);
+            ordered.push_back(std::move(job));
+            const auto parked = m_parked.find(connection);
+            if (parked == m_parked.end())
+                continue;
+            for (DatabaseJob &waiting : parked->second)
+                ordered.push_back(std::move(waiting));
+            m_parked.erase(parked);
+        } else if (waitsForRead(job)) {
+            park(std::move(job));
+        } else {
+            ordered.push_back(std::move(job));
+        }
+    }
+    batch.swap(ordered);
+}
+
+bool DatabaseWorker::waitsForRead(const DatabaseJob &job) const
+{
+    if (job.kind != DatabaseJob::Kind::Request || job.returnsRead)
+        return false;
+    const auto reading = m_reading.find(job.origin.connectionId);
+    return reading != m_reading.end() && job.origin.sequence > reading->second;
+}
+
+void DatabaseWorker::park(DatabaseJob job)
+{
+    std::vector<DatabaseJob> &parked = m_parked[job.origin.connectionId];
+    const auto place =
+        std::upper_bound(parked.begin(), parked.end(), job.origin.sequence,
+                         [](quint64 sequence, const DatabaseJob &other) { return sequence < other.origin.sequence; });
+    parked.insert(place, std::move(job));
+}
+
+bool DatabaseWorker::sendToRead(const DatabaseJob &job, const QString &directory)
+{
+    if (!m_readFiles)
+        return false;
+    DatabaseJob reading = job;
+    reading.directory = directory;
+    reading.returnsRead = true;
+    // With readings, even none, the handler takes what the pool found and
+    // never sends the request back.
+    reading.origin.readings = std::make_shared<const std::vector<FileReading>>();
+    if (!m_readFiles(std::move(reading)))
+        return false;
+    m_reading[job.origin.connectionId] = job.origin.sequence;
+    return true;
 }
 
 bool DatabaseWorker::commitBatch()
@@ -536,8 +612,8 @@ void DatabaseWorker::recordUnchanged(const AuditRecord &record)
     }
 }
 
-bool DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
-                                 std::vector<std::function<void()>> &afterCommit, bool mayRetry)
+DatabaseWorker::Carried DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
+                                                    std::vector<std::function<void()>> &afterCommit, bool mayRetry)
 {
     answer.connectionId = job.origin.connectionId;
     answer.sequence = job.origin.sequence;
@@ -546,7 +622,7 @@ bool DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
     } catch (const RequestFailure &failure) {
         if (job.kind == DatabaseJob::Kind::Request)
             answer.reply = ReplyWriter::status(job.request.command, job.request.requestId, failure.code, failure.text);
-        return true;
+        return Carried::Done;
     }
     bool ok = true;
     RequestOutcome outcome;
@@ -583,19 +659,26 @@ bool DatabaseWorker::carryOutOne(DatabaseJob &job, DatabaseAnswer &answer,
     } catch (const RequestFailure &failure) {
         Q_TRACE_FAILURE(kSource, failure.text);
     }
+    if (!ok && !outcome.readFirstIn.isEmpty()) {
+        if (sendToRead(job, outcome.readFirstIn))
+            return Carried::Reading;
+        Q_TRACE_FAILURE(kSource,
+                        QStringLiteral("%1 %2 failed: the server reads no large files while it stops")
+                            .arg(job.request.command, job.request.requestId));
+    }
     // A request that will run again is recorded when it has run for good.
     if (!ok && job.kind == DatabaseJob::Kind::Request && !(outcome.retry && mayRetry))
         recordUnchanged(AuditRecord::of(job.request, job.origin, outcome.code));
     answer.reply = std::move(outcome.reply);
     if (!ok)
-        return !outcome.retry;
+        return outcome.retry ? Carried::Again : Carried::Done;
     for (auto &action : outcome.afterCommit)
         afterCommit.push_back(std::move(action));
     answer.newGroups = std::move(outcome.newGroups);
     answer.moves = std::move(outcome.moves);
     answer.registersConverter = outcome.registersConverter;
     answer.converterTypes = outcome.converterTypes;
-    return true;
+    return Carried::Done;
 }
 
 } // namespace Kelda

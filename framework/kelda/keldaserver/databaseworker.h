@@ -41,9 +41,12 @@ struct DatabaseJob
     // every earlier change of its connection is committed.
     bool readOnly = false;
     QString guid;
-    // MoveFinished: the group's new directory. AddFile: the directory of a
-    // group this connection's CreateFileGroup, still under way, names.
+    // MoveFinished: the group's new directory. AddFile sent to the digest
+    // pool: the group's directory, where the pool reads the file.
     QString directory;
+    // AddFile back from the digest pool: the requests of its connection
+    // that arrived meanwhile follow it.
+    bool returnsRead = false;
     double percent = 0;
     bool ok = false;
     // Ping: told on the reader's thread whether the database answered.
@@ -112,6 +115,9 @@ public:
     // A writer hands reads that wait for its commits to the reader; a
     // reader hands the audit records of refused reads to a writer.
     using HandOff = std::function<void(DatabaseJob)>;
+    // Takes an AddFile whose file is too large to read on this thread, and
+    // posts it back here once read; false when it takes no more work.
+    using FileReader = std::function<bool(DatabaseJob)>;
 
     DatabaseWorker(Role role, const DatabaseLocation &database, const QString &instanceId, const StorageLayout &layout,
                    Delivery delivery, HandOff handOff = HandOff());
@@ -130,6 +136,9 @@ public:
     }
     // Who may do what; set before open().
     void setAccessRules(const AccessRules &rules) { m_rules = rules; }
+    // Where a writer has large added files read; set before open().
+    // Without one they are refused as unread.
+    void setFileReader(FileReader reader) { m_readFiles = std::move(reader); }
     // Where a reader spools large query answers (see
     // ArchiveEngine::setSpoolFolder); set before open().
     void setSpoolFolder(std::shared_ptr<SpoolFolder> folder) { m_spoolFolder = std::move(folder); }
@@ -191,8 +200,17 @@ private:
     static bool isDropped(const DatabaseJob &job);
     std::vector<DatabaseJob *> transact(const std::vector<DatabaseJob *> &jobs, bool mayRetry,
                                         std::vector<DatabaseAnswer> &answers);
-    bool carryOutOne(DatabaseJob &job, DatabaseAnswer &answer, std::vector<std::function<void()>> &afterCommit,
-                     bool mayRetry);
+    enum class Carried { Done, Again, Reading };
+    Carried carryOutOne(DatabaseJob &job, DatabaseAnswer &answer, std::vector<std::function<void()>> &afterCommit,
+                        bool mayRetry);
+    // Puts the AddFiles back from the pool first in the batch, each
+    // followed by the requests parked behind it, and parks what arrived
+    // for connections whose files are still being read.
+    void unpark(std::deque<DatabaseJob> &batch);
+    // Whether job waits behind an AddFile of its connection at the pool.
+    bool waitsForRead(const DatabaseJob &job) const;
+    void park(DatabaseJob job);
+    bool sendToRead(const DatabaseJob &job, const QString &directory);
     // Writes the record of a change that succeeded, inside its savepoint;
     // false, with the outcome turned into an error, when it cannot.
     bool recordChange(const DatabaseJob &job, RequestOutcome &outcome);
@@ -215,6 +233,7 @@ private:
     const StorageLayout m_layout;
     const Delivery m_delivery;
     const HandOff m_handOff;
+    FileReader m_readFiles;
 
     std::mutex m_mutex;
     std::condition_variable m_wake;
@@ -239,6 +258,11 @@ private:
     AuditTrail *m_trail = nullptr;
     // Reader only: requests held back per connection, in arrival order.
     std::map<quint64, std::deque<DatabaseJob>> m_held;
+    // Writer only: connections with an AddFile at the pool (by the
+    // sequence of that request), and the requests that arrived behind it,
+    // in their connection's order.
+    std::map<quint64, quint64> m_reading;
+    std::map<quint64, std::vector<DatabaseJob>> m_parked;
     std::atomic<bool> m_abandonReads{false};
 };
 

@@ -31,16 +31,19 @@ DigestPool::~DigestPool()
 
 bool DigestPool::readsFilesFor(const QString &command)
 {
-    return command == Tag::AddFile || command == Tag::VerifyFileGroup;
+    return command == Tag::VerifyFileGroup;
 }
 
-void DigestPool::post(DatabaseJob job)
+bool DigestPool::post(DatabaseJob job)
 {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_stopping)
+            return false;
         m_queue.push_back(std::move(job));
     }
     m_wake.notify_one();
+    return true;
 }
 
 void DigestPool::stopAndWait()
@@ -94,14 +97,13 @@ void DigestPool::serve()
 }
 
 std::vector<FileReading> DigestPool::read(ArchiveStore &store, const StorageLayout &layout, const Request &request,
-                                          const QString &plannedDirectory, const std::atomic<bool> *stop)
+                                          const QString &addedTo, const std::atomic<bool> *stop)
 {
     std::vector<FileReading> readings;
     const QString guid = request.text(Tag::Guid);
     std::optional<QString> path;
-    if (request.command == Tag::AddFile && !plannedDirectory.isEmpty() &&
-        layout.refusedGroupDirectory(plannedDirectory, guid).isEmpty()) {
-        path = plannedDirectory;
+    if (request.command == Tag::AddFile && !addedTo.isEmpty()) {
+        path = addedTo;
     } else if (!guid.trimmed().isEmpty()) {
         if (const std::optional<GroupPlace> place = store.groupPlace(guid))
             path = place->path;

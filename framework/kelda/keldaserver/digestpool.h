@@ -16,17 +16,18 @@ namespace Kelda {
 
 class ArchiveStore;
 
-// Threads that read the files a request names before the request reaches
-// the thread that commits changes: AddFile records the digest of the file
-// it adds, VerifyFileGroup those of a whole group. Reading a large file takes
-// seconds; done here, it holds up no other client's changes. Each thread has
-// a database connection of its own to find the group's directory and files.
-// The digests travel with the job (RequestOrigin::readings); the job's
-// handler on the database thread decides what they mean.
+// Threads that read the files a request names before the thread that
+// commits changes carries it out: VerifyFileGroup reads a whole group, and an
+// AddFile whose file is too large to read on that thread is read here and
+// then carried out again. Reading a large file takes seconds; done here, it
+// holds up no other client's changes. Each thread has a database connection
+// of its own to find the group's directory and files. The digests travel
+// with the job (RequestOrigin::readings); the job's handler on the database
+// thread decides what they mean.
 //
-// The owner keeps each connection's order: while one of its jobs is here,
-// its later requests wait. Hand-overs use the standard mutex and condition
-// variable, which thread checkers see.
+// Each connection has at most one job here at a time, and what it sends
+// meanwhile waits, so its order is kept. Hand-overs use the standard mutex
+// and condition variable, which thread checkers see.
 class DigestPool
 {
 public:
@@ -39,20 +40,20 @@ public:
     DigestPool(const DigestPool &) = delete;
     DigestPool &operator=(const DigestPool &) = delete;
 
-    // Whether a command's files are read here first.
+    // Whether a command's files are always read here first.
     static bool readsFilesFor(const QString &command);
 
     // Reads what the request names, as a pool thread does; for the pool and
-    // for tests that drive the engine without threads. plannedDirectory is
-    // the directory the group's CreateFileGroup names, when that is still
-    // under way on the same connection: the file is read from there, without
-    // a look at the database, where the group is not yet. The handler checks
-    // that a reading is of the directory the group has, so a creation that
-    // fails (the GUID taken, say) leaves its AddFile unread.
+    // for tests that drive the engine without threads. addedTo is where
+    // the writer found an added file's group, whose creation may not be
+    // committed yet: the file is read there without a look at the
+    // database. The handler checks that a reading is of the directory the
+    // group has when the request is carried out again.
     static std::vector<FileReading> read(ArchiveStore &store, const StorageLayout &layout, const Request &request,
-                                         const QString &plannedDirectory, const std::atomic<bool> *stop);
+                                         const QString &addedTo, const std::atomic<bool> *stop);
 
-    void post(DatabaseJob job);
+    // False once the pool is stopping: the job is not taken.
+    bool post(DatabaseJob job);
     // Cuts the reads under way short (their jobs are delivered with failed
     // readings, so that they are answered), delivers what waits the same
     // way, and ends the threads.

@@ -112,6 +112,13 @@ QString SearchStatement::indexTerm(const QString &filter, const QString &index, 
     return filter.isEmpty() ? all : filter + QLatin1String(" : ") + all;
 }
 
+QString SearchStatement::indexCandidates(const QString &index)
+{
+    // The rows changed since the index last took them are candidates too.
+    return QStringLiteral("SELECT rowid FROM %1 WHERE %1 MATCH ? UNION ALL SELECT row_id FROM %2")
+        .arg(index, ArchiveSchema::pendingTextTable(index));
+}
+
 QString SearchStatement::textTest(const QString &alias, const QString &column, const QString &text)
 {
     const QString key = searchKey(text);
@@ -149,8 +156,7 @@ void SearchStatement::addGroupTexts(const GroupSearch &criteria)
                 terms.append(term);
         }
         if (!terms.isEmpty()) {
-            m_sql += QStringLiteral(" AND g.id IN (SELECT rowid FROM %1 WHERE %1 MATCH ?)")
-                         .arg(ArchiveSchema::GroupTextIndex);
+            m_sql += QStringLiteral(" AND g.id IN (%1)").arg(indexCandidates(ArchiveSchema::GroupTextIndex));
             m_values.append(terms.join(QLatin1String(" AND ")));
         }
     }
@@ -195,7 +201,7 @@ void SearchStatement::addLinkedText(const QString &table, const QString &column,
     m_sql += QStringLiteral(" AND g.guid IN (SELECT t.guid FROM %1 t WHERE 1 = 1").arg(table);
     const QString term = m_postgres || index.isEmpty() ? QString() : indexTerm(QString(), index, text);
     if (!term.isEmpty()) {
-        m_sql += QStringLiteral(" AND t.id IN (SELECT rowid FROM %1 WHERE %1 MATCH ?)").arg(index);
+        m_sql += QStringLiteral(" AND t.id IN (%1)").arg(indexCandidates(index));
         m_values.append(term);
     }
     m_sql += textTest(QStringLiteral("t"), column, text) + QLatin1Char(')');

@@ -46,6 +46,8 @@ private:
     // The FTS5 query of an index for one text, its column filter in front
     // when named; empty when the text is too short for the index.
     QString indexTerm(const QString &filter, const QString &index, const QString &text) const;
+    // The ids an SQLite trigram index offers for its term (one value).
+    static QString indexCandidates(const QString &index);
 
     const bool m_postgres;
     const TrigramStatistics &m_statistics;

@@ -155,6 +155,16 @@ void TestServerConfinedDirectory::onlyRegularFilesAreRead()
         QCOMPARE(digest->sha256, QCryptographicHash::hash(whole, QCryptographicHash::Sha256));
         QCOMPARE(digest->size, qint64(whole.size()));
     }
+    // Up to a size only: a larger file is left unread, which is no error.
+    error.clear();
+    qint64 size = -1;
+    const std::optional<ConfinedDirectory::Digest> small = directory.digestSmallFile(name, 4, &size, &error);
+    QCOMPARE(small.has_value(), !content.isEmpty());
+    QCOMPARE(error.isEmpty(), regular);
+    if (regular)
+        QCOMPARE(size, digest->size);
+    if (small)
+        QCOMPARE(small->sha256, QCryptographicHash::hash(content, QCryptographicHash::Sha256));
     const std::atomic<bool> stopped{true};
     QVERIFY(!directory.digestFile(name, &error, ReadControl{&stopped, nullptr}));
     QVERIFY(timer.elapsed() < 2000);
