@@ -167,7 +167,7 @@ const QString ArchiveSchema::AuditTable = QStringLiteral("audit_records");
 // Steps[v] brings version v to v + 1.
 const ArchiveSchema::Step ArchiveSchema::Steps[] = {
     &ArchiveSchema::createVersion1,   &ArchiveSchema::indexSearchCriteria,   &ArchiveSchema::recordFileDigests,
-    &ArchiveSchema::createAuditTrail, &ArchiveSchema::deferTextIndexUpdates,
+    &ArchiveSchema::createAuditTrail, &ArchiveSchema::deferTextIndexUpdates, &ArchiveSchema::unindexAuditTimes,
 };
 
 ArchiveSchema::ArchiveSchema(ArchiveDatabase &database)
@@ -313,6 +313,14 @@ void ArchiveSchema::deferTextIndexUpdates()
             run(QStringLiteral("DROP TRIGGER %1_%2").arg(index.index, event));
         createTriggers(index.index, index.table, names, insert, remove);
     }
+}
+
+void ArchiveSchema::unindexAuditTimes()
+{
+    // Every change paid a page write for the index of its record's time;
+    // the trail is read by an administrator now and then, from its start
+    // in the order of its ids, as it already was for a group or a user.
+    run(QStringLiteral("DROP INDEX IF EXISTS %1_time").arg(AuditTable));
 }
 
 int ArchiveSchema::deferredTextIndexCount()

@@ -20,7 +20,7 @@ class ArchiveSchema
 {
 public:
     // The version this build writes; adding one means adding its step.
-    static constexpr int Version = 5;
+    static constexpr int Version = 6;
 
     // SQLite's trigram indexes: FTS5 tables over the search keys, whose
     // rowid is the id of the row they index. Locks have one up to version
@@ -66,6 +66,7 @@ private:
     void ensureTrigramIndexes();
     void createAuditTrail();
     void deferTextIndexUpdates();
+    void unindexAuditTimes();
 
     void rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,
                            const QStringList &indexes);
