@@ -167,7 +167,7 @@ const QString ArchiveSchema::AuditTable = QStringLiteral("audit_records");
 // Steps[v] brings version v to v + 1.
 const ArchiveSchema::Step ArchiveSchema::Steps[] = {
     &ArchiveSchema::createVersion1,   &ArchiveSchema::indexSearchCriteria,   &ArchiveSchema::recordFileDigests,
-    &ArchiveSchema::createAuditTrail, &ArchiveSchema::deferTextIndexUpdates, &ArchiveSchema::unindexAuditTimes,
+    &ArchiveSchema::createAuditTrail, &ArchiveSchema::deferTextIndexUpdates, &ArchiveSchema::dropPerChangeIndexes,
 };
 
 ArchiveSchema::ArchiveSchema(ArchiveDatabase &database)
@@ -315,12 +315,14 @@ void ArchiveSchema::deferTextIndexUpdates()
     }
 }
 
-void ArchiveSchema::unindexAuditTimes()
+void ArchiveSchema::dropPerChangeIndexes()
 {
-    // Every change paid a page write for the index of its record's time;
-    // the trail is read by an administrator now and then, from its start
-    // in the order of its ids, as it already was for a group or a user.
+    // Each cost every change or lock a page write of its own. The audit
+    // trail is read by an administrator now and then, from its start in
+    // the order of its ids, as it already was for a group or a user; locks
+    // are few and held briefly, so a lock state criterion reads them all.
     run(QStringLiteral("DROP INDEX IF EXISTS %1_time").arg(AuditTable));
+    run(QStringLiteral("DROP INDEX IF EXISTS group_locks_write"));
 }
 
 int ArchiveSchema::deferredTextIndexCount()

@@ -66,7 +66,7 @@ private:
     void ensureTrigramIndexes();
     void createAuditTrail();
     void deferTextIndexUpdates();
-    void unindexAuditTimes();
+    void dropPerChangeIndexes();
 
     void rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,
                            const QStringList &indexes);

@@ -111,7 +111,7 @@ private:
     struct HeldJob
     {
         quint64 sequence = 0;
-        DatabaseJob job; // moved to the digest pool while withPool
+        DatabaseJob job; // copied to the digest pool while withPool
         bool withPool = false;
         bool read = false;
     };
