@@ -462,15 +462,15 @@ void ArchiveEngine::addFile(const Request &request, const RequestOrigin &origin,
     if (!directory.isOpen())
         refuse(KE_OpenFileFailed,
                QStringLiteral("Cannot use the directory of file group %1: %2").arg(group.guid, error));
-    const std::optional<qint64> size = directory.regularFileSize(name, &error);
-    if (!size) {
+    const AddedFile added = lookAtAddedFile(directory, name, origin);
+    if (added.size < 0) {
         // A link may point anywhere; archived files are files of their own.
         if (directory.kindOf(name) == ConfinedDirectory::Kind::Link)
             refuse(KE_AddFileFailed, QStringLiteral("Refused %1: it is a symbolic link").arg(name));
         refuse(KE_OpenFileFailed,
                QStringLiteral("%1 is no regular file in the group's directory %2; copy it there "
                               "first (%3)")
-                   .arg(name, StorageLayout::directoryForReply(group.path), error));
+                   .arg(name, StorageLayout::directoryForReply(group.path), added.error));
     }
     const QString guid = group.guid;
     const qint64 wanted = request.number(Tag::FileId);
@@ -483,7 +483,7 @@ void ArchiveEngine::addFile(const Request &request, const RequestOrigin &origin,
             refuse(KE_AddFileFailed, QStringLiteral("File group %1 has no free file id left").arg(guid));
         fileId = facts.highestId + 1;
     }
-    FileCheck check = checkOfAddedFile(group, directory, name, origin, *size, outcome);
+    FileCheck check = checkOfAddedFile(group, name, origin, added, outcome);
     check.fileId = fileId;
     m_store.addFile(guid, fileId, name, now().toMSecsSinceEpoch(), check);
     outcome.fileId = fileId;
@@ -491,26 +491,34 @@ void ArchiveEngine::addFile(const Request &request, const RequestOrigin &origin,
     writer.writeStatus(KE_NoError, QString());
 }
 
-FileCheck ArchiveEngine::checkOfAddedFile(const GroupPlace &group, const ConfinedDirectory &directory,
-                                          const QString &name, const RequestOrigin &origin, qint64 sizeNow,
-                                          RequestOutcome &outcome)
+ArchiveEngine::AddedFile ArchiveEngine::lookAtAddedFile(const ConfinedDirectory &directory, const QString &name,
+                                                        const RequestOrigin &origin)
+{
+    AddedFile added;
+    if (origin.readings) {
+        if (const std::optional<qint64> size = directory.regularFileSize(name, &added.error))
+            added.size = *size;
+    } else {
+        added.digest = directory.digestSmallFile(name, InlineDigestBytes, &added.size, &added.error);
+    }
+    return added;
+}
+
+FileCheck ArchiveEngine::checkOfAddedFile(const GroupPlace &group, const QString &name, const RequestOrigin &origin,
+                                          const AddedFile &added, RequestOutcome &outcome)
 {
     if (origin.readings)
-        return checkOfPoolReading(group, name, origin, sizeNow);
-    QString error;
-    qint64 size = -1;
-    const std::optional<ConfinedDirectory::Digest> digest =
-        directory.digestSmallFile(name, InlineDigestBytes, &size, &error);
-    if (!digest && error.isEmpty() && size > InlineDigestBytes)
+        return checkOfPoolReading(group, name, origin, added.size);
+    if (!added.digest && added.error.isEmpty() && added.size > InlineDigestBytes)
         outcome.readFirstIn = group.path;
-    if (!digest)
+    if (!added.digest)
         refuse(KE_ReadFileFailed,
                QStringLiteral("Cannot read %1 to record its digest: %2")
-                   .arg(name, error.isEmpty() ? QStringLiteral("it was not read") : error));
+                   .arg(name, added.error.isEmpty() ? QStringLiteral("it was not read") : added.error));
     FileReading reading;
     reading.found = true;
-    reading.size = digest->size;
-    reading.digest = FileDigest::hex(digest->sha256);
+    reading.size = added.digest->size;
+    reading.digest = FileDigest::hex(added.digest->sha256);
     return checkOf(name, reading);
 }
 

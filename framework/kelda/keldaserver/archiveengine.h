@@ -196,11 +196,21 @@ private:
     static void spool(AnswerSpool &spool, const QByteArray &bytes);
 
     static void writeChecks(ReplyWriter &writer, ReplyKind kind, const std::vector<FileCheck> &checks);
+    // What AddFile's one look at its file found: its size (negative when
+    // it is no regular file, error then says why) and, unless the pool has
+    // read it, the digest of a small file or why it could not be read.
+    struct AddedFile
+    {
+        qint64 size = -1;
+        std::optional<ConfinedDirectory::Digest> digest;
+        QString error;
+    };
+    static AddedFile lookAtAddedFile(const ConfinedDirectory &directory, const QString &name,
+                                     const RequestOrigin &origin);
     // The digest an added file is recorded with: read here when the file
-    // is small, else the pool's reading. sizeNow: the file's size as the
-    // request is carried out, against the size the pool read.
-    FileCheck checkOfAddedFile(const GroupPlace &group, const ConfinedDirectory &directory, const QString &name,
-                               const RequestOrigin &origin, qint64 sizeNow, RequestOutcome &outcome);
+    // is small, else the pool's reading, compared with the size found now.
+    FileCheck checkOfAddedFile(const GroupPlace &group, const QString &name, const RequestOrigin &origin,
+                               const AddedFile &added, RequestOutcome &outcome);
     FileCheck checkOfPoolReading(const GroupPlace &group, const QString &name, const RequestOrigin &origin,
                                  qint64 sizeNow);
     // A file's record as read just now.
