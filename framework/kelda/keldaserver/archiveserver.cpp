@@ -639,8 +639,7 @@ void ArchiveServer::route(Peer &peer, DatabaseJob job)
         toDatabase(peer, std::move(job));
         return;
     }
-    const quint64 sequence = job.origin.sequence;
-    peer.held.push_back({sequence, std::move(job)});
+    peer.held.push_back(std::move(job));
     releaseWaiting(peer);
 }
 
@@ -649,14 +648,10 @@ void ArchiveServer::onRead(DatabaseJob job)
     const auto peer = m_peers.find(job.origin.connectionId);
     if (peer == m_peers.end())
         return;
-    for (HeldJob &held : peer->held) {
-        if (held.sequence == job.origin.sequence) {
-            held.job = std::move(job);
-            held.withPool = false;
-            held.read = true;
-            break;
-        }
-    }
+    // It was the first held job; its copy there goes.
+    peer->held.pop_front();
+    peer->readingFiles = false;
+    toDatabase(*peer, std::move(job));
     releaseWaiting(*peer);
 }
 
@@ -664,20 +659,18 @@ void ArchiveServer::releaseWaiting(Peer &peer)
 {
     // Without the pool (it is gone at shutdown) a job is sent on unread,
     // and the handler refuses it as such.
-    while (!peer.held.empty()) {
-        HeldJob &front = peer.held.front();
-        if (front.withPool)
-            return;
-        if (!front.read && readsFiles(front.job)) {
+    while (!peer.held.empty() && !peer.readingFiles) {
+        DatabaseJob &front = peer.held.front();
+        if (readsFiles(front)) {
             // The connection's earlier changes may add or remove files.
             if (!peer.changes.empty())
                 return;
-            if (m_digests->post(front.job)) {
-                front.withPool = true;
+            if (m_digests->post(front)) {
+                peer.readingFiles = true;
                 return;
             }
         }
-        toDatabase(peer, std::move(front.job));
+        toDatabase(peer, std::move(front));
         peer.held.pop_front();
     }
 }
@@ -836,8 +829,8 @@ void ArchiveServer::deliver(const std::shared_ptr<std::vector<DatabaseAnswer>> &
             peer->converterTypes = done.converterTypes;
         }
         answer(*peer, done.sequence, {done.reply, done.spool});
-        // The first held job is not with the pool: it waits for commits.
-        if (fromWriter && !peer->held.empty() && !peer->held.front().withPool)
+        // The first held job may have waited for this commit.
+        if (fromWriter)
             releaseWaiting(*peer);
     }
 }

@@ -108,14 +108,6 @@ private:
         std::shared_ptr<AnswerSpool> spool;
     };
 
-    struct HeldJob
-    {
-        quint64 sequence = 0;
-        DatabaseJob job; // copied to the digest pool while withPool
-        bool withPool = false;
-        bool read = false;
-    };
-
     struct Peer
     {
         ClientConnection *connection = nullptr;
@@ -135,7 +127,9 @@ private:
         // files are being read, or that waits for the connection's earlier
         // changes to commit. (An AddFile whose file is large waits for its
         // reading at the writer, and what follows it waits there too.)
-        std::deque<HeldJob> held;
+        std::deque<DatabaseJob> held;
+        // A copy of the first held job is with the digest pool.
+        bool readingFiles = false;
         qint64 parsingReserved = 0;
         bool tryExpand = true;
         // Pending bytes held by the frame being received.
