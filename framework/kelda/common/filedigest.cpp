@@ -1,5 +1,6 @@
 #include "filedigest.h"
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include <new>
@@ -39,6 +40,11 @@ QByteArray FileDigest::finish()
     digest.resize(int(length));
     EVP_DigestInit_ex(m_context->evp, EVP_sha256(), nullptr);
     return digest;
+}
+
+void FileDigest::releaseThreadState()
+{
+    OPENSSL_thread_stop();
 }
 
 } // namespace Kelda

@@ -26,6 +26,12 @@ public:
     // Lower-case hexadecimal, the form stored, sent and printed.
     static QString hex(const QByteArray &digest) { return QString::fromLatin1(digest.toHex()); }
 
+    // Frees what OpenSSL keeps for the calling thread (for its digests, and
+    // for libpq's TLS). A QThread calls it last in run(): QThread::wait()
+    // returns before the thread's own clean-up, so a process ending right
+    // after could free that state at exit while the thread frees it too.
+    static void releaseThreadState();
+
 private:
     struct Context;
     std::unique_ptr<Context> m_context;

@@ -1,6 +1,7 @@
 #include "databaseworker.h"
 
 #include "audittrail.h"
+#include "filedigest.h"
 #include "keldaxml.h"
 #include "replywriter.h"
 #include "requestfailure.h"
@@ -124,6 +125,7 @@ std::deque<DatabaseJob> DatabaseWorker::takeBatch(int idleTimeoutMs, bool *finis
 void DatabaseWorker::run()
 {
     serve();
+    FileDigest::releaseThreadState();
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_state = State::Ended;
 }

@@ -53,6 +53,7 @@ void GroupMover::stopAndWait()
 void GroupMover::run()
 {
     serve();
+    FileDigest::releaseThreadState();
     const std::lock_guard<std::mutex> lock(m_mutex);
 }
 
