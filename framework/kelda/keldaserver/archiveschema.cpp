@@ -96,6 +96,16 @@ const QStringList kFileDigests{
     QStringLiteral("CREATE INDEX IF NOT EXISTS group_files_checked ON group_files (checked_at)"),
 };
 
+// Version 7 on SQLite: files and locks in the b-tree of their key.
+const QString kFilesColumns = QStringLiteral("guid, file_id, name, size, algorithm, digest, checked_at, state");
+const QString kFilesByKey = QStringLiteral(
+    "guid VARCHAR(64) NOT NULL, file_id INTEGER NOT NULL, name TEXT NOT NULL, size BIGINT, algorithm TEXT,"
+    " digest TEXT, checked_at BIGINT, state TEXT NOT NULL DEFAULT 'unverified', PRIMARY KEY (guid, file_id)");
+const QString kLocksColumns = QStringLiteral("guid, holder, holder_key, write_lock");
+const QString kLocksByKey = QStringLiteral(
+    "guid VARCHAR(64) NOT NULL, holder TEXT NOT NULL, holder_key TEXT NOT NULL, write_lock INTEGER NOT NULL,"
+    " PRIMARY KEY (guid, holder)");
+
 // SQLite's trigram indexes and what they index.
 struct TextIndex
 {
@@ -166,8 +176,10 @@ const QString ArchiveSchema::AuditTable = QStringLiteral("audit_records");
 
 // Steps[v] brings version v to v + 1.
 const ArchiveSchema::Step ArchiveSchema::Steps[] = {
-    &ArchiveSchema::createVersion1,   &ArchiveSchema::indexSearchCriteria,   &ArchiveSchema::recordFileDigests,
-    &ArchiveSchema::createAuditTrail, &ArchiveSchema::deferTextIndexUpdates, &ArchiveSchema::dropPerChangeIndexes,
+    &ArchiveSchema::createVersion1,           &ArchiveSchema::indexSearchCriteria,
+    &ArchiveSchema::recordFileDigests,        &ArchiveSchema::createAuditTrail,
+    &ArchiveSchema::deferTextIndexUpdates,    &ArchiveSchema::dropPerChangeIndexes,
+    &ArchiveSchema::writeFewerPagesPerChange,
 };
 
 ArchiveSchema::ArchiveSchema(ArchiveDatabase &database)
@@ -325,6 +337,26 @@ void ArchiveSchema::dropPerChangeIndexes()
     run(QStringLiteral("DROP INDEX IF EXISTS group_locks_write"));
 }
 
+void ArchiveSchema::writeFewerPagesPerChange()
+{
+    // Few groups are Tovin groups, and a group is backed up long after it
+    // is created if ever: every new group wrote a page of each index for
+    // its NULLs, which no criterion looks for. A range of backup times or an equal
+    // Tovin id implies the column is set, so both engines still use them.
+    run(QStringLiteral("DROP INDEX file_groups_backup"));
+    run(QStringLiteral("CREATE INDEX file_groups_backup ON file_groups (backup_time) WHERE backup_time IS NOT NULL"));
+    run(QStringLiteral("DROP INDEX file_groups_tovin"));
+    run(QStringLiteral(
+        "CREATE INDEX file_groups_tovin ON file_groups (tovin_id, record_id) WHERE tovin_id IS NOT NULL"));
+    if (m_db.isPostgres())
+        return;
+    // Files and locks are found by their key only: kept in the key's own
+    // b-tree, a file added or a lock taken writes one page, not two.
+    rebuildByKey(QStringLiteral("group_files"), kFilesByKey, kFilesColumns,
+                 {QStringLiteral("CREATE INDEX group_files_checked ON group_files (checked_at)")});
+    rebuildByKey(QStringLiteral("group_locks"), kLocksByKey, kLocksColumns, {});
+}
+
 int ArchiveSchema::deferredTextIndexCount()
 {
     return int(deferredTextIndexes().size());
@@ -378,6 +410,18 @@ void ArchiveSchema::rebuildWithRowIds(const QString &table, const QString &defin
     const QString order =
         table == QLatin1String("file_groups") ? QStringLiteral(" ORDER BY creation_time, guid") : QString();
     run(QStringLiteral("INSERT INTO %1 (%2) SELECT %2 FROM %3%4").arg(table, columns, old, order));
+    run(QStringLiteral("DROP TABLE %1").arg(old));
+    for (const QString &index : indexes)
+        run(index);
+}
+
+void ArchiveSchema::rebuildByKey(const QString &table, const QString &definition, const QString &columns,
+                                 const QStringList &indexes)
+{
+    const QString old = table + QStringLiteral("_before");
+    run(QStringLiteral("ALTER TABLE %1 RENAME TO %2").arg(table, old));
+    run(QStringLiteral("CREATE TABLE %1 (%2) WITHOUT ROWID").arg(table, definition));
+    run(QStringLiteral("INSERT INTO %1 (%2) SELECT %2 FROM %3").arg(table, columns, old));
     run(QStringLiteral("DROP TABLE %1").arg(old));
     for (const QString &index : indexes)
         run(index);

@@ -20,7 +20,7 @@ class ArchiveSchema
 {
 public:
     // The version this build writes; adding one means adding its step.
-    static constexpr int Version = 6;
+    static constexpr int Version = 7;
 
     // SQLite's trigram indexes: FTS5 tables over the search keys, whose
     // rowid is the id of the row they index. Locks have one up to version
@@ -67,9 +67,12 @@ private:
     void createAuditTrail();
     void deferTextIndexUpdates();
     void dropPerChangeIndexes();
+    void writeFewerPagesPerChange();
 
     void rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,
                            const QStringList &indexes);
+    void rebuildByKey(const QString &table, const QString &definition, const QString &columns,
+                      const QStringList &indexes);
     void createTextIndex(const QString &table, const QString &index, const QStringList &columns, const QString &detail);
     // Triggers named after index: insert runs for each row the table gains,
     // remove for each it loses, both for a row whose columns change.
