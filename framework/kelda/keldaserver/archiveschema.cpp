@@ -403,25 +403,25 @@ const QStringList &ArchiveSchema::textIndexFlush(int index)
 void ArchiveSchema::rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,
                                       const QStringList &indexes)
 {
-    const QString old = table + QStringLiteral("_before");
-    run(QStringLiteral("ALTER TABLE %1 RENAME TO %2").arg(table, old));
-    run(QStringLiteral("CREATE TABLE %1 (id INTEGER PRIMARY KEY, %2)").arg(table, definition));
-    // In creation order, so that a range of ids is a range of time.
-    const QString order =
-        table == QLatin1String("file_groups") ? QStringLiteral(" ORDER BY creation_time, guid") : QString();
-    run(QStringLiteral("INSERT INTO %1 (%2) SELECT %2 FROM %3%4").arg(table, columns, old, order));
-    run(QStringLiteral("DROP TABLE %1").arg(old));
-    for (const QString &index : indexes)
-        run(index);
+    rebuildAs(table, QStringLiteral("(id INTEGER PRIMARY KEY, %1)").arg(definition), columns, indexes);
 }
 
 void ArchiveSchema::rebuildByKey(const QString &table, const QString &definition, const QString &columns,
                                  const QStringList &indexes)
 {
+    rebuildAs(table, QStringLiteral("(%1) WITHOUT ROWID").arg(definition), columns, indexes);
+}
+
+void ArchiveSchema::rebuildAs(const QString &table, const QString &shape, const QString &columns,
+                              const QStringList &indexes)
+{
     const QString old = table + QStringLiteral("_before");
     run(QStringLiteral("ALTER TABLE %1 RENAME TO %2").arg(table, old));
-    run(QStringLiteral("CREATE TABLE %1 (%2) WITHOUT ROWID").arg(table, definition));
-    run(QStringLiteral("INSERT INTO %1 (%2) SELECT %2 FROM %3").arg(table, columns, old));
+    run(QStringLiteral("CREATE TABLE %1 %2").arg(table, shape));
+    // In creation order, so that a range of ids is a range of time.
+    const QString order =
+        table == QLatin1String("file_groups") ? QStringLiteral(" ORDER BY creation_time, guid") : QString();
+    run(QStringLiteral("INSERT INTO %1 (%2) SELECT %2 FROM %3%4").arg(table, columns, old, order));
     run(QStringLiteral("DROP TABLE %1").arg(old));
     for (const QString &index : indexes)
         run(index);

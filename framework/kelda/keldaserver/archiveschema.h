@@ -73,6 +73,9 @@ private:
                            const QStringList &indexes);
     void rebuildByKey(const QString &table, const QString &definition, const QString &columns,
                       const QStringList &indexes);
+    // The table renamed, created anew as "CREATE TABLE table shape", its
+    // rows copied and the old one dropped.
+    void rebuildAs(const QString &table, const QString &shape, const QString &columns, const QStringList &indexes);
     void createTextIndex(const QString &table, const QString &index, const QStringList &columns, const QString &detail);
     // Triggers named after index: insert runs for each row the table gains,
     // remove for each it loses, both for a row whose columns change.
