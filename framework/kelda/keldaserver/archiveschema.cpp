@@ -96,7 +96,8 @@ const QStringList kFileDigests{
     QStringLiteral("CREATE INDEX IF NOT EXISTS group_files_checked ON group_files (checked_at)"),
 };
 
-// Version 7 on SQLite: files and locks in the b-tree of their key.
+// The columns of files and locks, and (version 7, on SQLite) their tables
+// kept in the b-tree of their key.
 const QString kFilesColumns = QStringLiteral("guid, file_id, name, size, algorithm, digest, checked_at, state");
 const QString kFilesByKey = QStringLiteral(
     "guid VARCHAR(64) NOT NULL, file_id INTEGER NOT NULL, name TEXT NOT NULL, size BIGINT, algorithm TEXT,"
@@ -267,8 +268,7 @@ void ArchiveSchema::indexSearchCriteria()
         QStringList groupIndexes = kVersion1.filter(QStringLiteral("ON file_groups"));
         groupIndexes.append(QStringLiteral("CREATE INDEX file_groups_path ON file_groups (path)"));
         rebuildWithRowIds(QStringLiteral("file_groups"), kGroupsVersion2, kGroupsColumns, groupIndexes);
-        rebuildWithRowIds(QStringLiteral("group_locks"), kLocksVersion2,
-                          QStringLiteral("guid, holder, holder_key, write_lock"), {});
+        rebuildWithRowIds(QStringLiteral("group_locks"), kLocksVersion2, kLocksColumns, {});
         rebuildWithRowIds(QStringLiteral("group_references"), kReferencesVersion2,
                           QStringLiteral("guid, application, application_key, ref_count"), {});
         for (const TextIndex &index : textIndexes())
@@ -341,8 +341,9 @@ void ArchiveSchema::writeFewerPagesPerChange()
 {
     // Few groups are Tovin groups, and a group is backed up long after it
     // is created if ever: every new group wrote a page of each index for
-    // its NULLs, which no criterion looks for. A range of backup times or an equal
-    // Tovin id implies the column is set, so both engines still use them.
+    // its NULLs, which no criterion looks for. A range of backup times or
+    // an equal Tovin id implies the column is set, so both engines still
+    // use them.
     run(QStringLiteral("DROP INDEX file_groups_backup"));
     run(QStringLiteral("CREATE INDEX file_groups_backup ON file_groups (backup_time) WHERE backup_time IS NOT NULL"));
     run(QStringLiteral("DROP INDEX file_groups_tovin"));
