@@ -171,16 +171,9 @@ QString ConfinedDirectory::childPath(const QString &name) const
 ConfinedDirectory ConfinedDirectory::open(const QString &root, const QString &path, Creation creation, QString *error)
 {
     const QString cleanRoot = QDir::cleanPath(root);
-    const QString cleanPath = QDir::cleanPath(path);
     QStringList components;
-    if (cleanPath != cleanRoot) {
-        const QString prefix = cleanRoot.endsWith(QLatin1Char('/')) ? cleanRoot : cleanRoot + QLatin1Char('/');
-        if (QDir::isRelativePath(cleanPath) || !cleanPath.startsWith(prefix)) {
-            setError(error, QStringLiteral("%1 does not lie below %2").arg(path, cleanRoot));
-            return ConfinedDirectory();
-        }
-        components = cleanPath.mid(prefix.size()).split(QLatin1Char('/'));
-    }
+    if (!componentsBelow(cleanRoot, path, &components, error))
+        return ConfinedDirectory();
     // The root is followed as configured; below it nothing is.
     const int rootFd = ::open(encoded(cleanRoot).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ConfinedDirectory current(FileDescriptor(rootFd), cleanRoot);
@@ -192,14 +185,44 @@ ConfinedDirectory ConfinedDirectory::open(const QString &root, const QString &pa
     }
     if (components.isEmpty())
         return current;
-    ConfinedDirectory resolved = current.openBelow(components, creation, error);
+    return current.descend(components, creation, error);
+}
+
+ConfinedDirectory ConfinedDirectory::openWithin(const QString &path, Creation creation, QString *error) const
+{
+    QStringList components;
+    if (!componentsBelow(m_path, path, &components, error))
+        return ConfinedDirectory();
+    // This directory itself is not handed out twice: its own descriptor
+    // stays with its owner.
+    if (components.isEmpty())
+        return open(m_path, path, creation, error);
+    return descend(components, creation, error);
+}
+
+bool ConfinedDirectory::componentsBelow(const QString &cleanRoot, const QString &path, QStringList *components,
+                                        QString *error)
+{
+    const QString cleanPath = QDir::cleanPath(path);
+    if (cleanPath == cleanRoot)
+        return true;
+    const QString prefix = cleanRoot.endsWith(QLatin1Char('/')) ? cleanRoot : cleanRoot + QLatin1Char('/');
+    if (QDir::isRelativePath(cleanPath) || !cleanPath.startsWith(prefix)) {
+        setError(error, QStringLiteral("%1 does not lie below %2").arg(path, cleanRoot));
+        return false;
+    }
+    *components = cleanPath.mid(prefix.size()).split(QLatin1Char('/'));
+    return true;
+}
+
+ConfinedDirectory ConfinedDirectory::descend(const QStringList &components, Creation creation, QString *error) const
+{
+    ConfinedDirectory resolved = openBelow(components, creation, error);
     if (resolved.isOpen())
         return resolved;
-    for (const QString &component : qAsConst(components)) {
-        current = current.openChild(component, creation, error);
-        if (!current.isOpen())
-            break;
-    }
+    ConfinedDirectory current = openChild(components.first(), creation, error);
+    for (int i = 1; i < components.size() && current.isOpen(); ++i)
+        current = current.openChild(components.at(i), creation, error);
     return current;
 }
 

@@ -55,6 +55,9 @@ public:
     // The directory at path, which must be root itself or lie below it;
     // CreateMissing makes the missing components on the way.
     static ConfinedDirectory open(const QString &root, const QString &path, Creation creation, QString *error);
+    // The same with this directory as the root, already open: no walk from
+    // the file system's root to it.
+    ConfinedDirectory openWithin(const QString &path, Creation creation, QString *error) const;
     // Removes the directory at path below root if it is empty once its
     // empty sub-directories are gone; never root itself, nothing above path.
     static void removeEmptyTree(const QString &root, const QString &path);
@@ -107,6 +110,11 @@ public:
 private:
     ConfinedDirectory(FileDescriptor fd, const QString &path);
 
+    // Splits path, which must be cleanRoot or lie below it, into the
+    // components below cleanRoot.
+    static bool componentsBelow(const QString &cleanRoot, const QString &path, QStringList *components, QString *error);
+    // Opens the directory components lead to below this one.
+    ConfinedDirectory descend(const QStringList &components, Creation creation, QString *error) const;
     ConfinedDirectory openChild(const QString &name, Creation creation, QString *error) const;
     // The fast way to a directory below this one; closed when it did not
     // work out, and the caller walks.

@@ -11,7 +11,15 @@ StorageLayout::StorageLayout(const QString &basePath, const QString &nasPath, co
     , m_nasPath(QDir::cleanPath(QDir(nasPath).absolutePath()))
     , m_exchangePath(QDir::cleanPath(QDir(exchangePath).absolutePath()))
     , m_maxImportBytes(maxImportBytes)
-{ }
+{
+    // Held open for the server's life, as the database inside it is.
+    // Network storage may be mounted after the start: its root is looked
+    // up at each use.
+    ConfinedDirectory base =
+        ConfinedDirectory::open(m_basePath, m_basePath, ConfinedDirectory::Creation::Existing, nullptr);
+    if (base.isOpen())
+        m_base = std::make_shared<const ConfinedDirectory>(std::move(base));
+}
 
 QString StorageLayout::defaultGroupDirectory(const QString &guid, const QDateTime &utcNow) const
 {
@@ -67,6 +75,8 @@ ConfinedDirectory StorageLayout::openGroupDirectory(const QString &directory, Co
         *error = QStringLiteral("%1 lies outside the server's storage").arg(directory);
         return ConfinedDirectory();
     }
+    if (m_base && root == m_basePath)
+        return m_base->openWithin(directory, creation, error);
     return ConfinedDirectory::open(root, directory, creation, error);
 }
 

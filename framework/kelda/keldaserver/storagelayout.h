@@ -6,6 +6,8 @@
 #include <QDateTime>
 #include <QString>
 
+#include <memory>
+
 namespace Kelda {
 
 // Where group directories live, and the checks that keep every file the
@@ -69,6 +71,8 @@ private:
     QString m_nasPath;
     QString m_exchangePath;
     qint64 m_maxImportBytes;
+    // The base path, when it was there at the start; shared by copies.
+    std::shared_ptr<const ConfinedDirectory> m_base;
 };
 
 } // namespace Kelda
