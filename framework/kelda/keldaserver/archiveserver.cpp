@@ -428,7 +428,7 @@ void ArchiveServer::serveConnection(qintptr descriptor)
     }
     Peer &peer = m_peers[connection->id()];
     peer.connection = connection;
-    ++m_connectionsPerAddress[connection->peerAddress().toString()];
+    ++m_connectionsPerAddress[connection->peerAddress()];
     connect(connection, &ClientConnection::frameAnnounced, this, &ArchiveServer::onFrameAnnounced);
     connect(connection, &ClientConnection::frameReceived, this, &ArchiveServer::onFrameReceived);
     connect(connection, &ClientConnection::drained, this, &ArchiveServer::onDrained);
@@ -449,7 +449,7 @@ bool ArchiveServer::admitConnection(ClientConnection *connection)
                          .arg(m_peers.size()));
         return false;
     }
-    const int fromAddress = m_connectionsPerAddress.value(connection->peerAddress().toString());
+    const int fromAddress = m_connectionsPerAddress.value(connection->peerAddress());
     if (fromAddress >= m_options.maxConnectionsPerAddress) {
         traceRefused(QStringLiteral("Refused client %1: %2 connections from its address are open, the most allowed")
                          .arg(connection->peer())
@@ -620,7 +620,7 @@ void ArchiveServer::dispatch(Peer &peer, Request request)
     job.origin.connectionId = peer.connection->id();
     job.origin.sequence = startRequest(peer, request.command);
     job.origin.localAddress = peer.connection->localAddress();
-    job.origin.peerAddress = peer.connection->peerAddress().toString();
+    job.origin.peerAddress = peer.connection->peerAddress();
     job.origin.certificateUser = peer.connection->certificateUser();
     job.gate = peer.connection->gate();
     job.readOnly = ArchiveEngine::isReadOnly(request.command);
@@ -717,7 +717,7 @@ void ArchiveServer::onClosed(ClientConnection *connection)
         for (const Frame &frame : peer->frames)
             held += frame.reserved;
         m_peers.erase(peer);
-        const QString address = connection->peerAddress().toString();
+        const QString address = connection->peerAddress();
         if (--m_connectionsPerAddress[address] <= 0)
             m_connectionsPerAddress.remove(address);
         releasePending(held);

@@ -5,6 +5,7 @@
 #include "answerspool.h"
 #include "servertls.h"
 
+#include <QHostAddress>
 #include <QSslSocket>
 #include <QTcpSocket>
 #include <QTimer>
@@ -23,8 +24,9 @@ ClientConnection::ClientConnection(quint64 id, QTcpSocket *socket, const Limits 
     , m_socket(socket)
     , m_gate(std::make_shared<ConnectionGate>(limits.maxBacklog))
     , m_reader(limits.maxFrame)
-    , m_peer(QStringLiteral("%1:%2").arg(socket->peerAddress().toString()).arg(socket->peerPort()))
-    , m_peerAddress(socket->peerAddress())
+    , m_peerAddress(socket->peerAddress().toString())
+    , m_peer(QStringLiteral("%1:%2").arg(m_peerAddress).arg(socket->peerPort()))
+    , m_localAddress(socket->localAddress().toString())
 {
     socket->setParent(this);
     socket->setReadBufferSize(ReadBufferSize);
@@ -122,11 +124,6 @@ ClientConnection::~ClientConnection() = default;
 qintptr ClientConnection::descriptor() const
 {
     return m_socket->socketDescriptor();
-}
-
-QString ClientConnection::localAddress() const
-{
-    return m_socket->localAddress().toString();
 }
 
 void ClientConnection::send(const QByteArray &document)

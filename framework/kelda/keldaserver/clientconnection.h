@@ -5,7 +5,6 @@
 
 #include <QByteArray>
 #include <QElapsedTimer>
-#include <QHostAddress>
 #include <QObject>
 #include <QString>
 
@@ -50,8 +49,10 @@ public:
     quint64 id() const { return m_id; }
     // "address:port", for traces.
     QString peer() const { return m_peer; }
-    QHostAddress peerAddress() const { return m_peerAddress; }
-    QString localAddress() const;
+    // The client's address alone, as requests and limits count it.
+    QString peerAddress() const { return m_peerAddress; }
+    // The address the client reached the server at.
+    QString localAddress() const { return m_localAddress; }
     qintptr descriptor() const;
     // The user the client's certificate names; empty without one.
     QString certificateUser() const { return m_certificateUser; }
@@ -137,8 +138,9 @@ private:
     // included.
     qint64 m_queuedBytes = 0;
     FrameReader m_reader;
+    QString m_peerAddress;
     QString m_peer;
-    QHostAddress m_peerAddress;
+    QString m_localAddress;
     QElapsedTimer m_sinceReceived;
     QElapsedTimer m_frameUnderWay;
     QElapsedTimer m_sinceWritten;
