@@ -234,16 +234,28 @@ NewGroupConflicts ArchiveStore::newGroupConflicts(const QString &guid, const QSt
                      "SELECT 1, guid FROM file_groups WHERE guid = ?"
                      " UNION ALL SELECT 2, a.guid FROM (SELECT guid FROM file_groups WHERE %1 IN (%2) LIMIT 1) a"
                      " UNION ALL SELECT 3, b.guid FROM (SELECT guid FROM file_groups WHERE %1 >= ? AND %1 < ?"
-                     " LIMIT 1) b ORDER BY 1")
+                     " LIMIT 1) b")
                      .arg(path, marks(candidates.size())),
                  values, KE_ReadFileGroupFromDbFailed);
+    // Unordered, which spares a sort: a group whose directory holds this
+    // one is still named before a group this one would hold.
+    std::optional<QString> inside;
     while (rows.next()) {
-        if (rows.number(0) == 1)
+        switch (rows.number(0)) {
+        case 1:
             conflicts.exists = true;
-        else if (!conflicts.around)
+            break;
+        case 2:
             conflicts.around = rows.text(1);
+            break;
+        default:
+            inside = rows.text(1);
+            break;
+        }
     }
     rows.finish();
+    if (!conflicts.around)
+        conflicts.around = inside;
     return conflicts;
 }
 
