@@ -21,6 +21,11 @@ const char kSource[] = "framework/kelda/keldaserver/databaseworker";
 const QString kUnreachable = QStringLiteral("The archive database is not reachable; the server keeps trying");
 const QString kUnsaved = QStringLiteral("The change could not be saved");
 const QString kUnrecorded = QStringLiteral("The change could not be recorded in the audit trail");
+
+std::chrono::microseconds microsecondsSince(std::chrono::steady_clock::time_point start)
+{
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
+}
 } // namespace
 
 qint64 DatabaseAnswer::size() const
@@ -107,7 +112,7 @@ std::deque<DatabaseJob> DatabaseWorker::takeBatch(int idleTimeoutMs, bool *finis
     // next changes are on their way: waiting a little for them lets one
     // flush serve them all instead of one flush each.
     if (m_role == Role::Writer && m_recentWriters > 1) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::microseconds(GatherMicroseconds);
+        const auto deadline = std::chrono::steady_clock::now() + m_gather;
         m_wake.wait_until(lock, deadline, [this] { return int(m_queue.size()) >= m_recentWriters || m_finishing; });
     }
     std::deque<DatabaseJob> batch;
@@ -470,7 +475,12 @@ std::vector<DatabaseJob *> DatabaseWorker::transact(const std::vector<DatabaseJo
         later[i] = carried == Carried::Reading;
         again[i] = carried == Carried::Again && mayRetry;
     }
-    if (m_store->connectionLost() || !commitBatch()) {
+    const auto flushing = std::chrono::steady_clock::now();
+    const bool committed = !m_store->connectionLost() && commitBatch();
+    // Waiting for more changes pays only while it is shorter than the
+    // flush it saves.
+    m_gather = std::min(microsecondsSince(flushing), std::chrono::microseconds(GatherMicroseconds));
+    if (!committed) {
         Q_TRACE_FAILURE(kSource, QStringLiteral("Commit failed: %1").arg(m_store->errorString()));
         // Nothing of this transaction is saved: no job may be confirmed.
         return failAll(kUnsaved);

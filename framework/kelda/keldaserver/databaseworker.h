@@ -11,9 +11,10 @@
 #include <QElapsedTimer>
 #include <QThread>
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
-#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -243,6 +244,9 @@ private:
     enum class State { NotStarted, Opening, Open, Failed, Ended };
     State m_state = State::NotStarted;
     int m_recentWriters = 0; // connections with changes in the last batch
+    // How long the next batch waits for them: the last commit's time, at
+    // most GatherMicroseconds. Only the worker's thread uses it.
+    std::chrono::microseconds m_gather{GatherMicroseconds};
 
     QString m_error;
     std::vector<MoveOrder> m_unfinishedMoves;
