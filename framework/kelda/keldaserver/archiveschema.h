@@ -20,7 +20,7 @@ class ArchiveSchema
 {
 public:
     // The version this build writes; adding one means adding its step.
-    static constexpr int Version = 7;
+    static constexpr int Version = 8;
 
     // SQLite's trigram indexes: FTS5 tables over the search keys, whose
     // rowid is the id of the row they index. Locks have one up to version
@@ -30,6 +30,10 @@ public:
     static const QString ReferenceTextIndex;
     // Who changed what, and who was refused: see AuditTrail.
     static const QString AuditTable;
+    // The rows the index of location states holds: all but Local, the
+    // state of every new group. A query that is to use the index repeats
+    // this condition word for word beside its own.
+    static const QString LocationIndexCondition;
 
     explicit ArchiveSchema(ArchiveDatabase &database);
 
@@ -68,6 +72,7 @@ private:
     void deferTextIndexUpdates();
     void dropPerChangeIndexes();
     void writeFewerPagesPerChange();
+    void indexMovedGroupsOnly();
 
     void rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,
                            const QStringList &indexes);

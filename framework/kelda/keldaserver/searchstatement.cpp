@@ -79,6 +79,8 @@ SearchStatement::SearchStatement(const GroupSearch &criteria, bool postgres, con
     if (criteria.locationState != LS_Undefined) {
         m_sql += QStringLiteral(" AND g.location_state = ?");
         m_values.append(criteria.locationState);
+        if (criteria.locationState != LS_Local)
+            m_sql += QStringLiteral(" AND g.") + ArchiveSchema::LocationIndexCondition;
     }
     addLockState(criteria.lockState);
     // Locks are few: SQLite reads them all.

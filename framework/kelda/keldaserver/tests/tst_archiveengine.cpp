@@ -471,6 +471,9 @@ void TestArchiveEngine::criteria_data()
         {"life cycle until a second before", bound(Tag::LifeCycle, Tag::Max, kLifeCycle.addSecs(-1)), {}},
         {"modified from, inclusive", bound(Tag::ModificationTime, Tag::Min, kTouched.addSecs(1)), {kBeta}},
         {"modified until, inclusive", bound(Tag::ModificationTime, Tag::Max, kTouched), allBut({kBeta})},
+        // The location index leaves Local groups out.
+        {"location, moved", Fields{{Tag::LocationState, {QString::number(LS_Central)}}}, {kGamma}},
+        {"location, new", Fields{{Tag::LocationState, {QString::number(LS_Local)}}}, allBut({kGamma})},
     };
     Fields combined = text(Tag::FileGroupNameSearchText, "a");
     combined.insert(Tag::LockState, {QString::number(LOCK_Read)});
