@@ -32,6 +32,7 @@ struct SqliteStatement
 namespace {
 
 const QByteArray kBegin = QByteArrayLiteral("BEGIN");
+const QByteArray kCommit = QByteArrayLiteral("COMMIT");
 const QByteArray kSavepoint = QByteArrayLiteral("SAVEPOINT request");
 const QByteArray kRelease = QByteArrayLiteral("RELEASE SAVEPOINT request");
 const QByteArray kRollbackToSavepoint = QByteArrayLiteral("ROLLBACK TO SAVEPOINT request");
@@ -347,8 +348,7 @@ void ArchiveDatabase::begin()
         m_session->defer(kBegin);
         return;
     }
-    if (!m_db.transaction())
-        throw failure(m_db.lastError(), KE_DatabaseNotAvailable);
+    transactionControl(QString::fromLatin1(kBegin));
 }
 
 bool ArchiveDatabase::commit()
@@ -368,9 +368,13 @@ bool ArchiveDatabase::commit()
             return true;
         m_error = sessionFailure(KE_DatabaseNotAvailable).text;
     } else {
-        if (m_db.commit())
+        try {
+            transactionControl(QString::fromLatin1(kCommit));
+            endRead();
             return true;
-        m_error = failure(m_db.lastError(), KE_DatabaseNotAvailable).text;
+        } catch (const RequestFailure &failure) {
+            m_error = failure.text;
+        }
     }
     if (!m_connectionLost)
         rollback();
