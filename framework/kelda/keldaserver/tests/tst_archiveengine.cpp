@@ -171,6 +171,7 @@ private slots:
     void criteria();
     void indexFollowsChanges_data();
     void indexFollowsChanges();
+    void indexTakesNotedRowsInBatches();
 
 private:
     void fillQueryArchive(Archive &archive);
@@ -565,6 +566,30 @@ void TestArchiveEngine::indexFollowsChanges()
             QFAIL(qPrintable(failure.text));
         }
     }
+}
+
+void TestArchiveEngine::indexTakesNotedRowsInBatches()
+{
+    ArchiveStore &store = m_rules->store();
+    const auto noted = [&store] {
+        ResultRows &rows =
+            store.database().run(QStringLiteral("SELECT count(*) FROM %1_pending").arg(ArchiveSchema::GroupTextIndex),
+                                 {}, KE_UnknownError);
+        const qint64 count = rows.next() ? rows.number(0) : -1;
+        rows.finish();
+        return count;
+    };
+    const auto createAndCommit = [this, &store] {
+        QVERIFY(!m_rules->createGroup({}).isEmpty());
+        QVERIFY(store.commit());
+        store.begin();
+    };
+    store.flushTextIndexes(true);
+    for (int i = 1; i < ArchiveSchema::TextFlushRows; ++i)
+        createAndCommit();
+    QCOMPARE(noted(), qint64(ArchiveSchema::TextFlushRows - 1));
+    createAndCommit();
+    QCOMPARE(noted(), qint64(0));
 }
 
 QTEST_GUILESS_MAIN(TestArchiveEngine)
