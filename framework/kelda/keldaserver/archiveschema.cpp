@@ -108,6 +108,9 @@ const QString kLocksByKey = QStringLiteral(
     "guid VARCHAR(64) NOT NULL, holder TEXT NOT NULL, holder_key TEXT NOT NULL, write_lock INTEGER NOT NULL,"
     " PRIMARY KEY (guid, holder)");
 
+// The rows of the index of location states (version 8).
+const QString kIndexedLocations = QStringLiteral("location_state <> %1").arg(int(LS_Local));
+
 // SQLite's trigram indexes and what they index.
 struct TextIndex
 {
@@ -175,7 +178,6 @@ const QString ArchiveSchema::GroupTextIndex = QStringLiteral("file_groups_text")
 const QString ArchiveSchema::LockTextIndex = QStringLiteral("group_locks_text");
 const QString ArchiveSchema::ReferenceTextIndex = QStringLiteral("group_references_text");
 const QString ArchiveSchema::AuditTable = QStringLiteral("audit_records");
-const QString ArchiveSchema::LocationIndexCondition = QStringLiteral("location_state <> %1").arg(int(LS_Local));
 
 // Steps[v] brings version v to v + 1.
 const ArchiveSchema::Step ArchiveSchema::Steps[] = {
@@ -356,7 +358,7 @@ void ArchiveSchema::writeFewerPagesPerChange()
     // Files and locks are found by their key only: kept in the key's own
     // b-tree, a file added or a lock taken writes one page, not two.
     rebuildByKey(QStringLiteral("group_files"), kFilesByKey, kFilesColumns,
-                 {QStringLiteral("CREATE INDEX group_files_checked ON group_files (checked_at)")});
+                 kFileDigests.filter(QStringLiteral("group_files_checked")));
     rebuildByKey(QStringLiteral("group_locks"), kLocksByKey, kLocksColumns, {});
 }
 
@@ -367,7 +369,15 @@ void ArchiveSchema::indexMovedGroupsOnly()
     // as fast. Searches for the other states still use the index.
     run(QStringLiteral("DROP INDEX file_groups_location"));
     run(QStringLiteral("CREATE INDEX file_groups_location ON file_groups (location_state) WHERE %1")
-            .arg(LocationIndexCondition));
+            .arg(kIndexedLocations));
+}
+
+QString ArchiveSchema::locationCriterion(const QString &qualifier, int locationState)
+{
+    QString criterion = qualifier + QStringLiteral("location_state = ?");
+    if (locationState != LS_Local)
+        criterion += QStringLiteral(" AND ") + qualifier + kIndexedLocations;
+    return criterion;
 }
 
 int ArchiveSchema::deferredTextIndexCount()

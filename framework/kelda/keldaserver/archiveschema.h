@@ -30,10 +30,13 @@ public:
     static const QString ReferenceTextIndex;
     // Who changed what, and who was refused: see AuditTrail.
     static const QString AuditTable;
-    // The rows the index of location states holds: all but Local, the
-    // state of every new group. A query that is to use the index repeats
-    // this condition word for word beside its own.
-    static const QString LocationIndexCondition;
+    // The condition a query puts on file_groups.location_state to find the
+    // groups in locationState, with one place for the state; qualifier is
+    // the table's alias with its dot, or empty. The index of location
+    // states leaves out Local, the state of every new group, so for any
+    // other state the condition repeats the index's own, which lets both
+    // engines use it.
+    static QString locationCriterion(const QString &qualifier, int locationState);
 
     explicit ArchiveSchema(ArchiveDatabase &database);
 

@@ -327,10 +327,9 @@ QStringList ArchiveStore::firstColumn(ResultRows &rows)
 
 QStringList ArchiveStore::groupsInState(int locationState)
 {
-    QString sql = QStringLiteral("SELECT guid FROM file_groups WHERE location_state = ?");
-    if (locationState != LS_Local)
-        sql += QStringLiteral(" AND ") + ArchiveSchema::LocationIndexCondition;
-    return firstColumn(m_db.run(sql, {locationState}, KE_ReadFileGroupFromDbFailed));
+    return firstColumn(m_db.run(QStringLiteral("SELECT guid FROM file_groups WHERE ") +
+                                    ArchiveSchema::locationCriterion(QString(), locationState),
+                                {locationState}, KE_ReadFileGroupFromDbFailed));
 }
 
 void ArchiveStore::recordMoveClaim(const QString &guid)

@@ -77,10 +77,9 @@ SearchStatement::SearchStatement(const GroupSearch &criteria, bool postgres, con
     addGroupTexts(criteria);
     addTypes(criteria.fileTypes);
     if (criteria.locationState != LS_Undefined) {
-        m_sql += QStringLiteral(" AND g.location_state = ?");
+        m_sql +=
+            QStringLiteral(" AND ") + ArchiveSchema::locationCriterion(QStringLiteral("g."), criteria.locationState);
         m_values.append(criteria.locationState);
-        if (criteria.locationState != LS_Local)
-            m_sql += QStringLiteral(" AND g.") + ArchiveSchema::LocationIndexCondition;
     }
     addLockState(criteria.lockState);
     // Locks are few: SQLite reads them all.

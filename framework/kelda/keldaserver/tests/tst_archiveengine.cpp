@@ -175,6 +175,9 @@ private slots:
 
 private:
     void fillQueryArchive(Archive &archive);
+    // Commits the rules archive's transaction and begins the next, as the
+    // writer does from one batch to the next.
+    bool commitRules();
 
     QTemporaryDir m_folder;
     std::unique_ptr<Archive> m_rules; // each case in a transaction rolled back after it
@@ -220,6 +223,13 @@ void TestArchiveEngine::init()
 void TestArchiveEngine::cleanup()
 {
     m_rules->store().rollback();
+}
+
+bool TestArchiveEngine::commitRules()
+{
+    const bool committed = m_rules->store().commit();
+    m_rules->store().begin();
+    return committed;
 }
 
 void TestArchiveEngine::lockRules_data()
@@ -532,10 +542,7 @@ void TestArchiveEngine::indexFollowsChanges()
     // Queries run after the commit of their connection's changes, and so
     // does the test: the trigram indexes take a transaction's rows as it
     // commits.
-    const auto commit = [this] {
-        QVERIFY(m_rules->store().commit());
-        m_rules->store().begin();
-    };
+    const auto commit = [this] { QVERIFY(commitRules()); };
     const QString guid = m_rules->createGroup({{Tag::FileGroupName, {word}}});
     QVERIFY(!guid.isEmpty());
     commit();
@@ -573,16 +580,16 @@ void TestArchiveEngine::indexTakesNotedRowsInBatches()
     ArchiveStore &store = m_rules->store();
     const auto noted = [&store] {
         ResultRows &rows =
-            store.database().run(QStringLiteral("SELECT count(*) FROM %1_pending").arg(ArchiveSchema::GroupTextIndex),
+            store.database().run(QStringLiteral("SELECT count(*) FROM %1")
+                                     .arg(ArchiveSchema::pendingTextTable(ArchiveSchema::GroupTextIndex)),
                                  {}, KE_UnknownError);
         const qint64 count = rows.next() ? rows.number(0) : -1;
         rows.finish();
         return count;
     };
-    const auto createAndCommit = [this, &store] {
+    const auto createAndCommit = [this] {
         QVERIFY(!m_rules->createGroup({}).isEmpty());
-        QVERIFY(store.commit());
-        store.begin();
+        QVERIFY(commitRules());
     };
     store.flushTextIndexes(true);
     for (int i = 1; i < ArchiveSchema::TextFlushRows; ++i)
