@@ -321,7 +321,7 @@ void ArchiveEngine::getBasePath(const Request &, const RequestOrigin &, ReplyWri
     writer.writeStatus(KE_NoError, QString());
 }
 
-QString ArchiveEngine::claimNewGroup(const StoredGroup &group, const QString &requestedPath, const QDateTime &created)
+QString ArchiveEngine::claimNewGroup(StoredGroup &group, const QString &requestedPath, const QDateTime &created)
 {
     const QString guid = group.data.getGuid();
     if (guid.trimmed().isEmpty())
@@ -332,10 +332,13 @@ QString ArchiveEngine::claimNewGroup(const StoredGroup &group, const QString &re
     if (directory.isEmpty())
         directory = m_layout.defaultGroupDirectory(guid, created);
     QString refusal = m_layout.refusedGroupDirectory(directory, guid);
+    const QStringList otherGuids = m_layout.otherGuidsIn(directory, guid);
+    group.singleGuidDirectory = otherGuids.isEmpty();
     // One look at the table for both: the GUID, and a directory shared
     // with another group, which would let deleting one remove the other's
     // files.
-    const NewGroupConflicts conflicts = m_store.newGroupConflicts(guid, refusal.isEmpty() ? directory : QString());
+    const NewGroupConflicts conflicts =
+        m_store.newGroupConflicts(guid, refusal.isEmpty() ? directory : QString(), otherGuids);
     if (conflicts.exists)
         refuse(KE_AddFileGroupFailed, QStringLiteral("File group %1 exists already").arg(guid));
     const int type = group.data.getFileType();

@@ -218,7 +218,7 @@ private:
 
     QString createGroup(StoredGroup group, const QString &requestedPath, RequestOutcome &outcome);
     // Checks a new group and creates its directory; returns the directory.
-    QString claimNewGroup(const StoredGroup &group, const QString &requestedPath, const QDateTime &created);
+    QString claimNewGroup(StoredGroup &group, const QString &requestedPath, const QDateTime &created);
     void registerGroup(StoredGroup group, const QString &directory, const QDateTime &created, RequestOutcome &outcome);
     QString groupFilesRefusal(const QString &directory, const QStringList &names, bool missingAllowed) const;
     MoveOrder moveOrder(const StoredGroup &group);

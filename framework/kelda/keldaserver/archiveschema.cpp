@@ -178,13 +178,19 @@ const QString ArchiveSchema::GroupTextIndex = QStringLiteral("file_groups_text")
 const QString ArchiveSchema::LockTextIndex = QStringLiteral("group_locks_text");
 const QString ArchiveSchema::ReferenceTextIndex = QStringLiteral("group_references_text");
 const QString ArchiveSchema::AuditTable = QStringLiteral("audit_records");
+const QString ArchiveSchema::IndexedDirectories = QStringLiteral("single_guid_directory IS NULL");
 
 // Steps[v] brings version v to v + 1.
 const ArchiveSchema::Step ArchiveSchema::Steps[] = {
-    &ArchiveSchema::createVersion1,           &ArchiveSchema::indexSearchCriteria,
-    &ArchiveSchema::recordFileDigests,        &ArchiveSchema::createAuditTrail,
-    &ArchiveSchema::deferTextIndexUpdates,    &ArchiveSchema::dropPerChangeIndexes,
-    &ArchiveSchema::writeFewerPagesPerChange, &ArchiveSchema::indexMovedGroupsOnly,
+    &ArchiveSchema::createVersion1,
+    &ArchiveSchema::indexSearchCriteria,
+    &ArchiveSchema::recordFileDigests,
+    &ArchiveSchema::createAuditTrail,
+    &ArchiveSchema::deferTextIndexUpdates,
+    &ArchiveSchema::dropPerChangeIndexes,
+    &ArchiveSchema::writeFewerPagesPerChange,
+    &ArchiveSchema::indexMovedGroupsOnly,
+    &ArchiveSchema::indexDirectoriesNamingOtherGuids,
 };
 
 ArchiveSchema::ArchiveSchema(ArchiveDatabase &database)
@@ -370,6 +376,20 @@ void ArchiveSchema::indexMovedGroupsOnly()
     run(QStringLiteral("DROP INDEX file_groups_location"));
     run(QStringLiteral("CREATE INDEX file_groups_location ON file_groups (location_state) WHERE %1")
             .arg(kIndexedLocations));
+}
+
+void ArchiveSchema::indexDirectoriesNamingOtherGuids()
+{
+    // A directory that names no GUID but its own group's neither holds nor
+    // lies in another such directory: the one below would name both GUIDs.
+    // A new directory meets the rest through the GUIDs it names, so the
+    // index of directories keeps only those that name other GUIDs too and
+    // those from before this version. Every new group wrote a page of it,
+    // at a random place.
+    run(QStringLiteral("ALTER TABLE file_groups ADD COLUMN single_guid_directory INTEGER"));
+    run(QStringLiteral("DROP INDEX file_groups_path"));
+    run(QStringLiteral("CREATE INDEX file_groups_path ON file_groups (%1) WHERE %2")
+            .arg(pathColumn(), IndexedDirectories));
 }
 
 QString ArchiveSchema::locationCriterion(const QString &qualifier, int locationState)

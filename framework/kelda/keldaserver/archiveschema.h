@@ -20,7 +20,7 @@ class ArchiveSchema
 {
 public:
     // The version this build writes; adding one means adding its step.
-    static constexpr int Version = 8;
+    static constexpr int Version = 9;
 
     // SQLite's trigram indexes: FTS5 tables over the search keys, whose
     // rowid is the id of the row they index. Locks have one up to version
@@ -37,6 +37,10 @@ public:
     // other state the condition repeats the index's own, which lets both
     // engines use it.
     static QString locationCriterion(const QString &qualifier, int locationState);
+    // The condition a query repeats to look in the index of group
+    // directories: it holds only the directories that name a GUID other
+    // than their group's (see ArchiveStore::newGroupConflicts).
+    static const QString IndexedDirectories;
 
     explicit ArchiveSchema(ArchiveDatabase &database);
 
@@ -76,6 +80,7 @@ private:
     void dropPerChangeIndexes();
     void writeFewerPagesPerChange();
     void indexMovedGroupsOnly();
+    void indexDirectoriesNamingOtherGuids();
 
     void rebuildWithRowIds(const QString &table, const QString &definition, const QString &columns,
                            const QStringList &indexes);

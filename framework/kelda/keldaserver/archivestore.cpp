@@ -22,8 +22,8 @@ const QString kInsertGroup = QStringLiteral(
     "INSERT INTO file_groups (guid, name, name_key, file_type, location_state, backup_time, creation_time,"
     " modification_time, life_cycle, comment, comment_key, creator, creator_key, detail, detail_key, team,"
     " team_key, version, version_key, reserved_storage, reference_counter, path, tovin_id, record_id,"
-    " copy_progress, fixed_result_xml)"
-    " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    " copy_progress, fixed_result_xml, single_guid_directory)"
+    " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
 const QString kInsertFile = QStringLiteral("INSERT INTO group_files (guid, file_id, name, size, algorithm, digest,"
                                            " checked_at, state) VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
 const QString kFileCheckColumns = QStringLiteral("file_id, name, size, algorithm, digest, checked_at, state");
@@ -91,21 +91,29 @@ QVariantList groupValues(const StoredGroup &group)
         values.append(SearchStatement::searchKey(value));
     }
     values << qint64(data.getReservedStorage()) << data.getReferenceCounter() << text(group.path)
-           << optionalText(group.tovinId) << optionalText(group.recordId) << group.copyProgress << group.fixedResultXml;
+           << optionalText(group.tovinId) << optionalText(group.recordId) << group.copyProgress << group.fixedResultXml
+           << (group.singleGuidDirectory ? QVariant(1) : QVariant(QVariant::Int));
     return values;
 }
 
-// Every folder above a directory and the directory itself, padded so that
-// a few statements of fixed length serve every depth.
+// Repeats the last value up to a multiple of eight, so that a few
+// statements of fixed length serve lists of every length.
+QStringList paddedToEight(QStringList values)
+{
+    const QString last = values.last();
+    while (values.size() % 8 != 0)
+        values.append(last);
+    return values;
+}
+
+// Every folder above a directory and the directory itself.
 QStringList directoryAndParents(const QString &directory)
 {
     QStringList candidates;
     for (int at = directory.indexOf(QLatin1Char('/'), 1); at > 0; at = directory.indexOf(QLatin1Char('/'), at + 1))
         candidates.append(directory.left(at));
     candidates.append(directory);
-    while (candidates.size() % 8 != 0)
-        candidates.append(directory);
-    return candidates;
+    return paddedToEight(candidates);
 }
 
 QString marks(int count)
@@ -211,7 +219,8 @@ std::optional<GroupPlace> ArchiveStore::groupPlace(const QString &guid)
     return place;
 }
 
-NewGroupConflicts ArchiveStore::newGroupConflicts(const QString &guid, const QString &directory)
+NewGroupConflicts ArchiveStore::newGroupConflicts(const QString &guid, const QString &directory,
+                                                  const QStringList &otherGuids)
 {
     NewGroupConflicts conflicts;
     if (directory.isEmpty()) {
@@ -222,21 +231,33 @@ NewGroupConflicts ArchiveStore::newGroupConflicts(const QString &guid, const QSt
         return conflicts;
     }
     // Directories compare byte by byte, as the file system names them, so
-    // that everything below "X/" sorts between "X/" and "X0".
+    // that everything below "X/" sorts between "X/" and "X0". The index of
+    // directories holds only those that name other GUIDs than their own;
+    // a directory that names none may still hold this one, and then this
+    // one names its GUID.
     const QString path = isPostgres() ? QStringLiteral("path COLLATE \"C\"") : QStringLiteral("path");
     const QStringList candidates = directoryAndParents(directory);
     QVariantList values{guid};
     for (const QString &candidate : candidates)
         values.append(candidate);
     values << directory + QLatin1Char('/') << directory + QLatin1Char('0');
-    ResultRows &rows =
-        m_db.run(QStringLiteral(
-                     "SELECT 1, guid FROM file_groups WHERE guid = ?"
-                     " UNION ALL SELECT 2, a.guid FROM (SELECT guid FROM file_groups WHERE %1 IN (%2) LIMIT 1) a"
-                     " UNION ALL SELECT 3, b.guid FROM (SELECT guid FROM file_groups WHERE %1 >= ? AND %1 < ?"
-                     " LIMIT 1) b")
-                     .arg(path, marks(candidates.size())),
-                 values, KE_ReadFileGroupFromDbFailed);
+    QString sql =
+        QStringLiteral("SELECT 1, guid FROM file_groups WHERE guid = ?"
+                       " UNION ALL SELECT 2, a.guid FROM (SELECT guid FROM file_groups WHERE %1 IN (%2) AND %3"
+                       " LIMIT 1) a"
+                       " UNION ALL SELECT 3, b.guid FROM (SELECT guid FROM file_groups WHERE %1 >= ? AND %1 < ?"
+                       " AND %3 LIMIT 1) b")
+            .arg(path, marks(candidates.size()), ArchiveSchema::IndexedDirectories);
+    if (!otherGuids.isEmpty()) {
+        const QStringList named = paddedToEight(otherGuids);
+        sql += QStringLiteral(" UNION ALL SELECT 2, guid FROM file_groups WHERE guid IN (%1) AND %2 IN (%3)")
+                   .arg(marks(named.size()), path, marks(candidates.size()));
+        for (const QString &other : named)
+            values.append(other);
+        for (const QString &candidate : candidates)
+            values.append(candidate);
+    }
+    ResultRows &rows = m_db.run(sql, values, KE_ReadFileGroupFromDbFailed);
     // Unordered, which spares a sort: a group whose directory holds this
     // one is still named before a group this one would hold.
     std::optional<QString> inside;

@@ -27,6 +27,8 @@ struct StoredGroup
 {
     FileGroupData data; // without file list unless asked for
     QString path; // the group's directory, absolute
+    // The directory names no GUID but the group's own below the base path.
+    bool singleGuidDirectory = false;
     QString tovinId;
     QString recordId;
     double copyProgress = 0; // percent of a running move to network storage
@@ -186,8 +188,9 @@ public:
     // Where a group is: a look that builds no whole group; held for update
     // like group().
     std::optional<GroupPlace> groupPlace(const QString &guid);
-    // An empty directory asks only for the GUID.
-    NewGroupConflicts newGroupConflicts(const QString &guid, const QString &directory);
+    // An empty directory asks only for the GUID; otherGuids are the GUIDs
+    // its folders name besides guid.
+    NewGroupConflicts newGroupConflicts(const QString &guid, const QString &directory, const QStringList &otherGuids);
     // Stores a new group, remembers its creator and, on a shared database,
     // tells every server listening of it when the transaction commits.
     void addGroup(const StoredGroup &group, const GroupAnnouncement &announcement);

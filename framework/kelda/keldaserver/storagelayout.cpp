@@ -44,7 +44,7 @@ QString StorageLayout::refusedGroupDirectory(const QString &directory, const QSt
             return QStringLiteral("%1 lies in or around %2, which holds no group directories").arg(directory, folder);
     }
     // The GUID keeps one group's directory from being chosen for another.
-    const QStringList components = QDir(m_basePath).relativeFilePath(directory).split(QLatin1Char('/'));
+    const QStringList components = componentsBelowBase(directory);
     for (const QString &component : components) {
         if (!ConfinedDirectory::isPlainName(component))
             return QStringLiteral("%1 holds a folder name the server cannot use").arg(directory);
@@ -52,6 +52,21 @@ QString StorageLayout::refusedGroupDirectory(const QString &directory, const QSt
     if (!components.contains(guid))
         return QStringLiteral("%1 does not name the file group's GUID %2 as one of its folders").arg(directory, guid);
     return QString();
+}
+
+QStringList StorageLayout::otherGuidsIn(const QString &directory, const QString &guid) const
+{
+    QStringList guids;
+    for (const QString &component : componentsBelowBase(directory)) {
+        if (component != guid && isGuid(component))
+            guids.append(component);
+    }
+    return guids;
+}
+
+QStringList StorageLayout::componentsBelowBase(const QString &directory) const
+{
+    return QDir(m_basePath).relativeFilePath(directory).split(QLatin1Char('/'));
 }
 
 QString StorageLayout::requestedGroupDirectory(const QString &requestedPath)

@@ -36,6 +36,9 @@ public:
     // one of its components must be the GUID. Other groups are the
     // database's matter.
     QString refusedGroupDirectory(const QString &directory, const QString &guid) const;
+    // The GUIDs other than guid that folders of directory below the base
+    // path are named after.
+    QStringList otherGuidsIn(const QString &directory, const QString &guid) const;
     // The directory a CreateFileGroup request's Path names, in the form the
     // group keeps; empty when the request leaves the choice to the server.
     static QString requestedGroupDirectory(const QString &requestedPath);
@@ -67,6 +70,8 @@ public:
     static QString directoryForReply(const QString &directory);
 
 private:
+    QStringList componentsBelowBase(const QString &directory) const;
+
     QString m_basePath;
     QString m_nasPath;
     QString m_exchangePath;

@@ -49,6 +49,7 @@ public:
 
     bool isOpen() const { return m_opened; }
     ArchiveStore &store() { return m_store; }
+    QString base() const { return m_base.path(); }
 
     ReplyFields handle(const QString &command, const Fields &fields)
     {
@@ -172,6 +173,8 @@ private slots:
     void indexFollowsChanges_data();
     void indexFollowsChanges();
     void indexTakesNotedRowsInBatches();
+    void groupDirectoriesStayApart_data();
+    void groupDirectoriesStayApart();
 
 private:
     void fillQueryArchive(Archive &archive);
@@ -597,6 +600,73 @@ void TestArchiveEngine::indexTakesNotedRowsInBatches()
     QCOMPARE(noted(), qint64(ArchiveSchema::TextFlushRows - 1));
     createAndCommit();
     QCOMPARE(noted(), qint64(0));
+}
+
+void TestArchiveEngine::groupDirectoriesStayApart_data()
+{
+    // In the paths %1 stands for the existing group's GUID, %2 for the new
+    // group's; an existing group stored as before version 9 may have any
+    // directory.
+    QTest::addColumn<QString>("backend");
+    QTest::addColumn<QString>("existing");
+    QTest::addColumn<bool>("stored");
+    QTest::addColumn<QString>("wanted");
+    QTest::addColumn<int>("error");
+    for (const char *backend : {"sqlite", "postgresql"}) {
+        const auto row = [backend](const char *name) -> QTestData & {
+            return QTest::addRow("%s: %s", backend, name) << QString::fromLatin1(backend);
+        };
+        row("apart") << QStringLiteral("a/%1") << false << QStringLiteral("b/%2") << int(KE_NoError);
+        row("in one named by its GUID alone")
+            << QStringLiteral("c/%1") << false << QStringLiteral("c/%1/x/%2") << int(KE_CreatePathFailed);
+        row("around one that names this GUID")
+            << QStringLiteral("d/%2/%1") << false << QStringLiteral("d/%2") << int(KE_CreatePathFailed);
+        row("in one stored before") << QStringLiteral("old") << true << QStringLiteral("old/%2")
+                                    << int(KE_CreatePathFailed);
+        row("around one stored before") << QStringLiteral("wide/%2/deep") << true << QStringLiteral("wide/%2")
+                                        << int(KE_CreatePathFailed);
+    }
+}
+
+void TestArchiveEngine::groupDirectoriesStayApart()
+{
+    QFETCH(QString, backend);
+    QFETCH(QString, existing);
+    QFETCH(bool, stored);
+    QFETCH(QString, wanted);
+    QFETCH(int, error);
+    const auto found = m_queried.find(backend);
+    if (found == m_queried.end())
+        QSKIP(qPrintable(m_postgresMissing));
+    Archive &archive = *found->second;
+    // The query archive stays as it was filled.
+    archive.store().begin();
+    const std::unique_ptr<Archive, void (*)(Archive *)> rollback(&archive, [](Archive *a) { a->store().rollback(); });
+    const QString existingGuid = newGuid();
+    const QString guid = newGuid();
+    const auto directory = [&](QString pattern) {
+        return archive.base() + QLatin1Char('/') +
+            pattern.replace(QLatin1String("%1"), existingGuid).replace(QLatin1String("%2"), guid);
+    };
+    const auto create = [&](const QString &newGuid, const QString &pattern) {
+        return archive
+            .handle(Tag::CreateFileGroup,
+                    {{Tag::Guid, {newGuid}},
+                     {Tag::FileType, {QString::number(FT_Image)}},
+                     {Tag::Path, {directory(pattern)}}})
+            .error;
+    };
+    if (stored) {
+        StoredGroup old;
+        old.data.setGuid(existingGuid);
+        old.data.setFileType(FT_Image);
+        old.path = directory(existing);
+        old.fixedResultXml = "stored";
+        archive.store().addGroup(old, {QStringLiteral("tests"), existingGuid, FT_Image, old.path});
+    } else {
+        QCOMPARE(create(existingGuid, existing), int(KE_NoError));
+    }
+    QCOMPARE(create(guid, wanted), error);
 }
 
 QTEST_GUILESS_MAIN(TestArchiveEngine)
