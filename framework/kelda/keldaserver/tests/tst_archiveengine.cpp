@@ -641,17 +641,17 @@ void TestArchiveEngine::groupDirectoriesStayApart()
     Archive &archive = *found->second;
     // The query archive stays as it was filled.
     archive.store().begin();
-    const std::unique_ptr<Archive, void (*)(Archive *)> rollback(&archive, [](Archive *a) { a->store().rollback(); });
+    const auto rollback = qScopeGuard([&archive] { archive.store().rollback(); });
     const QString existingGuid = newGuid();
     const QString guid = newGuid();
     const auto directory = [&](QString pattern) {
         return archive.base() + QLatin1Char('/') +
             pattern.replace(QLatin1String("%1"), existingGuid).replace(QLatin1String("%2"), guid);
     };
-    const auto create = [&](const QString &newGuid, const QString &pattern) {
+    const auto create = [&](const QString &groupGuid, const QString &pattern) {
         return archive
             .handle(Tag::CreateFileGroup,
-                    {{Tag::Guid, {newGuid}},
+                    {{Tag::Guid, {groupGuid}},
                      {Tag::FileType, {QString::number(FT_Image)}},
                      {Tag::Path, {directory(pattern)}}})
             .error;
