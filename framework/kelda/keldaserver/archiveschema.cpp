@@ -202,11 +202,10 @@ void ArchiveSchema::run(const QString &sql)
     m_db.execute(sql, KE_DatabaseNotAvailable);
 }
 
-QString ArchiveSchema::pathColumn() const
+QString ArchiveSchema::pathColumn(bool postgres)
 {
-    // Directories compare byte by byte, as the file system names them;
     // PostgreSQL would otherwise order by the database's language.
-    return m_db.isPostgres() ? QStringLiteral("path COLLATE \"C\"") : QStringLiteral("path");
+    return postgres ? QStringLiteral("path COLLATE \"C\"") : QStringLiteral("path");
 }
 
 void ArchiveSchema::update()
@@ -269,7 +268,8 @@ void ArchiveSchema::createVersion1()
 {
     for (const QString &statement : kVersion1)
         run(statement);
-    run(QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_path ON file_groups (%1)").arg(pathColumn()));
+    run(QStringLiteral("CREATE INDEX IF NOT EXISTS file_groups_path ON file_groups (%1)")
+            .arg(pathColumn(m_db.isPostgres())));
 }
 
 void ArchiveSchema::indexSearchCriteria()
@@ -389,7 +389,7 @@ void ArchiveSchema::indexDirectoriesNamingOtherGuids()
     run(QStringLiteral("ALTER TABLE file_groups ADD COLUMN single_guid_directory INTEGER"));
     run(QStringLiteral("DROP INDEX file_groups_path"));
     run(QStringLiteral("CREATE INDEX file_groups_path ON file_groups (%1) WHERE %2")
-            .arg(pathColumn(), IndexedDirectories));
+            .arg(pathColumn(m_db.isPostgres()), IndexedDirectories));
 }
 
 QString ArchiveSchema::locationCriterion(const QString &qualifier, int locationState)

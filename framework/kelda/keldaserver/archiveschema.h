@@ -41,6 +41,10 @@ public:
     // directories: it holds only the directories that name a GUID other
     // than their group's (see ArchiveStore::newGroupConflicts).
     static const QString IndexedDirectories;
+    // A group's directory as the index of directories orders it, and as a
+    // look in that index must name it: byte by byte, as the file system
+    // names directories.
+    static QString pathColumn(bool postgres);
 
     explicit ArchiveSchema(ArchiveDatabase &database);
 
@@ -98,7 +102,6 @@ private:
     // or empty.
     QString tryRun(const QStringList &statements);
     void run(const QString &sql);
-    QString pathColumn() const;
 
     ArchiveDatabase &m_db;
     bool m_tooNew = false;

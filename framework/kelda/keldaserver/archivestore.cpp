@@ -235,7 +235,7 @@ NewGroupConflicts ArchiveStore::newGroupConflicts(const QString &guid, const QSt
     // directories holds only those that name other GUIDs than their own;
     // a directory that names none may still hold this one, and then this
     // one names its GUID.
-    const QString path = isPostgres() ? QStringLiteral("path COLLATE \"C\"") : QStringLiteral("path");
+    const QString path = ArchiveSchema::pathColumn(isPostgres());
     const QStringList candidates = directoryAndParents(directory);
     QVariantList values{guid};
     for (const QString &candidate : candidates)
